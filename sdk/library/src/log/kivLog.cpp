@@ -1,0 +1,128 @@
+#include "kivLog.h"
+
+#include <spdlog/logger.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "LogManager.h"
+#include "kivLogDispatch.h"
+
+namespace {
+
+using kiv::log::LogConfig;
+using kiv::log::LogManager;
+
+constexpr const char* kSource = "sdk/library/src/log/kivLog";
+constexpr int kCloseAttempts = 100;
+constexpr std::chrono::microseconds kClosePause{1000};
+
+struct Callback {
+    kiv_log_callback_t function = nullptr;
+    void* user_data = nullptr;
+};
+
+/// Process-wide state.
+struct LogState {
+    std::atomic<kiv_log_level_t> threshold{KIV_LOG_LEVEL_ERROR};
+    std::atomic<kiv_log_sink_t> sink{KIV_LOG_SINK_DEFAULT};
+    std::atomic<uint32_t> callbacks_in_progress{0};
+
+    std::mutex mutex;  ///< Guards `callback`: function and user data change together.
+    Callback callback;
+};
+
+/// Never destroyed: threads of the application may still log while the process exits.
+LogState& state() {
+    static LogState& instance = *new LogState;
+    return instance;
+}
+
+/// Counts a callback as in progress for as long as it lives, also when the callback throws.
+class CallbackInProgress {
+  public:
+    // Sequentially consistent, like the look at the sink that follows: either the close sees this callback,
+    // or this thread sees the close.
+    CallbackInProgress() { state().callbacks_in_progress.fetch_add(1); }
+    ~CallbackInProgress() { state().callbacks_in_progress.fetch_sub(1, std::memory_order_release); }
+    CallbackInProgress(const CallbackInProgress&) = delete;
+    CallbackInProgress& operator=(const CallbackInProgress&) = delete;
+};
+
+kiv_result_t open(const kiv_log_config_t* config, kiv_log_sink_t sink, Callback callback,
+                  LogConfig& back_end) {
+    if (config != nullptr) {
+        {
+            const std::lock_guard lock(state().mutex);
+            state().callback = callback;
+        }
+        state().sink = sink;
+        state().threshold = config->level;
+        back_end.level = config->level;
+    }
+    LogManager::getInstance().init(back_end);
+    return KIV_OK;
+}
+
+}  // namespace
+
+kiv_result_t kivLog_open(const kiv_log_config_t* config, kiv_log_sink_t sink, kiv_log_callback_t callback,
+                         void* user_data) {
+    LogConfig back_end = kiv::log::loadConfigDefault();
+    return open(config, sink, {callback, user_data}, back_end);
+}
+
+kiv_result_t kivLog_open_with_config(const kiv_log_config_t* config, kiv_log_sink_t sink,
+                                     kiv_log_callback_t callback, void* user_data, LogConfig& log_config) {
+    return open(config, sink, {callback, user_data}, log_config);
+}
+
+kiv_result_t kivLog_close() {
+    state().sink = KIV_LOG_SINK_DEFAULT;
+    for (int attempt = 0; attempt < kCloseAttempts; ++attempt) {
+        if (state().callbacks_in_progress == 0) return KIV_OK;
+        std::this_thread::sleep_for(kClosePause);
+    }
+    if (state().callbacks_in_progress == 0) return KIV_OK;
+    // The line's text is the source path: past this interface's threshold, the logger's own level still
+    // applies.
+    if (spdlog::logger* logger = LogManager::getInstance().getLogger()) {
+        logger->log(spdlog::source_loc{kSource, 198, ""}, spdlog::level::err, spdlog::string_view_t(kSource));
+    }
+    return KIV_ERR_LOG_BUSY;
+}
+
+kiv_result_t kivLog_print(kiv_log_level_t level, const char* message) {
+    if (message != nullptr) kivLog_dispatch(level, nullptr, 0, "{}", message);
+    return KIV_OK;
+}
+
+kiv_log_sink_t kivLog_get_type() {
+    return state().sink;
+}
+
+kiv_log_level_t kivLog_get_level() {
+    return state().threshold;
+}
+
+void kivLog_dispatch_impl(kiv_log_level_t level, const char*, int, const char* message) {
+    const CallbackInProgress in_progress;
+    if (state().sink != KIV_LOG_SINK_CALLBACK) return;
+    Callback callback;
+    {
+        const std::lock_guard lock(state().mutex);
+        callback = state().callback;
+    }
+    if (callback.function != nullptr) callback.function(level, message, callback.user_data);
+}
+
+kiv_result_t kivLog_dispatch_spdlog(kiv_log_level_t level, const char* file, int line, const char* message) {
+    if (level < KIV_LOG_LEVEL_ERROR || level > KIV_LOG_LEVEL_DEBUG) return KIV_OK;
+    if (spdlog::logger* logger = LogManager::getInstance().getLogger()) {
+        logger->log(spdlog::source_loc{file, line, ""}, kiv::log::to_spdlog_level(level),
+                    spdlog::string_view_t(message));
+    }
+    return KIV_OK;
+}

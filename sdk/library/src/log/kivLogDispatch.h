@@ -1,0 +1,31 @@
+/// How code inside the library writes a line. Apart from kivLog.h so that applications need no formatting
+/// library.
+#ifndef KIV_LOG_DISPATCH_H
+#define KIV_LOG_DISPATCH_H
+
+#include <fmt/format.h>
+
+#include <string>
+#include <string_view>
+
+#include "kivLog.h"
+
+/// Formats `format` (with `{}` placeholders) and writes it when `level` is wanted; otherwise nothing is
+/// formatted. `file` is a path such as "sdk/library/src/kiv_api". A format that does not match its arguments
+/// throws fmt's format_error.
+template <typename... Args>
+void kivLog_dispatch(kiv_log_level_t level, const char* file, int line, std::string_view format,
+                     const Args&... args) {
+    if (level == KIV_LOG_LEVEL_NONE || level > kivLog_get_level()) return;
+    const kiv_log_sink_t sink = kivLog_get_type();
+
+    fmt::memory_buffer buffer;
+    fmt::vformat_to(fmt::appender(buffer), fmt::string_view(format.data(), format.size()),
+                    fmt::make_format_args(args...));
+    const std::string text(buffer.data(), buffer.size());
+
+    if (sink == KIV_LOG_SINK_CALLBACK) kivLog_dispatch_impl(level, file, line, text.c_str());
+    if (sink == KIV_LOG_SINK_DEFAULT) kivLog_dispatch_spdlog(level, file, line, text.c_str());
+}
+
+#endif
