@@ -1,0 +1,52 @@
+/// A fixed set of worker threads for the jobs that the Scheduler finds due.
+#ifndef KIV_PERIODIC_THREAD_POOL_H
+#define KIV_PERIODIC_THREAD_POOL_H
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "kiv_export.h"
+
+namespace kiv::device::thread {
+
+/// Jobs start first in, first out; they complete in any order. What a job throws is dropped.
+class KIV_API PeriodicThreadPool {
+  public:
+    /// Starts `threadCount` workers. With 0, posted jobs never run. Throws std::system_error when a thread
+    /// cannot be started; those already started are ended first.
+    explicit PeriodicThreadPool(unsigned threadCount);
+
+    /// As shutdown(); jobs still queued are destroyed unrun.
+    ~PeriodicThreadPool();
+
+    PeriodicThreadPool(const PeriodicThreadPool&) = delete;
+    PeriodicThreadPool& operator=(const PeriodicThreadPool&) = delete;
+
+    /// Queues a job and wakes one worker. Any thread. After shutdown() the job is kept, but never runs.
+    void post(std::function<void()> task);
+
+    /// Lets running jobs finish, leaves queued ones (a worker that was idle may still take one) and joins the
+    /// workers. May be called again. Not for jobs: a worker cannot wait for itself, it is let go instead.
+    void shutdown();
+
+    /// True on a worker thread of any pool.
+    static bool onWorkerThread();
+
+  private:
+    void workerLoop();
+
+    std::vector<std::thread> threads_;
+    std::deque<std::function<void()>> tasks_;
+    std::mutex mutex_;  ///< Guards `tasks_`.
+    std::condition_variable cv_;
+    std::atomic<bool> running_{true};  ///< Cleared under the mutex.
+};
+
+}  // namespace kiv::device::thread
+
+#endif

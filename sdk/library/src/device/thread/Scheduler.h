@@ -1,0 +1,70 @@
+/// The library's one timer thread: it decides when a job is due, a PeriodicThreadPool runs it.
+#ifndef KIV_SCHEDULER_H
+#define KIV_SCHEDULER_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "PeriodicThreadPool.h"
+#include "kiv_export.h"
+
+namespace kiv::device::thread {
+
+/// One registered job.
+struct ScheduledTask {
+    std::function<void()> task;
+    std::chrono::milliseconds interval{0};
+    std::chrono::steady_clock::time_point nextRun;
+    uint64_t id = 0;
+    bool cancelled = false;  ///< Skipped by the timer when set. cancel() removes the job instead.
+    std::shared_ptr<PeriodicThreadPool> pool;
+};
+
+/// A job runs first one interval after its registration, then one interval after each pass of the timer that
+/// found it due: lateness is not caught up, missed periods are dropped. A run may overlap the one before. The
+/// timer wakes for the next due job, at least every 500 ms; nothing wakes it earlier.
+///
+/// Any thread may call any method; stop() not from the timer or from a job that somebody waits for.
+class KIV_API Scheduler {
+  public:
+    Scheduler() = default;
+    ~Scheduler();  ///< As stop().
+
+    Scheduler(const Scheduler&) = delete;
+    Scheduler& operator=(const Scheduler&) = delete;
+
+    /// Starts the timer. A second start without a stop ends the process.
+    void start();
+
+    /// Ends and joins the timer (after its present sleep, at most about 500 ms) and removes every job.
+    void stop();
+
+    /// Registers a job, also before start(). An interval of 0 or below is due at every pass. Returns the
+    /// job's id: 1, 2, ..., never reused. With an empty pool the job is timed, but never runs.
+    uint64_t schedulePeriodic(std::function<void()> task, std::chrono::milliseconds interval,
+                              std::shared_ptr<PeriodicThreadPool> pool);
+
+    /// Removes a job; an unknown id is ignored. A run that a pool already holds still happens.
+    void cancel(uint64_t id);
+
+  private:
+    void runLoop();
+    std::chrono::milliseconds pass();  ///< Hands over what is due; returns the time to sleep.
+
+    std::atomic<bool> running_{false};
+    std::thread worker_;
+    std::mutex
+        mutex_;  ///< Guards `tasks_` and `nextId_`; never held while posting, sleeping or destroying a job.
+    std::unordered_map<uint64_t, ScheduledTask> tasks_;
+    uint64_t nextId_ = 1;
+};
+
+}  // namespace kiv::device::thread
+
+#endif
