@@ -1,0 +1,7 @@
+#ifndef COREFOUNDATION_COREFOUNDATION_H
+#define COREFOUNDATION_COREFOUNDATION_H
+
+#include <CoreFoundation/CFBase.h>
+#include <CoreFoundation/CFDictionary.h>
+
+#endif

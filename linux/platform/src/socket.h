@@ -1,0 +1,45 @@
+/// One conversation with the driver process.
+#ifndef KIVPLATFORM_SOCKET_H
+#define KIVPLATFORM_SOCKET_H
+
+#include <kivplatform/driver_protocol.h>
+#include <mach/mach_types.h>
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <span>
+
+namespace kivplatform {
+
+class Conversation {
+  public:
+    /// A new conversation, or null when no driver process listens.
+    static std::shared_ptr<Conversation> start();
+
+    ~Conversation();
+    Conversation(const Conversation&) = delete;
+    Conversation& operator=(const Conversation&) = delete;
+
+    /// Sends a request and waits for its reply; calls take turns. Returns the reply's status, with the
+    /// `produced` bytes of its payload in `room`; kIOReturnBadArgument when they do not fit;
+    /// MACH_SEND_INVALID_DEST when the driver process is gone or the conversation has ended.
+    kern_return_t ask(const kivplatform_request& request, const void* payload, std::size_t size,
+                      std::span<std::byte> room, std::size_t& produced);
+
+    /// Takes leave of the driver process; a request under way in another thread is aborted instead.
+    void end();
+
+  private:
+    explicit Conversation(int socket) : socket_(socket) {}
+    kern_return_t exchange(const kivplatform_request& request, const void* payload, std::size_t size,
+                           std::span<std::byte> room, std::size_t& produced);
+
+    const int socket_;
+    std::mutex turn_;     ///< One request at a time.
+    bool ended_ = false;  ///< Guarded by `turn_`.
+};
+
+}  // namespace kivplatform
+
+#endif
