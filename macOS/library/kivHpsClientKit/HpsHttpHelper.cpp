@@ -1,0 +1,57 @@
+#include "HpsHttpHelper.h"
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "hpsLog.h"
+
+using Json = nlohmann::ordered_json;
+
+bool HpsHttpHelper::handle(const HttpResult& result) {
+    if (result.success) return true;
+    const int64_t status = result.status;
+    if (status == 0) {
+        hps_log_error(__LINE__, "HTTP Network error: {}", result.error);
+    } else if (status >= 500) {
+        hps_log_error(__LINE__, "HTTP Server error status={}, msg={}", status, result.error);
+    } else if (status == 401 || status == 403) {
+        hps_log_error(__LINE__, "HTTP Auth error status={}", status);
+    } else if (status == 404) {
+        hps_log_error(__LINE__, "HTTP not found");
+    } else if (result.body.empty()) {
+        hps_log_error(__LINE__, "HTTP status={}, no body", status);
+    } else {
+        hps_log_error(__LINE__, "HTTP status={}, body={}", status, result.body);
+    }
+    return false;
+}
+
+bool HpsHttpHelper::handle_json(const HttpResult& result, Json& out) {
+    if (!handle(result)) return false;
+    try {
+        Json root = Json::parse(result.body);
+        if (!root.is_object() || !root.contains("data")) {
+            out = std::move(root);
+            return true;
+        }
+        Json& data = root["data"];
+        if (data.is_string() && Json::accept(data.get_ref<const std::string&>())) {
+            out = Json::parse(data.get_ref<const std::string&>());
+        } else {
+            out = std::move(data);
+        }
+        return true;
+    } catch (const Json::exception& error) {
+        hps_log_error(__LINE__, "JSON parse error: {}", error.what());
+        hps_log_error(__LINE__, "body=[{}]", result.body);
+        return false;
+    }
+}
+
+bool HpsHttpHelper::handle_download(const HttpResult& result, const std::string& file_path) {
+    if (!handle(result)) return false;
+    std::error_code ignored;
+    if (std::filesystem::exists(std::filesystem::status(file_path, ignored))) return true;
+    hps_log_error(__LINE__, "Download file not exist: {}", file_path);
+    return false;
+}

@@ -1,0 +1,26 @@
+/// What an HttpResult of a card's management server means: yes or no, one log line, and the JSON payload.
+#ifndef KIV_HPS_HTTP_HELPER_H
+#define KIV_HPS_HTTP_HELPER_H
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+#include "kivClient.h"
+#include "kiv_export.h"
+
+/// Stateless; any thread. Nothing here throws for what a server sent.
+class KIV_API HpsHttpHelper {
+  public:
+    /// True for a success; otherwise logs one line that classifies the failure.
+    static bool handle(const HttpResult& result);
+
+    /// handle(), then the payload of the body into `out`: the member "data" when the body is an object that
+    /// has it (a text that is itself JSON is parsed once more), else the whole body. False when the body is
+    /// not JSON.
+    static bool handle_json(const HttpResult& result, nlohmann::ordered_json& out);
+
+    /// handle(), then whether the downloaded file exists.
+    static bool handle_download(const HttpResult& result, const std::string& file_path);
+};
+
+#endif

@@ -1,0 +1,49 @@
+/// Base class of the long-lived worker threads: one thread that runs until it is told to stop.
+#ifndef KIV_THREAD_MANAGER_H
+#define KIV_THREAD_MANAGER_H
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "kiv_export.h"
+
+/// The owner starts the thread when all that it uses is built, and stops it with join_thread() before any of
+/// that goes: destroying a manager whose thread was not joined ends the process.
+class KIV_API ThreadManager {
+  public:
+    ThreadManager() = default;
+    virtual ~ThreadManager();
+
+    ThreadManager(const ThreadManager&) = delete;
+    ThreadManager& operator=(const ThreadManager&) = delete;
+
+    /// What the thread does; subclasses replace it. This one waits until it is stopped.
+    virtual void run_thread();
+
+    /// Starts a thread on run_thread(); what that throws ends the thread only. A second start without a join
+    /// ends the process.
+    void start_thread();
+
+    /// Cuts the thread's present wait short.
+    void notify_all();
+
+    /// Asks the thread to stop and waits for its end, if it was started. The request holds even when the
+    /// thread has not come to run yet. Called on the thread itself it only asks.
+    void join_thread();
+
+  protected:
+    /// For run_thread(): sets `running`, unless a stop was requested; then false.
+    bool set_running();
+
+    bool running = false;
+    std::mutex mutex;  ///< Guards `running`, `wake` and `stop_requested`.
+    std::condition_variable condition;
+    bool wake = false;            ///< Set by notify_all(); the thread clears it after each wait.
+    bool stop_requested = false;  ///< Set by join_thread(), cleared by start_thread().
+
+  private:
+    std::thread thread_;
+};
+
+#endif

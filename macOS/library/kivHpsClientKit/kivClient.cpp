@@ -1,0 +1,240 @@
+#include "kivClient.h"
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "kivLogDispatch.h"
+
+namespace {
+
+constexpr const char* kSource = "macOS/library/kivHpsClientKit/kivClient";
+constexpr int kLogLine = 56;
+constexpr const char* kJson = "application/json";
+constexpr const char* kBoundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW";
+
+/// libcurl counts its initialisations, but not every build of it does so under a lock.
+std::mutex g_curl_mutex;
+
+struct CleanUp {
+    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+using EasyHandle = std::unique_ptr<CURL, CleanUp>;
+
+struct FreeList {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using HeaderList = std::unique_ptr<curl_slist, FreeList>;
+
+/// Sets options until one fails, and keeps that failure.
+class Options {
+  public:
+    explicit Options(CURL* handle) : handle_(handle) {}
+
+    template <typename Value>
+    void set(CURLoption option, Value value) {
+        if (result_ == CURLE_OK) result_ = curl_easy_setopt(handle_, option, value);
+    }
+    void fail(CURLcode code) { result_ = code; }
+    CURLcode result() const { return result_; }
+
+  private:
+    CURL* handle_;
+    CURLcode result_ = CURLE_OK;
+};
+
+/// Appends what was received to the string at `user`. Never throws: its caller is C. A short count ends the
+/// transfer.
+std::size_t append_received(char* data, std::size_t size, std::size_t count, void* user) noexcept {
+    try {
+        static_cast<std::string*>(user)->append(data, size * count);
+        return size * count;
+    } catch (...) {
+        return 0;
+    }
+}
+
+bool carries_body(const std::string& method) {
+    return method == "POST" || method == "PATCH" || method == "DELETE";
+}
+
+HttpResult failure(const char* error) {
+    return {false, 0, {}, error};
+}
+
+/// Reads `file_path` into the middle of a multipart form, once. False when it cannot be opened, read or held
+/// in memory.
+bool read_form(const std::string& file_path, std::string& form) try {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(file_path, ignored)) return false;
+    std::ifstream file(file_path, std::ios::binary);
+    if (!file.is_open()) return false;
+    file.seekg(0, std::ios::end);
+    const std::streamoff size = file.tellg();
+    file.seekg(0);
+    if (size < 0 || !file) return false;
+
+    const std::string name = std::filesystem::path(file_path).filename().string();
+    const std::string head = std::string("--") + kBoundary +
+                             "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + name +
+                             "\"\r\nContent-Type: application/octet-stream\r\n\r\n";
+    const std::string tail = std::string("\r\n--") + kBoundary + "--\r\n";
+    form.reserve(head.size() + static_cast<std::size_t>(size) + tail.size());
+    form = head;
+    form.resize(head.size() + static_cast<std::size_t>(size));
+    file.read(form.data() + head.size(), size);
+    if (file.gcount() != size) return false;
+    form += tail;
+    return true;
+} catch (const std::exception&) {
+    return false;
+}
+
+}  // namespace
+
+HttpClient::HttpClient(std::string base_url) : base_url_(std::move(base_url)) {
+    const std::lock_guard lock(g_curl_mutex);
+    curl_global_init(CURL_GLOBAL_ALL);
+}
+
+HttpClient::~HttpClient() {
+    const std::lock_guard lock(g_curl_mutex);
+    curl_global_cleanup();
+}
+
+void HttpClient::set_timeout(int seconds) {
+    timeout_ = seconds;
+}
+
+void HttpClient::set_retry(int count, int interval_ms) {
+    retry_count_ = count;
+    retry_interval_ms_ = interval_ms;
+}
+
+HttpResult HttpClient::get(const std::string& path) {
+    return perform("GET", path, "", "", timeout_);
+}
+
+HttpResult HttpClient::post(const std::string& path, const nlohmann::ordered_json& json) {
+    return perform("POST", path, json.dump(), kJson, timeout_);
+}
+
+HttpResult HttpClient::patch(const std::string& path, const nlohmann::ordered_json& json) {
+    return perform("PATCH", path, json.dump(), kJson, timeout_);
+}
+
+HttpResult HttpClient::del(const std::string& path, const nlohmann::ordered_json& json) {
+    return perform("DELETE", path, json.dump(), kJson, timeout_);
+}
+
+HttpResult HttpClient::upload(const std::string& path, const std::string& file_path) {
+    std::string form;
+    if (!read_form(file_path, form)) {
+        log_error("Could not open file=" + file_path);
+        return failure("file open error");
+    }
+    return perform("POST", path, form, std::string("multipart/form-data; boundary=") + kBoundary,
+                   upload_timeout_);
+}
+
+HttpResult HttpClient::download(const std::string& path, const std::string& file_path) {
+    HttpResult result = perform("GET", path, "", "", download_timeout_);
+    if (!result.success) return result;
+    try {
+        std::ofstream file(file_path, std::ios::binary | std::ios::trunc);
+        if (!file) {
+            result.success = false;
+            result.error = "file write error";
+            return result;
+        }
+        file.write(result.body.data(), static_cast<std::streamsize>(result.body.size()));
+        file.close();
+    } catch (...) {
+        result.success = false;
+        result.error = "exception on file write";
+    }
+    return result;
+}
+
+HttpResult HttpClient::perform(const std::string& method, const std::string& path, const std::string& body,
+                               const std::string& content_type, int timeout) {
+    for (int tried = 0; tried < retry_count_; ++tried) {
+        try {
+            return attempt(method, path, body, content_type, timeout);
+        } catch (const std::exception& error) {
+            log_error(error.what());
+        }
+        if (retry_interval_ms_ >= 1)
+            std::this_thread::sleep_for(std::chrono::milliseconds(retry_interval_ms_));
+    }
+    return failure("retry over");
+}
+
+/// One transfer. Throws std::runtime_error when there is no answer.
+HttpResult HttpClient::attempt(const std::string& method, const std::string& path, const std::string& body,
+                               const std::string& content_type, int timeout) {
+    EasyHandle handle(curl_easy_init());
+    if (!handle) throw std::runtime_error("curl init failed");
+    HeaderList headers;
+    HttpResult result;
+    const std::string url = base_url_ + path;
+
+    Options options(handle.get());
+    options.set(CURLOPT_URL, url.c_str());
+    options.set(CURLOPT_TIMEOUT, static_cast<long>(timeout));
+    options.set(CURLOPT_WRITEFUNCTION, &append_received);
+    options.set(CURLOPT_WRITEDATA, &result.body);
+    options.set(CURLOPT_TCP_KEEPALIVE, 1L);
+    options.set(CURLOPT_TCP_KEEPIDLE, 60L);
+    options.set(CURLOPT_TCP_KEEPINTVL, 30L);
+    options.set(CURLOPT_SSL_VERIFYPEER, 1L);
+    options.set(CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!content_type.empty()) {
+        headers.reset(curl_slist_append(nullptr, ("Content-Type: " + content_type).c_str()));
+        if (!headers) options.fail(CURLE_OUT_OF_MEMORY);
+    }
+    if (carries_body(method)) {
+        options.set(CURLOPT_CUSTOMREQUEST, method.c_str());
+        options.set(CURLOPT_POSTFIELDS, body.data());
+        options.set(CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    }
+    if (headers) options.set(CURLOPT_HTTPHEADER, headers.get());
+
+    CURLcode code = options.result();
+    long status = 0;
+    if (code == CURLE_OK) {
+        code = curl_easy_perform(handle.get());
+        curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
+    }
+    headers.reset();
+    handle.reset();
+    if (code != CURLE_OK) {
+        log_error(curl_easy_strerror(code));
+        throw std::runtime_error("network error");
+    }
+
+    result.status = status;
+    result.success = status >= 200 && status <= 299;
+    if (!result.success) {
+        result.error = "http status " + std::to_string(status);
+    } else if (!result.body.empty()) {
+        try {
+            const auto discarded = nlohmann::json::parse(result.body);
+        } catch (const std::exception&) {
+            log_error("invalid json response");
+        }
+    }
+    return result;
+}
+
+void HttpClient::log_error(const std::string& message) {
+    kivLog_dispatch(KIV_LOG_LEVEL_ERROR, kSource, kLogLine, "{}", message);
+}

@@ -1,0 +1,74 @@
+/// HTTP transport to a card's management server: one request, a few attempts, one result.
+#ifndef KIV_CLIENT_H
+#define KIV_CLIENT_H
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+#include "kiv_export.h"
+
+/// Outcome of one request.
+struct HttpResult {
+    bool success = false;  ///< The server answered with a status of 200 to 299 (and a download was written).
+    int64_t status = 0;    ///< HTTP status; 0 when there was no answer or nothing was sent.
+    std::string body;      ///< The response body, byte for byte.
+    /// Empty on success, else: "retry over" (no attempt got an answer), "http status " and the status,
+    /// "file open error", "file write error" or "exception on file write".
+    std::string error;
+};
+
+/// Sends requests to paths under one base URL. An attempt that gets no answer is repeated; any answer ends
+/// the request.
+///
+/// Threads: several may send at once, while none changes the settings. A request blocks its caller for at
+/// most the number of attempts times (time limit + pause).
+class KIV_API HttpClient {
+  public:
+    /// `base_url` is put before every path as it stands.
+    explicit HttpClient(std::string base_url);
+    ~HttpClient();
+
+    HttpClient(const HttpClient&) = delete;
+    HttpClient& operator=(const HttpClient&) = delete;
+
+    /// Time limit of get, post, patch and del, in seconds (2 at first).
+    void set_timeout(int seconds);
+
+    /// Number of attempts (3 at first; below 1 nothing is sent) and the pause after each that failed, in
+    /// milliseconds (100 at first).
+    void set_retry(int count, int interval_ms);
+
+    HttpResult get(const std::string& path);
+
+    /// The body is `json` on one line. Throws the JSON library's type_error when a text in it is not UTF-8.
+    HttpResult post(const std::string& path, const nlohmann::ordered_json& json);
+    HttpResult patch(const std::string& path, const nlohmann::ordered_json& json);
+    HttpResult del(const std::string& path, const nlohmann::ordered_json& json);
+
+    /// Posts the file as the form field "file"; time limit 10 s. The file is read into memory once.
+    HttpResult upload(const std::string& path, const std::string& file_path);
+
+    /// Gets `path` and writes the response body to the file; time limit 60 s. No file is made unless the
+    /// server answers with success.
+    HttpResult download(const std::string& path, const std::string& file_path);
+
+    /// The engine of all the above. `timeout` in seconds; an empty `content_type` sends no such header;
+    /// `body` is sent with POST, PATCH and DELETE only.
+    HttpResult perform(const std::string& method, const std::string& path, const std::string& body,
+                       const std::string& content_type, int timeout);
+
+  private:
+    HttpResult attempt(const std::string& method, const std::string& path, const std::string& body,
+                       const std::string& content_type, int timeout);
+    static void log_error(const std::string& message);
+
+    std::string base_url_;
+    int32_t timeout_ = 2;            ///< Seconds.
+    int32_t upload_timeout_ = 10;    ///< Seconds.
+    int32_t download_timeout_ = 60;  ///< Seconds.
+    int32_t retry_count_ = 3;        ///< Attempts.
+    int32_t retry_interval_ms_ = 100;
+};
+
+#endif
