@@ -1,0 +1,84 @@
+#include "DeviceEnumeratorMacOS.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "wire.h"
+
+namespace kiv::device {
+
+namespace {
+
+struct SharedClients {
+    std::mutex mutex;
+    kivDriverClientList kivDev_;  ///< Guarded by the mutex.
+};
+
+SharedClients& shared() {
+    static SharedClients instance;
+    return instance;
+}
+
+/// "a.b.c.d:port" of the card's management server; only PCI function 0 knows it.
+std::string server_address(const kivDriverClient& client) {
+    if (client.boot_conf.function != 0) return {};
+    in_addr address{};
+    address.s_addr = htonl(client.device_conf.tun);
+    char text[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &address, text, sizeof text);
+    return std::string(text) + ":" + std::to_string(client.device_conf.port);
+}
+
+/// Adds a PCI function to its card's entry, or the card with its first function.
+void add_function(std::vector<DeviceInfo>& cards, const kivDriverClient& client) {
+    const uint8_t id = client.device_conf.device_index;
+    const PciFunction function{client.boot_conf.bus, client.boot_conf.device, client.boot_conf.function};
+    std::string address = server_address(client);
+
+    const auto known =
+        std::find_if(cards.begin(), cards.end(), [&](const DeviceInfo& card) { return card.id == id; });
+    if (known == cards.end()) {
+        cards.push_back({"macOS", "", id, {function}, std::move(address)});
+        return;
+    }
+    known->functions.push_back(function);
+    if (!address.empty()) known->address = std::move(address);
+}
+
+}  // namespace
+
+void DeviceEnumeratorMacOS::prepare() {
+    shared();
+}
+
+std::vector<DeviceInfo> DeviceEnumeratorMacOS::enumerate() {
+    kivDriverClientList found = kivDriverClient::enumerateDevices(wire::kServiceName);
+    std::vector<DeviceInfo> cards;
+    for (const auto& client : found)
+        add_function(cards, *client);
+    if (found.empty()) {
+        std::puts("Fail open device");
+        std::fflush(stdout);
+    }
+    const std::lock_guard lock(shared().mutex);
+    shared().kivDev_.swap(found);
+    return cards;
+}
+
+void* DeviceEnumeratorMacOS::getDeviceAccessPtr(unsigned id, unsigned function) {
+    const std::lock_guard lock(shared().mutex);
+    for (const auto& client : shared().kivDev_) {
+        if (client->device_conf.device_index == static_cast<uint8_t>(id) &&
+            client->boot_conf.function == static_cast<uint8_t>(function)) {
+            return client.get();
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace kiv::device

@@ -1,0 +1,84 @@
+// The connection: finding the driver's services, opening and closing.
+#include "kivDriverClient.h"
+
+#include <IOKit/IOKitLib.h>
+
+#include "driverLog.h"
+#include "wire.h"
+
+static_assert(kivDriverClient::pf0_st2110_id == kiv::wire::kFunctionSt2110);
+static_assert(kivDriverClient::pf1_cpeng_id == kiv::wire::kFunctionHps);
+
+namespace {
+
+/// Owns one reference of an IOKit object; may be empty.
+class IoObject {
+  public:
+    explicit IoObject(io_object_t object) : object_(object) {}
+    ~IoObject() {
+        if (object_ != IO_OBJECT_NULL) IOObjectRelease(object_);
+    }
+    IoObject(const IoObject&) = delete;
+    IoObject& operator=(const IoObject&) = delete;
+    io_object_t get() const { return object_; }
+    explicit operator bool() const { return object_ != IO_OBJECT_NULL; }
+
+  private:
+    const io_object_t object_;
+};
+
+/// A client of the service, by the first function id that the driver takes; empty when it takes none.
+std::shared_ptr<kivDriverClient> open_service(io_service_t service) {
+    for (const uint8_t type : {kivDriverClient::pf0_st2110_id, kivDriverClient::pf1_cpeng_id}) {
+        io_connect_t connect = IO_OBJECT_NULL;
+        if (IOServiceOpen(service, mach_task_self(), type, &connect) == kIOReturnSuccess) {
+            return std::make_shared<kivDriverClient>(type, connect);
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+kivDriverClientList kivDriverClient::enumerateDevices(const char* name) {
+    io_iterator_t found = IO_OBJECT_NULL;
+    const kern_return_t status =
+        IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceNameMatching(name), &found);
+    if (status != kIOReturnSuccess) {
+        driver_log(__LINE__, "Unable to find service for identifier with error: 0x%08x. name=%s\n",
+                   static_cast<unsigned>(status), name != nullptr ? name : "");
+        return {};
+    }
+    kivDriverClientList clients;
+    const IoObject iterator(found);
+    if (!iterator) return clients;
+    while (const IoObject service{IOIteratorNext(iterator.get())}) {
+        if (auto client = open_service(service.get())) clients.push_back(std::move(client));
+    }
+    return clients;
+}
+
+kivDriverClient::kivDriverClient(uint8_t func_id, uint32_t connect) : func_id_(func_id), connect_(connect) {
+    load_boot_conf(boot_conf);
+    get_device_conf(device_conf);
+}
+
+kivDriverClient::~kivDriverClient() {
+    close();
+    if (const uint32_t connect = connect_.exchange(0)) IOServiceClose(connect);
+}
+
+int32_t kivDriverClient::open(bool interrupts) {
+    const int32_t status = init();
+    if (status != 0 || !interrupts) return status;
+    deinit();
+    return -1;
+}
+
+int32_t kivDriverClient::close() {
+    if (connect_ == 0) return -1;
+    join_thread();
+    if (deinit() != 0) return -1;
+    if (const uint32_t connect = connect_.exchange(0)) IOServiceClose(connect);
+    return 0;
+}
