@@ -1,0 +1,98 @@
+/// One card: its queries, its polls and its events.
+#ifndef KIV_DEVICE_H
+#define KIV_DEVICE_H
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "DeviceInfo.h"
+#include "IDeviceAccess.h"
+#include "IRestApiClient.h"
+#include "kiv_export.h"
+#include "kiv_types.h"
+
+namespace kiv::device {
+
+/// Operations return KIV_OK or a result code; a getter writes only the fields that its comment names. What
+/// the management server sends in a wrong shape throws.
+///
+/// Threads: operations may run on any thread, and none of the queries takes a lock, so a callback may use
+/// them on its own card. Registration, enabling and the polls take the Device mutex, and the polls hold it
+/// while they call back: a callback must not call those on its own card.
+class KIV_API Device {
+  public:
+    using AccessList = std::vector<std::unique_ptr<access::IDeviceAccess>>;
+
+    /// Takes over the card's accesses (one for each PCI function) and its management-server client; the
+    /// client may be null.
+    Device(DeviceInfo info, AccessList accesses, std::unique_ptr<rest::IRestApiClient> rest);
+
+    const DeviceInfo& info() const { return info_; }
+    const AccessList& accesses() const { return accesses_; }
+    rest::IRestApiClient* rest() const { return rest_.get(); }
+
+    // ---- Queries
+    // ---------------------------------------------------------------------------------------------------
+
+    /// Identification registers and port texts. MAC texts come from the interface list that the client
+    /// already holds.
+    kiv_result_t get_card_info(kiv_card_info_t& info);
+
+    /// Addresses and prefix lengths of "maceth0" and "maceth1", asked of the management server.
+    kiv_result_t get_media_net_config(kiv_net_config_t& config);
+
+    /// Tunnel address and the TCP port of the management server there.
+    kiv_result_t get_tun_config(uint32_t& address, uint32_t& mask);
+
+    /// The PTP selection byte, 0 to 255, non-zero for the selected card; KIV_ERR_FAILED without a driver.
+    kiv_result_t selected_ptp_card();
+
+    // ---- Events
+    // ----------------------------------------------------------------------------------------------------
+
+    /// Adds a callback for the enabled events; one that is added twice is called twice.
+    void addCallback(kiv_event_callback_t callback, void* user);
+
+    /// Removes all callbacks. None runs any more when this returns.
+    void removeCallback();
+
+    void enableEvent(kiv_event_type_t type);
+    void disableEvent(kiv_event_type_t type);
+
+    /// For holders of the Device mutex, as notifyCallbacks().
+    bool isEventEnabled(kiv_event_type_t type) const;
+    void notifyCallbacks(kiv_event_type_t type, const void* data);
+
+    /// Reads the status register and raises KIV_EVENT_PTP and KIV_EVENT_LINK for what changed since it was
+    /// last seen (at first: no link, PTP state 0). True when it notified.
+    bool poll_1sec();
+
+    /// Reads the sensors and raises KIV_EVENT_HWMON while one is at or above its maximum. False when the
+    /// event is not enabled or no sensor is in alarm.
+    bool poll_60sec();
+
+  private:
+    access::IDeviceAccess* access(uint32_t function) const;
+    bool read_status(uint64_t& status) const;
+    bool poll_ptp(uint64_t status);
+    bool poll_link(uint64_t status);
+
+    const DeviceInfo info_;
+    const AccessList accesses_;  ///< In the order of `info_.functions`.
+    const std::unique_ptr<rest::IRestApiClient> rest_;
+
+    std::mutex mutex_;  ///< Guards all below; held while callbacks run.
+    std::vector<std::pair<kiv_event_callback_t, void*>> callbacks_;
+    std::unordered_set<kiv_event_type_t> enabled_events_;
+    uint8_t last_link_[2] = {0, 0};
+    uint32_t last_ptp_state_ = 0;
+};
+
+}  // namespace kiv::device
+
+#endif

@@ -1,0 +1,17 @@
+/// The platforms' factories by their keys.
+#ifndef KIV_DEVICE_FACTORY_REGISTRY_H
+#define KIV_DEVICE_FACTORY_REGISTRY_H
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "IDeviceFactory.h"
+
+namespace kiv::device {
+
+using DeviceFactoryRegistry = std::unordered_map<std::string, std::unique_ptr<IDeviceFactory>>;
+
+}  // namespace kiv::device
+
+#endif

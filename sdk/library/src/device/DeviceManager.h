@@ -1,0 +1,77 @@
+/// Owns the cards of the machine and drives their polls.
+#ifndef KIV_DEVICE_MANAGER_H
+#define KIV_DEVICE_MANAGER_H
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "Device.h"
+#include "DeviceFactoryRegistry.h"
+#include "IDeviceEnumerator.h"
+#include "PeriodicThreadPool.h"
+#include "Scheduler.h"
+#include "kiv_export.h"
+
+namespace kiv::device {
+
+/// Threads: getDevice, getDeviceShared and exists may be called from any thread. Everything else belongs to
+/// the thread that owns the manager, and must not run while others use it.
+class KIV_API DeviceManager {
+  public:
+    using Poll = bool (Device::*)();
+
+    /// `registry` is used by loadDevices() only and must live as long as that is called.
+    DeviceManager(DeviceFactoryRegistry& registry, std::unique_ptr<IDeviceEnumerator> enumerator);
+    ~DeviceManager();  ///< As stop().
+
+    DeviceManager(const DeviceManager&) = delete;
+    DeviceManager& operator=(const DeviceManager&) = delete;
+
+    /// Enumerates: new cards get a Device and their polls (every 1000 ms and 60000 ms), known ones stay as
+    /// they are, those not found any more are removed.
+    void loadDevices();
+
+    /// Starts the scheduler.
+    void start();
+
+    /// Ends the polls and releases every Device. May be called again.
+    void stop();
+
+    /// Calls `poll` on the Device every `period`, for as long as it exists. The scheduler's task id, or 0
+    /// when the id is unknown.
+    uint64_t scheduleDevicePoll(const unsigned& id, std::chrono::milliseconds period, Poll poll);
+    void cancelTask(uint64_t task);
+
+    /// Releases one Device. Its polls find it gone.
+    void removeDevice(int id, thread::Scheduler& scheduler);
+
+    /// Cancels every poll and releases every Device.
+    void clear(thread::Scheduler& scheduler);
+
+    /// The Device, or null. The shared form keeps it alive.
+    Device* getDevice(unsigned id);
+    std::shared_ptr<Device> getDeviceShared(unsigned id);
+    bool exists(unsigned id);
+
+    /// Every Device, in the map's order.
+    std::vector<std::shared_ptr<Device>> allDevices();
+
+  private:
+    std::shared_ptr<Device> makeDevice(const DeviceInfo& info);
+
+    std::unordered_map<uint32_t, std::shared_ptr<Device>> devices_;
+    std::mutex mutex_;  ///< Guards `devices_` for the lookups.
+    DeviceFactoryRegistry& registry_;
+    std::unique_ptr<IDeviceEnumerator> enumerator_;
+    thread::Scheduler scheduler_;
+    std::shared_ptr<thread::PeriodicThreadPool> pool_;
+    std::unordered_map<uint64_t, uint32_t> tasks_;  ///< Task id to device id, one entry for each poll.
+};
+
+}  // namespace kiv::device
+
+#endif
