@@ -1,0 +1,61 @@
+#include "Simulator.h"
+
+#include <kivplatform/driver_process.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "DriverHalf.h"
+#include "ServerHalf.h"
+#include "VirtualCard.h"
+
+namespace kivsim {
+
+namespace {
+
+/// Many cards and programs need many descriptors.
+void raise_descriptor_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// The socket that programs of this user look at; makes its directory unless the environment names the
+/// socket.
+std::string usual_socket() {
+    char path[KIVPLATFORM_SOCKET_PATH_SIZE];
+    if (!kivplatform_driver_socket(path)) {
+        throw std::runtime_error(
+            "the socket that programs look at cannot be used: KIVSIM_SOCKET is too long, or the directory "
+            "/tmp/kivsim-" +
+            std::to_string(getuid()) + " is not this user's own with mode 0700");
+    }
+    if (getenv("KIVSIM_SOCKET") == nullptr) mkdir(std::filesystem::path(path).parent_path().c_str(), 0700);
+    return path;
+}
+
+}  // namespace
+
+Simulator::Simulator(const std::vector<CardSettings>& cards, const std::string& socket_path,
+                     const std::string& trace_path)
+    : socket_path_(socket_path.empty() ? usual_socket() : socket_path) {
+    raise_descriptor_limit();
+    for (const CardSettings& card : cards)
+        cards_.push_back(std::make_shared<VirtualCard>(card));
+    servers_ = std::make_unique<ServerHalf>(cards_);
+    driver_ = std::make_unique<DriverHalf>(cards_, socket_path_, trace_path);
+}
+
+Simulator::~Simulator() = default;
+
+std::vector<std::string> Simulator::server_addresses() const {
+    std::vector<std::string> addresses;
+    for (const auto& card : cards_)
+        addresses.push_back(card->server_address());
+    return addresses;
+}
+
+}  // namespace kivsim

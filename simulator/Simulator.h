@@ -1,0 +1,44 @@
+/// Virtual cards: their driver process and their management servers. Lives in the program kivsim, or in a
+/// test.
+#ifndef KIVSIM_SIMULATOR_H
+#define KIVSIM_SIMULATOR_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CardSettings.h"
+
+namespace kivsim {
+
+class VirtualCard;
+class ServerHalf;
+class DriverHalf;
+
+class Simulator {
+  public:
+    /// Runs from here to its destruction. An empty `socket_path` is the one that every program of this user
+    /// looks at; an empty `trace_path` traces nothing. Throws std::runtime_error with a text that says what
+    /// is in the way.
+    Simulator(const std::vector<CardSettings>& cards, const std::string& socket_path,
+              const std::string& trace_path);
+    ~Simulator();
+
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+
+    const std::string& socket_path() const { return socket_path_; }
+
+    /// "address:port" of each card's management server, in the order of the cards.
+    std::vector<std::string> server_addresses() const;
+
+  private:
+    std::vector<std::shared_ptr<VirtualCard>> cards_;
+    std::string socket_path_;
+    std::unique_ptr<ServerHalf> servers_;
+    std::unique_ptr<DriverHalf> driver_;  ///< Last: cards are seen when their servers answer.
+};
+
+}  // namespace kivsim
+
+#endif

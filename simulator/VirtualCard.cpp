@@ -1,0 +1,43 @@
+#include "VirtualCard.h"
+
+#include <limits>
+#include <utility>
+
+namespace kivsim {
+
+VirtualCard::VirtualCard(CardSettings settings)
+    : interfaces(settings.interfaces), settings_(std::move(settings)) {
+    for (const RegisterSettings& entry : settings_.registers) {
+        // A value of up to 32 bits leaves the register after it alone.
+        if (entry.value <= std::numeric_limits<uint32_t>::max()) {
+            bars.write(entry.bar, entry.offset, static_cast<uint32_t>(entry.value));
+        } else {
+            bars.write(entry.bar, entry.offset, entry.value);
+        }
+    }
+    device_conf.device_index = settings_.id;
+    device_conf.ip[0] = settings_.addresses[0];
+    device_conf.ip[1] = settings_.addresses[1];
+    device_conf.tun = settings_.tunnel_address;
+    device_conf.port = settings_.tunnel_port;
+}
+
+void VirtualCard::set_tunnel_port(uint16_t port) {
+    settings_.tunnel_port = port;
+    device_conf.port = port;
+}
+
+std::string VirtualCard::server_address() const {
+    return dotted(settings_.tunnel_address) + ":" + std::to_string(settings_.tunnel_port);
+}
+
+DriverFault VirtualCard::next_fault(uint32_t selector) {
+    const std::lock_guard lock(mutex);
+    const uint32_t count = ++calls_[selector];
+    for (const DriverFault& fault : settings_.driver_faults) {
+        if (fault.selector == selector && (!fault.nth || *fault.nth == count)) return fault;
+    }
+    return {};
+}
+
+}  // namespace kivsim

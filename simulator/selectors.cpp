@@ -1,0 +1,253 @@
+#include "selectors.h"
+
+#include <IOKit/IOReturn.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <type_traits>
+
+namespace kivsim {
+
+namespace {
+
+namespace wire = kiv::wire;
+using std::chrono::nanoseconds;
+
+struct Nothing {};
+
+struct Context {
+    VirtualCard& card;
+    const FunctionSettings& function;
+};
+
+using Handler = int32_t (*)(Context&, std::span<const std::byte>, std::vector<std::byte>&);
+
+struct Row {
+    uint32_t selector;
+    Handler handler;
+};
+
+template <typename Function>
+struct Signature;
+template <typename In, typename Out>
+struct Signature<int32_t (*)(Context&, const In&, Out&)> {
+    using Input = In;
+    using Output = Out;
+};
+
+template <typename Struct>
+inline constexpr std::size_t kSize = std::is_same_v<Struct, Nothing> ? 0 : sizeof(Struct);
+
+/// The bytes around a method on structs: the input must have just its size; the reply starts as zero.
+template <auto method>
+int32_t on_structs(Context& context, std::span<const std::byte> bytes, std::vector<std::byte>& output) {
+    using Input = typename Signature<decltype(method)>::Input;
+    using Output = typename Signature<decltype(method)>::Output;
+    if (bytes.size() != kSize<Input>) return kIOReturnBadArgument;
+    Input input{};
+    Output reply{};
+    if (!bytes.empty()) std::memcpy(static_cast<void*>(&input), bytes.data(), bytes.size());
+    const int32_t status = method(context, input, reply);
+    output.resize(kSize<Output>);
+    if (!output.empty()) std::memcpy(output.data(), static_cast<const void*>(&reply), output.size());
+    return status;
+}
+
+uint64_t now_ns() {
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<nanoseconds>(std::chrono::system_clock::now().time_since_epoch()).count());
+}
+
+/// International atomic time, which PTP counts, is ahead of UTC by this much.
+constexpr uint64_t kTaiOffsetNs = 37'000'000'000u;
+uint64_t tai_ns() {
+    return now_ns() + kTaiOffsetNs;
+}
+
+int32_t done(bool inside_bar) {
+    return inside_bar ? kIOReturnSuccess : kIOReturnBadArgument;
+}
+
+constexpr uint64_t kPageSize = 4096;
+
+/// Where the driver placed an element of a memory block, as the card's DMA engines see it.
+uint64_t bus_address(const Context& context, const wire::IoMemory& block, uint32_t index) {
+    const uint64_t element = (block.elm_size + kPageSize - 1) / kPageSize * kPageSize;
+    return (uint64_t{context.card.settings().id} + 1) << 40 | uint64_t{block.id} << 28 | index * element;
+}
+
+int32_t get_version(Context&, const Nothing&, wire::Version& reply) {
+    reply = {1, 4, 0};
+    return kIOReturnSuccess;
+}
+
+int32_t read_pci32(Context& context, const wire::PciAccess& request, wire::PciAccess& reply) {
+    reply.bar = request.bar;
+    reply.offset = request.offset;
+    return done(context.card.bars.read(request.bar, request.offset, reply.data32));
+}
+
+int32_t read_pci64(Context& context, const wire::PciAccess& request, wire::PciAccess& reply) {
+    reply.bar = request.bar;
+    reply.offset = request.offset;
+    return done(context.card.bars.read(request.bar, request.offset, reply.data64));
+}
+
+int32_t write_pci32(Context& context, const wire::PciAccess& request, Nothing&) {
+    return done(context.card.bars.write(request.bar, request.offset, request.data32));
+}
+
+int32_t write_pci64(Context& context, const wire::PciAccess& request, Nothing&) {
+    return done(context.card.bars.write(request.bar, request.offset, request.data64));
+}
+
+int32_t io_malloc(Context& context, const wire::IoMemory& request, Nothing&) {
+    return context.card.io_memory.try_emplace(request.id, request).second ? kIOReturnSuccess : kIOReturnBusy;
+}
+
+int32_t io_free(Context& context, const wire::IoMemory& request, Nothing&) {
+    return context.card.io_memory.erase(request.id) != 0 ? kIOReturnSuccess : kIOReturnNotFound;
+}
+
+int32_t get_io_bus_address(Context& context, const wire::IoBusAddress& request, wire::IoBusAddress& reply) {
+    const auto block = context.card.io_memory.find(request.id);
+    if (block == context.card.io_memory.end()) return kIOReturnNotFound;
+    if (request.index >= block->second.depth) return kIOReturnBadArgument;
+    reply = {request.id, request.index, bus_address(context, block->second, request.index)};
+    return kIOReturnSuccess;
+}
+
+int32_t get_ptp_time(Context&, const Nothing&, wire::PtpTime& reply) {
+    reply.time = tai_ns();
+    return kIOReturnSuccess;
+}
+
+int32_t get_three_times(Context&, const Nothing&, wire::ThreeTimes& reply) {
+    const uint64_t before = now_ns();
+    reply = {{tai_ns(), before, now_ns()}};
+    return kIOReturnSuccess;
+}
+
+int32_t reset(Context&, const wire::Reset&, Nothing&) {
+    return kIOReturnSuccess;
+}
+
+int32_t reset_buffer(Context&, const Nothing&, Nothing&) {
+    return kIOReturnSuccess;
+}
+
+int32_t enable_interrupt(Context& context, const uint32_t& number, Nothing&) {
+    context.card.interrupts.insert(number);
+    return kIOReturnSuccess;
+}
+
+int32_t disable_interrupt(Context& context, const uint32_t& number, Nothing&) {
+    context.card.interrupts.erase(number);
+    return kIOReturnSuccess;
+}
+
+int32_t process(Context&, const int64_t& process_id, Nothing&) {
+    return process_id > 0 ? kIOReturnSuccess : kIOReturnBadArgument;
+}
+
+int32_t load_boot_conf(Context& context, const Nothing&, wire::BootConf& reply) {
+    const CardSettings& settings = context.card.settings();
+    for (uint32_t i = 0; i < 4; ++i)
+        reply.memory_ids[i] = 0x100 + i;
+    reply.bus = settings.bus;
+    reply.device = settings.device;
+    reply.function = context.function.number;
+    reply.identity_kind = settings.identity_kind;
+    reply.identity = settings.identity;
+    std::memcpy(reply.identity_text, settings.identity_text.data(), settings.identity_text.size());
+    return kIOReturnSuccess;
+}
+
+int32_t set_descriptor_anc(Context& context, const wire::AncDescriptors& request, Nothing&) {
+    if (request.count > wire::kAncSlots) return kIOReturnBadArgument;
+    context.card.anc_descriptors = request.count;
+    return kIOReturnSuccess;
+}
+
+int32_t control_anc(Context& context, const wire::AncControl& request, Nothing&) {
+    context.card.anc_control = request;
+    return kIOReturnSuccess;
+}
+
+int32_t get_anc_info(Context& context, const Nothing&, wire::AncInfo& reply) {
+    reply = {context.card.anc_descriptors, context.card.anc_control.b};
+    return kIOReturnSuccess;
+}
+
+int32_t set_device_conf(Context& context, const wire::DeviceConf& request, Nothing&) {
+    context.card.device_conf = request;
+    return kIOReturnSuccess;
+}
+
+int32_t get_device_conf(Context& context, const Nothing&, wire::DeviceConf& reply) {
+    reply = context.card.device_conf;
+    return kIOReturnSuccess;
+}
+
+int32_t process_data(Context&, const wire::ProcessData& request, Nothing&) {
+    return request.process_id > 0 ? kIOReturnSuccess : kIOReturnBadArgument;
+}
+
+int32_t get_use_resource(Context& context, const Nothing&, wire::UseResource& reply) {
+    reply = context.card.use_resource;
+    return kIOReturnSuccess;
+}
+
+int32_t get_pci_link(Context& context, const Nothing&, wire::PciLink& reply) {
+    reply = context.card.pci_link;
+    return kIOReturnSuccess;
+}
+
+// clang-format off
+constexpr Row kRows[] = {
+    {wire::kGetVersion,                    on_structs<&get_version>},
+    {wire::kReadPci32,                     on_structs<&read_pci32>},
+    {wire::kReadPci64,                     on_structs<&read_pci64>},
+    {wire::kWritePci32,                    on_structs<&write_pci32>},
+    {wire::kWritePci64,                    on_structs<&write_pci64>},
+    {wire::kIoMalloc,                      on_structs<&io_malloc>},
+    {wire::kIoFree,                        on_structs<&io_free>},
+    {wire::kGetIoBusAddress,               on_structs<&get_io_bus_address>},
+    {wire::kGetPtpEpochTime,               on_structs<&get_ptp_time>},
+    {wire::kGetPtpEpochTimeAndSystemTime,  on_structs<&get_three_times>},
+    {wire::kReset,                         on_structs<&reset>},
+    {wire::kResetBuffer,                   on_structs<&reset_buffer>},
+    {wire::kEnableInterrupt,               on_structs<&enable_interrupt>},
+    {wire::kDisableInterrupt,              on_structs<&disable_interrupt>},
+    {wire::kInit,                          on_structs<&process>},
+    {wire::kDeinit,                        on_structs<&process>},
+    {wire::kLoadBootConf,                  on_structs<&load_boot_conf>},
+    {wire::kSetDescriptorAnc,              on_structs<&set_descriptor_anc>},
+    {wire::kControlAnc,                    on_structs<&control_anc>},
+    {wire::kGetAncInfo,                    on_structs<&get_anc_info>},
+    {wire::kSetDeviceConf,                 on_structs<&set_device_conf>},
+    {wire::kGetDeviceConf,                 on_structs<&get_device_conf>},
+    {wire::kRegisterProcessData,           on_structs<&process_data>},
+    {wire::kUnregisterProcessData,         on_structs<&process_data>},
+    {wire::kGetUseResourceData,            on_structs<&get_use_resource>},
+    {wire::kGetPciLinkInfo,                on_structs<&get_pci_link>},
+};
+// clang-format on
+
+}  // namespace
+
+int32_t run_selector(VirtualCard& card, const FunctionSettings& function, uint32_t selector,
+                     std::span<const std::byte> input, std::vector<std::byte>& output) {
+    output.clear();
+    const auto row = std::find_if(std::begin(kRows), std::end(kRows),
+                                  [&](const Row& candidate) { return candidate.selector == selector; });
+    if (row == std::end(kRows)) return kIOReturnUnsupported;
+    Context context{card, function};
+    const std::lock_guard lock(card.mutex);
+    const int32_t status = row->handler(context, input, output);
+    if (status != kIOReturnSuccess) output.clear();
+    return status;
+}
+
+}  // namespace kivsim
