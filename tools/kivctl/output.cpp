@@ -1,0 +1,88 @@
+#include "output.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace kivctl {
+
+namespace {
+
+struct Meaning {
+    kiv_result_t code;
+    const char* name;
+    const char* advice;
+};
+
+// clang-format off
+constexpr Meaning kMeanings[] = {
+    {KIV_ERR_NOT_OPENED,    "KIV_ERR_NOT_OPENED",    "scan the cards first"},
+    {KIV_ERR_NO_DEVICE,     "KIV_ERR_NO_DEVICE",     "see \"kivctl scan\" for the ids of the cards"},
+    {KIV_ERR_BUSY,          "KIV_ERR_BUSY",          "wait until the card's flash is idle"},
+    {KIV_ERR_INVALID_PARAM, "KIV_ERR_INVALID_PARAM", "flash slots are 0 and 1"},
+    {KIV_ERR_NULL_ARGUMENT, "KIV_ERR_NULL_ARGUMENT", "this is a defect of the program"},
+    {KIV_ERR_REST,          "KIV_ERR_REST",          "see whether the card's management server can be reached"},
+    {KIV_ERR_FAILED,        "KIV_ERR_FAILED",        "see the system log, or run again with OS_ACTIVITY_DT_MODE=1"},
+    {KIV_ERR_LOG_BUSY,      "KIV_ERR_LOG_BUSY",      "try again"},
+};
+// clang-format on
+
+}  // namespace
+
+void check(kiv_result_t result, const std::string& operation) {
+    if (result == KIV_OK) return;
+    const auto known = std::find_if(std::begin(kMeanings), std::end(kMeanings),
+                                    [&](const Meaning& meaning) { return meaning.code == result; });
+    const bool found = known != std::end(kMeanings);
+    throw Failure(fmt::format("{} failed: 0x{:08X} {}: {}", operation, result,
+                              found ? known->name : "(driver status)",
+                              found ? known->advice : "see whether the driver is running"));
+}
+
+Output::Output() {
+    const int results = dup(STDOUT_FILENO);
+    results_.reset(results < 0 ? nullptr : fdopen(results, "w"));
+    if (!results_) throw Failure("standard output is not open");
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
+void Output::print(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), results_.get());
+    std::fflush(results_.get());
+}
+
+void Output::print(const Json& json) {
+    print(json.dump(4) + "\n");
+}
+
+void Output::print_table(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i)
+            line += fmt::format("{:<{}}  ", row[i], widths[i]);
+        line.erase(line.find_last_not_of(' ') + 1);
+        print(line + "\n");
+    }
+}
+
+void Output::note(const std::string& text) {
+    std::fprintf(stderr, "kivctl: %s\n", text.c_str());
+}
+
+std::string dotted(uint32_t address) {
+    return fmt::format("{}.{}.{}.{}", address >> 24, address >> 16 & 255, address >> 8 & 255, address & 255);
+}
+
+std::string hex64(uint64_t value) {
+    return fmt::format("0x{:016X}", value);
+}
+
+}  // namespace kivctl
