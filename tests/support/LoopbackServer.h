@@ -1,0 +1,57 @@
+/// A server on a loopback port that keeps each request byte for byte and answers with the bytes that the test
+/// chose.
+#ifndef KIV_TEST_LOOPBACK_SERVER_H
+#define KIV_TEST_LOOPBACK_SERVER_H
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+class LoopbackServer {
+  public:
+    /// What one connection gets: bytes as they stand, after a pause; then the connection ends.
+    struct Reply {
+        std::string bytes;
+        std::chrono::milliseconds pause{0};
+    };
+
+    /// The nth connection gets the nth reply, later ones the last.
+    explicit LoopbackServer(std::vector<Reply> replies);
+    ~LoopbackServer();
+    LoopbackServer(const LoopbackServer&) = delete;
+    LoopbackServer& operator=(const LoopbackServer&) = delete;
+
+    uint16_t port() const { return port_; }
+    std::string url() const;  ///< "http://127.0.0.1:port"
+
+    /// The requests so far, whole: request line, headers, body.
+    std::vector<std::string> requests() const;
+
+    /// A well-formed answer.
+    static Reply http(int status, const std::string& body);
+
+  private:
+    void serve();
+    void answer(int socket, const Reply& reply);
+
+    const std::vector<Reply> replies_;
+    int listener_;
+    int stop_[2];
+    uint16_t port_ = 0;
+    mutable std::mutex mutex_;
+    std::vector<std::string> requests_;
+    std::thread thread_;
+};
+
+/// Body and header lines of a captured request.
+std::string body_of(const std::string& request);
+std::string header_of(const std::string& request, const std::string& name);  ///< Empty when absent.
+std::string request_line_of(const std::string& request);
+
+/// A loopback port that nobody listens on.
+uint16_t unused_port();
+
+#endif

@@ -1,0 +1,41 @@
+/// Virtual cards inside the test process, on a socket of the test's own, seen by everything that the process
+/// calls.
+#ifndef KIV_TEST_RUNNING_SIMULATOR_H
+#define KIV_TEST_RUNNING_SIMULATOR_H
+
+#include <CardSettings.h>
+#include <Simulator.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "TemporaryDirectory.h"
+
+class RunningSimulator {
+  public:
+    /// Sets KIVSIM_SOCKET; without cards the driver process has none.
+    explicit RunningSimulator(std::vector<kivsim::CardSettings> cards = kivsim::default_cards());
+    ~RunningSimulator();
+
+    kivsim::Simulator& operator*() { return *simulator_; }
+    kivsim::Simulator* operator->() { return simulator_.get(); }
+
+    /// Ends the driver process and the servers, as a crash would; connections find nobody.
+    void stop() { simulator_.reset(); }
+
+    /// Every driver event so far, in order (see Trace.h for the keys).
+    std::vector<nlohmann::json> trace() const;
+
+    /// The trace's calls of one selector.
+    std::vector<nlohmann::json> calls(unsigned selector) const;
+
+    std::string socket_path() const { return directory_ / "driver.sock"; }
+
+  private:
+    TemporaryDirectory directory_;
+    std::unique_ptr<kivsim::Simulator> simulator_;
+};
+
+#endif
