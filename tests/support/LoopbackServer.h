@@ -38,9 +38,9 @@ class LoopbackServer {
     void answer(int socket, const Reply& reply);
 
     const std::vector<Reply> replies_;
+    uint16_t port_ = 0;  ///< Before the listener, which sets it.
     int listener_;
     int stop_[2];
-    uint16_t port_ = 0;
     mutable std::mutex mutex_;
     std::vector<std::string> requests_;
     std::thread thread_;

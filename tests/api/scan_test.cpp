@@ -1,0 +1,346 @@
+// The scan over the whole path: driver process, management servers, both real.
+#include <gtest/gtest.h>
+#include <kiv/PeriodicThreadPool.h>
+#include <kiv/kiv_api.h>
+
+#include <algorithm>
+#include <cstring>
+#include <future>
+#include <map>
+
+#include "CapturedLog.h"
+#include "LoopbackServer.h"
+#include "Program.h"
+#include "RunningSimulator.h"
+#include "Waiting.h"
+
+namespace {
+
+using kivsim::CardSettings;
+using Lines = std::vector<std::string>;
+
+constexpr unsigned kReadPci64 = 6;
+constexpr unsigned kInit = 24;
+
+/// A card whose management server is somewhere else.
+CardSettings card_with_server(uint8_t id, uint16_t port) {
+    CardSettings card = kivsim::believable_card(id);
+    card.external_server = true;
+    card.tunnel_port = port;
+    return card;
+}
+
+CardSettings card_with_fault(uint8_t id, kivsim::DriverFault fault) {
+    CardSettings card = kivsim::believable_card(id);
+    card.driver_faults = {fault};
+    return card;
+}
+
+std::map<unsigned, kiv_scan_card_device_t> by_id(const kiv_scan_t& scan) {
+    std::map<unsigned, kiv_scan_card_device_t> cards;
+    for (unsigned i = 0; i < scan.count; ++i)
+        cards[scan.devices[i].device_id] = scan.devices[i];
+    return cards;
+}
+
+/// Every call for one card, with complete pointers.
+kiv_result_t info_of(uint8_t id) {
+    kiv_card_info_t info{};
+    return kiv_get_card_info(id, &info);
+}
+kiv_result_t net_of(uint8_t id) {
+    kiv_net_config_t net{};
+    return kiv_get_media_net_config(id, &net);
+}
+
+class Scan : public testing::Test {
+  protected:
+    ~Scan() override { kiv_close(); }
+};
+
+}  // namespace
+
+TEST_F(Scan, GivesOneRecordForEachCard) {
+    RunningSimulator simulator;
+    kiv_scan_t scan{};
+    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+    ASSERT_EQ(scan.count, 2);
+    const auto cards = by_id(scan);
+    for (const unsigned id : {1u, 2u}) {
+        const kiv_scan_card_device_t& card = cards.at(id);
+        EXPECT_EQ(card.card_word, 0x5354323131300000u | id);
+        EXPECT_EQ(card.ip_address_0, 0xC0A80A0Au + id);
+        EXPECT_EQ(card.ip_address_1, 0xC0A8140Au + id);
+    }
+    // Every function is opened once, after all of them were found.
+    EXPECT_EQ(simulator.calls(kInit).size(), 4u);
+}
+
+TEST_F(Scan, WritesJustTheFieldsThatItHas) {
+    CardSettings card = kivsim::believable_card(7);
+    card.interfaces = {{"lo", "127.0.0.1", "255.0.0.0", "00:00:00:00:00:00"},
+                       {"maceth0", "10.1.2.3", "255.255.240.0", "02:aa:bb:cc:dd:ee:ff:longer"}};
+    RunningSimulator simulator({card});
+    kiv_scan_t scan{};
+    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+
+    kiv_card_info_t info;
+    std::memset(&info, 0xA5, sizeof info);
+    ASSERT_EQ(kiv_get_card_info(7, &info), KIV_OK);
+    EXPECT_EQ(info.reg_18, 0x20260007u);
+    EXPECT_EQ(info.reserved, 0u);
+    EXPECT_STREQ(info.port[0].mac_address, "02:aa:bb:cc:dd:ee");
+    EXPECT_EQ(static_cast<uint8_t>(info.port[1].mac_address[0]), 0xA5);
+    EXPECT_EQ(info.port[1].link_speed_gbps, 100u);
+
+    kiv_net_config_t net;
+    kiv_net_config_t expected;
+    std::memset(&net, 0xA5, sizeof net);
+    std::memset(&expected, 0xA5, sizeof expected);
+    expected.port_0.ip_address_0 = 0x0A010203;
+    expected.port_0.prefix_length_0 = 20;
+    ASSERT_EQ(kiv_get_media_net_config(7, &net), KIV_OK);
+    EXPECT_EQ(std::memcmp(&net, &expected, sizeof net), 0);
+}
+
+TEST_F(Scan, WithoutCardsIsASuccessThatMakesTheManagerActive) {
+    EXPECT_EQ(info_of(1), KIV_ERR_NOT_OPENED);
+    setenv("KIVSIM_SOCKET", "/nonexistent/socket", 1);
+    for (const bool driver_runs : {false, true}) {
+        std::unique_ptr<RunningSimulator> simulator;
+        if (driver_runs) simulator = std::make_unique<RunningSimulator>(std::vector<CardSettings>{});
+        testing::internal::CaptureStdout();
+        kiv_scan_t scan{9, nullptr};
+        EXPECT_EQ(kiv_scan(&scan), KIV_OK);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fail open device\n");
+        EXPECT_EQ(scan.count, 0);
+        EXPECT_EQ(info_of(1), KIV_ERR_NO_DEVICE);
+    }
+}
+
+TEST_F(Scan, ChecksManagerThenIdThenPointers) {
+    RunningSimulator simulator;
+    CapturedLog log;
+    const auto null_calls = [](uint8_t id) {
+        return std::vector{kiv_get_card_info(id, nullptr), kiv_get_media_net_config(id, nullptr)};
+    };
+    EXPECT_EQ(null_calls(1), std::vector(2, KIV_ERR_NOT_OPENED));
+    kiv_scan_t scan{};
+    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+    log.again();
+    const std::size_t traffic = simulator.calls(kReadPci64).size();
+    EXPECT_EQ(null_calls(3), std::vector(2, KIV_ERR_NO_DEVICE));
+    EXPECT_EQ(null_calls(1), std::vector(2, KIV_OK));
+    // The polls read the status register too; a null pointer reads no identification register.
+    for (std::size_t i = traffic; i < simulator.calls(kReadPci64).size(); ++i) {
+        EXPECT_NE(simulator.calls(kReadPci64)[i]["input"].get<std::string>().substr(16, 4), "0000");
+    }
+    kiv_close();
+    EXPECT_EQ(null_calls(1), std::vector(2, KIV_ERR_NOT_OPENED));
+    EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(Scan, NeedsARecordToFill) {
+    RunningSimulator simulator;
+    CapturedLog log;
+    kiv_scan_t scan{};
+    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+    log.again();
+    log.take();
+    EXPECT_EQ(kiv_scan(nullptr), KIV_ERR_NULL_ARGUMENT);
+    EXPECT_EQ(kiv_scan_internal(nullptr), KIV_ERR_NULL_ARGUMENT);
+    EXPECT_EQ(kiv_get_id_selected_ptp_card(nullptr), KIV_ERR_NULL_ARGUMENT);
+    EXPECT_EQ(log.take(), Lines(3, "Argument is NULL"));
+    EXPECT_EQ(info_of(1), KIV_OK) << "the manager of the scan before stays";
+}
+
+TEST_F(Scan, FailsWithAllOfItsCardsWhenOneDoesNotOpen) {
+    struct Case {
+        const char* what;
+        CardSettings bad;
+        Lines lines;
+    };
+    LoopbackServer no_interfaces({LoopbackServer::http(200, R"({"data":{}})")});
+    LoopbackServer wrong_type({LoopbackServer::http(200, R"({"data":{"interfaces":[{"if_name":1}]}})")});
+    const uint16_t closed = unused_port();
+    const std::string closed_url = "http://127.0.0.1:" + std::to_string(closed) + "/api/v1.0";
+    CardSettings no_function_0 = kivsim::believable_card(5);
+    no_function_0.functions.erase(no_function_0.functions.begin());
+    const Case cases[] = {
+        {"server down",
+         card_with_server(5, closed),
+         {"Couldn't connect to server", "network error", "Couldn't connect to server", "network error",
+          "Couldn't connect to server", "network error", "HTTP Network error: retry over",
+          "Fail HTTP request url=" + closed_url, "[5]Open Fail"}},
+        {"no interface list",
+         card_with_server(5, no_interfaces.port()),
+         {"Fail HTTP request url=" + no_interfaces.url() + "/api/v1.0", "[5]Open Fail"}},
+        {"interface list of a wrong type", card_with_server(5, wrong_type.port()), {"[5]Open Fail"}},
+        {"driver refuses", card_with_fault(5, {kInit, {}, -1, 0, {}}), {"[5]Open Fail"}},
+        {"no function 0, so no server address", no_function_0, {"[5]Open Fail"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        RunningSimulator simulator({c.bad});
+        CapturedLog log;
+        kiv_scan_t scan{9, nullptr};
+        EXPECT_EQ(kiv_scan(&scan), KIV_ERR_FAILED);
+        EXPECT_EQ(log.take(), c.lines);
+        EXPECT_EQ(scan.count, 9) << "a failed scan writes nothing";
+        EXPECT_NE(info_of(5), KIV_ERR_NOT_OPENED) << "the manager stays active";
+    }
+}
+
+TEST_F(Scan, FailsWhenACardDoesNotGiveItsRecord) {
+    // The server gives its interfaces when it is opened and then no more, or something else.
+    const auto good = LoopbackServer::http(200, R"({"data":{"interfaces":[]}})");
+    const auto bad_mask = LoopbackServer::http(
+        200,
+        R"({"data":{"interfaces":[{"if_name":"maceth0","ip_addr":"10.0.0.1","netmask":"none","hw_addr":""}]}})");
+    LoopbackServer falls_silent({good, LoopbackServer::http(503, "busy")});
+    LoopbackServer turns_bad({good, bad_mask});
+    kivsim::DriverFault unreadable;
+    unreadable.selector = kReadPci64;
+    unreadable.status = -536870212;  // 0xE00002BC
+    unreadable.nth = 5;              // The last of the five registers, whose value is not even used.
+    const std::pair<CardSettings, Lines> cases[] = {
+        {card_with_server(5, falls_silent.port()),
+         {"HTTP Server error status=503, msg=http status 503", "Fail get_interface_info",
+          "[5]kiv_get_media_net_config in kiv_scan"}},
+        {card_with_server(5, turns_bad.port()), {"[5]kiv_get_media_net_config in kiv_scan"}},
+        {card_with_fault(5, unreadable), {"[5]kiv_get_card_info in kiv_scan"}},
+    };
+    for (const auto& [card, expected] : cases) {
+        RunningSimulator simulator({card});
+        testing::internal::CaptureStdout();  // The open has sent the log back to its back end.
+        setenv("OS_ACTIVITY_DT_MODE", "1", 1);
+        testing::internal::CaptureStderr();
+        kiv_scan_t scan{};
+        EXPECT_EQ(kiv_scan(&scan), KIV_ERR_FAILED);
+        testing::internal::GetCapturedStdout();
+        const std::string mirrored = testing::internal::GetCapturedStderr();
+        std::size_t at = 0;
+        for (const std::string& line : expected) {
+            at = mirrored.find(line + "\n", at);
+            EXPECT_NE(at, std::string::npos) << line << " is not there, or not in order:\n" << mirrored;
+        }
+    }
+}
+
+TEST_F(Scan, ReplacesTheCardsOfTheOneBefore) {
+    auto simulator = std::make_unique<RunningSimulator>();
+    kiv_scan_t scan{};
+    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+    simulator = nullptr;
+    EXPECT_EQ(info_of(1), KIV_ERR_FAILED) << "the driver process is gone";
+    EXPECT_EQ(net_of(1), KIV_ERR_REST) << "and the servers";
+
+    simulator = std::make_unique<RunningSimulator>(
+        std::vector{card_with_server(3, unused_port()), kivsim::believable_card(4)});
+    EXPECT_EQ(kiv_scan(&scan), KIV_ERR_FAILED);
+    EXPECT_EQ(info_of(1), KIV_ERR_NO_DEVICE);
+
+    simulator = nullptr;
+    simulator = std::make_unique<RunningSimulator>(std::vector{kivsim::believable_card(4)});
+    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+    ASSERT_EQ(scan.count, 1);
+    EXPECT_EQ(scan.devices[0].device_id, 4);
+    // The connections of the first scan of this process are closed: each opened one is, but for the living
+    // two.
+    long open = 0;
+    for (const auto& event : simulator->trace()) {
+        if (event["event"] == "open" && event["status"] == "0x00000000") ++open;
+        if (event["event"] == "close") --open;
+    }
+    EXPECT_EQ(open, 2);
+}
+
+TEST_F(Scan, OfTheInternalKindKeepsTheTunnelsOfTheFirst) {
+    auto simulator = std::make_unique<RunningSimulator>(std::vector{kivsim::believable_card(4)});
+    kiv_scan_internal_t first{};
+    ASSERT_EQ(kiv_scan_internal(&first), KIV_OK);
+    ASSERT_EQ(first.count, 1);
+    const kiv_scan_card_device_internal_t tunnel = first.internal[0];
+    EXPECT_EQ(tunnel.tunnel_address, 0x7F000001u);
+    EXPECT_EQ("127.0.0.1:" + std::to_string(tunnel.tunnel_value), (*simulator)->server_addresses()[0]);
+
+    simulator = nullptr;
+    simulator = std::make_unique<RunningSimulator>();
+    kiv_scan_internal_t second{};
+    ASSERT_EQ(kiv_scan_internal(&second), KIV_OK);
+    ASSERT_EQ(second.count, 2);
+    EXPECT_EQ(second.internal[0].tunnel_value, tunnel.tunnel_value) << "not a port of the second scan";
+    EXPECT_EQ("127.0.0.1:" + std::to_string(second.internal[1].tunnel_value),
+              (*simulator)->server_addresses()[second.devices[0].device_id - 1u]);
+}
+
+TEST_F(Scan, SelectsNoPtpCardUnlessItsOwnerDid) {
+    uint8_t id = 77;
+    EXPECT_EQ(kiv_get_id_selected_ptp_card(&id), KIV_ERR_FAILED) << "before a scan";
+    CardSettings no_function_0 = kivsim::believable_card(5);
+    no_function_0.functions.erase(no_function_0.functions.begin());
+    for (const auto& cards : {kivsim::default_cards(), std::vector{no_function_0}}) {
+        RunningSimulator simulator(cards);
+        kiv_scan_t scan{};
+        kiv_scan(&scan);
+        EXPECT_EQ(kiv_get_id_selected_ptp_card(&id), KIV_ERR_FAILED);
+    }
+    EXPECT_EQ(id, 77);
+}
+
+TEST_F(Scan, AndCloseDoNothingOnAThreadOfTheLibrary) {
+    RunningSimulator simulator;
+    kiv_scan_t scan{};
+    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+    std::promise<std::pair<kiv_result_t, kiv_result_t>> results;
+    kiv::device::thread::PeriodicThreadPool pool(1);
+    pool.post([&] {
+        kiv_scan_t inner{};
+        const kiv_result_t scanned = kiv_scan(&inner);
+        results.set_value({scanned, kiv_close()});
+    });
+    EXPECT_EQ(results.get_future().get(), std::pair(KIV_ERR_FAILED, KIV_OK));
+    EXPECT_EQ(info_of(1), KIV_OK) << "the cards are still there";
+}
+
+TEST_F(Scan, MayBeClosedWithoutOneAndTwice) {
+    EXPECT_EQ(kiv_close(), KIV_OK);
+    RunningSimulator simulator;
+    kiv_scan_t scan{};
+    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+    EXPECT_EQ(kiv_close(), KIV_OK);
+    EXPECT_EQ(kiv_close(), KIV_OK);
+    EXPECT_EQ(info_of(1), KIV_ERR_NOT_OPENED);
+    EXPECT_EQ(kiv_scan(&scan), KIV_OK) << "no new open is needed";
+}
+
+TEST_F(Scan, EndsWithACodeWhenTheDriverProcessIsKilledUnderIt) {
+    TemporaryDirectory directory;
+    // Opening the connections takes for ever: the process is gone before the first answer.
+    write_file(directory / "cards.json",
+               R"({"cards":[{"id":1,"driver_faults":[{"selector":24,"delay_ms":60000}]}]})");
+    const std::string socket = directory / "driver.sock";
+    Program kivsim({KIVSIM_PROGRAM, "--config", directory / "cards.json", "--socket", socket});
+    ASSERT_FALSE(kivsim.read_line().empty());
+    setenv("KIVSIM_SOCKET", socket.c_str(), 1);
+    kiv_scan_t scan{};
+    auto result = std::async(std::launch::async, [&] { return kiv_scan(&scan); });
+    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    const Stopwatch watch;
+    kivsim.send_signal(SIGKILL);
+    EXPECT_EQ(result.get(), KIV_ERR_FAILED);
+    EXPECT_LT(watch.elapsed(), std::chrono::seconds(10));
+}
+
+/// The process ends here, with its polls running and no close.
+TEST(ScanThenExit, NeedsNoClose) {
+    RunningSimulator simulator;
+    EXPECT_EXIT(
+        {
+            RunningSimulator of_child;
+            kiv_scan_t scan{};
+            const kiv_result_t result = kiv_scan(&scan);
+            std::exit(result == KIV_OK ? 42 : 1);
+        },
+        testing::ExitedWithCode(42), "");
+}
