@@ -5,6 +5,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <tuple>
 
 namespace kiv::config {
 
@@ -18,6 +19,8 @@ struct Field {
     const char* key;
     Value Record::*member;
 };
+template <typename Record, typename Value>
+Field(const char*, Value Record::*) -> Field<Record, Value>;
 
 // clang-format off
 constexpr std::tuple kPtpFields{

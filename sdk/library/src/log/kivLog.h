@@ -78,9 +78,11 @@ KIV_API kiv_result_t kivLog_dispatch_spdlog(kiv_log_level_t level, const char* f
 #ifdef __cplusplus
 }
 
-namespace kiv::log {
+namespace kiv {
+namespace log {
 struct LogConfig;
 }
+}  // namespace kiv
 
 /*
  * As kivLog_open, with the caller's back-end settings (LogManager.h) in place of the defaults. When `config`
