@@ -25,7 +25,9 @@ class Node {
   public:
     Node(const Json& json, std::string way) : json_(json), way_(std::move(way)) {}
 
-    [[noreturn]] void complain(const std::string& what) const { throw BadConfig(way_ + ": " + what); }
+    [[noreturn]] void complain(const std::string& what) const {
+        throw BadConfig(is_root() ? way_ + "the file " + what : way_ + ": " + what);
+    }
 
     /// The members of an object; complains about keys that are not in `known`.
     void members(std::initializer_list<const char*> known) const {
@@ -33,15 +35,15 @@ class Node {
         for (const auto& [key, value] : json_.items()) {
             const auto same = [&key = key](const char* name) { return key == name; };
             if (std::none_of(known.begin(), known.end(), same)) {
-                throw BadConfig(way_ + "." + key + ": unknown key");
+                throw BadConfig(way_to(key) + ": unknown key");
             }
         }
     }
     bool has(const char* key) const { return json_.contains(key); }
     Node at(const char* key) const {
         if (!json_.is_object()) complain("must be an object");
-        if (!has(key)) throw BadConfig(way_ + "." + key + ": missing");
-        return Node(json_.at(key), way_ + "." + key);
+        if (!has(key)) throw BadConfig(way_to(key) + ": missing");
+        return Node(json_.at(key), way_to(key));
     }
 
     template <typename Use>
@@ -54,7 +56,7 @@ class Node {
     void each_member(Use use) const {
         if (!json_.is_object()) complain("must be an object");
         for (const auto& [key, value] : json_.items())
-            use(key, Node(value, way_ + "." + key));
+            use(key, Node(value, way_to(key)));
     }
 
     std::string text() const {
@@ -92,8 +94,11 @@ class Node {
     }
 
   private:
+    bool is_root() const { return way_.ends_with(": "); }
+    std::string way_to(const std::string& key) const { return way_ + (is_root() ? "" : ".") + key; }
+
     const Json& json_;
-    const std::string way_;
+    const std::string way_;  ///< "FILE: " for the root, then the keys.
 };
 
 template <typename Number>
@@ -189,7 +194,10 @@ CardSettings card_of(const Node& node) {
     take(node, "bus", card.bus);
     take(node, "device", card.device);
     if (node.has("functions")) card.functions = functions_of(node.at("functions"));
-    if (node.has("registers")) take_registers(node.at("registers"), card.registers);
+    if (node.has("registers")) {
+        card.registers.clear();
+        take_registers(node.at("registers"), card.registers);
+    }
     if (node.has("addresses")) {
         std::vector<uint32_t> addresses;
         node.at("addresses").each([&](const Node& item) { addresses.push_back(item.address()); });
@@ -256,22 +264,17 @@ std::vector<CardSettings> load_cards(const std::string& path) {
     Json root;
     try {
         root = Json::parse(file);
-    } catch (const Json::exception& error) {
+    } catch (const std::exception& error) {
         throw BadConfig(path + ": " + error.what());
     }
     std::vector<CardSettings> cards;
-    try {
-        const Node top(root, "cards.json");
-        top.members({"cards"});
-        std::set<uint8_t> ids;
-        top.at("cards").each([&](const Node& item) {
-            cards.push_back(card_of(item));
-            if (!ids.insert(cards.back().id).second) item.at("id").complain("is another card's");
-        });
-    } catch (const BadConfig& error) {
-        // The way begins with a placeholder for the root: the file's own name takes its place.
-        throw BadConfig(path + ": " + std::string(error.what()).substr(std::string("cards.json").size() + 1));
-    }
+    const Node top(root, path + ": ");
+    top.members({"cards"});
+    std::set<uint8_t> ids;
+    top.at("cards").each([&](const Node& item) {
+        cards.push_back(card_of(item));
+        if (!ids.insert(cards.back().id).second) item.at("id").complain("is another card's");
+    });
     return cards;
 }
 

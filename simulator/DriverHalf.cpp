@@ -43,9 +43,17 @@ sockaddr_un address_of(const std::string& path) {
     return address;
 }
 
-bool somebody_serves(const sockaddr_un& address) {
-    const Descriptor probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    return probe && connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+/// Makes way for a socket at `path`: removes one whose process is gone. Throws when anything else is there.
+void make_way(const std::string& path, const sockaddr_un& address) {
+    struct stat found {};
+    if (lstat(path.c_str(), &found) != 0) return;
+    if (!S_ISSOCK(found.st_mode)) throw std::runtime_error(path + ": exists and is not a socket");
+    const Descriptor probe = checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0), "socket");
+    if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        throw std::runtime_error(path + ": another simulator serves this socket");
+    }
+    if (errno != ECONNREFUSED) throw std::runtime_error(path + ": somebody else serves this socket");
+    unlink(path.c_str());
 }
 
 std::vector<std::byte> reply_message(int32_t status, const void* payload, std::size_t size) {
@@ -61,7 +69,7 @@ std::vector<std::byte> reply_message(int32_t status, const void* payload, std::s
 
 DriverHalf::DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::string socket_path,
                        const std::string& trace_path)
-    : first_entry_(fresh_entries()), socket_path_(std::move(socket_path)), trace_(trace_path) {
+    : first_entry_(fresh_entries()), socket_path_(std::move(socket_path)) {
     for (const auto& card : cards) {
         for (const FunctionSettings& function : card->settings().functions) {
             services_.push_back({card, function,
@@ -70,6 +78,13 @@ DriverHalf::DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::str
         }
     }
     listen_on(socket_path_);
+    try {
+        trace_ = std::make_unique<Trace>(
+            trace_path);  // Now that the socket is ours: no other simulator writes there.
+    } catch (...) {
+        unlink(socket_path_.c_str());
+        throw;
+    }
     thread_ = std::thread([this] { serve(); });
 }
 
@@ -82,12 +97,7 @@ DriverHalf::~DriverHalf() {
 
 void DriverHalf::listen_on(const std::string& path) {
     const sockaddr_un address = address_of(path);
-    if (somebody_serves(address)) throw std::runtime_error(path + ": another simulator serves this socket");
-    struct stat found {};
-    if (lstat(path.c_str(), &found) == 0) {
-        if (!S_ISSOCK(found.st_mode)) throw std::runtime_error(path + ": exists and is not a socket");
-        unlink(path.c_str());  // Left over from a process that is gone.
-    }
+    make_way(path, address);
     listener_ = checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
     if (bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         chmod(path.c_str(), 0600) != 0 || listen(listener_.get(), SOMAXCONN) != 0) {
@@ -172,7 +182,7 @@ std::vector<std::byte> DriverHalf::answer(Client& client, const std::vector<std:
     }
     if (client.service == nullptr) return reply_message(kIOReturnNotOpen, nullptr, 0);
     if (request.kind == KIVPLATFORM_CLOSE) {
-        trace_.close(client.number, client.service->name);
+        trace_->close(client.number, client.service->name);
         client.service = nullptr;
         return reply_message(kIOReturnSuccess, nullptr, 0);
     }
@@ -185,7 +195,7 @@ std::vector<std::byte> DriverHalf::answer(Client& client, const std::vector<std:
     int32_t status = fault.status;
     if (status == 0) status = run_selector(card, client.service->function, request.number, payload, output);
     if (fault.reply_size && *fault.reply_size < output.size()) output.resize(*fault.reply_size);
-    trace_.call(client.number, client.service->name, request.number, payload, status, output);
+    trace_->call(client.number, client.service->name, request.number, payload, status, output);
     return reply_message(status, output.data(), output.size());
 }
 
@@ -194,7 +204,7 @@ int32_t DriverHalf::open_service(Client& client, uint64_t entry, uint32_t type) 
     if (entry < first_entry_ || entry - first_entry_ >= services_.size()) return kIOReturnNoDevice;
     const Service& service = services_[entry - first_entry_];
     const int32_t status = type == service.function.connection_type ? kIOReturnSuccess : kIOReturnUnsupported;
-    trace_.open(client.number, service.name, type, status);
+    trace_->open(client.number, service.name, type, status);
     if (status == kIOReturnSuccess) client.service = &service;
     return status;
 }
@@ -224,7 +234,7 @@ int DriverHalf::next_wait() const {
 void DriverHalf::hang_up(uint64_t number) {
     const auto client = clients_.find(number);
     if (client == clients_.end()) return;
-    if (client->second.service != nullptr) trace_.close(number, client->second.service->name);
+    if (client->second.service != nullptr) trace_->close(number, client->second.service->name);
     clients_.erase(client);
 }
 

@@ -67,7 +67,7 @@ class DriverHalf {
     const uint64_t first_entry_;  ///< Entry ids differ between driver processes.
     std::vector<Service> services_;
     const std::string socket_path_;
-    Trace trace_;
+    std::unique_ptr<Trace> trace_;
     Descriptor listener_;
     Descriptor epoll_;
     Descriptor stop_;

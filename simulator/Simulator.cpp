@@ -27,13 +27,18 @@ void raise_descriptor_limit() {
 /// socket.
 std::string usual_socket() {
     char path[KIVPLATFORM_SOCKET_PATH_SIZE];
-    if (!kivplatform_driver_socket(path)) {
+    bool usable = kivplatform_driver_socket(path);
+    const char* const chosen = getenv("KIVSIM_SOCKET");
+    if (usable && (chosen == nullptr || *chosen == '\0')) {
+        mkdir(std::filesystem::path(path).parent_path().c_str(), 0700);
+        usable = kivplatform_driver_socket(path);  // Somebody else may have made it in between.
+    }
+    if (!usable) {
         throw std::runtime_error(
             "the socket that programs look at cannot be used: KIVSIM_SOCKET is too long, or the directory "
             "/tmp/kivsim-" +
             std::to_string(getuid()) + " is not this user's own with mode 0700");
     }
-    if (getenv("KIVSIM_SOCKET") == nullptr) mkdir(std::filesystem::path(path).parent_path().c_str(), 0700);
     return path;
 }
 

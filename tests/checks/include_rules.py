@@ -8,7 +8,7 @@ import sys
 
 # A room: the files that are in it (first match wins).
 ROOMS = [
-    ("base", r"sdk/library/src/(kiv_export|kiv_types|vendor)\.h"),
+    ("base", r"sdk/library/src/(kiv_export|kiv_types|vendor|guarded)\.h"),
     ("thread", r"sdk/library/src/device/thread/"),
     ("device interfaces", r"sdk/library/src/device/(IDevice\w+|DeviceInfo)\.h"),
     ("device", r"sdk/library/src/device/"),

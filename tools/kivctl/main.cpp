@@ -9,11 +9,20 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
-/// Opens the library for one command. kiv_open throws for a configuration file that cannot be used.
+/// kiv_open throws for a configuration file that cannot be used.
+void open_library() {
+    const kiv_log_config_t log{KIV_LOG_LEVEL_INFO};
+    try {
+        kivctl::check(kiv_open(&log), "open");
+    } catch (const std::runtime_error& error) {
+        throw kivctl::Failure(std::string(error.what()) +
+                              "\n        see examples/hps_boot.json for a card configuration");
+    }
+}
+
 void run(const kivctl::Command& command, const kivctl::Request& request) {
     kivctl::Output output;
-    const kiv_log_config_t log{KIV_LOG_LEVEL_INFO};
-    kivctl::check(kiv_open(&log), "open");
+    open_library();
     command.run(request, output);
     kiv_close();
 }

@@ -50,7 +50,7 @@ Output::Output() {
 
 void Output::print(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), results_.get());
-    std::fflush(results_.get());
+    if (std::fflush(results_.get()) != 0) throw Failure("standard output cannot be written");
 }
 
 void Output::print(const Json& json) {

@@ -85,14 +85,15 @@ struct ReleaseDictionary {
 /// Entry ids of the services with that name; an error only for a driver process that does not answer as it
 /// should.
 kern_return_t list_services(const std::string& name, std::deque<uint64_t>& entries) {
-    const auto conversation = Conversation::start();
-    if (!conversation) return kIOReturnSuccess;
+    kern_return_t status = kIOReturnSuccess;
+    const auto conversation = Conversation::start(status);
+    if (!conversation) return status;
     kivplatform_request request{};
     request.kind = KIVPLATFORM_LIST;
     std::vector<uint64_t> found(KIVPLATFORM_MESSAGE_SIZE / sizeof(uint64_t));
     std::size_t produced = 0;
-    const kern_return_t status = conversation->ask(request, name.data(), name.size(),
-                                                   std::as_writable_bytes(std::span(found)), produced);
+    status = conversation->ask(request, name.data(), name.size(), std::as_writable_bytes(std::span(found)),
+                               produced);
     if (status != kIOReturnSuccess) return status;
     const auto count = static_cast<std::ptrdiff_t>(produced / sizeof(uint64_t));
     entries.assign(found.begin(), found.begin() + count);
@@ -147,10 +148,11 @@ kern_return_t IOServiceOpen(io_service_t service, task_port_t, uint32_t type, io
         return kIOReturnBadArgument;
     }
     Object connection{Object::Kind::Connection};
-    connection.conversation = Conversation::start();
-    if (!connection.conversation) return MACH_SEND_INVALID_DEST;
+    kern_return_t status = kIOReturnSuccess;
+    connection.conversation = Conversation::start(status);
+    if (!connection.conversation) return status != kIOReturnSuccess ? status : MACH_SEND_INVALID_DEST;
     std::size_t produced = 0;
-    const kern_return_t status = connection.conversation->ask(request, nullptr, 0, {}, produced);
+    status = connection.conversation->ask(request, nullptr, 0, {}, produced);
     if (status == kIOReturnSuccess) *connect = names().add(std::move(connection));
     return status;
 }

@@ -11,9 +11,10 @@ struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
 };
 
-/// Pages that the kernel lends to every process; the platform's own query does not show such.
+/// Pages that the kernel lends to every process ([vvar] may be several); the platform's own query does not
+/// show such.
 bool lent_by_kernel(const char* line) {
-    return std::strstr(line, "[vsyscall]") != nullptr || std::strstr(line, "[vvar]") != nullptr;
+    return std::strstr(line, "[vsyscall]") != nullptr || std::strstr(line, "[vvar") != nullptr;
 }
 
 }  // namespace

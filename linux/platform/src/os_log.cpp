@@ -62,7 +62,10 @@ std::string without_privacy_notes(const char* format) {
     for (const char* at = format; *at != '\0'; ++at) {
         plain += *at;
         if (*at != '%') continue;
-        if (at[1] == '%') plain += *++at;
+        if (at[1] == '%') {
+            plain += *++at;
+            continue;
+        }
         if (at[1] != '{') continue;
         const char* end = std::strchr(at, '}');
         if (end == nullptr) break;

@@ -14,12 +14,14 @@
 
 namespace kivplatform {
 
-std::shared_ptr<Conversation> Conversation::start() {
+std::shared_ptr<Conversation> Conversation::start(kern_return_t& status) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     static_assert(sizeof address.sun_path == KIVPLATFORM_SOCKET_PATH_SIZE);
+    status = kIOReturnNotPermitted;
     if (!kivplatform_driver_socket(address.sun_path)) return nullptr;
 
+    status = kIOReturnNoResources;
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0) return nullptr;
     std::shared_ptr<Conversation> conversation(new Conversation(fd));
@@ -27,6 +29,8 @@ std::shared_ptr<Conversation> Conversation::start() {
     do {
         result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     } while (result != 0 && errno == EINTR);
+    if (result == 0 || errno == ENOENT || errno == ENOTDIR || errno == ECONNREFUSED)
+        status = kIOReturnSuccess;
     return result == 0 ? conversation : nullptr;
 }
 
@@ -108,5 +112,6 @@ bool kivplatform_driver_socket(char path[KIVPLATFORM_SOCKET_PATH_SIZE]) {
 }
 
 bool kivplatform_driver_running() {
-    return kivplatform::Conversation::start() != nullptr;
+    kern_return_t ignored = 0;
+    return kivplatform::Conversation::start(ignored) != nullptr;
 }

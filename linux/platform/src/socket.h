@@ -14,8 +14,9 @@ namespace kivplatform {
 
 class Conversation {
   public:
-    /// A new conversation, or null when no driver process listens.
-    static std::shared_ptr<Conversation> start();
+    /// A new conversation. Empty with status 0 when there is no driver process, with an error when there may
+    /// be one that cannot be reached.
+    static std::shared_ptr<Conversation> start(kern_return_t& status);
 
     ~Conversation();
     Conversation(const Conversation&) = delete;

@@ -9,13 +9,12 @@
 
 void driver_log(int line, const char* format, ...) {
     if (!os_log_type_enabled(OS_LOG_DEFAULT, OS_LOG_TYPE_ERROR)) return;
-    char text[512];  // The longest message is far shorter.
+    // Long enough for every message but that of a service name beyond all measure, which is cut.
+    char text[1024];
+    const int prefix = std::snprintf(text, sizeof text, "[%s::%d]LIBKIVXDEV: ", kiv::kVendorIdentifier, line);
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(text, sizeof text, format, arguments);
+    std::vsnprintf(text + prefix, sizeof text - static_cast<std::size_t>(prefix), format, arguments);
     va_end(arguments);
-
-    char whole[sizeof text + 128];
-    std::snprintf(whole, sizeof whole, "[%s::%d]LIBKIVXDEV: %s", kiv::kVendorIdentifier, line, text);
-    os_log_with_type(OS_LOG_DEFAULT, OS_LOG_TYPE_ERROR, "%{public}s", whole);
+    os_log_with_type(OS_LOG_DEFAULT, OS_LOG_TYPE_ERROR, "%{public}s", text);
 }

@@ -15,11 +15,10 @@
 class kivDriverClient;
 using kivDriverClientList = std::vector<std::shared_ptr<kivDriverClient>>;
 
-/// Operations return 0, the platform's status when a call fails, or -1 when the client is closed or an
-/// argument is bad (each with a line in the platform log). Results are 0 when a call fails, unless said
-/// otherwise.
+/// Operations return 0, the platform's status when a call fails, or -1, with a line in the platform log, when
+/// the client is closed or an argument is bad. Results are 0 when a call fails, unless said otherwise.
 ///
-/// Threads: driver calls may be made from any thread at once; close() aborts those under way.
+/// Threads: driver calls may be made from any thread at once; close() waits for those under way.
 class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_from_this<kivDriverClient> {
   public:
     static constexpr uint8_t pf0_st2110_id = 22;  ///< ST 2110 media function, PCI function 0.
@@ -81,8 +80,7 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     bool isOpen() const { return connect_ != 0; }
     uint8_t get_func_id() const { return func_id_; }
 
-    // ---- Driver calls
-    // ----------------------------------------------------------------------------------------------
+    // ---- Driver calls -----------------------------------------------------------------------------------
 
     int32_t init();    ///< This process to the driver's list of users ...
     int32_t deinit();  ///< ... and off it.
@@ -126,8 +124,7 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     int32_t get_use_resource_data(use_resource& resource);  ///< Untouched on failure.
     int32_t get_pci_link_info(pci_link_info& info);         ///< Untouched on failure.
 
-    // ---- Lookup in a list of clients: the first match in list order
-    // ------------------------------------------------
+    // ---- Lookup in a list of clients: the first match in list order -------------------------------------
 
     /// The `index`-th client, from 0, of that function id.
     static kivDriverClient* get_class_ptr_iterator(kivDriverClientList& list, uint8_t index, uint8_t func_id);

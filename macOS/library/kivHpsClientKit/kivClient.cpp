@@ -19,10 +19,15 @@ namespace {
 constexpr const char* kSource = "macOS/library/kivHpsClientKit/kivClient";
 constexpr int kLogLine = 56;
 constexpr const char* kJson = "application/json";
+constexpr std::size_t kReadBlock = 65536;
 constexpr const char* kBoundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW";
 
-/// libcurl counts its initialisations, but not every build of it does so under a lock.
-std::mutex g_curl_mutex;
+/// libcurl counts its initialisations, but not every build of it does so under a lock. Never destroyed:
+/// clients may end late in the process's exit.
+std::mutex& curl_mutex() {
+    static std::mutex& instance = *new std::mutex;
+    return instance;
+}
 
 struct CleanUp {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
@@ -77,21 +82,23 @@ bool read_form(const std::string& file_path, std::string& form) try {
     if (std::filesystem::is_directory(file_path, ignored)) return false;
     std::ifstream file(file_path, std::ios::binary);
     if (!file.is_open()) return false;
-    file.seekg(0, std::ios::end);
-    const std::streamoff size = file.tellg();
-    file.seekg(0);
-    if (size < 0 || !file) return false;
 
     const std::string name = std::filesystem::path(file_path).filename().string();
     const std::string head = std::string("--") + kBoundary +
                              "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + name +
                              "\"\r\nContent-Type: application/octet-stream\r\n\r\n";
     const std::string tail = std::string("\r\n--") + kBoundary + "--\r\n";
-    form.reserve(head.size() + static_cast<std::size_t>(size) + tail.size());
+    // Room for the whole form at once; what has no size (a pipe) makes it grow.
+    const std::uintmax_t size = std::filesystem::file_size(file_path, ignored);
+    form.reserve(head.size() + (ignored ? 0 : static_cast<std::size_t>(size)) + tail.size());
     form = head;
-    form.resize(head.size() + static_cast<std::size_t>(size));
-    file.read(form.data() + head.size(), size);
-    if (file.gcount() != size) return false;
+    while (file) {
+        const std::size_t filled = form.size();
+        form.resize(filled + kReadBlock);
+        file.read(form.data() + filled, static_cast<std::streamsize>(kReadBlock));
+        form.resize(filled + static_cast<std::size_t>(file.gcount()));
+    }
+    if (file.bad()) return false;
     form += tail;
     return true;
 } catch (const std::exception&) {
@@ -101,12 +108,12 @@ bool read_form(const std::string& file_path, std::string& form) try {
 }  // namespace
 
 HttpClient::HttpClient(std::string base_url) : base_url_(std::move(base_url)) {
-    const std::lock_guard lock(g_curl_mutex);
+    const std::lock_guard lock(curl_mutex());
     curl_global_init(CURL_GLOBAL_ALL);
 }
 
 HttpClient::~HttpClient() {
-    const std::lock_guard lock(g_curl_mutex);
+    const std::lock_guard lock(curl_mutex());
     curl_global_cleanup();
 }
 

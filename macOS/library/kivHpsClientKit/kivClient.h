@@ -13,8 +13,8 @@ struct HttpResult {
     bool success = false;  ///< The server answered with a status of 200 to 299 (and a download was written).
     int64_t status = 0;    ///< HTTP status; 0 when there was no answer or nothing was sent.
     std::string body;      ///< The response body, byte for byte.
-    /// Empty on success, else: "retry over" (no attempt got an answer), "http status " and the status,
-    /// "file open error", "file write error" or "exception on file write".
+    /// Empty on success, else: "retry over" (no attempt got an answer), "http status " and the status, "file
+    /// open error", "file write error" or "exception on file write".
     std::string error;
 };
 

@@ -5,20 +5,11 @@
 
 #include <memory>
 
+#include "guarded.h"
 #include "kivLogDispatch.h"
 #include "state.h"
 
 namespace kiv::api {
-
-/// Runs the body of an entry point. Whatever it throws is KIV_ERR_FAILED.
-template <typename Body>
-kiv_result_t guarded(Body body) noexcept {
-    try {
-        return body();
-    } catch (...) {
-        return KIV_ERR_FAILED;
-    }
-}
 
 /// Logs and returns the code for a null pointer that was required.
 inline kiv_result_t null_argument() {
@@ -26,33 +17,16 @@ inline kiv_result_t null_argument() {
     return KIV_ERR_NULL_ARGUMENT;
 }
 
-/// The pointers of a call for one card, and what a null among them means.
-struct Pointers {
-    bool complete;
-    bool required;
-};
-
-/// Null: the call does nothing and succeeds.
-template <typename... Pointer>
-Pointers optional(Pointer... pointers) {
-    return {(... && (pointers != nullptr)), false};
-}
-
-/// Null: the call is refused.
-template <typename... Pointer>
-Pointers required(Pointer... pointers) {
-    return {(... && (pointers != nullptr)), true};
-}
-
-/// The gate of the calls for one card: manager, id, pointers, Device; then `operation`.
-template <typename Operation>
-kiv_result_t with_device(uint8_t id, Pointers pointers, Operation operation) noexcept {
+/// The gate of the queries of one card: manager, id, output, Device; then `operation`. A null output is a
+/// success.
+template <typename Output, typename Operation>
+kiv_result_t query_device(uint8_t id, Output* output, Operation operation) noexcept {
     return guarded([&]() -> kiv_result_t {
         if (!g_DeviceManager) return KIV_ERR_NOT_OPENED;
         const std::shared_ptr<device::Device> device = g_DeviceManager->getDeviceShared(id);
         if (!device) return KIV_ERR_NO_DEVICE;
-        if (!pointers.complete) return pointers.required ? null_argument() : KIV_OK;
-        return operation(*device);
+        if (output == nullptr) return KIV_OK;
+        return operation(*device, *output);
     });
 }
 

@@ -4,14 +4,12 @@
 
 #include "gate.h"
 
-using kiv::api::guarded;
-using kiv::api::optional;
-using kiv::api::with_device;
+using kiv::guarded;
+using kiv::api::query_device;
 using kiv::config::CardConfig;
 using kiv::device::Device;
 
-// ---- Life cycle
-// ------------------------------------------------------------------------------------------------
+// ---- Life cycle -----------------------------------------------------------------------------------------
 
 kiv_result_t kiv_open(const kiv_log_config_t* log_config) {
     kivLog_open(log_config, KIV_LOG_SINK_DEFAULT, nullptr, nullptr);
@@ -40,8 +38,7 @@ kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
     });
 }
 
-// ---- Discovery (the scan itself is in kiv_scan.cpp)
-// ------------------------------------------------------------
+// ---- Discovery (the scan itself is in kiv_scan.cpp) -----------------------------------------------------
 
 kiv_result_t kiv_get_id_selected_ptp_card(uint8_t* device_id) {
     return guarded([&]() -> kiv_result_t {
@@ -57,14 +54,13 @@ kiv_result_t kiv_get_id_selected_ptp_card(uint8_t* device_id) {
     });
 }
 
-// ---- Queries of one card
-// ---------------------------------------------------------------------------------------
+// ---- Queries of one card --------------------------------------------------------------------------------
 
 kiv_result_t kiv_get_card_info(uint8_t id, kiv_card_info_t* info) {
-    return with_device(id, optional(info), [&](Device& device) { return device.get_card_info(*info); });
+    return query_device(id, info, [](Device& device, auto& out) { return device.get_card_info(out); });
 }
 
 kiv_result_t kiv_get_media_net_config(uint8_t id, kiv_net_config_t* config) {
-    return with_device(id, optional(config),
-                       [&](Device& device) { return device.get_media_net_config(*config); });
+    return query_device(id, config,
+                        [](Device& device, auto& out) { return device.get_media_net_config(out); });
 }

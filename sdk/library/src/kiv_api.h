@@ -9,25 +9,27 @@
  *
  * Rules
  *
- * 1. Life cycle. kiv_open loads the card configuration; kiv_scan finds the cards and starts watching them;
- * the calls for one card work until the next kiv_scan or kiv_close. After kiv_close a scan may follow without
- * a new open. A process may also just end.
- * 2. Device ids. A card is named by the one-byte id that the scan gave for it. A call for one card checks, in
- * this order: that a scan has been made (else KIV_ERR_NOT_OPENED), that it found this id (else
- * KIV_ERR_NO_DEVICE), its pointers (rule 5); then it asks the card.
- * 3. Records. The caller owns every record, zeroes it before the call, and keeps it: the library stores no
- * pointer. A getter writes only the fields that it has values for. The arrays of the scan records belong to
- * the library and last until the next scan or close.
- * 4. Result codes. Every function returns KIV_OK or a code of kiv_types.h. No exception leaves a function,
- * with two exceptions that are stated there: kiv_open and kiv_configure_save throw std::runtime_error.
- * 5. Null pointers. A getter with a null output does nothing and returns KIV_OK. Where a pointer is required,
- * null is logged as "Argument is NULL" and returns KIV_ERR_NULL_ARGUMENT.
- * 6. Threads. Calls for cards may be made from several threads at once. kiv_open, kiv_scan, kiv_close and
- *    kiv_configure_save must not run at the same time as any other call but those of kivLog.h.
- *    A call for one card may wait for the card's management server, for up to about 7 seconds when that does
- * not answer (three attempts of 2 seconds each).
- * 7. Callbacks run on threads of the library. From a callback, kiv_scan returns KIV_ERR_FAILED and kiv_close
- * KIV_OK, both without doing anything: they would wait for their own thread.
+ * 1. Life cycle. kiv_open loads the card configuration; kiv_scan finds the cards and starts watching them; the
+ *    calls for one card work until the next kiv_scan or kiv_close. After kiv_close a scan may follow without a
+ *    new open. A process may also just end.
+ * 2. Device ids. A card is named by the one-byte id that the scan gave for it. A call for one card checks, in this
+ *    order: that a scan has been made (else KIV_ERR_NOT_OPENED), that it found this id (else KIV_ERR_NO_DEVICE),
+ *    its pointers (rule 5); then it asks the card.
+ * 3. Records. The caller owns every record, zeroes it before the call, and keeps it: the library stores no pointer.
+ *    A getter writes only the fields that it has values for. The arrays of the scan records belong to the library
+ *    and last until the next scan or close.
+ * 4. Result codes. Every function returns KIV_OK or a code of kiv_types.h. No exception leaves a function, but for
+ *    two that say so: kiv_open and kiv_configure_save throw std::runtime_error.
+ * 5. Null pointers. A getter with a null output does nothing and returns KIV_OK. Where a pointer is required, null
+ *    is logged as "Argument is NULL" and returns KIV_ERR_NULL_ARGUMENT.
+ * 6. Threads. Calls for cards may be made from several threads at once. kiv_open, kiv_scan, kiv_scan_internal,
+ *    kiv_close and kiv_configure_save must not run at the same time as any other call but those of kivLog.h. A call
+ *    for one card may wait for the card's management server: for about 7 seconds when that does not answer (three
+ *    attempts of 2 seconds each, and the pauses between them).
+ * 7. Event callbacks run on worker threads of the library. There, and in any job of a PeriodicThreadPool, kiv_scan
+ *    and kiv_scan_internal return KIV_ERR_FAILED and kiv_close KIV_OK, all without doing anything: they would wait
+ *    for their own thread. For the same reason an event callback must not end the process with exit(). Log callbacks
+ *    run on the thread that logs, also in the midst of a scan, and must call none of these.
  * 8. Versions. Records grow only with a new major version of the library.
  */
 #ifndef KIV_API_H
@@ -42,21 +44,20 @@
 extern "C" {
 #endif
 
-/* ---- Life cycle
- * -------------------------------------------------------------------------------------------- */
+/* ---- Life cycle -------------------------------------------------------------------------------------- */
 
 /*
  * Opens the log with the application's settings (null keeps those in force) and loads the card configuration
- * from
- * "/Library/Application Support/Velmora/config/hps_boot.json". No card is touched. Returns KIV_OK; throws
- * std::runtime_error, with a text that says why, when the file cannot be read, parsed or converted: the
- * configuration loaded before then stays.
+ * from "/Library/Application Support/Velmora/config/hps_boot.json". No card is touched. Returns KIV_OK;
+ * throws std::runtime_error, with a text that says why, when the file cannot be read, parsed or converted:
+ * the configuration loaded before then stays.
  */
 KIV_API kiv_result_t kiv_open(const kiv_log_config_t* log_config);
 
 /*
- * Ends what the scan started: the watching of the cards, their connections and their records. Without a scan,
- * or a second time, it only empties the list of found cards. Returns KIV_OK.
+ * Ends what the scan started: the watching of the cards, their management-server clients and their records.
+ * The connections to the driver end at the next scan or with the process. Without a scan, or a second time,
+ * it only empties the list of found cards. Returns KIV_OK.
  */
 KIV_API kiv_result_t kiv_close(void);
 
@@ -71,21 +72,20 @@ KIV_API kiv_result_t kiv_configure_save(void);
 
 /*
  * Writes a line of the application into the library's log. `message` is a format text: braces stand for
- * placeholders,
- * "{{" and "}}" for braces (kivLog_print takes a text as it stands). KIV_ERR_FAILED, with nothing written,
- * for a format that needs arguments or is malformed; KIV_ERR_NULL_ARGUMENT for null. A level that is not
- * wanted is not looked at.
+ * placeholders, "{{" and "}}" for braces (kivLog_print takes a text as it stands). KIV_ERR_FAILED, with
+ * nothing written, for a format that needs arguments or is malformed; KIV_ERR_NULL_ARGUMENT for null. A
+ * message whose level is not wanted is not looked at.
  */
 KIV_API kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message);
 
-/* ---- Discovery
- * --------------------------------------------------------------------------------------------- */
+/* ---- Discovery ------------------------------------------------------------------------------------------- */
 
 /*
  * Finds the cards, opens each one's driver functions and management server, and starts watching them. Ends an
  * earlier scan first. On success `scan` lists the cards; no card is a success with count 0.
  * KIV_ERR_NULL_ARGUMENT for null; KIV_ERR_FAILED when a card cannot be opened or does not give its identity
- * and addresses (the log says which): the other cards then stay usable, but are not listed.
+ * and addresses (the log says which): no card is listed then; those opened before it answer calls, others may
+ * not. Opening a card sends the log back to its back end at level info.
  */
 KIV_API kiv_result_t kiv_scan(kiv_scan_t* scan);
 
@@ -102,8 +102,7 @@ KIV_API kiv_result_t kiv_scan_internal(kiv_scan_internal_t* scan);
  */
 KIV_API kiv_result_t kiv_get_id_selected_ptp_card(uint8_t* device_id);
 
-/* ---- Queries of one card
- * ----------------------------------------------------------------------------------- */
+/* ---- Queries of one card --------------------------------------------------------------------------------- */
 
 /*
  * Identity: registers through the driver, MAC addresses as the card listed them at the scan. KIV_ERR_FAILED

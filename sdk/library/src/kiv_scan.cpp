@@ -6,7 +6,7 @@
 #include "gate.h"
 #include "kiv_api.h"
 
-using kiv::api::guarded;
+using kiv::guarded;
 
 namespace kiv {
 
@@ -16,7 +16,7 @@ using device::Device;
 
 /// Opens the card's accesses in order, then its management-server client. An exception is a failure.
 bool open_card(Device& card) {
-    return api::guarded([&]() -> kiv_result_t {
+    return guarded([&]() -> kiv_result_t {
                for (const auto& access : card.accesses()) {
                    if (!access || access->open() != 0) return KIV_ERR_FAILED;
                }

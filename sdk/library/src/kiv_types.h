@@ -19,8 +19,7 @@
 extern "C" {
 #endif
 
-/* ---- Result codes
- * ------------------------------------------------------------------------------------------ */
+/* ---- Result codes ------------------------------------------------------------------------------------ */
 
 /* Result of every entry point: 0, or a failure with 0xC1 in the top byte and a code number in the third. */
 typedef uint32_t kiv_result_t;
@@ -37,8 +36,7 @@ typedef uint32_t kiv_result_t;
 #define KIV_ERR_LOG_BUSY       ((kiv_result_t)0xC1001B00u) /* kivLog_close: a log callback is still running. */
 /* clang-format on */
 
-/* ---- Records
- * ----------------------------------------------------------------------------------------------- */
+/* ---- Records ----------------------------------------------------------------------------------------- */
 
 /* Version of this library. */
 typedef struct kiv_sw_version_t {
@@ -187,8 +185,7 @@ typedef struct kiv_scan_internal_t {
     const kiv_scan_card_device_internal_t* internal;
 } kiv_scan_internal_t;
 
-/* ---- Events
- * ------------------------------------------------------------------------------------------------ */
+/* ---- Events ------------------------------------------------------------------------------------------ */
 
 /* An event that an application enables one by one. */
 typedef uint32_t kiv_event_type_t;
@@ -217,8 +214,7 @@ typedef struct kiv_event_hwmon_t {
 /* Called on a thread of the library. `data` depends on the event and is valid during the call only. */
 typedef void (*kiv_event_callback_t)(uint8_t device_id, kiv_event_type_t event, const void* data, void* user);
 
-/* ---- Layout: fixed, because the library and the application may come from different compilers
- * ---------------- */
+/* ---- Layout: fixed, because the library and the application may come from different compilers -------- */
 
 #define KIV_LAYOUT(type, size, alignment) \
     static_assert(sizeof(type) == (size) && _Alignof(type) == (alignment), #type " layout")

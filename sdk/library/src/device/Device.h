@@ -36,8 +36,7 @@ class KIV_API Device {
     const AccessList& accesses() const { return accesses_; }
     rest::IRestApiClient* rest() const { return rest_.get(); }
 
-    // ---- Queries
-    // ---------------------------------------------------------------------------------------------------
+    // ---- Queries ----------------------------------------------------------------------------------------
 
     /// Identification registers and port texts. MAC texts come from the interface list that the client
     /// already holds.
@@ -52,8 +51,7 @@ class KIV_API Device {
     /// The PTP selection byte, 0 to 255, non-zero for the selected card; KIV_ERR_FAILED without a driver.
     kiv_result_t selected_ptp_card();
 
-    // ---- Events
-    // ----------------------------------------------------------------------------------------------------
+    // ---- Events -----------------------------------------------------------------------------------------
 
     /// Adds a callback for the enabled events; one that is added twice is called twice.
     void addCallback(kiv_event_callback_t callback, void* user);

@@ -8,10 +8,12 @@
 #include <thread>
 
 #include "LogManager.h"
+#include "guarded.h"
 #include "kivLogDispatch.h"
 
 namespace {
 
+using kiv::guarded;
 using kiv::log::LogConfig;
 using kiv::log::LogManager;
 
@@ -70,13 +72,15 @@ kiv_result_t open(const kiv_log_config_t* config, kiv_log_sink_t sink, Callback 
 
 kiv_result_t kivLog_open(const kiv_log_config_t* config, kiv_log_sink_t sink, kiv_log_callback_t callback,
                          void* user_data) {
-    LogConfig back_end = kiv::log::loadConfigDefault();
-    return open(config, sink, {callback, user_data}, back_end);
+    return guarded([&] {
+        LogConfig back_end = kiv::log::loadConfigDefault();
+        return open(config, sink, {callback, user_data}, back_end);
+    });
 }
 
 kiv_result_t kivLog_open_with_config(const kiv_log_config_t* config, kiv_log_sink_t sink,
                                      kiv_log_callback_t callback, void* user_data, LogConfig& log_config) {
-    return open(config, sink, {callback, user_data}, log_config);
+    return guarded([&] { return open(config, sink, {callback, user_data}, log_config); });
 }
 
 kiv_result_t kivLog_close() {
@@ -95,8 +99,10 @@ kiv_result_t kivLog_close() {
 }
 
 kiv_result_t kivLog_print(kiv_log_level_t level, const char* message) {
-    if (message != nullptr) kivLog_dispatch(level, nullptr, 0, "{}", message);
-    return KIV_OK;
+    return guarded([&] {
+        if (message != nullptr) kivLog_dispatch(level, nullptr, 0, "{}", message);
+        return KIV_OK;
+    });
 }
 
 kiv_log_sink_t kivLog_get_type() {
@@ -108,6 +114,7 @@ kiv_log_level_t kivLog_get_level() {
 }
 
 void kivLog_dispatch_impl(kiv_log_level_t level, const char*, int, const char* message) {
+    if (message == nullptr) return;
     const CallbackInProgress in_progress;
     if (state().sink != KIV_LOG_SINK_CALLBACK) return;
     Callback callback;
@@ -119,7 +126,7 @@ void kivLog_dispatch_impl(kiv_log_level_t level, const char*, int, const char* m
 }
 
 kiv_result_t kivLog_dispatch_spdlog(kiv_log_level_t level, const char* file, int line, const char* message) {
-    if (level < KIV_LOG_LEVEL_ERROR || level > KIV_LOG_LEVEL_DEBUG) return KIV_OK;
+    if (message == nullptr || level < KIV_LOG_LEVEL_ERROR || level > KIV_LOG_LEVEL_DEBUG) return KIV_OK;
     if (spdlog::logger* logger = LogManager::getInstance().getLogger()) {
         logger->log(spdlog::source_loc{file, line, ""}, kiv::log::to_spdlog_level(level),
                     spdlog::string_view_t(message));

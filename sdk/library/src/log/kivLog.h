@@ -51,7 +51,9 @@ typedef void (*kiv_log_callback_t)(kiv_log_level_t level, const char* message, v
 /*
  * Sets threshold and destination, and starts the back end with its default settings (system log) at the first
  * call; later calls change threshold and destination only. A null `config` keeps threshold and destination as
- * they are and only starts the back end: sink, callback and user data are then ignored. Returns KIV_OK.
+ * they are and * only starts the back end: sink, callback and user data are then ignored. Returns KIV_OK. A
+ * scan opens the log anew for each card's management server, with level info and the back end: open it again
+ * after a scan to keep a callback.
  */
 KIV_API kiv_result_t kivLog_open(const kiv_log_config_t* config, kiv_log_sink_t sink,
                                  kiv_log_callback_t callback, void* user_data);
@@ -62,15 +64,20 @@ KIV_API kiv_result_t kivLog_open(const kiv_log_config_t* config, kiv_log_sink_t 
  */
 KIV_API kiv_result_t kivLog_close(void);
 
-/* Writes `message` as it stands (braces are not placeholders). A null message is dropped. Returns KIV_OK. */
+/*
+ * Writes `message` as it stands (braces are not placeholders). A null message is dropped. Returns KIV_OK;
+ * KIV_ERR_FAILED when the callback throws.
+ */
 KIV_API kiv_result_t kivLog_print(kiv_log_level_t level, const char* message);
 
 /* The present destination and threshold. */
 KIV_API kiv_log_sink_t kivLog_get_type(void);
 KIV_API kiv_log_level_t kivLog_get_level(void);
 
-/* The two ways of an already formatted line, past the threshold: to the callback, and to the back end
- * (KIV_OK). */
+/*
+ * The two ways of an already formatted line, past the threshold: to the callback, whose exceptions pass, and
+ * to the back end (KIV_OK). A null message is dropped.
+ */
 KIV_API void kivLog_dispatch_impl(kiv_log_level_t level, const char* file, int line, const char* message);
 KIV_API kiv_result_t kivLog_dispatch_spdlog(kiv_log_level_t level, const char* file, int line,
                                             const char* message);

@@ -12,7 +12,7 @@ PeriodicThreadPool::PeriodicThreadPool(unsigned threadCount) {
     try {
         threads_.reserve(threadCount);
         for (unsigned i = 0; i < threadCount; ++i)
-            threads_.emplace_back([this] { workerLoop(); });
+            threads_.emplace_back([state = state_] { workerLoop(*state); });
     } catch (...) {
         shutdown();
         throw;
@@ -25,23 +25,22 @@ PeriodicThreadPool::~PeriodicThreadPool() {
 
 void PeriodicThreadPool::post(std::function<void()> task) {
     {
-        const std::lock_guard lock(mutex_);
-        tasks_.push_back(std::move(task));
+        const std::lock_guard lock(state_->mutex);
+        state_->tasks.push_back(std::move(task));
     }
-    cv_.notify_one();
+    state_->cv.notify_one();
 }
 
 void PeriodicThreadPool::shutdown() {
     {
-        const std::lock_guard lock(mutex_);
-        running_ = false;
+        const std::lock_guard lock(state_->mutex);
+        state_->running = false;
     }
-    cv_.notify_all();
+    state_->cv.notify_all();
     for (std::thread& thread : threads_) {
         if (!thread.joinable()) continue;
         if (thread.get_id() == std::this_thread::get_id()) {
-            thread
-                .detach();  // exit() called by a job: this worker runs the destructors and never comes back.
+            thread.detach();
         } else {
             thread.join();
         }
@@ -52,16 +51,16 @@ bool PeriodicThreadPool::onWorkerThread() {
     return t_on_worker;
 }
 
-void PeriodicThreadPool::workerLoop() {
+void PeriodicThreadPool::workerLoop(State& state) {
     t_on_worker = true;
-    while (running_) {
+    while (state.running) {
         std::function<void()> task;
         {
-            std::unique_lock lock(mutex_);
-            cv_.wait(lock, [this] { return !tasks_.empty() || !running_; });
-            if (tasks_.empty()) return;
-            task = std::move(tasks_.front());
-            tasks_.pop_front();
+            std::unique_lock lock(state.mutex);
+            state.cv.wait(lock, [&state] { return !state.tasks.empty() || !state.running; });
+            if (state.tasks.empty()) return;
+            task = std::move(state.tasks.front());
+            state.tasks.pop_front();
         }
         try {
             task();

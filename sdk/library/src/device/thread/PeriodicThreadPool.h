@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -31,20 +32,25 @@ class KIV_API PeriodicThreadPool {
     void post(std::function<void()> task);
 
     /// Lets running jobs finish, leaves queued ones (a worker that was idle may still take one) and joins the
-    /// workers. May be called again. Not for jobs: a worker cannot wait for itself, it is let go instead.
+    /// workers. May be called again. On a worker (a job that owned the last reference to its pool) that
+    /// worker is let go instead of waited for, and ends after its job.
     void shutdown();
 
     /// True on a worker thread of any pool.
     static bool onWorkerThread();
 
   private:
-    void workerLoop();
+    /// Shared with the workers, so that one of them may release the pool itself.
+    struct State {
+        std::deque<std::function<void()>> tasks;
+        std::mutex mutex;  ///< Guards `tasks`.
+        std::condition_variable cv;
+        std::atomic<bool> running{true};  ///< Cleared under the mutex.
+    };
+    static void workerLoop(State& state);
 
     std::vector<std::thread> threads_;
-    std::deque<std::function<void()>> tasks_;
-    std::mutex mutex_;  ///< Guards `tasks_`.
-    std::condition_variable cv_;
-    std::atomic<bool> running_{true};  ///< Cleared under the mutex.
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 }  // namespace kiv::device::thread

@@ -30,7 +30,8 @@ struct ScheduledTask {
 /// found it due: lateness is not caught up, missed periods are dropped. A run may overlap the one before. The
 /// timer wakes for the next due job, at least every 500 ms; nothing wakes it earlier.
 ///
-/// Any thread may call any method; stop() not from the timer or from a job that somebody waits for.
+/// Any thread may register and cancel jobs. start() and stop() are for one thread at a time; stop() not for
+/// the timer thread or a job that somebody waits for.
 class KIV_API Scheduler {
   public:
     Scheduler() = default;
