@@ -10,10 +10,7 @@ ThreadManager::~ThreadManager() = default;
 
 void ThreadManager::run_thread() {
     if (!set_running()) return;
-    std::unique_lock lock(mutex);
-    while (running) {
-        condition.wait_for(lock, std::chrono::seconds(1), [this] { return wake; });
-        wake = false;
+    while (wait_awhile(std::chrono::seconds(1))) {
     }
 }
 
@@ -54,4 +51,21 @@ bool ThreadManager::set_running() {
     const std::lock_guard lock(mutex);
     running = !stop_requested;
     return running;
+}
+
+bool ThreadManager::stopping() {
+    const std::lock_guard lock(mutex);
+    return stop_requested;
+}
+
+bool ThreadManager::wait_awhile(std::chrono::milliseconds time) {
+    std::unique_lock lock(mutex);
+    condition.wait_until(lock, std::chrono::steady_clock::now() + time, [this] { return wake; });
+    wake = false;
+    return running;
+}
+
+ThreadManager::ClearRunning::~ClearRunning() {
+    const std::lock_guard lock(manager_.mutex);
+    manager_.running = false;
 }

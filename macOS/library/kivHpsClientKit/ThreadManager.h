@@ -2,6 +2,7 @@
 #ifndef KIV_THREAD_MANAGER_H
 #define KIV_THREAD_MANAGER_H
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -35,6 +36,24 @@ class KIV_API ThreadManager {
   protected:
     /// For run_thread(): sets `running`, unless a stop was requested; then false.
     bool set_running();
+
+    /// For run_thread(), before a step that takes time: whether a stop was requested.
+    bool stopping();
+
+    /// For run_thread(): waits for `time` or until notify_all(). False when the thread is to end.
+    bool wait_awhile(std::chrono::milliseconds time);
+
+    /// Clears a manager's `running` when its run_thread() ends, however that ends.
+    class ClearRunning {
+      public:
+        explicit ClearRunning(ThreadManager& manager) : manager_(manager) {}
+        ~ClearRunning();
+        ClearRunning(const ClearRunning&) = delete;
+        ClearRunning& operator=(const ClearRunning&) = delete;
+
+      private:
+        ThreadManager& manager_;
+    };
 
     bool running = false;
     std::mutex mutex;  ///< Guards `running`, `wake` and `stop_requested`.

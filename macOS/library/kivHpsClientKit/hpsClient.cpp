@@ -1,18 +1,54 @@
+// The connection: where the server is, and the background threads.
 #include "hpsClient.h"
 
 #include <unistd.h>
 
+#include <chrono>
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <thread>
 #include <utility>
 
-#include "HpsHttpHelper.h"
+#include "ThreadManagerClientAlive.h"
+#include "ThreadManagerClientPolling.h"
 #include "hpsLog.h"
+
+namespace {
 
 using Json = nlohmann::ordered_json;
 
+constexpr uint16_t kPollingPeriod = 60;  // Seconds.
+constexpr std::chrono::seconds kFirstRequestLimit{2};
+
+/// The member at `outer`.`inner`, or JSON null.
+const Json& member(const Json& json, const char* outer, const char* inner) {
+    static const Json none;
+    if (!json.is_object() || !json.contains(outer)) return none;
+    const Json& below = json[outer];
+    return below.is_object() && below.contains(inner) ? below[inner] : none;
+}
+
+bool lists_interface(const Json& device, const std::string& ifname) {
+    const Json& names = member(device, "hps_access", "ifnames");
+    if (!names.is_array()) return false;
+    for (const Json& name : names) {
+        if (name == ifname) return true;
+    }
+    return false;
+}
+
+bool has_port_address(const Json& device, const std::string& ipaddr) {
+    return member(device, "maceth0", "ip_addr") == ipaddr || member(device, "maceth1", "ip_addr") == ipaddr;
+}
+
+}  // namespace
+
 hpsClient::hpsClient() : process_id_(getpid()) {}
 
-hpsClient::~hpsClient() = default;
+hpsClient::~hpsClient() {
+    if (alive_) alive_->join_thread();
+    if (polling_) polling_->join_thread();
+}
 
 void hpsClient::get_version(uint16_t& major, uint16_t& minor, uint16_t& patch) const {
     major = 3;
@@ -40,7 +76,47 @@ int32_t hpsClient::open_config(const std::string& ip, const std::string& port_te
     return _open_config(start_threads);
 }
 
-int32_t hpsClient::_open_config(bool) {
+int32_t hpsClient::open_config_ifname(const std::string& config_path, bool start_threads,
+                                      const std::string& ifname) {
+    return open_matching(
+        config_path, start_threads, [&](const Json& device) { return lists_interface(device, ifname); },
+        "Invalid ifname={}", ifname);
+}
+
+int32_t hpsClient::open_config_ipaddr(const std::string& config_path, bool start_threads,
+                                      const std::string& ipaddr) {
+    return open_matching(
+        config_path, start_threads, [&](const Json& device) { return has_port_address(device, ipaddr); },
+        "Invalid ipaddr={}", ipaddr);
+}
+
+/// Configures the client with the server of the file's first device that `matches`.
+template <typename Matches>
+int32_t hpsClient::open_matching(const std::string& config_path, bool start_threads, Matches matches,
+                                 const char* complaint, const std::string& wanted) {
+    if (config_path.empty()) return -1;
+    std::ifstream file(config_path);
+    if (!file.is_open()) return -1;
+    const Json root = Json::parse(file);
+    const Json devices = root.is_object() && root.contains("devices") ? root["devices"] : Json::array();
+    for (const Json& device : devices) {
+        if (!matches(device)) continue;
+        const Json& access = device.at("hps_access");
+        const auto ip = access.at("ip_addr").get<std::string>();
+        const auto port = access.at("port").get<uint16_t>();
+        {
+            const std::lock_guard lock(mutex_);
+            ip_address_ = ip;
+            port_ = port;
+        }
+        return _open_config(start_threads);
+    }
+    hps_log_error(__LINE__, complaint, wanted);
+    hps_log_error(__LINE__, "Invalid JSON format={}", config_path);
+    return -1;
+}
+
+int32_t hpsClient::_open_config(bool start_threads) {
     std::string url;
     {
         const std::lock_guard lock(mutex_);
@@ -54,112 +130,27 @@ int32_t hpsClient::_open_config(bool) {
     }
     const kiv_log_config_t log_config{KIV_LOG_LEVEL_INFO};
     kivLog_open(&log_config, KIV_LOG_SINK_DEFAULT, nullptr, nullptr);
-    return 0;
-}
-
-int32_t hpsClient::get_interface_info() {
-    std::vector<inteface_info> fresh;
-    if (get_interface_info(fresh) != 0) return -1;
-    const std::lock_guard lock(mutex_);
-    interfaces_.insert(interfaces_.end(), fresh.begin(), fresh.end());
-    return 0;
-}
-
-int32_t hpsClient::get_interface_info(std::vector<inteface_info>& list) {
-    Json payload;
-    if (!HpsHttpHelper::handle_json(http_get("/hps/info/networks"), payload)) return -1;
-    if (!payload.is_object() || !payload.contains("interfaces")) return -1;
-    for (Json& entry : payload["interfaces"]) {
-        list.push_back({entry["if_name"].get<std::string>(), entry["ip_addr"].get<std::string>(),
-                        entry["netmask"].get<std::string>(), entry["hw_addr"].get<std::string>()});
+    if (start_threads) {
+        setting_thread();
+        std::this_thread::sleep_for(std::chrono::nanoseconds(1000));
     }
     return 0;
 }
 
-namespace {
-
-constexpr const char* kBoardPower = "Board Power";
-
-/// Temperatures, an empty line, power; values in JSON notation.
-std::string hwmon_report(Json& sensors) {
-    std::string temperatures = "Temperature\n";
-    std::string power = "\nPower\n";
-    for (Json& sensor : sensors) {
-        if (!sensor.is_object() || !sensor.contains("label")) continue;
-        if (sensor["label"] == kBoardPower) {
-            power += "Board: " + sensor["input"].dump() + "\n";
-        } else {
-            temperatures += sensor["label"].get<std::string>() + ": " + sensor["input"].dump() + "(" +
-                            sensor["max"].dump() + ")\n";
-        }
-    }
-    return temperatures + power;
-}
-
-}  // namespace
-
-int32_t hpsClient::get_hwmon_info(std::string& out, bool raw) {
-    Json payload;
-    if (!HpsHttpHelper::handle_json(http_get("/hps/hwmon/info"), payload)) return -1;
-    if (raw) {
-        out = payload.dump(4);
-    } else if (payload.is_array()) {
-        out = hwmon_report(payload);
-    }
-    return 0;
-}
-
-std::vector<inteface_info> hpsClient::interfaces() const {
-    const std::lock_guard lock(mutex_);
-    return interfaces_;
-}
-
-template <typename Request>
-HttpResult hpsClient::send(Request request) const {
-    std::shared_ptr<HttpClient> http;
+void hpsClient::setting_thread() {
+    auto alive = std::make_unique<ThreadManagerClientAlive>(
+        process_id_, [this](int32_t id) { registry_alive(id); }, [this](int32_t id) { keep_alive(id); });
+    auto polling = std::make_shared<ThreadManagerClientPolling>(
+        kPollingPeriod, [this](std::string& text) { return get_ptp_master(text); },
+        [this](std::string& text) { return get_ptp_management(text); });
     {
         const std::lock_guard lock(mutex_);
-        http = http_;
+        alive_ = std::move(alive);
+        polling_ = polling;
     }
-    if (!http) return {false, 0, {}, "retry over"};
-    return request(*http);
-}
-
-HttpResult hpsClient::http_get(const std::string& path) {
-    return send([&](HttpClient& http) { return http.get(path); });
-}
-
-HttpResult hpsClient::http_get(const std::string& path, const std::string& file_path) {
-    return send([&](HttpClient& http) { return http.download(path, file_path); });
-}
-
-HttpResult hpsClient::http_post(const std::string& path) {
-    return http_post(path, "null");
-}
-
-HttpResult hpsClient::http_post(const std::string& path, const std::string& body_text) {
-    const Json body = Json::parse(body_text);
-    return send([&](HttpClient& http) { return http.post(path, body); });
-}
-
-HttpResult hpsClient::http_post_file(const std::string& path, const std::string& file_path) {
-    return send([&](HttpClient& http) { return http.upload(path, file_path); });
-}
-
-HttpResult hpsClient::http_patch(const std::string& path) {
-    return http_patch(path, "null");
-}
-
-HttpResult hpsClient::http_patch(const std::string& path, const std::string& body_text) {
-    const Json body = Json::parse(body_text);
-    return send([&](HttpClient& http) { return http.patch(path, body); });
-}
-
-HttpResult hpsClient::http_delete(const std::string& path) {
-    return http_delete(path, "null");
-}
-
-HttpResult hpsClient::http_delete(const std::string& path, const std::string& body_text) {
-    const Json body = Json::parse(body_text);
-    return send([&](HttpClient& http) { return http.del(path, body); });
+    alive_->start_thread();
+    polling->start_thread();
+    if (!polling->wait_first_request(kFirstRequestLimit)) {
+        hps_log_error(__LINE__, "Fail setting_thread not done first request");
+    }
 }

@@ -1,26 +1,18 @@
 #include "CardConfig.h"
 
-#include <algorithm>
 #include <fstream>
-#include <limits>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
-#include <tuple>
+
+#include "jsonFields.h"
 
 namespace kiv::config {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-/// A JSON key and the member that it fills. A type's rows are read and written in their order.
-template <typename Record, typename Value>
-struct Field {
-    const char* key;
-    Value Record::*member;
-};
-template <typename Record, typename Value>
-Field(const char*, Value Record::*) -> Field<Record, Value>;
+using json::Field;
+using json::Json;
+using json::read_fields;
+using json::write_fields;
 
 // clang-format off
 constexpr std::tuple kPtpFields{
@@ -54,34 +46,6 @@ constexpr std::tuple kCardFields{
     Field{"mactun",  &CardConfig::mactun},
 };
 // clang-format on
-
-template <typename Value>
-void read(const Json& json, Value& value) {
-    json.get_to(value);
-}
-
-/// Fractions are cut off; a floating value beyond 32 bits, which no C++ conversion takes, becomes the nearest
-/// one.
-void read(const Json& json, int32_t& value) {
-    if (!json.is_number_float()) {
-        json.get_to(value);
-        return;
-    }
-    using Limits = std::numeric_limits<int32_t>;
-    value = static_cast<int32_t>(std::clamp<double>(json.get<double>(), static_cast<double>(Limits::min()),
-                                                    static_cast<double>(Limits::max())));
-}
-
-template <typename Record, typename Fields>
-void read_fields(const Json& json, Record& record, const Fields& fields) {
-    std::apply([&](const auto&... field) { (read(json.at(field.key), record.*field.member), ...); }, fields);
-}
-
-template <typename Record, typename Fields>
-void write_fields(Json& json, const Record& record, const Fields& fields) {
-    json = Json::object();
-    std::apply([&](const auto&... field) { ((json[field.key] = record.*field.member), ...); }, fields);
-}
 
 }  // namespace
 

@@ -1,0 +1,23 @@
+#include "ThreadManagerClientAlive.h"
+
+#include <chrono>
+#include <utility>
+
+#include "hpsLog.h"
+
+ThreadManagerClientAlive::ThreadManagerClientAlive(int32_t id, Callback registry, Callback keep_alive)
+    : id_(id), registry_(std::move(registry)), keep_alive_(std::move(keep_alive)) {}
+
+void ThreadManagerClientAlive::run_thread() {
+    if (!registry_ || !keep_alive_) {
+        hps_log_error(__LINE__, "function null");
+        return;
+    }
+    if (stopping()) return;
+    registry_(id_);
+    if (!set_running()) return;
+    for (;;) {
+        keep_alive_(id_);
+        if (!wait_awhile(std::chrono::seconds(2))) return;
+    }
+}
