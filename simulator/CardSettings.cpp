@@ -4,107 +4,20 @@
 #include <wire.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <fstream>
-#include <limits>
 #include <nlohmann/json.hpp>
 #include <set>
 
 #include "BarMemory.h"
+#include "ConfigNode.h"
 
 namespace kivsim {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Node = ConfigNode;
 namespace wire = kiv::wire;
-
-/// A value of the file and the way to it, so that a complaint can name the key.
-class Node {
-  public:
-    Node(const Json& json, std::string way) : json_(json), way_(std::move(way)) {}
-
-    [[noreturn]] void complain(const std::string& what) const {
-        throw BadConfig(is_root() ? way_ + "the file " + what : way_ + ": " + what);
-    }
-
-    /// The members of an object; complains about keys that are not in `known`.
-    void members(std::initializer_list<const char*> known) const {
-        if (!json_.is_object()) complain("must be an object");
-        for (const auto& [key, value] : json_.items()) {
-            const auto same = [&key = key](const char* name) { return key == name; };
-            if (std::none_of(known.begin(), known.end(), same)) {
-                throw BadConfig(way_to(key) + ": unknown key");
-            }
-        }
-    }
-    bool has(const char* key) const { return json_.contains(key); }
-    Node at(const char* key) const {
-        if (!json_.is_object()) complain("must be an object");
-        if (!has(key)) throw BadConfig(way_to(key) + ": missing");
-        return Node(json_.at(key), way_to(key));
-    }
-
-    template <typename Use>
-    void each(Use use) const {
-        if (!json_.is_array()) complain("must be an array");
-        for (std::size_t i = 0; i < json_.size(); ++i)
-            use(Node(json_[i], way_ + "[" + std::to_string(i) + "]"));
-    }
-    template <typename Use>
-    void each_member(Use use) const {
-        if (!json_.is_object()) complain("must be an object");
-        for (const auto& [key, value] : json_.items())
-            use(key, Node(value, way_to(key)));
-    }
-
-    std::string text() const {
-        if (!json_.is_string()) complain("must be a text");
-        return json_.get<std::string>();
-    }
-
-    /// A number, or a text of one in decimal or, after "0x", in hexadecimal digits.
-    template <typename Number>
-    Number number() const {
-        constexpr uint64_t kGreatest = std::numeric_limits<Number>::max();
-        uint64_t value = 0;
-        if (json_.is_number_unsigned()) {
-            value = json_.get<uint64_t>();
-        } else if (!json_.is_string() || !parse(json_.get<std::string>(), value)) {
-            complain("must be a number, 0 or greater, or a text such as \"0x1F\"");
-        }
-        if (value > kGreatest) complain("must be at most " + std::to_string(kGreatest));
-        return static_cast<Number>(value);
-    }
-
-    uint32_t address() const {
-        in_addr parsed{};
-        if (inet_pton(AF_INET, text().c_str(), &parsed) != 1)
-            complain("must be an IPv4 address such as \"10.0.0.1\"");
-        return ntohl(parsed.s_addr);
-    }
-
-    static bool parse(const std::string& text, uint64_t& value) {
-        const bool hex = text.starts_with("0x") || text.starts_with("0X");
-        const char* first = text.data() + (hex ? 2 : 0);
-        const char* last = text.data() + text.size();
-        const auto [end, error] = std::from_chars(first, last, value, hex ? 16 : 10);
-        return error == std::errc{} && end == last;
-    }
-
-  private:
-    bool is_root() const { return way_.ends_with(": "); }
-    std::string way_to(const std::string& key) const { return way_ + (is_root() ? "" : ".") + key; }
-
-    const Json& json_;
-    const std::string way_;  ///< "FILE: " for the root, then the keys.
-};
-
-template <typename Number>
-void take(const Node& object, const char* key, Number& value) {
-    if (object.has(key)) value = object.at(key).number<Number>();
-}
 
 void take_identity(const Node& node, CardSettings& card) {
     node.members({"kind", "value", "text"});
@@ -188,7 +101,7 @@ void take_tunnel(const Node& node, CardSettings& card) {
 
 CardSettings card_of(const Node& node) {
     node.members({"id", "identity", "bus", "device", "functions", "registers", "addresses", "tunnel",
-                  "interfaces", "server", "driver_faults"});
+                  "interfaces", "server", "driver_faults", "http_faults", "wrapping", "flash_ms"});
     CardSettings card = believable_card(node.at("id").number<uint8_t>());
     if (node.has("identity")) take_identity(node.at("identity"), card);
     take(node, "bus", card.bus);
@@ -217,6 +130,9 @@ CardSettings card_of(const Node& node) {
     card.interfaces =
         node.has("interfaces") ? interfaces_of(node.at("interfaces")) : believable_interfaces(card);
     if (node.has("driver_faults")) card.driver_faults = driver_faults_of(node.at("driver_faults"));
+    if (node.has("http_faults")) card.http_faults = http_faults_of(node.at("http_faults"));
+    if (node.has("wrapping")) card.wrapping = wrapping_of(node.at("wrapping"));
+    take(node, "flash_ms", card.flash_ms);
     return card;
 }
 

@@ -4,9 +4,11 @@
 
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "ConfigNode.h"
+#include "HttpFault.h"
 
 namespace kivsim {
 
@@ -53,12 +55,9 @@ struct CardSettings {
     bool external_server = false;    ///< Somebody else serves the tunnel address.
     std::vector<InterfaceSettings> interfaces;
     std::vector<DriverFault> driver_faults;
-};
-
-/// A config file that cannot be used; the text names the file and the key.
-class BadConfig : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
+    std::vector<HttpFault> http_faults;
+    Wrapping wrapping = Wrapping::Object;
+    uint32_t flash_ms = 3000;  ///< How long the write of a firmware image takes.
 };
 
 /// Reads cards.json (see docs/simulator.md for its keys). Throws BadConfig.

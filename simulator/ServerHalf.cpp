@@ -12,11 +12,13 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
-#include "endpoints.h"
+#include "control.h"
 
 namespace kivsim {
 
@@ -49,13 +51,44 @@ class Connection final : public httplib::Stream {
         return static_cast<ssize_t>(count);
     }
     ssize_t write(const char* data, size_t size) override {
-        return is_writable() ? send(socket_, data, size, MSG_NOSIGNAL) : -1;
+        if (!is_writable()) return -1;
+        const size_t allowed = up_to_cut(data, size);
+        const ssize_t sent = allowed == 0 ? 0 : send(socket_, data, allowed, MSG_NOSIGNAL);
+        if (allowed == size || sent < static_cast<ssize_t>(allowed)) return sent;
+        shutdown(socket_, SHUT_RDWR);
+        return -1;
     }
+
+    /// Ends the connection before the answer, or in the midst of its body of that size.
+    void cut_answer(Cut cut, size_t body_size) {
+        if (cut == Cut::BeforeAnswer) left_ = 0;
+        if (cut == Cut::InsideBody) left_of_body_ = body_size / 2;
+    }
+
+    /// Waits, unless the server ends.
+    void pause(uint32_t milliseconds) const {
+        pollfd stop{stop_, POLLIN, 0};
+        poll(&stop, 1, static_cast<int>(milliseconds));
+    }
+
     void get_remote_ip_and_port(std::string& ip, int& port) const override { loopback(ip, port); }
     void get_local_ip_and_port(std::string& ip, int& port) const override { loopback(ip, port); }
     socket_t socket() const override { return socket_; }
 
   private:
+    /// How many of the bytes go out before the cut.
+    size_t up_to_cut(const char* data, size_t size) {
+        if (left_of_body_) {
+            const std::string_view text(data, size);
+            const size_t head = text.find("\r\n\r\n");
+            if (!left_ && head != std::string_view::npos) left_ = head + 4 + *left_of_body_;
+        }
+        if (!left_) return size;
+        const size_t allowed = std::min(size, *left_);
+        *left_ -= allowed;
+        return allowed;
+    }
+
     bool wait_for(short event) const {
         pollfd entries[2] = {{socket_, event, 0}, {stop_, POLLIN, 0}};
         return poll(entries, 2, kIdleMs) > 0 && entries[1].revents == 0;
@@ -70,18 +103,35 @@ class Connection final : public httplib::Stream {
     std::array<char, 16384> buffer_;  ///< Received; bytes from `next_` to `end_` are still to be read.
     size_t next_ = 0;
     size_t end_ = 0;
+    std::optional<size_t> left_;          ///< Bytes that still go out.
+    std::optional<size_t> left_of_body_;  ///< Likewise, from the end of the header on.
+};
+
+/// The connection that this thread serves, for the handlers, which the library does not tell.
+thread_local Connection* t_connection = nullptr;
+
+class Serving {
+  public:
+    explicit Serving(Connection& connection) { t_connection = &connection; }
+    ~Serving() { t_connection = nullptr; }
+    Serving(const Serving&) = delete;
+    Serving& operator=(const Serving&) = delete;
 };
 
 }  // namespace
 
-/// One card's server: the HTTP library's protocol on connections that we accept.
-class ServerHalf::CardServer final : public httplib::Server {
+/// One address: the HTTP library's protocol on connections that we accept.
+class ServerHalf::Site final : public httplib::Server {
   public:
-    explicit CardServer(std::shared_ptr<VirtualCard> card) : card_(std::move(card)) {
+    explicit Site(Answering handler) : handler_(std::move(handler)) {
         const auto answer = [this](const httplib::Request& request, httplib::Response& response) {
-            const Answer given = answer_request(*card_, request.method, request.path, request.body);
+            HttpRequest plain{request.method, request.path, request.body, {}};
+            if (request.has_file("file")) plain.file = request.get_file_value("file").content;
+            const Answer given = handler_(plain);
+            if (given.delay_ms != 0) t_connection->pause(given.delay_ms);
+            t_connection->cut_answer(given.cut, given.body.size());
             response.status = given.status;
-            response.set_content(given.body, "application/json");
+            response.set_content(given.body, given.content_type);
         };
         Get(".*", answer);
         Post(".*", answer);
@@ -89,10 +139,9 @@ class ServerHalf::CardServer final : public httplib::Server {
         Delete(".*", answer);
     }
 
-    VirtualCard& card() { return *card_; }
-
     void serve(int socket, int stop) {
         Connection connection(socket, stop);
+        const Serving serving(connection);
         for (int left = kVisitRequests; left > 0 && connection.is_readable(); --left) {
             bool closed = false;
             if (!process_request(connection, left == 1, closed, nullptr) || closed) return;
@@ -100,24 +149,26 @@ class ServerHalf::CardServer final : public httplib::Server {
     }
 
   private:
-    std::shared_ptr<VirtualCard> card_;
+    const Answering handler_;
 };
 
-ServerHalf::ServerHalf(const std::vector<std::shared_ptr<VirtualCard>>& cards)
+ServerHalf::ServerHalf(const std::vector<std::shared_ptr<VirtualCard>>& cards, const std::string& request_log)
     : epoll_(epoll_create1(EPOLL_CLOEXEC)), stop_(eventfd(0, EFD_CLOEXEC)) {
     if (!epoll_ || !stop_) throw std::runtime_error(std::string("epoll: ") + std::strerror(errno));
+    if (!request_log.empty()) log_.open(request_log);
+    if (!log_) throw std::runtime_error(request_log + ": cannot be written");
     for (const auto& card : cards) {
-        if (card->settings().external_server) continue;
-        servers_.push_back(std::make_unique<CardServer>(card));
-        listen_for(*card, listeners_.emplace_back());
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u64 = servers_.size() - 1;
-        epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listeners_.back().get(), &event);
+        const CardSettings& settings = card->settings();
+        if (settings.external_server) continue;
+        card->set_tunnel_port(
+            add_site([this, card](const HttpRequest& request) { return answer_card(*card, request); },
+                     settings.tunnel_address, settings.tunnel_port, "card " + std::to_string(settings.id)));
     }
+    control_port_ = add_site([cards](const HttpRequest& request) { return answer_control(cards, request); },
+                             INADDR_LOOPBACK, 0, "control");
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.u64 = servers_.size();
+    event.data.u64 = sites_.size();
     epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, stop_.get(), &event);
 
     threads_.emplace_back([this] { accept_visits(); });
@@ -137,22 +188,43 @@ ServerHalf::~ServerHalf() {
         thread.join();
 }
 
-void ServerHalf::listen_for(VirtualCard& card, Descriptor& listener) {
+/// Returns the port that the new site listens on.
+uint16_t ServerHalf::add_site(Answering handler, uint32_t host, uint16_t port, const std::string& name) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(card.settings().tunnel_address);
-    address.sin_port = htons(card.settings().tunnel_port);
+    address.sin_addr.s_addr = htonl(host);
+    address.sin_port = htons(port);
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
     const int on = 1;
-    listener = Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Descriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener || setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(listener.get(), generic, size) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
         getsockname(listener.get(), generic, &size) != 0) {
-        throw std::runtime_error("card " + std::to_string(card.settings().id) + ", server " +
-                                 card.server_address() + ": " + std::strerror(errno));
+        throw std::runtime_error(name + ", server " + dotted(host) + ":" + std::to_string(port) + ": " +
+                                 std::strerror(errno));
     }
-    card.set_tunnel_port(ntohs(address.sin_port));
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = sites_.size();
+    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener.get(), &event);
+    listeners_.push_back(std::move(listener));
+    sites_.push_back(std::make_unique<Site>(std::move(handler)));
+    return ntohs(address.sin_port);
+}
+
+/// Logged before it is sent: who has the answer finds the line.
+Answer ServerHalf::answer_card(VirtualCard& card, const HttpRequest& request) {
+    const Answer answer = answer_request(card, request);
+    const std::lock_guard lock(log_mutex_);
+    if (!log_.is_open()) return answer;
+    const auto printable = [](const std::string& text) {
+        return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+    };
+    log_ << R"({"card":)" << unsigned{card.settings().id} << R"(,"method":)" << printable(request.method)
+         << R"(,"path":)" << printable(request.path) << R"(,"body":)" << printable(request.body)
+         << R"(,"status":)" << answer.status << R"(,"answer":)" << printable(answer.body) << "}" << std::endl;
+    return answer;
 }
 
 void ServerHalf::accept_visits() {
@@ -161,13 +233,13 @@ void ServerHalf::accept_visits() {
         const int count = epoll_wait(epoll_.get(), events, std::size(events), -1);
         for (int i = 0; i < count; ++i) {
             const uint64_t number = events[i].data.u64;
-            if (number == servers_.size()) return;
+            if (number == sites_.size()) return;
             Descriptor socket(accept4(listeners_[number].get(), nullptr, nullptr, SOCK_CLOEXEC));
             if (!socket) continue;
             const int on = 1;
             setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             const std::lock_guard lock(mutex_);
-            visits_.push_back({servers_[number].get(), std::move(socket)});
+            visits_.push_back({sites_[number].get(), std::move(socket)});
             condition_.notify_one();
         }
     }
@@ -183,7 +255,7 @@ void ServerHalf::work() {
             visit = std::move(visits_.front());
             visits_.pop_front();
         }
-        visit.server->serve(visit.socket.get(), stop_.get());
+        visit.site->serve(visit.socket.get(), stop_.get());
     }
 }
 

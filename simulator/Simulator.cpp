@@ -45,16 +45,20 @@ std::string usual_socket() {
 }  // namespace
 
 Simulator::Simulator(const std::vector<CardSettings>& cards, const std::string& socket_path,
-                     const std::string& trace_path)
+                     const std::string& trace_path, const std::string& request_log)
     : socket_path_(socket_path.empty() ? usual_socket() : socket_path) {
     raise_descriptor_limit();
     for (const CardSettings& card : cards)
         cards_.push_back(std::make_shared<VirtualCard>(card));
-    servers_ = std::make_unique<ServerHalf>(cards_);
+    servers_ = std::make_unique<ServerHalf>(cards_, request_log);
     driver_ = std::make_unique<DriverHalf>(cards_, socket_path_, trace_path);
 }
 
 Simulator::~Simulator() = default;
+
+std::string Simulator::control_address() const {
+    return "127.0.0.1:" + std::to_string(servers_->control_port());
+}
 
 std::vector<std::string> Simulator::server_addresses() const {
     std::vector<std::string> addresses;

@@ -18,10 +18,10 @@ class DriverHalf;
 class Simulator {
   public:
     /// Runs from here to its destruction. An empty `socket_path` is the one that every program of this user
-    /// looks at; an empty `trace_path` traces nothing. Throws std::runtime_error with a text that says what
-    /// is in the way.
+    /// looks at; an empty `trace_path` traces nothing, an empty `request_log` logs no requests. Throws
+    /// std::runtime_error with a text that says what is in the way.
     Simulator(const std::vector<CardSettings>& cards, const std::string& socket_path,
-              const std::string& trace_path);
+              const std::string& trace_path, const std::string& request_log = {});
     ~Simulator();
 
     Simulator(const Simulator&) = delete;
@@ -31,6 +31,9 @@ class Simulator {
 
     /// "address:port" of each card's management server, in the order of the cards.
     std::vector<std::string> server_addresses() const;
+
+    /// "127.0.0.1:port" of the control address.
+    std::string control_address() const;
 
   private:
     std::vector<std::shared_ptr<VirtualCard>> cards_;

@@ -5,8 +5,7 @@
 
 namespace kivsim {
 
-VirtualCard::VirtualCard(CardSettings settings)
-    : interfaces(settings.interfaces), settings_(std::move(settings)) {
+VirtualCard::VirtualCard(CardSettings settings) : management(settings), settings_(std::move(settings)) {
     for (const RegisterSettings& entry : settings_.registers) {
         // A value of up to 32 bits leaves the register after it alone.
         if (entry.value <= std::numeric_limits<uint32_t>::max()) {

@@ -13,6 +13,7 @@
 
 #include "BarMemory.h"
 #include "CardSettings.h"
+#include "ManagementState.h"
 
 namespace kivsim {
 
@@ -32,7 +33,7 @@ class VirtualCard {
 
     std::mutex mutex;  ///< Guards all below.
     BarMemory bars;
-    std::vector<InterfaceSettings> interfaces;
+    ManagementState management;
     kiv::wire::DeviceConf device_conf{};
     std::map<uint32_t, kiv::wire::IoMemory> io_memory;  ///< Allocated blocks by id.
     std::set<uint32_t> interrupts;                      ///< Enabled interrupt numbers.

@@ -4,18 +4,28 @@
 
 #include <string>
 
+#include "HttpFault.h"
 #include "VirtualCard.h"
 
 namespace kivsim {
 
-struct Answer {
-    int status = 200;
-    std::string body;  ///< JSON.
+struct HttpRequest {
+    std::string method;
+    std::string path;  ///< As in the request line, without a query.
+    std::string body;
+    std::optional<std::string> file;  ///< Content of the form field "file" of a multipart request.
 };
 
-/// Answers one request to a card. `path` as in the request line, without a query.
-Answer answer_request(VirtualCard& card, const std::string& method, const std::string& path,
-                      const std::string& body);
+struct Answer {
+    int status = 200;
+    std::string body;
+    std::string content_type = "application/json";
+    uint32_t delay_ms = 0;  ///< To wait before it is sent.
+    Cut cut = Cut::Nowhere;
+};
+
+/// Answers one request to a card, with the card's faults.
+Answer answer_request(VirtualCard& card, const HttpRequest& request);
 
 }  // namespace kivsim
 

@@ -16,7 +16,7 @@ void say_ready(const kivsim::Simulator& simulator) {
     std::printf("%zu cards, socket %s, servers", addresses.size(), simulator.socket_path().c_str());
     for (const std::string& address : addresses)
         std::printf(" %s", address.c_str());
-    std::printf("\n");
+    std::printf(", control %s\n", simulator.control_address().c_str());
     std::fflush(stdout);
 }
 
@@ -27,11 +27,15 @@ int main(int argc, char** argv) {
     std::string config;
     std::string socket;
     std::string trace;
+    std::string requests;
     app.add_option("--config", config, "Cards to simulate (default: two with believable values)")
         ->type_name("FILE");
     app.add_option("--socket", socket, "Driver socket (default: the one that programs of this user look at)")
         ->type_name("PATH");
     app.add_option("--trace", trace, "Write every driver event to this file, a JSON object a line")
+        ->type_name("FILE");
+    app.add_option("--requests", requests,
+                   "Write every request to a management server to this file, likewise")
         ->type_name("FILE");
     try {
         app.parse(argc, argv);
@@ -47,7 +51,7 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
     try {
         const kivsim::Simulator simulator(
-            config.empty() ? kivsim::default_cards() : kivsim::load_cards(config), socket, trace);
+            config.empty() ? kivsim::default_cards() : kivsim::load_cards(config), socket, trace, requests);
         say_ready(simulator);
         int signal = 0;
         sigwait(&ends, &signal);
