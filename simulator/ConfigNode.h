@@ -30,7 +30,7 @@ class ConfigNode {
     ConfigNode(const Json& json, std::string way) : json_(json), way_(std::move(way)) {}
 
     [[noreturn]] void complain(const std::string& what) const {
-        throw BadConfig(is_root() ? way_ + "the whole " + what : way_ + ": " + what);
+        throw BadConfig(is_root() ? way_ + "the top level " + what : way_ + ": " + what);
     }
 
     /// The members of an object; complains about keys that are not in `known`.

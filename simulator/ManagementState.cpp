@@ -1,7 +1,6 @@
 #include "ManagementState.h"
 
 #include <algorithm>
-#include <sstream>
 
 namespace kivsim {
 
@@ -58,10 +57,14 @@ Json believable_management() {
 }
 
 std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> pieces;
-    std::istringstream in(text);
-    for (std::string piece; std::getline(in, piece, separator);)
-        pieces.push_back(piece);
+    std::vector<std::string> pieces(1);
+    for (const char c : text) {
+        if (c == separator) {
+            pieces.emplace_back();
+        } else {
+            pieces.back() += c;
+        }
+    }
     return pieces;
 }
 
@@ -112,7 +115,9 @@ std::string reconfigure(std::vector<InterfaceSettings>& interfaces, const std::s
                                  {"macptp", nullptr, 5},
                                  {"mactun", "mactun", 3}};
     std::vector<InterfaceSettings> changed = interfaces;
-    for (const std::string& word : split(command, ' ')) {
+    std::vector<std::string> words = split(command, ' ');
+    if (words.size() > 1 && words.back().empty()) words.pop_back();
+    for (const std::string& word : words) {
         const std::size_t equals = word.find('=');
         const auto group = std::find_if(std::begin(kGroups), std::end(kGroups), [&](const Group& candidate) {
             return equals != std::string::npos && word.substr(0, equals) == candidate.name;
@@ -126,7 +131,8 @@ std::string reconfigure(std::vector<InterfaceSettings>& interfaces, const std::s
                 return std::string(group->name) + " has no address";
             first_number = 1;
         }
-        if (values.back().ends_with("us")) values.back().resize(values.back().size() - 2);
+        if (word.starts_with("mactun=") && values.back().ends_with("us"))
+            values.back().resize(values.back().size() - 2);
         for (std::size_t i = first_number; i < values.size(); ++i) {
             if (!is_integer(values[i]))
                 return std::string(group->name) + ": \"" + values[i] + "\" is no number";

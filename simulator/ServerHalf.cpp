@@ -25,7 +25,7 @@ namespace kivsim {
 namespace {
 
 constexpr unsigned kWorkers = 8;
-constexpr int kIdleMs = 5000;        ///< How long a connection may wait for the next bytes.
+constexpr int kIdleMs = 2000;        ///< How long a connection may wait for the next bytes.
 constexpr int kVisitRequests = 100;  ///< Requests on one connection.
 
 /// A connection as the HTTP library reads and writes it. Waiting ends early when `stop` becomes readable.

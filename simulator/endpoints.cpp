@@ -121,13 +121,19 @@ Outcome download_log(Call& call) {
     return outcome;
 }
 
+int64_t process_in(const Call& call) {
+    uint64_t process = 0;
+    if (!ConfigNode::parse(call.rest, process)) throw BadConfig("the path does not end in a process id");
+    return static_cast<int64_t>(process);
+}
+
 Outcome alive_register(Call& call) {
-    call.state.alive[std::stoll(call.rest)] = std::chrono::steady_clock::now() + kAliveTime;
+    call.state.alive[process_in(call)] = std::chrono::steady_clock::now() + kAliveTime;
     return done();
 }
 
 Outcome alive_refresh(Call& call) {
-    const auto known = call.state.alive.find(std::stoll(call.rest));
+    const auto known = call.state.alive.find(process_in(call));
     if (known == call.state.alive.end()) return refused("not registered", 404);
     known->second = std::chrono::steady_clock::now() + kAliveTime;
     return done();

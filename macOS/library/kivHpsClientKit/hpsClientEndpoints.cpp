@@ -195,7 +195,8 @@ std::string hpsClient::get_igmp_list() {
     std::string lines;
     if (!payload.is_object() || !payload.contains("list") || !payload["list"].is_array()) return lines;
     for (const Json& entry : payload["list"]) {
-        lines += "[" + std::to_string(entry.at("pid").get<int32_t>()) + "]: ";
+        lines += '[';
+        lines += std::to_string(entry.at("pid").get<int32_t>()) + "]: ";
         lines += entry.at("dst_ip_addr").get<std::string>() + "\n";
     }
     return lines;

@@ -90,7 +90,7 @@ bool read_form(const std::string& file_path, std::string& form) try {
     const std::string tail = std::string("\r\n--") + kBoundary + "--\r\n";
     // Room for the whole form at once; what has no size (a pipe) makes it grow.
     const std::uintmax_t size = std::filesystem::file_size(file_path, ignored);
-    form.reserve(head.size() + (ignored ? 0 : static_cast<std::size_t>(size)) + tail.size());
+    form.reserve(head.size() + (ignored ? 0 : static_cast<std::size_t>(size)) + kReadBlock + tail.size());
     form = head;
     while (file) {
         const std::size_t filled = form.size();
@@ -232,12 +232,8 @@ HttpResult HttpClient::attempt(const std::string& method, const std::string& pat
     result.success = status >= 200 && status <= 299;
     if (!result.success) {
         result.error = "http status " + std::to_string(status);
-    } else if (!result.body.empty()) {
-        try {
-            const auto discarded = nlohmann::json::parse(result.body);
-        } catch (const std::exception&) {
-            log_error("invalid json response");
-        }
+    } else if (!result.body.empty() && !nlohmann::json::accept(result.body)) {
+        log_error("invalid json response");
     }
     return result;
 }

@@ -1,0 +1,124 @@
+// The card configuration's file: what the model becomes, and what a text becomes.
+#include <CardConfig.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "ConfigurationFile.h"
+#include "TemporaryDirectory.h"
+
+namespace {
+
+using kiv::config::CardConfig;
+
+/// The example's text with the first such piece replaced.
+std::string with(const std::string& piece, const std::string& other,
+                 std::string text = ConfigurationFile::sample()) {
+    const std::size_t at = text.find(piece);
+    if (at == std::string::npos) throw std::logic_error("not in the text: " + piece);
+    return text.replace(at, piece.size(), other);
+}
+
+/// What the runtime error of `action` says; empty without one.
+template <typename Action>
+std::string failure(Action action) {
+    try {
+        action();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "";
+}
+
+class CardConfigFile : public testing::Test {
+  protected:
+    CardConfig load(const std::string& text) {
+        write_file(path_, text);
+        return CardConfig::load_from_file(path_);
+    }
+
+    std::string saved(const CardConfig& config) {
+        config.save_to_file(path_);
+        return read_file(path_);
+    }
+
+    TemporaryDirectory directory_;
+    const std::string path_ = directory_ / "hps_boot.json";
+};
+
+TEST_F(CardConfigFile, TheModelIsWrittenByteForByteAndComesBack) {
+    CardConfig config;
+    config.version = 1;
+    config.ptp = {3, 127, -2, -3, 1};
+    config.devices = {{1, "KIV-1001", {"192.168.10.11", "255.255.255.0", 46, 64, -2147483647 - 1}, {}},
+                      {2, "KIV-1002", {"192.168.10.12", "255.255.255.0", 46, 64, 0}, {}}};
+    config.devices[0].maceth1 = {"192.168.20.11", "255.255.255.0", 46, 64, 0};
+    config.devices[1].maceth1 = {"192.168.20.12", "255.255.255.0", 46, 64, 0};
+    config.mactun = {"127.0.0.1", 80};
+    const std::string text = with(R"("vlan_id": 0)", R"("vlan_id": -2147483648)",
+                                  with(R"("unicast_delay_req": 0)", R"("unicast_delay_req": 1)"));
+    EXPECT_EQ(saved(config), text);
+    EXPECT_EQ(saved(load(text)), text);
+    EXPECT_TRUE(saved({}).ends_with("\"ip_addr\": \"\",\n        \"server_port\": 0\n    }\n}\n"));
+    EXPECT_NE(saved({}).find("\n    \"devices\": [],\n    \"mactun\": {\n"), std::string::npos);
+}
+
+TEST_F(CardConfigFile, OrderIsPutRightAndExtraKeysAreDropped) {
+    const std::string text = with("{", R"({"mactun":{"extra":1,"server_port":80,"ip_addr":"127.0.0.1"},)");
+    EXPECT_EQ(saved(load(with("\"mactun\": {", "\"extra\": {", text))), ConfigurationFile::sample());
+}
+
+TEST_F(CardConfigFile, AnyNumberBecomesThirtyTwoBits) {
+    const struct {
+        const char* text;
+        int32_t value;
+    } rows[] = {
+        {"-46.9", -46},
+        {"18446744073709551615", -1},
+        {"-1e30", -2147483647 - 1},
+    };
+    for (const auto& [text, value] : rows)
+        EXPECT_EQ(load(with("46", text)).devices[0].maceth0.tos, value) << text;
+}
+
+TEST_F(CardConfigFile, AFaultyDocumentIsRefusedWithTheReason) {
+    const std::string document = "Error during JSON deserialization: [json.exception.";
+    const std::string type = document + "type_error.302] type must be ";
+    const std::string missing = document + "out_of_range.403] key ";
+    const std::string access = document + "type_error.304] cannot use at() with ";
+    const std::string parsing =
+        "Error: JSON parsing failed in " + path_ + " - [json.exception.parse_error.101] parse error at line ";
+    const struct {
+        std::string text;
+        std::string reason;
+    } rows[] = {
+        {with(": 46", ": \"10\""), type + "number, but is string"},
+        {with("\"127.0.0.1\"", "10"), type + "string, but is number"},
+        {with("\"devices\": [", "\"devices\": {}, \"\": ["), type + "array, but is object"},
+        {with("unicast_delay_req", ""), missing + "'unicast_delay_req' not found"},
+        {"[]", access + "array"},
+        {with(": 46", ": 1e999"), document + "out_of_range.406] number overflow parsing '1e999'"},
+        {ConfigurationFile::sample() + "}", parsing},
+        {with("127.0.0.1", "\xFF"), parsing},
+    };
+    for (const auto& [text, reason] : rows)
+        EXPECT_EQ(
+            failure([&] { load(text); }).substr(0, reason == parsing ? parsing.size() : std::string::npos),
+            reason)
+            << text;
+}
+
+TEST_F(CardConfigFile, AFailedSaveNamesThePlaceOrLeavesTheFileAlone) {
+    const std::string path = directory_ / "missing/hps_boot.json";
+    EXPECT_EQ(failure([&] { CardConfig::load_from_file(path); }),
+              "Error: Could not open JSON file for reading: " + path);
+    EXPECT_EQ(failure([&] { CardConfig().save_to_file(path); }),
+              "Error: Could not open JSON file for writing: " + path);
+    CardConfig config = load(ConfigurationFile::sample());
+    config.mactun.ip_addr = "\xFF";
+    EXPECT_THROW(config.save_to_file(path_), std::runtime_error);
+    EXPECT_EQ(read_file(path_), ConfigurationFile::sample());
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include "DriverLines.h"
+#include "RunningSimulator.h"
+#include "kivDriverClient.h"
+
+namespace {
+
+constexpr int32_t kBusy = static_cast<int32_t>(0xE00002D5);
+
+kivDriverClientList clients() {
+    return kivDriverClient::enumerateDevices("kivPCIService");
+}
+
+/// The trace, each event a word: "open 22", "26", "close".
+std::string story_of(const RunningSimulator& simulator) {
+    std::string story;
+    for (const auto& event : simulator.trace()) {
+        std::string word = event["event"];
+        if (word == "call") word = std::to_string(event["selector"].get<unsigned>());
+        if (word == "open") word += " " + std::to_string(event["type"].get<unsigned>());
+        story += (story.empty() ? "" : ", ") + word;
+    }
+    return story;
+}
+
+/// One card with one function.
+std::vector<kivsim::CardSettings> one_service() {
+    std::vector<kivsim::CardSettings> cards = {kivsim::believable_card(1)};
+    cards[0].functions = {{0, 22}};
+    return cards;
+}
+
+TEST(DriverConnection, FindsEveryServiceThatTakesOneOfItsTypes) {
+    auto cards = kivsim::default_cards();
+    cards[0].functions = {{0, 22}, {1, 23}, {2, 24}};
+    cards[0].identity_text = std::string(64, 't');
+    cards[1].functions = {{5, 23}};
+    const RunningSimulator simulator(cards);
+    const kivDriverClientList found = clients();
+    EXPECT_EQ(story_of(simulator),
+              "open 22, 26, 31, open 22, open 23, 26, 31, open 22, open 23, open 22, open 23, 26, 31");
+    std::string ids;
+    for (const auto& client : found)
+        ids += std::to_string(client->get_func_id()) + ":" + std::to_string(client->boot_conf.function) + " ";
+    EXPECT_EQ(ids, "22:0 23:1 23:5 ");
+    EXPECT_EQ(std::string(found[0]->boot_conf.identity_text), std::string(63, 't'));
+
+    DriverLines lines;
+    EXPECT_TRUE(kivDriverClient::enumerateDevices("kivPCI").empty());
+    EXPECT_EQ(lines.take(), Lines{});
+    setenv("KIVSIM_SOCKET", std::string(108, 'x').c_str(), 1);
+    EXPECT_TRUE(clients().empty());
+    EXPECT_EQ(lines.take(),
+              Lines{"Unable to find service for identifier with error: 0xe00002e2. name=kivPCIService"});
+}
+
+TEST(DriverConnection, OpensAndClosesOnce) {
+    const RunningSimulator simulator(one_service());
+    const auto client = clients().at(0);
+    EXPECT_EQ(client->open(false), 0);
+    EXPECT_EQ(client->open(true), -1);  // No interrupts: the process is off the driver's list again.
+    EXPECT_EQ(client->close(), 0);
+    EXPECT_FALSE(client->isOpen());
+    DriverLines lines;
+    EXPECT_EQ(client->close(), -1);
+    EXPECT_EQ(lines.take(), Lines{});
+    EXPECT_EQ(story_of(simulator), "open 22, 26, 31, 24, 24, 25, 25, close");
+}
+
+TEST(DriverConnection, StaysWhenTheDriverRefusesTheLeaveButEndsWithTheClient) {
+    for (const bool for_ever : {false, true}) {
+        auto cards = one_service();
+        cards[0].driver_faults = {{25, 1, kBusy, 0, {}}};
+        if (for_ever) cards[0].driver_faults[0].nth.reset();
+        const RunningSimulator simulator(cards);
+        auto client = clients().at(0);
+        EXPECT_EQ(client->close(), -1);
+        EXPECT_TRUE(client->isOpen());
+        EXPECT_EQ(client->reset_buffer(), 0);
+        if (!for_ever) {
+            EXPECT_EQ(client->close(), 0);
+        }
+        client.reset();
+        EXPECT_EQ(story_of(simulator), "open 22, 26, 31, 25, 19, 25, close");
+    }
+}
+
+TEST(DriverConnection, ToADriverThatHasGoneFailsAndEnds) {
+    RunningSimulator simulator;
+    auto client = clients().at(0);
+    simulator.stop();
+    uint32_t value = 1;
+    EXPECT_EQ(client->read_pci32(0, 0, &value), 0x10000003);
+    EXPECT_EQ(value, 0u);
+    EXPECT_EQ(client->close(), -1);
+    EXPECT_TRUE(client->isOpen());
+    client.reset();
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+#include "HpsHttpHelper.h"
+
+#include <gtest/gtest.h>
+
+#include "CapturedLog.h"
+#include "HttpTexts.h"
+#include "TemporaryDirectory.h"
+
+namespace {
+
+/// handle_json's payload, the order of its keys included, or the caller's value, kept.
+std::string payload(const HttpResult& result) {
+    Json out = "kept";
+    return HpsHttpHelper::handle_json(result, out) ? out.dump() : "failure " + out.dump();
+}
+
+/// The log of a body that is not JSON.
+Lines parse_error(const std::string& body) {
+    try {
+        return {"valid: " + Json::parse(body).dump()};
+    } catch (const Json::exception& error) {
+        return {std::string("JSON parse error: ") + error.what(), "body=[" + body + "]"};
+    }
+}
+
+}  // namespace
+
+TEST(HpsHttpHelper, SaysInOneLineWhatFailed) {
+    const std::pair<HttpResult, Lines> cases[] = {
+        {{true, 0, "not JSON", "ignored"}, {}},
+        {{false, 0, "body", "retry over"}, {"HTTP Network error: retry over"}},
+        {{false, 500, "body", "http status 500"}, {"HTTP Server error status=500, msg=http status 500"}},
+        {{false, 9'000'000'000, "", ""}, {"HTTP Server error status=9000000000, msg="}},
+        {{false, 499, "", "x"}, {"HTTP status=499, no body"}},
+        {{false, 401, "body", "x"}, {"HTTP Auth error status=401"}},
+        {{false, 403, "", "x"}, {"HTTP Auth error status=403"}},
+        {{false, 404, "body", "x"}, {"HTTP not found"}},
+        {{false, 402, "{} {0} \xff", "x"}, {"HTTP status=402, body={} {0} \xff"}},
+        {{false, 200, "kept", "file write error"}, {"HTTP status=200, body=kept"}},
+    };
+    CapturedLog log(KIV_LOG_LEVEL_ERROR);
+    const TemporaryDirectory directory;
+    for (const auto& [result, lines] : cases) {
+        EXPECT_EQ(HpsHttpHelper::handle(result), result.success);
+        EXPECT_EQ(log.take(), lines);
+        EXPECT_EQ(HpsHttpHelper::handle_download(result, directory / "."), result.success);
+        EXPECT_EQ(log.take(), lines);
+        EXPECT_EQ(payload(result), R"(failure "kept")");
+        EXPECT_EQ(log.take(), result.success ? parse_error("not JSON") : lines);
+    }
+    EXPECT_FALSE(HpsHttpHelper::handle_download({true, 200, "{}", ""}, directory / "none"));
+    EXPECT_EQ(log.take(), Lines{"Download file not exist: " + (directory / "none")});
+}
+
+TEST(HpsHttpHelper, FindsThePayloadOnceWrappedOrNot) {
+    const std::pair<std::string, std::string> cases[] = {
+        {R"({"data":{"z":1,"a":{"data":2}},"status":0})", R"({"z":1,"a":{"data":2}})"},
+        {R"({"first":0,"data":[3,1,2]})", "[3,1,2]"},
+        {R"({"data":null})", "null"},
+        {R"({"data":"{\"z\":1,\"a\":[]}"})", R"({"z":1,"a":[]})"},
+        {R"({"data":"{\"data\":1}"})", R"({"data":1})"},
+        {R"({"data":"{} // why"})", R"("{} // why")"},
+        {R"([{"data":1}])", R"([{"data":1}])"},
+    };
+    CapturedLog log(KIV_LOG_LEVEL_ERROR);
+    for (const auto& [body, wanted] : cases)
+        EXPECT_EQ(payload({true, 200, body, ""}), wanted) << body;
+    EXPECT_EQ(log.take(), Lines{});
+    for (const std::string body : {"", R"({"data":1} // why)", R"({"data":)", "1e999", "\"\xff\""}) {
+        EXPECT_EQ(payload({true, 200, body, ""}), R"(failure "kept")");
+        EXPECT_EQ(log.take(), parse_error(body));
+    }
+}

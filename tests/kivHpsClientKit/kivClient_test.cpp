@@ -1,0 +1,177 @@
+#include "kivClient.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <new>
+#include <tuple>
+
+#include "CapturedLog.h"
+#include "HttpTexts.h"
+#include "TemporaryDirectory.h"
+#include "Waiting.h"
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+
+namespace {
+
+std::atomic<bool> g_no_handles{false};  ///< libcurl gives none.
+thread_local bool t_no_arrays = false;  ///< This thread gets no memory for an array: a file stream needs one.
+
+}  // namespace
+
+// Not inlined: else the compiler sees a malloc() meet a delete.
+[[gnu::noinline]] void* operator new[](std::size_t size) {
+    void* const memory = t_no_arrays ? nullptr : std::malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+extern "C" CURL* curl_easy_init() {
+    return g_no_handles ? nullptr : reinterpret_cast<CURL* (*)()>(dlsym(RTLD_NEXT, "curl_easy_init"))();
+}
+
+TEST(HttpClient, EachOperationSendsItsRequestToTheByte) {
+    const LoopbackServer server({LoopbackServer::http(200, "{}")});
+    HttpClient client(server.url() + "/api/v1.0");
+    const std::string json = "application/json";
+    const Json value = {{"z", "Zürich \x01 /"}, {"a", {1, -2.5, true, nullptr}}, {"m", Json::object()}};
+    const std::string body = R"({"z":"Zürich \u0001 /","a":[1,-2.5,true,null],"m":{}})";
+    const std::pair<std::function<HttpResult()>, std::string> cases[] = {
+        {[&] { return client.get("tail?all=1"); }, wanted(server, "GET /api/v1.0tail?all=1")},
+        {[&] { return client.post("/p", value); }, wanted(server, "POST /api/v1.0/p", json, body)},
+        {[&] { return client.patch("/", value); }, wanted(server, "PATCH /api/v1.0/", json, body)},
+        {[&] { return client.del("/d", value); }, wanted(server, "DELETE /api/v1.0/d", json, body)},
+        {[&] { return client.post("/n", {}); }, wanted(server, "POST /api/v1.0/n", json, "null")},
+    };
+    for (const auto& [send, request] : cases) {
+        EXPECT_EQ(text(send()), "success 200 [{}]");
+        EXPECT_EQ(server.requests().back(), request);
+    }
+    EXPECT_THROW(client.post("/", "Z\xfcrich"), Json::type_error);
+    EXPECT_EQ(server.requests().size(), std::size(cases));
+}
+
+TEST(HttpClient, UploadsAFileByteForByteUnderItsLastName) {
+    const TemporaryDirectory directory;
+    const LoopbackServer server({LoopbackServer::http(201, "")});
+    HttpClient client(server.url());
+    const std::string boundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW", name = "two words, a \" and ü";
+    std::string bytes = "\0\r\n--\0"s;
+    for (int i = 0; i < 100'000; ++i)
+        bytes += static_cast<char>(i * 7 + i / 256);
+    write_file(directory / name, bytes);
+    EXPECT_EQ(text(client.upload("/up", directory / name)), "success 201 []");
+    const std::string type = "multipart/form-data; boundary=" + boundary;
+    const std::string head = "Content-Disposition: form-data; name=\"file\"; filename=\"" + name +
+                             "\"\r\nContent-Type: application/octet-stream\r\n\r\n";
+    const std::string form = "--" + boundary + "\r\n" + head + bytes + "\r\n--" + boundary + "--\r\n";
+    EXPECT_TRUE(server.requests().back() == wanted(server, "POST /up", type, form));
+    CapturedLog log;
+    // The last can be opened, but its first page is never mapped.
+    for (const std::string& path : {directory / "missing", directory / ".", ""s, "/proc/self/mem"s}) {
+        EXPECT_EQ(text(client.upload("/up", path)), "failure 0 [] file open error");
+        EXPECT_EQ(log.take(), Lines{"Could not open file=" + path});
+    }
+    EXPECT_EQ(server.requests().size(), 1u);
+}
+
+TEST(HttpClient, AnyAnswerEndsTheRequestAndGoodOnesAreWrittenByDownloads) {
+    const Lines not_json{"invalid json response"};
+    // The longest good body first: what a download replaces.
+    const std::tuple<LoopbackServer::Reply, std::string, Lines> cases[] = {
+        {LoopbackServer::http(300, "OK"), "failure 300 [OK] http status 300", {}},
+        {{"HTTP/1.1 302 Found\r\nLocation: /other\r\n\r\n", {}}, "failure 302 [] http status 302", {}},
+        {LoopbackServer::http(404, "{\"no\":1}"), "failure 404 [{\"no\":1}] http status 404", {}},
+        {LoopbackServer::http(503, ""), "failure 503 [] http status 503", {}},
+        {LoopbackServer::http(200, "[1, 2, 3]"), "success 200 [[1, 2, 3]]", {}},
+        {LoopbackServer::http(200, "{} // why"), "success 200 [{} // why]", not_json},
+        {LoopbackServer::http(299, "\0\xff\r\n"s), "success 299 [\0\xff\r\n]"s, not_json},
+        {LoopbackServer::http(204, ""), "success 204 []", {}},
+    };
+    CapturedLog log;
+    const TemporaryDirectory directory;
+    const std::string path = directory / "file";
+    for (const auto& [reply, result, lines] : cases) {
+        const LoopbackServer server({reply});
+        HttpClient client(server.url());
+        const HttpResult download = client.download("/", path);
+        EXPECT_EQ(text(download), result);
+        EXPECT_EQ(log.take(), lines) << result;
+        EXPECT_EQ(server.requests(), Lines{wanted(server, "GET /")});
+        EXPECT_EQ(std::filesystem::exists(path), download.success);
+        if (!download.success) continue;
+        EXPECT_EQ(read_file(path), download.body);
+        const std::string failed = "failure" + result.substr(7);
+        EXPECT_EQ(text(client.download("/", directory / "no/directory")), failed + " file write error");
+        EXPECT_EQ(log.take(), lines) << result;
+        t_no_arrays = true;
+        EXPECT_EQ(text(client.download("/", path)), failed + " exception on file write");
+        t_no_arrays = false;
+        EXPECT_EQ(log.take(), lines) << result;
+    }
+}
+
+TEST(HttpClient, WithoutAnAnswerTheRequestIsRepeatedAfterAPauseAndTheLastPausesToo) {
+    const LoopbackServer::Reply cut_short{"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n{\"lost\"", {}};
+    const LoopbackServer hangs_up({kHangsUp}), cuts_short({cut_short});
+    const std::pair<std::string, CURLcode> cases[] = {
+        {"http://127.0.0.1:1", CURLE_COULDNT_CONNECT},
+        {hangs_up.url(), CURLE_GOT_NOTHING},
+        {cuts_short.url(), CURLE_PARTIAL_FILE},
+    };
+    CapturedLog log;
+    for (const auto& [base_url, failure] : cases) {
+        HttpClient client(base_url);
+        for (const int attempts : {4, 0, -1}) {
+            client.set_retry(attempts, 30);
+            const Stopwatch watch;
+            EXPECT_EQ(text(client.post("/", {})), "failure 0 [] retry over");
+            EXPECT_GE(watch.elapsed(), attempts * 30ms);
+            EXPECT_EQ(log.take(), failed_attempts(failure, attempts)) << base_url;
+        }
+    }
+    EXPECT_EQ(hangs_up.requests().size() + cuts_short.requests().size(), 8u);
+
+    const LoopbackServer server({cut_short, kHangsUp, LoopbackServer::http(200, "{\"kept\":1}")});
+    HttpClient client(server.url());
+    g_no_handles = true;
+    const Stopwatch by_default;
+    EXPECT_EQ(text(client.get("/")), "failure 0 [] retry over");
+    EXPECT_GE(by_default.elapsed(), 300ms);
+    EXPECT_EQ(log.take(), Lines(3, "curl init failed"));
+    g_no_handles = false;
+    EXPECT_EQ(text(client.post("/", {{"a", 1}})), "success 200 [{\"kept\":1}]");
+    EXPECT_EQ(log.take(), failed_attempts(CURLE_PARTIAL_FILE, 1, failed_attempts(CURLE_GOT_NOTHING, 1)));
+    EXPECT_EQ(server.requests(), Lines(3, wanted(server, "POST /", "application/json", R"({"a":1})")));
+}
+
+TEST(HttpClient, TheTimeLimitIsNotThatOfUploadsAndDownloads) {
+    const TemporaryDirectory directory;
+    write_file(directory / "up", "up");
+    const LoopbackServer::Reply late{LoopbackServer::http(200, "{}").bytes, 1300ms};
+    const LoopbackServer slow[] = {LoopbackServer({late}), LoopbackServer({late}), LoopbackServer({late})};
+    CapturedLog log;
+    HttpClient client("");
+    client.set_retry(1, 0);
+    client.set_timeout(1);
+    auto up = std::async(std::launch::async, [&] { return client.upload(slow[0].url(), directory / "up"); });
+    auto down =
+        std::async(std::launch::async, [&] { return client.download(slow[1].url(), directory / "down"); });
+    EXPECT_EQ(text(client.get(slow[2].url())), "failure 0 [] retry over");
+    EXPECT_EQ(log.take(), failed_attempts(CURLE_OPERATION_TIMEDOUT, 1));
+    EXPECT_EQ(text(up.get()), "success 200 [{}]");
+    EXPECT_EQ(text(down.get()), "success 200 [{}]");
+}

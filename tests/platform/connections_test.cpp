@@ -1,0 +1,150 @@
+#include <gtest/gtest.h>
+#include <wire.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "RunningSimulator.h"
+#include "Services.h"
+#include "Waiting.h"
+
+namespace {
+
+namespace wire = kiv::wire;
+
+template <typename Bytes>
+std::string hex(const Bytes& bytes, size_t size) {
+    std::string text;
+    for (size_t i = 0; i < size; ++i) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(bytes[i]));
+        text += digits;
+    }
+    return text;
+}
+
+TEST(PlatformConnections, LiveWithoutTheirServiceAndWithoutEachOther) {
+    const RunningSimulator simulator;
+    const io_connect_t one = open_first();
+    const io_connect_t other = open_first();  // open_first() keeps no service.
+    EXPECT_EQ(call(one, wire::kGetVersion), kIOReturnSuccess);
+    EXPECT_EQ(IOServiceClose(one), kIOReturnSuccess);
+    EXPECT_EQ(call(one, wire::kGetVersion), MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(IOServiceClose(one), kIOReturnBadArgument);
+    EXPECT_EQ(call(other, wire::kGetVersion), kIOReturnSuccess);
+    EXPECT_EQ(IOServiceClose(other), kIOReturnSuccess);
+}
+
+TEST(PlatformConnections, ACallCarriesItsBytesAndTakesWhatFits) {
+    struct Row {
+        const char* name;
+        uint32_t selector;
+        size_t input_size;
+        size_t capacity;
+        kern_return_t status;
+        size_t produced;  ///< Bytes of the output that change; also the size then, unless none do.
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"capacity as the reply",     wire::kReadPci32,       32,   32,   kIOReturnSuccess,         32},
+        {"one byte too many",         wire::kReadPci32,       32,   31,   kIOReturnBadArgument,     0},
+        {"a reply cut short",         wire::kGetPtpEpochTime, 0,    32,   kIOReturnSuccess,         5},
+        {"a failing call",            wire::kGetAncInfo,      0,    16,   kIOReturnNotReady,        0},
+        {"no output",                 wire::kEnableInterrupt, 4,    64,   kIOReturnSuccess,         0},
+        {"more than the in-band size", wire::kReadPci32,      4097, 32,   kIOReturnMessageTooLarge, 0},
+        {"a large capacity",          wire::kReadPci32,       32,   5000, kIOReturnSuccess,         32},
+    };
+    // clang-format on
+    auto cards = kivsim::default_cards();
+    cards[0].driver_faults = {{wire::kGetPtpEpochTime, {}, 0, 0, 5},
+                              {wire::kGetAncInfo, {}, kIOReturnNotReady, 0, {}}};
+    const RunningSimulator simulator(cards);
+    const io_connect_t connect = open_first();
+
+    std::array<uint8_t, 5000> input{};
+    for (size_t i = 20; i < input.size(); ++i)  // A register access in BAR 0; the rest is any data.
+        input[i] = static_cast<uint8_t>(i);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::array<uint8_t, 5000> output;
+        output.fill(0xA5);
+        size_t size = row.capacity;
+        const size_t traced_before = simulator.calls(row.selector).size();
+        EXPECT_EQ(IOConnectCallStructMethod(connect, row.selector, input.data(), row.input_size,
+                                            output.data(), &size),
+                  row.status);
+        EXPECT_EQ(size, row.produced != 0 ? row.produced : row.capacity);
+        EXPECT_TRUE(std::all_of(output.begin() + static_cast<std::ptrdiff_t>(row.produced), output.end(),
+                                [](uint8_t byte) { return byte == 0xA5; }));
+        const auto traced = simulator.calls(row.selector);
+        if (row.input_size > 4096) {
+            EXPECT_EQ(traced.size(), traced_before);
+            continue;
+        }
+        ASSERT_EQ(traced.size(), traced_before + 1);
+        EXPECT_EQ(traced.back()["input"], hex(input, row.input_size));
+        if (row.produced != 0) {
+            EXPECT_EQ(traced.back()["reply"], hex(output, row.produced));
+        }
+    }
+
+    EXPECT_EQ(IOServiceClose(connect), kIOReturnSuccess);
+}
+
+TEST(PlatformConnections, AStalledCallBlocksNobodyAndEndsWithItsConnection) {
+    auto cards = kivsim::default_cards();
+    cards[0].driver_faults = {{wire::kGetPtpEpochTime, {}, 0, 60000, {}}};
+    const RunningSimulator simulator(cards);
+    const io_connect_t stalled = open_first();
+    const io_connect_t other = open_first();
+    std::array<std::atomic<kern_return_t>, 2> results{-1, -1};
+    std::vector<std::thread> callers;
+    for (auto& result : results)  // The second one waits for its turn.
+        callers.emplace_back([&result, stalled] { result = call(stalled, wire::kGetPtpEpochTime); });
+    ASSERT_TRUE(wait_until([&] { return !simulator.calls(wire::kGetPtpEpochTime).empty(); }));
+    EXPECT_EQ(call(other, wire::kGetVersion), kIOReturnSuccess);
+    EXPECT_EQ(IOServiceClose(stalled), kIOReturnSuccess);
+    for (std::thread& caller : callers)
+        caller.join();
+    for (const auto& result : results)
+        EXPECT_EQ(result, MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(call(other, wire::kGetVersion), kIOReturnSuccess);
+}
+
+TEST(PlatformConnections, ThreadsShareOneUntilItCloses) {
+    const RunningSimulator simulator;
+    const io_connect_t connect = open_first();
+    std::atomic<int> rounds = 0;
+    std::atomic<int> mixed_up = 0;
+    std::vector<std::thread> callers;
+    for (uint64_t caller = 0; caller < 4; ++caller) {
+        callers.emplace_back([&, caller] {
+            for (uint64_t value = 1;; ++value) {
+                wire::PciAccess access{2, 0, caller * 8, 0, 0, caller << 32 | value};
+                size_t size = sizeof access;
+                if (IOConnectCallStructMethod(connect, wire::kWritePci64, &access, size, nullptr, nullptr) !=
+                        0 ||
+                    IOConnectCallStructMethod(connect, wire::kReadPci64, &access, size, &access, &size) != 0)
+                    return;
+                if (access.offset != caller * 8 || access.data64 != (caller << 32 | value)) ++mixed_up;
+                ++rounds;
+            }
+        });
+    }
+    EXPECT_TRUE(wait_until([&] { return rounds >= 200; }));
+    std::atomic<int> closed = 0;
+    std::vector<std::thread> closers;
+    for (int i = 0; i < 2; ++i)
+        closers.emplace_back([&] { closed += IOServiceClose(connect) == 0 ? 1 : 0; });
+    for (auto* const threads : {&callers, &closers}) {
+        for (std::thread& thread : *threads)
+            thread.join();
+    }
+    EXPECT_EQ(mixed_up, 0);
+    EXPECT_EQ(closed, 1);
+}
+
+}  // namespace

@@ -1,0 +1,67 @@
+#include <gtest/gtest.h>
+#include <kivplatform/driver_process.h>
+
+#include <csignal>
+#include <thread>
+
+#include "Program.h"
+#include "RunningSimulator.h"
+#include "Services.h"
+#include "Waiting.h"
+
+namespace {
+
+constexpr uint32_t kGetVersion = 4;
+constexpr uint32_t kGetPtpTime = 16;
+
+TEST(PlatformDriverProcess, ThatEndsFailsItsConnectionsOnly) {
+    auto earlier = std::make_unique<RunningSimulator>();
+    const io_service_t service = services().front();
+    const io_connect_t connect = open_first();
+    ASSERT_EQ(call(connect, kGetVersion), kIOReturnSuccess);
+    earlier->stop();
+    EXPECT_FALSE(kivplatform_driver_running());
+    io_connect_t none = 77;
+    EXPECT_EQ(IOServiceOpen(service, mach_task_self(), kMedia, &none), MACH_SEND_INVALID_DEST);
+
+    // The next driver process has services of its own; the dead connection stays dead.
+    const RunningSimulator later;
+    EXPECT_EQ(IOServiceOpen(service, mach_task_self(), kMedia, &none), kIOReturnNoDevice);
+    EXPECT_EQ(none, 77u);
+    EXPECT_EQ(call(connect, kGetVersion), MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(call(open_first(), kGetVersion), kIOReturnSuccess);
+    EXPECT_EQ(IOServiceClose(connect), kIOReturnSuccess);
+}
+
+TEST(PlatformDriverProcess, ThatIsKilledEndsEvenAStalledCall) {
+    const TemporaryDirectory directory;
+    write_file(directory / "cards.json",
+               R"({"cards": [{"id": 1, "driver_faults": [{"selector": 16, "delay_ms": 60000}]}]})");
+    setenv("KIVSIM_SOCKET", (directory / "driver.sock").c_str(), 1);
+    Program driver({KIVSIM_PROGRAM, "--config", directory / "cards.json", "--trace", directory / "trace"});
+    ASSERT_NE(driver.read_line(), "");
+    const io_connect_t stalled = open_first();
+    kern_return_t result = -1;
+    std::thread caller([&] { result = call(stalled, kGetPtpTime); });
+    EXPECT_TRUE(wait_until(
+        [&] { return read_file(directory / "trace").find("\"selector\":16") != std::string::npos; }));
+    driver.send_signal(SIGKILL);
+    EXPECT_EQ(driver.wait().status, -SIGKILL);
+    caller.join();
+    EXPECT_EQ(result, MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(call(stalled, kGetVersion), MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(IOServiceClose(stalled), kIOReturnSuccess);
+    EXPECT_TRUE(services().empty());
+}
+
+TEST(PlatformDriverProcess, IsFoundWhereTheEnvironmentSays) {
+    char path[KIVPLATFORM_SOCKET_PATH_SIZE];
+    for (const size_t length : {1, 107, 108}) {
+        const std::string chosen(length, 'x');
+        setenv("KIVSIM_SOCKET", chosen.c_str(), 1);
+        EXPECT_EQ(kivplatform_driver_socket(path), length < 108) << length;
+        EXPECT_EQ(path, length < 108 ? chosen : "");
+    }
+}
+
+}  // namespace

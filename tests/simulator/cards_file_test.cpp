@@ -1,0 +1,91 @@
+#include <CardSettings.h>
+#include <gtest/gtest.h>
+
+#include <tuple>
+
+#include "TemporaryDirectory.h"
+
+namespace {
+
+/// The complaint about a file of this text, without the file's name, which it must begin with.
+std::string complaint_about(const std::string& text) {
+    const TemporaryDirectory directory;
+    const std::string path = directory / "cards.json";
+    write_file(path, text);
+    try {
+        kivsim::load_cards(path);
+    } catch (const kivsim::BadConfig& error) {
+        const std::string what = error.what();
+        return what.starts_with(path + ": ") ? what.substr(path.size() + 2) : "no file name: " + what;
+    }
+    return "";
+}
+
+TEST(CardsFile, ThatIsWrongNamesTheKey) {
+    const std::string number = R"(must be a number, 0 or greater, or a text such as "0x1F")";
+    const std::string address = R"(must be an IPv4 address such as "10.0.0.1")";
+    const std::pair<const char*, std::string> files[] = {
+        {"[]", "the top level must be an object"},
+        {"{}", "cards: missing"},
+        {R"({"cards": [], "card": []})", "card: unknown key"},
+        {R"({"cards": [{}]})", "cards[0].id: missing"},
+        {R"({"cards": [{"id": -1}]})", "cards[0].id: " + number},
+        {R"({"cards": [{"id": 1}, {"id": "0x01"}]})", "cards[1].id: is another card's"},
+    };
+    for (const auto& [text, expected] : files)
+        EXPECT_EQ(complaint_about(text), expected) << text;
+
+    const std::pair<const char*, std::string> cards[] = {
+        {R"("name": "x")", "name: unknown key"},
+        {R"("bus": "0x")", "bus: " + number},
+        {R"("identity": {"value": "18446744073709551616"})", "identity.value: " + number},
+        {R"("identity": {"text": "12345678901234567890123456789012345678901234567890123456789012345"})",
+         "identity.text: must have at most 64 characters"},
+        {R"("functions": [{"number": 0}])", "functions[0].connection_type: missing"},
+        {R"("registers": {"6": {}})", R"(registers.6: BARs are "0" to "5")"},
+        {R"("registers": {"0": {"0x1000000": 1}})",
+         "registers.0.0x1000000: must be an offset inside a BAR of 16 MiB"},
+        {R"("addresses": ["10.0.0.1"])", "addresses: must have two entries, one for each media port"},
+        {R"("addresses": ["10.0.0.1", "10.0.0"])", "addresses[1]: " + address},
+        {R"("tunnel": {"address": "10.0.0.1"})",
+         "tunnel.address: must be a loopback address (127.x.x.x) unless the server is external"},
+        {R"("server": "internal")", R"(server: can only be "external")"},
+        {R"("driver_faults": [{"selector": 4, "status": 4294967296}])",
+         "driver_faults[0].status: must be at most 4294967295"},
+    };
+    for (const auto& [members, expected] : cards)
+        EXPECT_EQ(complaint_about(R"({"cards": [{"id": 1, )" + std::string(members) + "}]}"),
+                  "cards[0]." + expected)
+            << members;
+
+    EXPECT_NE(complaint_about("{\"cards\": ["), "");  // The JSON library's words.
+}
+
+TEST(CardsFile, GivesItsKeysTheirMeaning) {
+    const TemporaryDirectory directory;
+    write_file(directory / "cards.json", R"({"cards": [{
+        "id": "0xFE", "bus": 9, "device": "0x1F", "functions": [{"number": 3, "connection_type": "22"}],
+        "registers": {"5": {"0xFFFFF8": "0x123456789ABCDEF0"}}, "addresses": ["10.0.0.1", "255.255.255.255"],
+        "tunnel": {"address": "10.1.2.3", "port": 65535}, "server": "external",
+        "driver_faults": [{"selector": 5, "nth": 2, "status": "0xE00002D5", "delay_ms": 7, "reply_size": 0}]
+    }, {"id": 0}]})");
+    const std::vector<kivsim::CardSettings> cards = kivsim::load_cards(directory / "cards.json");
+    ASSERT_EQ(cards.size(), 2u);
+    const kivsim::CardSettings& card = cards[0];
+    EXPECT_EQ(std::tuple(card.id, card.bus, card.device), std::tuple(254, 9, 31));
+    EXPECT_EQ(std::tuple(card.functions.at(0).number, card.functions[0].connection_type), std::tuple(3, 22u));
+    ASSERT_EQ(card.registers.size(), 1u);  // In place of the believable ones.
+    EXPECT_EQ(std::tuple(card.registers[0].bar, card.registers[0].offset, card.registers[0].value),
+              std::tuple(5u, 0xFFFFF8u, 0x123456789ABCDEF0u));
+    EXPECT_EQ(std::tuple(card.addresses[0], card.addresses[1], card.tunnel_address, card.tunnel_port,
+                         card.external_server),
+              std::tuple(0x0A000001u, 0xFFFFFFFFu, 0x0A010203u, 65535, true));
+    const kivsim::DriverFault& fault = card.driver_faults.at(0);
+    EXPECT_EQ(std::tuple(fault.selector, fault.nth, fault.status, fault.delay_ms, fault.reply_size),
+              std::tuple(5u, 2u, static_cast<int32_t>(0xE00002D5), 7u, 0u));
+    // The interfaces that are left out tell of the addresses.
+    EXPECT_EQ(card.interfaces.at(1).ip_addr, "255.255.255.255");
+    EXPECT_EQ(cards[1].interfaces.at(2).ip_addr, "127.0.0.1");
+}
+
+}  // namespace
