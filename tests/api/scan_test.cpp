@@ -334,7 +334,6 @@ TEST_F(Scan, EndsWithACodeWhenTheDriverProcessIsKilledUnderIt) {
 
 /// The process ends here, with its polls running and no close.
 TEST(ScanThenExit, NeedsNoClose) {
-    RunningSimulator simulator;
     EXPECT_EXIT(
         {
             RunningSimulator of_child;
