@@ -13,8 +13,8 @@ int talk(const char* address, const char* port) {
         return 1;
     }
     for (const inteface_info& entry : card.interfaces()) {
-        std::printf("%-8s %-15s %-15s %s\n", entry.if_name.c_str(), entry.ip_addr.c_str(), entry.netmask.c_str(),
-                    entry.hw_addr.c_str());
+        std::printf("%-8s %-15s %-15s %s\n", entry.if_name.c_str(), entry.ip_addr.c_str(),
+                    entry.netmask.c_str(), entry.hw_addr.c_str());
     }
 
     std::string report;
@@ -22,7 +22,8 @@ int talk(const char* address, const char* port) {
 
     PtpMaster master;
     if (card.get_ptp_master(master) == 0) {
-        std::printf("\nPTP master %s, UTC offset %d s\n", master.grandmasterIdentity.c_str(), master.currentUtcOffset);
+        std::printf("\nPTP master %s, UTC offset %d s\n", master.grandmasterIdentity.c_str(),
+                    master.currentUtcOffset);
     }
 
     const hps_igmp group{"239.1.2.3", "maceth0", ""};
