@@ -18,6 +18,7 @@ void ThreadManager::start_thread() {
     {
         const std::lock_guard lock(mutex);
         stop_requested = false;
+        wake = false;
     }
     thread_ = std::thread([this] {
         t_current = this;

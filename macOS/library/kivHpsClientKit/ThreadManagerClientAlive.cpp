@@ -14,10 +14,18 @@ void ThreadManagerClientAlive::run_thread() {
         return;
     }
     if (stopping()) return;
-    registry_(id_);
+    call(registry_);
     if (!set_running()) return;
     for (;;) {
-        keep_alive_(id_);
+        call(keep_alive_);
         if (!wait_awhile(std::chrono::seconds(2))) return;
+    }
+}
+
+/// What becomes of a request does not stop the thread, not even an exception.
+void ThreadManagerClientAlive::call(const Callback& callback) const {
+    try {
+        callback(id_);
+    } catch (...) {
     }
 }

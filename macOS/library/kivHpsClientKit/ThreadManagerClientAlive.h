@@ -19,6 +19,8 @@ class ThreadManagerClientAlive final : public ThreadManager {
     void run_thread() override;
 
   private:
+    void call(const Callback& callback) const;
+
     const int32_t id_;
     const Callback registry_;
     const Callback keep_alive_;

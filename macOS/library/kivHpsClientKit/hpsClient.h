@@ -19,7 +19,7 @@ namespace hps {
 struct Endpoint;
 }
 
-/// Operations return 0, or -1 with a line in the log, unless said otherwise; outputs are then untouched. A
+/// Operations return 0, or -1, unless said otherwise; outputs are then untouched. A failed request leaves a line in the log. A
 /// client without a configuration answers every request as a server that cannot be reached. What the server
 /// sends in a wrong shape throws the JSON library's exceptions.
 ///

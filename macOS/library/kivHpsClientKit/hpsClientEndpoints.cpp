@@ -157,8 +157,8 @@ bool hpsClient::exist_ip_address(const std::string& ip) {
     Json payload;
     if (!fetch(hps::kNetworks, payload) || !payload.is_object() || !payload.contains("interfaces"))
         return false;
-    for (Json& entry : payload["interfaces"]) {
-        if (entry["ip_addr"] == ip) return true;
+    for (const Json& entry : payload["interfaces"]) {
+        if (entry.is_object() && entry.contains("ip_addr") && entry["ip_addr"] == ip) return true;
     }
     return false;
 }
