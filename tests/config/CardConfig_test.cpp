@@ -103,9 +103,10 @@ TEST_F(CardConfigFile, AFaultyDocumentIsRefusedWithTheReason) {
         {with("127.0.0.1", "\xFF"), parsing},
     };
     for (const auto& [text, reason] : rows)
-        EXPECT_EQ(
-            failure([&] { load(text); }).substr(0, reason == parsing ? parsing.size() : std::string::npos),
-            reason)
+        EXPECT_EQ(failure([this, &faulty = text] {
+                      load(faulty);
+                  }).substr(0, reason == parsing ? parsing.size() : std::string::npos),
+                  reason)
             << text;
 }
 

@@ -67,7 +67,7 @@ TEST_F(SchedulerTest, RunsComeOneIntervalApartFromTheRegistrationOn) {
     EXPECT_TRUE(runs_.reach(3));
     scheduler_.stop();
     EXPECT_LT(runs_.times[0], started + 300ms) << "timed from the start";
-    for (int i = 0; i < 3; ++i)
+    for (std::size_t i = 0; i < 3; ++i)
         EXPECT_GE(runs_.times[i], registered + (i + 1) * 300ms) << i;
 }
 
@@ -85,7 +85,7 @@ TEST_F(SchedulerTest, ALateRunIsNotCaughtUpAndTheNextComesOneIntervalLater) {
     EXPECT_TRUE(runs_.reach(3));
     scheduler_.stop();
     if (gate_.times[0] >= registered + kInterval) GTEST_SKIP() << "the machine is too slow";
-    for (int i = 0; i < 3; ++i)
+    for (std::size_t i = 0; i < 3; ++i)
         EXPECT_GE(runs_.times[i], opened + i * kInterval) << i;
 }
 
