@@ -12,6 +12,7 @@
 #include "ThreadManagerClientAlive.h"
 #include "ThreadManagerClientPolling.h"
 #include "hpsLog.h"
+#include "jsonFields.h"
 
 namespace {
 
@@ -103,7 +104,7 @@ int32_t hpsClient::open_matching(const std::string& config_path, bool start_thre
         if (!matches(device)) continue;
         const Json& access = device.at("hps_access");
         const auto ip = access.at("ip_addr").get<std::string>();
-        const auto port = access.at("port").get<uint16_t>();
+        const auto port = kiv::json::number<uint16_t>(access.at("port"));
         {
             const std::lock_guard lock(mutex_);
             ip_address_ = ip;

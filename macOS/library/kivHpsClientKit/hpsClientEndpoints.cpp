@@ -7,6 +7,7 @@
 #include "ThreadManagerClientPolling.h"
 #include "hpsClient.h"
 #include "hpsEndpoints.h"
+#include "jsonFields.h"
 
 using Json = nlohmann::ordered_json;
 using hps::Method;
@@ -196,7 +197,7 @@ std::string hpsClient::get_igmp_list() {
     if (!payload.is_object() || !payload.contains("list") || !payload["list"].is_array()) return lines;
     for (const Json& entry : payload["list"]) {
         lines += '[';
-        lines += std::to_string(entry.at("pid").get<int32_t>()) + "]: ";
+        lines += std::to_string(kiv::json::number<int32_t>(entry.at("pid"))) + "]: ";
         lines += entry.at("dst_ip_addr").get<std::string>() + "\n";
     }
     return lines;

@@ -42,6 +42,13 @@ void read(const Json& json, Value& value) {
     json.get_to(value);
 }
 
+template <typename Value>
+Value number(const Json& json) {
+    Value value{};
+    read(json, value);
+    return value;
+}
+
 /// Every row is required: a missing key throws the JSON library's out_of_range.
 template <typename Record, typename Fields>
 void read_fields(const Json& json, Record& record, const Fields& fields) {
