@@ -40,22 +40,6 @@ std::vector<FunctionSettings> functions_of(const Node& node) {
     return functions;
 }
 
-void take_registers(const Node& node, std::vector<RegisterSettings>& registers) {
-    node.each_member([&](const std::string& bar_text, const Node& bar_node) {
-        uint64_t bar = 0;
-        if (!Node::parse(bar_text, bar) || bar >= BarMemory::kBars)
-            bar_node.complain("BARs are \"0\" to \"5\"");
-        bar_node.each_member([&](const std::string& offset_text, const Node& value) {
-            uint64_t offset = 0;
-            if (!Node::parse(offset_text, offset) ||
-                !BarMemory::inside(static_cast<uint32_t>(bar), offset, sizeof(uint64_t))) {
-                value.complain("must be an offset inside a BAR of 16 MiB");
-            }
-            registers.push_back({static_cast<uint32_t>(bar), offset, value.number<uint64_t>()});
-        });
-    });
-}
-
 std::vector<InterfaceSettings> interfaces_of(const Node& node) {
     std::vector<InterfaceSettings> interfaces;
     node.each([&](const Node& item) {
@@ -107,10 +91,7 @@ CardSettings card_of(const Node& node) {
     take(node, "bus", card.bus);
     take(node, "device", card.device);
     if (node.has("functions")) card.functions = functions_of(node.at("functions"));
-    if (node.has("registers")) {
-        card.registers.clear();
-        take_registers(node.at("registers"), card.registers);
-    }
+    if (node.has("registers")) card.registers = registers_of(node.at("registers"));
     if (node.has("addresses")) {
         std::vector<uint32_t> addresses;
         node.at("addresses").each([&](const Node& item) { addresses.push_back(item.address()); });
@@ -146,6 +127,24 @@ std::string dotted(uint32_t address) {
     return text;
 }
 
+std::vector<RegisterSettings> registers_of(const Node& node) {
+    std::vector<RegisterSettings> registers;
+    node.each_member([&](const std::string& bar_text, const Node& bar_node) {
+        uint64_t bar = 0;
+        if (!Node::parse(bar_text, bar) || bar >= BarMemory::kBars)
+            bar_node.complain("BARs are \"0\" to \"5\"");
+        bar_node.each_member([&](const std::string& offset_text, const Node& value) {
+            uint64_t offset = 0;
+            if (!Node::parse(offset_text, offset) ||
+                !BarMemory::inside(static_cast<uint32_t>(bar), offset, sizeof(uint64_t))) {
+                value.complain("must be an offset inside a BAR of 16 MiB");
+            }
+            registers.push_back({static_cast<uint32_t>(bar), offset, value.number<uint64_t>()});
+        });
+    });
+    return registers;
+}
+
 CardSettings believable_card(uint8_t id) {
     CardSettings card;
     card.id = id;
@@ -161,7 +160,21 @@ CardSettings believable_card(uint8_t id) {
         {0, 0x10, 0x5354323131300000u | id},
         {0, 0x18, serial},
         {0, 0x38, 1},
-        {0, 0x140, 0x1C0},
+        {0, 0x140, 0x1C0},  // Both links, PTP state 0.
+        // Port 0 and port 1: reference, and two counters of which 0.5 reference is full load.
+        {1, 0x21430, 100'000'000},
+        {1, 0x21460, 21'250'000},
+        {1, 0x214A0, 5'000'000},
+        {1, 0x31830, 100'000'000},
+        {1, 0x31860, 20'000'000},
+        {1, 0x318E0, 2'500'000},
+        // Transmit and receive streams.
+        {1, 0x20004, 0x02000010},
+        {1, 0x20404, 32},
+        {1, 0x20804, 16},
+        {1, 0x30004, 0x02000010},
+        {1, 0x30404, 32},
+        {1, 0x30804, 16},
     };
     card.addresses[0] = 0xC0A80A00u + 10 + id;
     card.addresses[1] = 0xC0A81400u + 10 + id;

@@ -63,6 +63,9 @@ struct CardSettings {
 /// Reads cards.json (see docs/simulator.md for its keys). Throws BadConfig.
 std::vector<CardSettings> load_cards(const std::string& path);
 
+/// Values of registers by BAR and offset. Throws BadConfig.
+std::vector<RegisterSettings> registers_of(const ConfigNode& node);
+
 /// A card with believable values for everything that cards.json may leave out.
 CardSettings believable_card(uint8_t id);
 

@@ -172,8 +172,9 @@ std::vector<std::byte> DriverHalf::answer(Client& client, const std::vector<std:
         const std::string_view name(reinterpret_cast<const char*>(payload.data()), payload.size());
         std::vector<uint64_t> entries;
         if (name == kiv::wire::kServiceName) {
-            for (std::size_t i = 0; i < services_.size(); ++i)
-                entries.push_back(first_entry_ + i);
+            for (std::size_t i = 0; i < services_.size(); ++i) {
+                if (services_[i].card->is_present()) entries.push_back(first_entry_ + i);
+            }
         }
         return reply_message(kIOReturnSuccess, entries.data(), entries.size() * sizeof(uint64_t));
     }
@@ -192,7 +193,7 @@ std::vector<std::byte> DriverHalf::answer(Client& client, const std::vector<std:
     const DriverFault fault = card.next_fault(request.number);
     delay = std::chrono::milliseconds(fault.delay_ms);
     std::vector<std::byte> output;
-    int32_t status = fault.status;
+    int32_t status = card.is_present() ? fault.status : kIOReturnNotAttached;
     if (status == 0) status = run_selector(card, client.service->function, request.number, payload, output);
     if (fault.reply_size && *fault.reply_size < output.size()) output.resize(*fault.reply_size);
     trace_->call(client.number, client.service->name, request.number, payload, status, output);
@@ -203,6 +204,7 @@ int32_t DriverHalf::open_service(Client& client, uint64_t entry, uint32_t type) 
     if (client.service != nullptr) return kIOReturnBusy;
     if (entry < first_entry_ || entry - first_entry_ >= services_.size()) return kIOReturnNoDevice;
     const Service& service = services_[entry - first_entry_];
+    if (!service.card->is_present()) return kIOReturnNoDevice;
     const int32_t status = type == service.function.connection_type ? kIOReturnSuccess : kIOReturnUnsupported;
     trace_->open(client.number, service.name, type, status);
     if (status == kIOReturnSuccess) client.service = &service;

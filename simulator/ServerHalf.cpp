@@ -215,6 +215,7 @@ uint16_t ServerHalf::add_site(Answering handler, uint32_t host, uint16_t port, c
 
 /// Logged before it is sent: who has the answer finds the line.
 Answer ServerHalf::answer_card(VirtualCard& card, const HttpRequest& request) {
+    if (!card.is_present()) return {503, "", "", 0, Cut::BeforeAnswer};
     const Answer answer = answer_request(card, request);
     const std::lock_guard lock(log_mutex_);
     if (!log_.is_open()) return answer;

@@ -6,19 +6,27 @@
 namespace kivsim {
 
 VirtualCard::VirtualCard(CardSettings settings) : management(settings), settings_(std::move(settings)) {
-    for (const RegisterSettings& entry : settings_.registers) {
-        // A value of up to 32 bits leaves the register after it alone.
+    set_registers(settings_.registers);
+    device_conf.device_index = settings_.id;
+    device_conf.ip[0] = settings_.addresses[0];
+    device_conf.ip[1] = settings_.addresses[1];
+    device_conf.tun = settings_.tunnel_address;
+    device_conf.port = settings_.tunnel_port;
+}
+
+bool VirtualCard::is_present() {
+    const std::lock_guard lock(mutex);
+    return !removed;
+}
+
+void VirtualCard::set_registers(const std::vector<RegisterSettings>& registers) {
+    for (const RegisterSettings& entry : registers) {
         if (entry.value <= std::numeric_limits<uint32_t>::max()) {
             bars.write(entry.bar, entry.offset, static_cast<uint32_t>(entry.value));
         } else {
             bars.write(entry.bar, entry.offset, entry.value);
         }
     }
-    device_conf.device_index = settings_.id;
-    device_conf.ip[0] = settings_.addresses[0];
-    device_conf.ip[1] = settings_.addresses[1];
-    device_conf.tun = settings_.tunnel_address;
-    device_conf.port = settings_.tunnel_port;
 }
 
 void VirtualCard::set_tunnel_port(uint16_t port) {

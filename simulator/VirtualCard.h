@@ -31,7 +31,14 @@ class VirtualCard {
     /// The fault for this call of a selector, if there is one; counts the call.
     DriverFault next_fault(uint32_t selector);
 
-    std::mutex mutex;  ///< Guards all below.
+    /// Whether it is in its slot.
+    bool is_present();
+
+    /// Holding the mutex: a value of up to 32 bits leaves the register after it alone.
+    void set_registers(const std::vector<RegisterSettings>& registers);
+
+    std::mutex mutex;      ///< Guards all below.
+    bool removed = false;  ///< Out of its slot: no service, no server.
     BarMemory bars;
     ManagementState management;
     kiv::wire::DeviceConf device_conf{};

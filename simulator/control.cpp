@@ -1,5 +1,6 @@
 #include "control.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace kivsim {
@@ -33,15 +34,63 @@ Json descriptions(const std::vector<std::shared_ptr<VirtualCard>>& cards) {
     return list;
 }
 
-/// The members of a PATCH replace what the card's server reports.
+constexpr uint64_t kStatusOffset = 0x140;
+
+/// Links in bits 6 and 7 of the status register; the PTP state, 0, 1 or 3, in bits 8, 9 and 10, of which null
+/// sets none.
+void change_status(VirtualCard& card, const ConfigNode& node) {
+    uint64_t status = 0;
+    card.bars.read(0, kStatusOffset, status);
+    const auto put = [&](unsigned bit, bool on) {
+        status = on ? status | uint64_t{1} << bit : status & ~(uint64_t{1} << bit);
+    };
+    if (node.has("links")) {
+        const Json& links = node.at("links").json();
+        if (!links.is_array() || links.size() != 2 || !links[0].is_boolean() || !links[1].is_boolean())
+            node.at("links").complain("must be two of true and false");
+        put(6, links[0].get<bool>());
+        put(7, links[1].get<bool>());
+    }
+    if (node.has("ptp_state")) {
+        const Json& state = node.at("ptp_state").json();
+        if (!state.is_null() && state != 0 && state != 1 && state != 3)
+            node.at("ptp_state").complain("must be 0, 1, 3 or null");
+        put(8, state == 0);
+        put(9, state == 1);
+        put(10, state == 3);
+    }
+    card.bars.write(0, kStatusOffset, status);
+}
+
+template <typename Number, std::size_t count>
+void take_numbers(const ConfigNode& object, const char* key, Number (&values)[count]) {
+    if (!object.has(key)) return;
+    std::vector<Number> given;
+    object.at(key).each([&](const ConfigNode& item) { given.push_back(item.number<Number>()); });
+    if (given.size() != count) object.at(key).complain("must have " + std::to_string(count) + " numbers");
+    std::copy(given.begin(), given.end(), values);
+}
+
+/// The members of a PATCH replace what the card has.
 void change(VirtualCard& card, const ConfigNode& node) {
-    node.members({"wrapping", "hwmon", "ptp_master", "ptp_management"});
+    node.members({"wrapping", "hwmon", "ptp_master", "ptp_management", "links", "ptp_state", "registers",
+                  "pci_link", "resources", "removed"});
     const std::lock_guard lock(card.mutex);
     ManagementState& state = card.management;
     if (node.has("wrapping")) state.wrapping = wrapping_of(node.at("wrapping"));
     if (node.has("hwmon")) state.hwmon = node.at("hwmon").json();
     if (node.has("ptp_master")) state.ptp_master = node.at("ptp_master").json();
     if (node.has("ptp_management")) state.ptp_management = node.at("ptp_management").json();
+    if (node.has("links") || node.has("ptp_state")) change_status(card, node);
+    if (node.has("registers")) card.set_registers(registers_of(node.at("registers")));
+    take_numbers(node, "pci_link", card.pci_link.value);
+    if (node.has("resources")) {
+        const ConfigNode resources = node.at("resources");
+        resources.members({"tx", "rx"});
+        take_numbers(resources, "tx", card.use_resource.tx);
+        take_numbers(resources, "rx", card.use_resource.rx);
+    }
+    if (node.has("removed")) card.removed = node.at("removed").json() == true;
 }
 
 Answer answer_for(VirtualCard& card, const std::string& what, const HttpRequest& request) {
