@@ -3,6 +3,7 @@
 #ifndef KIV_GATE_H
 #define KIV_GATE_H
 
+#include <functional>
 #include <memory>
 
 #include "guarded.h"
@@ -17,16 +18,30 @@ inline kiv_result_t null_argument() {
     return KIV_ERR_NULL_ARGUMENT;
 }
 
-/// The gate of the queries of one card: manager, id, output, Device; then `operation`. A null output is a
-/// success.
-template <typename Output, typename Operation>
-kiv_result_t query_device(uint8_t id, Output* output, Operation operation) noexcept {
+/// The gate of every call for one card: manager, id; then `operation` on the Device.
+template <typename Operation>
+kiv_result_t call_device(uint8_t id, Operation operation) noexcept {
     return guarded([&]() -> kiv_result_t {
         if (!g_DeviceManager) return KIV_ERR_NOT_OPENED;
         const std::shared_ptr<device::Device> device = g_DeviceManager->getDeviceShared(id);
-        if (!device) return KIV_ERR_NO_DEVICE;
-        if (output == nullptr) return KIV_OK;
-        return operation(*device, *output);
+        return device ? operation(*device) : KIV_ERR_NO_DEVICE;
+    });
+}
+
+/// A query: with a null output it does nothing and succeeds.
+template <typename Operation, typename... Output>
+kiv_result_t query_device(uint8_t id, Operation operation, Output*... output) noexcept {
+    return call_device(id, [&](device::Device& device) -> kiv_result_t {
+        return (... && (output != nullptr)) ? std::invoke(operation, device, *output...) : KIV_OK;
+    });
+}
+
+/// A command: its arguments are required.
+template <typename Operation, typename... Argument>
+kiv_result_t command_device(uint8_t id, Operation operation, Argument*... argument) noexcept {
+    return call_device(id, [&](device::Device& device) -> kiv_result_t {
+        return (... && (argument != nullptr)) ? std::invoke(operation, device, *argument...)
+                                              : null_argument();
     });
 }
 

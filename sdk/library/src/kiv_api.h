@@ -22,8 +22,8 @@
  *    two that say so: kiv_open and kiv_configure_save throw std::runtime_error.
  * 5. Null pointers. A getter with a null output does nothing and returns KIV_OK. Where a pointer is required, null
  *    is logged as "Argument is NULL" and returns KIV_ERR_NULL_ARGUMENT.
- * 6. Threads. Calls for cards may be made from several threads at once. kiv_open, kiv_scan, kiv_scan_internal,
- *    kiv_close and kiv_configure_save must not run at the same time as any other call but those of kivLog.h. A call
+ * 6. Threads. Calls for cards may be made from several threads at once. kiv_open, kiv_scan, kiv_scan_internal
+ *    and kiv_close must not run at the same time as any other call but those of kivLog.h. A call
  *    for one card may wait for the card's management server: for about 7 seconds when that does not answer (three
  *    attempts of 2 seconds each, and the pauses between them).
  * 7. Event callbacks run on worker threads of the library. There, and in any job of a PeriodicThreadPool, kiv_scan
@@ -116,6 +116,111 @@ KIV_API kiv_result_t kiv_get_card_info(uint8_t device_id, kiv_card_info_t* info)
  * not answer, KIV_ERR_FAILED when it sends a mask that is none.
  */
 KIV_API kiv_result_t kiv_get_media_net_config(uint8_t device_id, kiv_net_config_t* config);
+
+/* The same as kiv_get_media_net_config: PTP runs over the media ports. */
+KIV_API kiv_result_t kiv_get_ptp_net_config(uint8_t device_id, kiv_net_config_t* config);
+
+/*
+ * Temperatures and board power, asked of the card's management server, in the units of its report; and the PCI
+ * link, asked of the driver: without an answer of the driver `pci_link_a` is 0 and `pci_link_b` stays. The first
+ * value of each sensor stays too; a sensor that the card does not report is 0. KIV_ERR_REST when the server does
+ * not answer, KIV_ERR_FAILED when its report cannot be read; nothing is written then.
+ */
+KIV_API kiv_result_t kiv_get_card_status(uint8_t device_id, kiv_card_status_t* status);
+
+/*
+ * Link and load of the media ports, from registers. A load is counter / reference x 2 x 100 percent in floating
+ * point; with a reference of 0 it is infinite, or not a number when the counter is 0 too. Only the value 1 is
+ * written to the link fields: zero the record first. KIV_ERR_FAILED when a register cannot be read; links that
+ * are up may be written then.
+ */
+KIV_API kiv_result_t kiv_get_net_status(uint8_t device_id, kiv_net_status_t* status);
+
+/*
+ * PTP settings: those last applied to the card by kiv_set_ptp_config since the scan, else those of the card
+ * configuration. `port_params` stays when the configuration has no entry for the card. Asks nobody.
+ */
+KIV_API kiv_result_t kiv_get_ptp_config(uint8_t device_id, kiv_ptp_config_t* config);
+
+/*
+ * PTP state (from a register; untouched when no state bit is set), time (from the driver) and master (asked of
+ * the management server). KIV_ERR_FAILED when a register or the time cannot be read, or the master's identity
+ * is not 1 to 16 hexadecimal digits; KIV_ERR_REST when the server does not answer. State and time may be written
+ * then.
+ */
+KIV_API kiv_result_t kiv_get_ptp_status(uint8_t device_id, kiv_ptp_status_t* status);
+
+/*
+ * Use of the transmit and receive streams: low bytes and bits of registers, and the driver's resource counts.
+ * KIV_ERR_FAILED, with nothing written, when one cannot be read.
+ */
+KIV_API kiv_result_t kiv_get_tx_stream_status(uint8_t device_id, kiv_tx_stream_status_t* status);
+KIV_API kiv_result_t kiv_get_rx_stream_status(uint8_t device_id, kiv_rx_stream_status_t* status);
+
+/*
+ * The driver's three times, as it reports them: PTP time, and the two readings of the system clock around it.
+ * With one null pointer or more it does nothing and returns KIV_OK. On failure the driver's own status.
+ */
+KIV_API kiv_result_t kiv_get_epoch_and_2point(uint8_t device_id, uint64_t* epoch, uint64_t* point_1,
+                                              uint64_t* point_2);
+
+/* ---- Settings of one card -------------------------------------------------------------------------------- */
+
+/*
+ * Applies network and PTP settings to the card, through its management server, and keeps them in the card
+ * configuration in memory: addresses and masks of the card's entries, PTP of all cards. kiv_configure_save
+ * writes them to the file. VLAN ids are 0 for a port whose `vlan_enable` is 0. Both pointers are required.
+ * KIV_ERR_REST when the server does not answer or refuses; the configuration stays then.
+ */
+KIV_API kiv_result_t kiv_set_ptp_config(uint8_t device_id, const kiv_net_config_t* net,
+                                        const kiv_ptp_config_t* ptp);
+
+/* ---- Flash of one card ----------------------------------------------------------------------------------- */
+
+/*
+ * Uploads the firmware image in the file `path` and starts its write; returns when the card has begun, or after
+ * about a second. The card goes on by itself: kiv_get_flash_write_status tells when it is idle again. The file
+ * is read into memory. KIV_ERR_BUSY while the card is not idle (looked at before the path);
+ * KIV_ERR_NULL_ARGUMENT for a null path; KIV_ERR_REST when the file cannot be read, or the server does not
+ * answer or refuses.
+ */
+KIV_API kiv_result_t kiv_write_flash_image(uint8_t device_id, const char* path);
+
+/* 0 when the card's flash is idle, 1 while it is written or switched. KIV_ERR_REST without an answer. */
+KIV_API kiv_result_t kiv_get_flash_write_status(uint8_t device_id, kiv_flash_status_t* status);
+
+/*
+ * Chooses the slot, 0 or 1, whose image the card boots next. KIV_ERR_INVALID_PARAM for another number (nothing
+ * is sent); KIV_ERR_NULL_ARGUMENT for null; KIV_ERR_REST when the server does not answer or refuses.
+ */
+KIV_API kiv_result_t kiv_select_flash_slot(uint8_t device_id, const kiv_flash_slot_t* slot);
+
+/*
+ * Identifiers of the images in both slots, and the slot that boots next. KIV_ERR_REST when the server does not
+ * answer; KIV_ERR_FAILED, with nothing written, when it sends other than 32 hexadecimal digits for each.
+ */
+KIV_API kiv_result_t kiv_get_flash_config(uint8_t device_id, kiv_flash_config_t* config);
+
+/* ---- Events of one card ---------------------------------------------------------------------------------- */
+
+/*
+ * Adds a callback for the card's enabled events; one that is added twice is called twice. It runs on a worker
+ * thread (rule 7), with `user` as given here; `data` is valid during the call. In it, queries and commands may
+ * be called for any card, but not these four functions for the same card. KIV_ERR_NULL_ARGUMENT for a null
+ * callback; `user` may be null. Registrations end with the next scan or close.
+ */
+KIV_API kiv_result_t kiv_register_callback_func(uint8_t device_id, kiv_event_callback_t callback, void* user);
+
+/* Removes all callbacks of the card. None runs any more when this returns. */
+KIV_API kiv_result_t kiv_unregister_callback_func(uint8_t device_id);
+
+/*
+ * Switches one event of the card on or off. KIV_EVENT_LINK and KIV_EVENT_PTP are looked at every second and
+ * raised for what changed since they were last seen (first seen as: no link, state 0); KIV_EVENT_HWMON every
+ * 60 seconds, while a sensor is at or above its maximum. Other numbers are accepted and never raised.
+ */
+KIV_API kiv_result_t kiv_enable_event(uint8_t device_id, kiv_event_type_t event);
+KIV_API kiv_result_t kiv_disable_event(uint8_t device_id, kiv_event_type_t event);
 
 #ifdef __cplusplus
 }

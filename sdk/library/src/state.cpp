@@ -18,6 +18,7 @@ struct DriverClients {
 
 // A process that exits without kiv_close ends these from the last to the first: the manager, which joins its
 // threads, the driver clients, the configuration, the log.
+std::mutex g_CardConfigMutex;
 kiv::config::CardConfig g_CardConfig;
 std::vector<kiv_scan_card_device_t> g_ScanInfo;
 std::vector<kiv_scan_card_device_internal_t> g_ScanInfo_in;

@@ -1,7 +1,8 @@
-/// What the C interface holds for the process. No locks: see the rules of kiv_api.h.
+/// What the C interface holds for the process. No locks but one: see the rules of kiv_api.h.
 #ifndef KIV_STATE_H
 #define KIV_STATE_H
 
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -13,6 +14,7 @@
 inline constexpr const char* kApiSource = "sdk/library/src/kiv_api";
 
 extern kiv::config::CardConfig g_CardConfig;
+extern std::mutex g_CardConfigMutex;  ///< Guards `g_CardConfig`, which calls for several cards share.
 
 /// Empty until the first scan, and after a close.
 extern std::optional<kiv::device::DeviceManager> g_DeviceManager;

@@ -1,12 +1,20 @@
 #include "Device.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <iostream>
+#include <iterator>
+#include <stdexcept>
 #include <string_view>
 
 #include "SystemMonitorData.h"
 #include "addressText.h"
 #include "deviceLog.h"
+#include "fileDigest.h"
+#include "statusRegister.h"
 
 namespace kiv::device {
 
@@ -15,17 +23,46 @@ namespace {
 constexpr uint8_t kIdentityBar = 0;
 constexpr uint8_t kStatusBar = 0;
 constexpr uint64_t kStatusOffset = 0x140;
+constexpr uint8_t kMediaBar = 1;
+constexpr uint64_t kTransmitBlock = 0x20000;
+constexpr uint64_t kReceiveBlock = 0x30000;
 constexpr uint32_t kLinkSpeedGbps = 100;
-
-bool bit(uint64_t value, unsigned number) {
-    return (value >> number & 1) != 0;
-}
 
 /// At most 17 characters and a terminator.
 void copy_mac(char (&to)[20], std::string_view text) {
     const std::size_t length = std::min<std::size_t>(text.size(), 17);
     std::memcpy(to, text.data(), length);
     to[length] = '\0';
+}
+
+/// A clock identity as the card writes it: 1 to 16 hexadecimal digits, "0x" before them and separators among
+/// them allowed. Throws std::invalid_argument for anything else.
+uint64_t clock_identity(std::string_view text) {
+    if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
+    std::string digits;
+    std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
+                 [](char c) { return c != ':' && c != '.' && c != '-'; });
+    uint64_t value = 0;
+    const char* const last = digits.data() + digits.size();
+    const auto [end, error] = std::from_chars(digits.data(), last, value, 16);
+    if (digits.size() > 16 || error != std::errc{} || end != last)
+        throw std::invalid_argument("no clock identity: " + std::string(text));
+    return value;
+}
+
+/// The card's report has no flag that says "master": what it says of the master is whether its UTC offset is
+/// valid, and that offset comes first in the report.
+void take_master(const PtpMaster& master, kiv_ptp_status_t& status) {
+    status.is_master = master.currentUtcOffsetValid != 0;
+    status.master_value = static_cast<uint32_t>(master.currentUtcOffset);
+    status.clock_identity = clock_identity(master.grandmasterIdentity);
+}
+
+/// The command's numbers of one port: address and prefix, VLAN, TTL, TOS.
+std::string port_text(uint32_t address, uint32_t prefix, uint8_t vlan_enable, uint16_t vlan_id, uint8_t ttl,
+                      uint8_t tos) {
+    return fmt::format("{}/{},{},{},{}", hpsClient::convert2string(address), prefix,
+                       vlan_enable != 0 ? vlan_id & 0xFFF : 0, ttl, tos);
 }
 
 }  // namespace
@@ -44,6 +81,13 @@ bool Device::read_status(uint64_t& status) const {
     access::IDeviceAccess* const function_1 = access(1);
     return function_1 != nullptr && function_1->readRegister64(kStatusBar, kStatusOffset, status) == 0;
 }
+
+bool Device::read_register(uint64_t offset, uint32_t& value) const {
+    access::IDeviceAccess* const function_0 = access(0);
+    return function_0 != nullptr && function_0->readRegister32(kMediaBar, offset, value) == 0;
+}
+
+// ---- Queries ----------------------------------------------------------------------------------------------
 
 kiv_result_t Device::get_card_info(kiv_card_info_t& info) {
     access::IDeviceAccess* const function_0 = access(0);
@@ -69,6 +113,30 @@ kiv_result_t Device::get_card_info(kiv_card_info_t& info) {
     return KIV_OK;
 }
 
+kiv_result_t Device::get_card_status(kiv_card_status_t& status) {
+    std::string json;
+    if (!rest_ || rest_->get_hwmon_info(json, true) != 0) {
+        device_log_error(__LINE__, "Fail get_hwmon_info");
+        return KIV_ERR_REST;
+    }
+    SystemMonitorData data;
+    if (!parse_json_to_struct_cpp(json, data)) {
+        device_log_error(__LINE__, "Fail parse_json_to_struct_cpp");
+        return KIV_ERR_FAILED;
+    }
+    for (std::size_t i = 0; i < std::size(status.sensor); ++i) {
+        status.sensor[i].input = data.sensors[i].input;
+        status.sensor[i].max = data.sensors[i].max;
+        status.sensor[i].critical = data.sensors[i].critical;
+    }
+    status.board_power = data.board_power;
+    uint8_t first = 0;
+    if (access::IDeviceAccess* const function_0 = access(0))
+        function_0->getLinkStatus(first, status.pci_link_b);
+    status.pci_link_a = first;
+    return KIV_OK;
+}
+
 kiv_result_t Device::get_media_net_config(kiv_net_config_t& config) {
     std::vector<inteface_info> interfaces;
     if (!rest_ || rest_->get_interface_info(interfaces) != 0) {
@@ -87,6 +155,55 @@ kiv_result_t Device::get_media_net_config(kiv_net_config_t& config) {
     return KIV_OK;
 }
 
+kiv_result_t Device::get_net_status(kiv_net_status_t& status) {
+    uint64_t bits = 0;
+    if (!read_status(bits)) return KIV_ERR_FAILED;
+    if (bit(bits, 6)) status.link_up_0 = 1;
+    if (bit(bits, 7)) status.link_up_1 = 1;
+
+    constexpr struct {
+        uint64_t reference;
+        uint64_t counter_a;
+        uint64_t counter_b;
+    } kCounters[] = {{0x21430, 0x21460, 0x214A0}, {0x31830, 0x31860, 0x318E0}};
+    double load_a[2];
+    double load_b[2];
+    for (std::size_t port = 0; port < std::size(kCounters); ++port) {
+        uint32_t reference = 0;
+        uint32_t a = 0;
+        uint32_t b = 0;
+        if (!read_register(kCounters[port].reference, reference) ||
+            !read_register(kCounters[port].counter_a, a) || !read_register(kCounters[port].counter_b, b)) {
+            return KIV_ERR_FAILED;
+        }
+        load_a[port] = static_cast<double>(a) / reference * 2 * 100;
+        load_b[port] = static_cast<double>(b) / reference * 2 * 100;
+    }
+    std::copy(std::begin(load_a), std::end(load_a), status.load_a);
+    std::copy(std::begin(load_b), std::end(load_b), status.load_b);
+    return KIV_OK;
+}
+
+kiv_result_t Device::get_ptp_config(kiv_ptp_config_t& config) {
+    const std::lock_guard lock(ptp_mutex_);
+    if (ptp_saved_) config = *ptp_saved_;
+    return KIV_OK;
+}
+
+kiv_result_t Device::get_ptp_status(kiv_ptp_status_t& status) {
+    uint64_t bits = 0;
+    if (!read_status(bits)) return KIV_ERR_FAILED;
+    if (const std::optional<uint32_t> state = ptp_state(bits)) status.state = *state;
+    access::IDeviceAccess* const function_0 = access(0);
+    uint64_t tai = 0;
+    if (function_0 == nullptr || function_0->getPtpTai(tai) != 0) return KIV_ERR_FAILED;
+    status.tai_time = tai;
+    PtpMaster master;
+    if (!rest_ || rest_->get_ptp_master(master) != 0) return KIV_ERR_REST;
+    take_master(master, status);
+    return KIV_OK;
+}
+
 kiv_result_t Device::get_tun_config(uint32_t& address, uint32_t& mask) {
     access::IDeviceAccess* const function_0 = access(0);
     if (function_0 == nullptr) return KIV_ERR_FAILED;
@@ -99,90 +216,102 @@ kiv_result_t Device::selected_ptp_card() {
     return selected < 0 ? KIV_ERR_FAILED : static_cast<kiv_result_t>(selected);
 }
 
-void Device::addCallback(kiv_event_callback_t callback, void* user) {
-    const std::lock_guard lock(mutex_);
-    callbacks_.emplace_back(callback, user);
+kiv_result_t Device::get_epoch_and_2point(uint64_t& a, uint64_t& b, uint64_t& c) {
+    access::IDeviceAccess* const function_0 = access(0);
+    if (function_0 == nullptr) return KIV_ERR_FAILED;
+    return static_cast<kiv_result_t>(function_0->getEpochAnd2point(a, b, c));
 }
 
-void Device::removeCallback() {
-    const std::lock_guard lock(mutex_);
-    callbacks_.clear();
+kiv_result_t Device::get_tx_stream_status(kiv_tx_stream_status_t& status) {
+    return get_stream_status(kTransmitBlock, status, true);
 }
 
-void Device::enableEvent(kiv_event_type_t type) {
-    const std::lock_guard lock(mutex_);
-    enabled_events_.insert(type);
+kiv_result_t Device::get_rx_stream_status(kiv_rx_stream_status_t& status) {
+    return get_stream_status(kReceiveBlock, status, false);
 }
 
-void Device::disableEvent(kiv_event_type_t type) {
-    const std::lock_guard lock(mutex_);
-    enabled_events_.erase(type);
-}
-
-bool Device::isEventEnabled(kiv_event_type_t type) const {
-    return enabled_events_.contains(type);
-}
-
-void Device::notifyCallbacks(kiv_event_type_t type, const void* data) {
-    for (const auto& [callback, user] : callbacks_)
-        callback(info_.id, type, data, user);
-}
-
-bool Device::poll_1sec() {
-    const std::lock_guard lock(mutex_);
-    uint64_t status = 0;
-    if (!read_status(status)) return false;
-    const bool ptp_notified = isEventEnabled(KIV_EVENT_PTP) && poll_ptp(status);
-    const bool link_notified = isEventEnabled(KIV_EVENT_LINK) && poll_link(status);
-    return ptp_notified || link_notified;
-}
-
-/// A change counts as notified only when somebody was called.
-bool Device::poll_ptp(uint64_t status) {
-    uint32_t state = 0;
-    if (!bit(status, 8)) state = bit(status, 9) ? 1 : bit(status, 10) ? 3 : 0;
-    if (state == last_ptp_state_) return false;
-    last_ptp_state_ = state;
-    notifyCallbacks(KIV_EVENT_PTP, &state);
-    return !callbacks_.empty();
-}
-
-/// A change counts as notified even when nobody listens.
-bool Device::poll_link(uint64_t status) {
-    const uint8_t now[2] = {bit(status, 6), bit(status, 7)};
-    const kiv_event_link_t event{now[0] != last_link_[0], now[0], now[1] != last_link_[1], now[1]};
-    if (event.port_0_changed == 0 && event.port_1_changed == 0) return false;
-    std::memcpy(last_link_, now, sizeof last_link_);
-    notifyCallbacks(KIV_EVENT_LINK, &event);
-    return true;
-}
-
-/// The request runs without the Device mutex, so enabling an event never waits for the network.
-bool Device::poll_60sec() {
-    {
-        const std::lock_guard lock(mutex_);
-        if (!isEventEnabled(KIV_EVENT_HWMON)) return false;
+kiv_result_t Device::get_stream_status(uint64_t block, kiv_stream_status_t& status, bool transmit) {
+    uint32_t control = 0;
+    uint32_t reg_404 = 0;
+    uint32_t reg_804 = 0;
+    if (!read_register(block + 0x004, control) || !read_register(block + 0x404, reg_404) ||
+        !read_register(block + 0x804, reg_804)) {
+        return KIV_ERR_FAILED;
     }
-    std::string json;
-    if (!rest_ || rest_->get_hwmon_info(json, true) != 0) {
-        device_log_error(__LINE__, "Fail get_hwmon_info");
-        return true;
+    access::IDeviceAccess& function_0 = *access(0);
+    kiv_stream_status_t read{};
+    const int32_t failed =
+        transmit ? function_0.getTxUseResourceData(read.resource_0, read.resource_1, read.resource_2)
+                 : function_0.getRxUseResourceData(read.resource_0, read.resource_1, read.resource_2);
+    if (failed != 0) {
+        if (transmit) std::cout << "getTxUseResourceData" << std::endl;
+        return KIV_ERR_FAILED;
     }
-    SystemMonitorData data;
-    parse_json_to_struct_cpp(json, data);
+    read.control = static_cast<uint8_t>(control);
+    read.control_bit_25 = bit(control, 25);
+    read.control_bit_26 = bit(control, 26);
+    read.reg_404 = static_cast<uint8_t>(reg_404);
+    read.reg_804 = static_cast<uint8_t>(reg_804);
+    status = read;
+    return KIV_OK;
+}
 
-    kiv_event_hwmon_t event{};
-    bool alarm = false;
-    for (std::size_t i = 0; i < std::size(event.entry); ++i) {
-        event.entry[i].sensor = data.sensors[i];
-        event.entry[i].alarm = data.sensors[i].input >= data.sensors[i].max;
-        alarm = alarm || event.entry[i].alarm != 0;
+// ---- Settings and flash -----------------------------------------------------------------------------------
+
+kiv_result_t Device::reconfig_net_work(const kiv_net_config_t& net, const kiv_ptp_config_t& ptp) {
+    uint32_t tunnel = 0;
+    uint32_t ignored = 0;
+    get_tun_config(tunnel, ignored);
+    const kiv_net_port_0_t& p = net.port_0;
+    const kiv_net_port_1_t& s = net.port_1;
+    // port_params: TOS of both ports, then TTL of both. The first two PTP numbers are unsigned on the wire.
+    const std::string command =
+        fmt::format("macethP={} macethS={} macptp={},{},{},{},{} mactun={}/30,0,100us ",
+                    port_text(p.ip_address_0, p.prefix_length_0, p.vlan_enable, p.vlan_id, ptp.port_params[2],
+                              ptp.port_params[0]),
+                    port_text(s.ip_address_1, s.prefix_length_1, s.vlan_enable, s.vlan_id, ptp.port_params[3],
+                              ptp.port_params[1]),
+                    static_cast<uint8_t>(ptp.global_params[1]), ptp.global_params[2],
+                    static_cast<uint8_t>(ptp.global_params[0]), ptp.enabled, ptp.global_params[3],
+                    hpsClient::convert2string(tunnel));
+    if (!rest_ || rest_->reconfig_network(command) != 0) {
+        device_log_error(__LINE__, "Fail reconfig_network");
+        return KIV_ERR_REST;
     }
-    if (!alarm) return false;
-    const std::lock_guard lock(mutex_);
-    if (!isEventEnabled(KIV_EVENT_HWMON)) return false;
-    notifyCallbacks(KIV_EVENT_HWMON, &event);
-    return true;
+    const std::lock_guard lock(ptp_mutex_);
+    ptp_saved_ = ptp;
+    return KIV_OK;
+}
+
+kiv_result_t Device::upload_image(const std::string& path) {
+    if (!rest_ || rest_->fw_upload(path) != 0) return KIV_ERR_REST;
+    const std::optional<std::string> md5 = md5_of_file(path);
+    return md5 && rest_->fw_start(true, *md5) == 0 ? KIV_OK : KIV_ERR_REST;
+}
+
+kiv_result_t Device::get_flash_write_status(kiv_flash_status_t& status) {
+    const std::string text = rest_ ? rest_->get_fw_status() : "";
+    if (text.empty()) return KIV_ERR_REST;
+    status = text == "idle" ? 0 : 1;
+    return KIV_OK;
+}
+
+kiv_result_t Device::select_flash_slot(const kiv_flash_slot_t& slot) {
+    if (slot < 0 || slot > 1) return KIV_ERR_INVALID_PARAM;
+    return rest_ && rest_->fw_switch(static_cast<uint8_t>(slot)) == 0 ? KIV_OK : KIV_ERR_REST;
+}
+
+kiv_result_t Device::get_flash_config(kiv_flash_config_t& config) {
+    std::string texts[2];
+    if (!rest_ || rest_->get_firmware_info(texts[0], texts[1]) != 0) return KIV_ERR_REST;
+    const HexWithFlag slot_0 = parse_hex_string_with_flag(texts[0]);
+    const HexWithFlag slot_1 = parse_hex_string_with_flag(texts[1]);
+    config.slot0_id[0] = slot_0.high;
+    config.slot0_id[1] = slot_0.low;
+    config.slot1_id[0] = slot_1.high;
+    config.slot1_id[1] = slot_1.low;
+    config.next_boot_slot = slot_0.flag ? 0 : slot_1.flag ? 1 : 2;
+    return KIV_OK;
 }
 
 }  // namespace kiv::device

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -21,8 +23,8 @@ namespace kiv::device {
 /// Operations return KIV_OK or a result code; a getter writes only the fields that its comment names. What
 /// the management server sends in a wrong shape throws.
 ///
-/// Threads: operations may run on any thread, and none of the queries takes a lock, so a callback may use
-/// them on its own card. Registration, enabling and the polls take the Device mutex, and the polls hold it
+/// Threads: operations may run on any thread, and no query or command takes the Device mutex, so a callback may
+/// use them on its own card. Registration, enabling and the polls take the Device mutex, and the polls hold it
 /// while they call back: a callback must not call those on its own card.
 class KIV_API Device {
   public:
@@ -42,14 +44,46 @@ class KIV_API Device {
     /// already holds.
     kiv_result_t get_card_info(kiv_card_info_t& info);
 
+    /// Sensors and board power, asked of the management server, and the driver's PCI link. Without a link
+    /// `pci_link_a` is 0 and `pci_link_b` untouched.
+    kiv_result_t get_card_status(kiv_card_status_t& status);
+
     /// Addresses and prefix lengths of "maceth0" and "maceth1", asked of the management server.
     kiv_result_t get_media_net_config(kiv_net_config_t& config);
+
+    /// Links from the status register, loads from the traffic counters of BAR 1.
+    kiv_result_t get_net_status(kiv_net_status_t& status);
+
+    /// The settings last applied by reconfig_net_work(); untouched before. Never fails.
+    kiv_result_t get_ptp_config(kiv_ptp_config_t& config);
+
+    /// State from the status register, time from the driver, master from the management server: in this
+    /// order, and what precedes a failure is written.
+    kiv_result_t get_ptp_status(kiv_ptp_status_t& status);
 
     /// Tunnel address and the TCP port of the management server there.
     kiv_result_t get_tun_config(uint32_t& address, uint32_t& mask);
 
+    kiv_result_t get_tx_stream_status(kiv_tx_stream_status_t& status);
+    kiv_result_t get_rx_stream_status(kiv_rx_stream_status_t& status);
+
     /// The PTP selection byte, 0 to 255, non-zero for the selected card; KIV_ERR_FAILED without a driver.
     kiv_result_t selected_ptp_card();
+
+    /// The driver's three times; its own status on failure.
+    kiv_result_t get_epoch_and_2point(uint64_t& a, uint64_t& b, uint64_t& c);
+
+    // ---- Settings and flash -----------------------------------------------------------------------------
+
+    /// Sends both settings to the management server, and keeps those of PTP when it accepts them.
+    kiv_result_t reconfig_net_work(const kiv_net_config_t& net, const kiv_ptp_config_t& ptp);
+
+    /// Uploads the file and starts its write. The card goes on by itself: see get_flash_write_status().
+    kiv_result_t upload_image(const std::string& path);
+
+    kiv_result_t get_flash_write_status(kiv_flash_status_t& status);
+    kiv_result_t select_flash_slot(const kiv_flash_slot_t& slot);
+    kiv_result_t get_flash_config(kiv_flash_config_t& config);
 
     // ---- Events -----------------------------------------------------------------------------------------
 
@@ -77,12 +111,17 @@ class KIV_API Device {
   private:
     access::IDeviceAccess* access(uint32_t function) const;
     bool read_status(uint64_t& status) const;
+    bool read_register(uint64_t offset, uint32_t& value) const;
+    kiv_result_t get_stream_status(uint64_t block, kiv_stream_status_t& status, bool transmit);
     bool poll_ptp(uint64_t status);
     bool poll_link(uint64_t status);
 
     const DeviceInfo info_;
     const AccessList accesses_;  ///< In the order of `info_.functions`.
     const std::unique_ptr<rest::IRestApiClient> rest_;
+
+    std::mutex ptp_mutex_;
+    std::optional<kiv_ptp_config_t> ptp_saved_;  ///< Last applied; guarded by `ptp_mutex_`.
 
     std::mutex mutex_;  ///< Guards all below; held while callbacks run.
     std::vector<std::pair<kiv_event_callback_t, void*>> callbacks_;

@@ -1,0 +1,27 @@
+// The digests of CommonCrypto over libcrypto. Its context has no resources, so that one which is never finished
+// leaks nothing: hence the low-level calls.
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <CommonCrypto/CommonDigest.h>
+#include <openssl/md5.h>
+
+namespace {
+
+static_assert(sizeof(MD5_CTX) <= sizeof(CC_MD5_CTX) && alignof(MD5_CTX) <= alignof(CC_MD5_CTX));
+
+MD5_CTX* inside(CC_MD5_CTX* context) {
+    return reinterpret_cast<MD5_CTX*>(context);
+}
+
+}  // namespace
+
+int CC_MD5_Init(CC_MD5_CTX* context) {
+    return MD5_Init(inside(context));
+}
+
+int CC_MD5_Update(CC_MD5_CTX* context, const void* data, CC_LONG size) {
+    return MD5_Update(inside(context), data, size);
+}
+
+int CC_MD5_Final(unsigned char* digest, CC_MD5_CTX* context) {
+    return MD5_Final(digest, inside(context));
+}
