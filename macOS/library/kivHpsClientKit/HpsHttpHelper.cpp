@@ -2,10 +2,25 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "hpsLog.h"
 
 using Json = nlohmann::ordered_json;
+
+namespace {
+
+/// Parses what a server sent. The JSON library writes values with as many stack frames as they have levels: far
+/// more of them than any answer has are refused.
+Json parse(const std::string& text) {
+    constexpr int kMostLevels = 100;
+    return Json::parse(text, [](int level, Json::parse_event_t, const Json&) {
+        if (level > kMostLevels) throw std::runtime_error("more than 100 levels");
+        return true;
+    });
+}
+
+}  // namespace
 
 bool HpsHttpHelper::handle(const HttpResult& result) {
     if (result.success) return true;
@@ -29,19 +44,19 @@ bool HpsHttpHelper::handle(const HttpResult& result) {
 bool HpsHttpHelper::handle_json(const HttpResult& result, Json& out) {
     if (!handle(result)) return false;
     try {
-        Json root = Json::parse(result.body);
+        Json root = parse(result.body);
         if (!root.is_object() || !root.contains("data")) {
             out = std::move(root);
             return true;
         }
         Json& data = root["data"];
         if (data.is_string() && Json::accept(data.get_ref<const std::string&>())) {
-            out = Json::parse(data.get_ref<const std::string&>());
+            out = parse(data.get_ref<const std::string&>());
         } else {
             out = std::move(data);
         }
         return true;
-    } catch (const Json::exception& error) {
+    } catch (const std::exception& error) {
         hps_log_error(__LINE__, "JSON parse error: {}", error.what());
         hps_log_error(__LINE__, "body=[{}]", result.body);
         return false;

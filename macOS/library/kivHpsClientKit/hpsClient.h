@@ -36,8 +36,7 @@ class KIV_API hpsClient {
     hpsClient(const hpsClient&) = delete;
     hpsClient& operator=(const hpsClient&) = delete;
 
-    // ---- Connection
-    // ------------------------------------------------------------------------------------------------
+    // ---- Connection -----------------------------------------------------------------------------------
 
     /// Version of this client: 3.0.0.
     void get_version(uint16_t& major, uint16_t& minor, uint16_t& patch) const;
@@ -65,8 +64,7 @@ class KIV_API hpsClient {
     /// documents every 60 s. Waits up to 2 s for their first reading. A second call ends the process.
     void setting_thread();
 
-    // ---- Interfaces
-    // ------------------------------------------------------------------------------------------------
+    // ---- Interfaces -----------------------------------------------------------------------------------
 
     /// Asks the card for its interfaces and appends them to the client's list, or to the caller's.
     int32_t get_interface_info();
@@ -81,8 +79,7 @@ class KIV_API hpsClient {
     /// Hands the card a network reconfiguration command.
     int32_t reconfig_network(const std::string& cmd);
 
-    // ---- Multicast, monitoring, capture, log
-    // -----------------------------------------------------------------------
+    // ---- Multicast, monitoring, capture, log ----------------------------------------------------------
 
     /// Joins or leaves a group on behalf of this process.
     int32_t igmp_join(const hps_igmp& igmp);
@@ -101,8 +98,7 @@ class KIV_API hpsClient {
     /// Saves the card's log.
     int32_t get_log_tmp(const std::string& file_path);
 
-    // ---- PTP
-    // -------------------------------------------------------------------------------------------------------
+    // ---- PTP ------------------------------------------------------------------------------------------
 
     /// The documents as JSON text, indented by 4 spaces, or as records.
     int32_t get_ptp_master(std::string& text);
@@ -113,14 +109,12 @@ class KIV_API hpsClient {
     /// The digest that the background thread keeps. No request. -1 when that thread does not run.
     int32_t get_hps_ptp_sm_backgroud(hps_ptp_sm& out);
 
-    // ---- Registration of a process
-    // ---------------------------------------------------------------------------------
+    // ---- Registration of a process --------------------------------------------------------------------
 
     int32_t registry_alive(int32_t id);
     int32_t keep_alive(int32_t id);
 
-    // ---- Firmware
-    // --------------------------------------------------------------------------------------------------
+    // ---- Firmware -------------------------------------------------------------------------------------
 
     int32_t fw_upload(const std::string& file_path);
 
@@ -137,8 +131,7 @@ class KIV_API hpsClient {
     /// Chooses the image to boot next.
     int32_t fw_switch(uint8_t image);
 
-    // ---- Requests
-    // --------------------------------------------------------------------------------------------------
+    // ---- Requests -------------------------------------------------------------------------------------
 
     /// Requests to a path under the base URL. Without a body text the body is JSON null; a body text that is
     /// not JSON throws the JSON library's parse_error.

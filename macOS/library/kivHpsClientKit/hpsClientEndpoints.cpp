@@ -39,8 +39,7 @@ int32_t status_of(bool handled) {
 
 }  // namespace
 
-// ---- Requests
-// ----------------------------------------------------------------------------------------------------
+// ---- Requests -----------------------------------------------------------------------------------------
 
 /// Runs `request` on the present connection, which lives at least as long as that takes.
 template <typename Request>
@@ -128,8 +127,7 @@ HttpResult hpsClient::http_delete(const std::string& path, const std::string& bo
     return request({Method::Delete, ""}, Json::parse(body_text), path);
 }
 
-// ---- Interfaces
-// --------------------------------------------------------------------------------------------------
+// ---- Interfaces ---------------------------------------------------------------------------------------
 
 int32_t hpsClient::get_interface_info() {
     std::vector<inteface_info> fresh;
@@ -168,8 +166,7 @@ int32_t hpsClient::reconfig_network(const std::string& cmd) {
     return command(hps::kReconfig, Json{{"reconfig_cmd", cmd}});
 }
 
-// ---- Multicast, monitoring, capture, log
-// -------------------------------------------------------------------------
+// ---- Multicast, monitoring, capture, log --------------------------------------------------------------
 
 Json hpsClient::igmp_body(const hps_igmp& igmp) const {
     Json setting = Json::object();
@@ -219,8 +216,7 @@ int32_t hpsClient::get_log_tmp(const std::string& file_path) {
     return command(hps::kLog, file_path);
 }
 
-// ---- PTP
-// ---------------------------------------------------------------------------------------------------------
+// ---- PTP ----------------------------------------------------------------------------------------------
 
 int32_t hpsClient::get_ptp_master(std::string& text) {
     return fetch_text(hps::kPtpMaster, text);
@@ -253,8 +249,7 @@ int32_t hpsClient::get_hps_ptp_sm_backgroud(hps_ptp_sm& out) {
     return polling ? polling->get_hps_ptp_sm(out) : -1;
 }
 
-// ---- Registration of a process
-// -----------------------------------------------------------------------------------
+// ---- Registration of a process ------------------------------------------------------------------------
 
 int32_t hpsClient::registry_alive(int32_t id) {
     return command(hps::kRegister, nullptr, std::to_string(id));
@@ -264,8 +259,7 @@ int32_t hpsClient::keep_alive(int32_t id) {
     return command(hps::kKeepAlive, nullptr, std::to_string(id));
 }
 
-// ---- Firmware
-// ----------------------------------------------------------------------------------------------------
+// ---- Firmware -----------------------------------------------------------------------------------------
 
 int32_t hpsClient::fw_upload(const std::string& file_path) {
     return command(hps::kFwUpload, file_path);

@@ -47,7 +47,7 @@ void read_configuration(uint8_t id, kiv_ptp_config_t& out) {
 
 void store_port(MacEthConfig& port, uint32_t address, uint32_t prefix, uint8_t tos, uint8_t ttl) {
     port.ip_addr = uint32ToIp(address);
-    port.netmask = bitCountToNetmask(static_cast<int>(std::min(prefix, 32u)));
+    port.netmask = bitCountToNetmask(static_cast<int>(prefix));
     port.tos = tos;
     port.ttl = ttl;
 }

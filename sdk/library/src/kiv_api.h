@@ -18,18 +18,22 @@
  * 3. Records. The caller owns every record, zeroes it before the call, and keeps it: the library stores no pointer.
  *    A getter writes only the fields that it has values for. The arrays of the scan records belong to the library
  *    and last until the next scan or close.
- * 4. Result codes. Every function returns KIV_OK or a code of kiv_types.h. No exception leaves a function, but for
- *    two that say so: kiv_open and kiv_configure_save throw std::runtime_error.
+ * 4. Result codes. Every function returns KIV_OK or a code of kiv_types.h (kiv_get_epoch_and_2point also the
+ *    driver's status). KIV_ERR_FAILED is also the result when the management server's answer has not the expected
+ *    shape. No exception leaves a function, but for two that say so: kiv_open and kiv_configure_save throw
+ *    std::runtime_error.
  * 5. Null pointers. A getter with a null output does nothing and returns KIV_OK. Where a pointer is required, null
  *    is logged as "Argument is NULL" and returns KIV_ERR_NULL_ARGUMENT.
  * 6. Threads. Calls for cards may be made from several threads at once. kiv_open, kiv_scan, kiv_scan_internal
- *    and kiv_close must not run at the same time as any other call but those of kivLog.h. A call
- *    for one card may wait for the card's management server: for about 7 seconds when that does not answer (three
- *    attempts of 2 seconds each, and the pauses between them).
+ *    and kiv_close must not run at the same time as any other call but those of kivLog.h. A call for one card may
+ *    wait for the card's management server: for about 7 seconds for each request when that does not answer (three
+ *    attempts of 2 seconds each, and the pauses between them); kiv_write_flash_image for about 30 seconds for the
+ *    upload alone.
  * 7. Event callbacks run on worker threads of the library. There, and in any job of a PeriodicThreadPool, kiv_scan
  *    and kiv_scan_internal return KIV_ERR_FAILED and kiv_close KIV_OK, all without doing anything: they would wait
  *    for their own thread. For the same reason an event callback must not end the process with exit(). Log callbacks
- *    run on the thread that logs, also in the midst of a scan, and must call none of these.
+ *    run on the thread that logs, also in the midst of a scan or of an event callback, and must call none of these,
+ *    nor the event functions.
  * 8. Versions. Records grow only with a new major version of the library.
  */
 #ifndef KIV_API_H
@@ -112,7 +116,8 @@ KIV_API kiv_result_t kiv_get_card_info(uint8_t device_id, kiv_card_info_t* info)
 
 /*
  * Addresses and prefix lengths of the media ports, asked of the card's management server. Fields of a port
- * that the card does not list, VLAN fields and fillers stay as they are. KIV_ERR_REST when the server does
+ * that the card does not list, VLAN fields and fillers stay as they are; an address text that is none is 0, with a
+ * line on standard error. KIV_ERR_REST when the server does
  * not answer, KIV_ERR_FAILED when it sends a mask that is none.
  */
 KIV_API kiv_result_t kiv_get_media_net_config(uint8_t device_id, kiv_net_config_t* config);
@@ -159,7 +164,8 @@ KIV_API kiv_result_t kiv_get_rx_stream_status(uint8_t device_id, kiv_rx_stream_s
 
 /*
  * The driver's three times, as it reports them: PTP time, and the two readings of the system clock around it.
- * With one null pointer or more it does nothing and returns KIV_OK. On failure the driver's own status.
+ * With one null pointer or more it does nothing and returns KIV_OK. On failure the driver's own status, or 0xFFFFFFFF; the
+ * three are then 0.
  */
 KIV_API kiv_result_t kiv_get_epoch_and_2point(uint8_t device_id, uint64_t* epoch, uint64_t* point_1,
                                               uint64_t* point_2);
@@ -168,9 +174,10 @@ KIV_API kiv_result_t kiv_get_epoch_and_2point(uint8_t device_id, uint64_t* epoch
 
 /*
  * Applies network and PTP settings to the card, through its management server, and keeps them in the card
- * configuration in memory: addresses and masks of the card's entries, PTP of all cards. kiv_configure_save
- * writes them to the file. VLAN ids are 0 for a port whose `vlan_enable` is 0. Both pointers are required.
- * KIV_ERR_REST when the server does not answer or refuses; the configuration stays then.
+ * configuration in memory: addresses, masks, TOS and TTL in the card's entries, and the five global PTP values,
+ * which all cards share. kiv_configure_save writes them to the file. VLAN ids are 0 for a port whose
+ * `vlan_enable` is 0. Both pointers are required. KIV_ERR_REST when the server does not answer or refuses; the
+ * configuration stays then.
  */
 KIV_API kiv_result_t kiv_set_ptp_config(uint8_t device_id, const kiv_net_config_t* net,
                                         const kiv_ptp_config_t* ptp);
@@ -179,7 +186,7 @@ KIV_API kiv_result_t kiv_set_ptp_config(uint8_t device_id, const kiv_net_config_
 
 /*
  * Uploads the firmware image in the file `path` and starts its write; returns when the card has begun, or after
- * about a second. The card goes on by itself: kiv_get_flash_write_status tells when it is idle again. The file
+ * ten looks at its state, a tenth of a second apart. The card goes on by itself: kiv_get_flash_write_status tells when it is idle again. The file
  * is read into memory. KIV_ERR_BUSY while the card is not idle (looked at before the path);
  * KIV_ERR_NULL_ARGUMENT for a null path; KIV_ERR_REST when the file cannot be read, or the server does not
  * answer or refuses.
@@ -206,7 +213,8 @@ KIV_API kiv_result_t kiv_get_flash_config(uint8_t device_id, kiv_flash_config_t*
 /*
  * Adds a callback for the card's enabled events; one that is added twice is called twice. It runs on a worker
  * thread (rule 7), with `user` as given here; `data` is valid during the call. In it, queries and commands may
- * be called for any card, but not these four functions for the same card. KIV_ERR_NULL_ARGUMENT for a null
+ * be called for any card, but none of these four functions, for any card: they wait for a callback that runs, so
+ * hold no lock that a callback takes when calling them. KIV_ERR_NULL_ARGUMENT for a null
  * callback; `user` may be null. Registrations end with the next scan or close.
  */
 KIV_API kiv_result_t kiv_register_callback_func(uint8_t device_id, kiv_event_callback_t callback, void* user);
@@ -217,7 +225,9 @@ KIV_API kiv_result_t kiv_unregister_callback_func(uint8_t device_id);
 /*
  * Switches one event of the card on or off. KIV_EVENT_LINK and KIV_EVENT_PTP are looked at every second and
  * raised for what changed since they were last seen (first seen as: no link, state 0); KIV_EVENT_HWMON every
- * 60 seconds, while a sensor is at or above its maximum. Other numbers are accepted and never raised.
+ * 60 seconds, while a sensor is at or above its maximum (one that the card does not report is 0 of 0, and so are all
+ * when its report cannot be read). While an event is off nothing is looked at; a change that is seen while no
+ * callback is registered is not reported again: register first. Other numbers are accepted and never raised.
  */
 KIV_API kiv_result_t kiv_enable_event(uint8_t device_id, kiv_event_type_t event);
 KIV_API kiv_result_t kiv_disable_event(uint8_t device_id, kiv_event_type_t event);

@@ -53,6 +53,8 @@ kiv_result_t _scan(kiv_scan_t* scan) {
     auto enumerator = std::make_unique<device::DeviceEnumeratorMacOS>();
 
     g_ScanInfo.clear();
+    // A callback under way may still ask the manager: it ends before the manager does.
+    if (g_DeviceManager) g_DeviceManager->stop();
     g_DeviceManager.reset();
     g_DeviceManager.emplace(registry, std::move(enumerator));
     g_DeviceManager->loadDevices();

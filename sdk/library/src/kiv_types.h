@@ -206,7 +206,7 @@ typedef struct kiv_event_link_t {
 /* Data of KIV_EVENT_HWMON: the sensors in the order of kiv_card_status_t. */
 typedef struct kiv_event_hwmon_t {
     struct {
-        uint8_t alarm;       /* 1 when input is at or above max. */
+        uint8_t alarm;       /* 1 when input is at or above max: so too for a sensor not reported, 0 of 0. */
         kiv_sensor_t sensor; /* As reported; `reserved` is 0. */
     } entry[7];
 } kiv_event_hwmon_t;
@@ -232,9 +232,11 @@ KIV_LAYOUT(kiv_card_info_t, 88, 8);
 KIV_OFFSET(kiv_card_info_t, reserved, 32);
 KIV_OFFSET(kiv_card_info_t, port, 36);
 KIV_LAYOUT(kiv_net_port_0_t, 392, 4);
+KIV_OFFSET(kiv_net_port_0_t, prefix_length_0, 4);
 KIV_OFFSET(kiv_net_port_0_t, vlan_enable, 8);
 KIV_OFFSET(kiv_net_port_0_t, vlan_id, 16);
 KIV_LAYOUT(kiv_net_port_1_t, 392, 4);
+KIV_OFFSET(kiv_net_port_1_t, prefix_length_1, 4);
 KIV_OFFSET(kiv_net_port_1_t, vlan_enable, 8);
 KIV_OFFSET(kiv_net_port_1_t, vlan_id, 16);
 KIV_LAYOUT(kiv_net_config_t, 784, 4);

@@ -26,3 +26,11 @@ namespace {
 DriverClients g_driver_clients;
 }
 std::optional<kiv::device::DeviceManager> g_DeviceManager;
+namespace {
+/// Ends the callbacks, which may ask the manager, before the manager.
+struct LastCallbacks {
+    ~LastCallbacks() {
+        if (g_DeviceManager) g_DeviceManager->stop();
+    }
+} g_last_callbacks;
+}  // namespace

@@ -53,9 +53,9 @@ uint64_t clock_identity(std::string_view text) {
 /// The card's report has no flag that says "master": what it says of the master is whether its UTC offset is
 /// valid, and that offset comes first in the report.
 void take_master(const PtpMaster& master, kiv_ptp_status_t& status) {
+    status.clock_identity = clock_identity(master.grandmasterIdentity);
     status.is_master = master.currentUtcOffsetValid != 0;
     status.master_value = static_cast<uint32_t>(master.currentUtcOffset);
-    status.clock_identity = clock_identity(master.grandmasterIdentity);
 }
 
 /// The command's numbers of one port: address and prefix, VLAN, TTL, TOS.
@@ -98,7 +98,6 @@ kiv_result_t Device::get_card_info(kiv_card_info_t& info) {
     for (std::size_t i = 0; i < std::size(kOffsets); ++i) {
         if (function_0->readRegister64(kIdentityBar, kOffsets[i], words[i]) != 0) return KIV_ERR_FAILED;
     }
-    if (!rest_) return KIV_ERR_REST;
     info.reg_00 = words[0];
     info.reg_08 = words[1];
     info.reg_10 = words[2];
@@ -106,6 +105,7 @@ kiv_result_t Device::get_card_info(kiv_card_info_t& info) {
     info.reserved = 0;
     for (kiv_card_port_t& port : info.port)
         port.link_speed_gbps = kLinkSpeedGbps;
+    if (!rest_) return KIV_OK;
     for (const inteface_info& entry : rest_->interfaces()) {
         if (entry.if_name == "maceth0") copy_mac(info.port[0].mac_address, entry.hw_addr);
         if (entry.if_name == "maceth1") copy_mac(info.port[1].mac_address, entry.hw_addr);

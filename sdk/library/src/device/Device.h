@@ -2,7 +2,6 @@
 #ifndef KIV_DEVICE_H
 #define KIV_DEVICE_H
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -96,7 +95,7 @@ class KIV_API Device {
     void enableEvent(kiv_event_type_t type);
     void disableEvent(kiv_event_type_t type);
 
-    /// For holders of the Device mutex, as notifyCallbacks().
+    /// Used by the polls, which hold the Device mutex.
     bool isEventEnabled(kiv_event_type_t type) const;
     void notifyCallbacks(kiv_event_type_t type, const void* data);
 

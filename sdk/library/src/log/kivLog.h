@@ -51,7 +51,7 @@ typedef void (*kiv_log_callback_t)(kiv_log_level_t level, const char* message, v
 /*
  * Sets threshold and destination, and starts the back end with its default settings (system log) at the first
  * call; later calls change threshold and destination only. A null `config` keeps threshold and destination as
- * they are and * only starts the back end: sink, callback and user data are then ignored. Returns KIV_OK. A
+ * they are and only starts the back end: sink, callback and user data are then ignored. Returns KIV_OK. A
  * scan opens the log anew for each card's management server, with level info and the back end: open it again
  * after a scan to keep a callback.
  */
