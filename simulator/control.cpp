@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
 
 namespace kivsim {
 
@@ -38,9 +39,8 @@ constexpr uint64_t kStatusOffset = 0x140;
 
 /// Links in bits 6 and 7 of the status register; the PTP state, 0, 1 or 3, in bits 8, 9 and 10, of which null
 /// sets none.
-void change_status(VirtualCard& card, const ConfigNode& node) {
-    uint64_t status = 0;
-    card.bars.read(0, kStatusOffset, status);
+/// True when one of the two is given.
+bool change_status(const ConfigNode& node, uint64_t& status) {
     const auto put = [&](unsigned bit, bool on) {
         status = on ? status | uint64_t{1} << bit : status & ~(uint64_t{1} << bit);
     };
@@ -59,7 +59,7 @@ void change_status(VirtualCard& card, const ConfigNode& node) {
         put(9, state == 1);
         put(10, state == 3);
     }
-    card.bars.write(0, kStatusOffset, status);
+    return node.has("links") || node.has("ptp_state");
 }
 
 template <typename Number, std::size_t count>
@@ -71,26 +71,45 @@ void take_numbers(const ConfigNode& object, const char* key, Number (&values)[co
     std::copy(given.begin(), given.end(), values);
 }
 
-/// The members of a PATCH replace what the card has.
+/// The members of a PATCH replace what the card has: all of them, or none when one is bad.
 void change(VirtualCard& card, const ConfigNode& node) {
     node.members({"wrapping", "hwmon", "ptp_master", "ptp_management", "links", "ptp_state", "registers",
                   "pci_link", "resources", "removed"});
     const std::lock_guard lock(card.mutex);
+    std::vector<std::function<void()>> changes;
+    const auto replace = [&](const char* key, auto& target, auto read) {
+        if (node.has(key)) changes.push_back([&target, value = read(node.at(key))] { target = value; });
+    };
+    const auto payload = [](const ConfigNode& given) { return given.json(); };
     ManagementState& state = card.management;
-    if (node.has("wrapping")) state.wrapping = wrapping_of(node.at("wrapping"));
-    if (node.has("hwmon")) state.hwmon = node.at("hwmon").json();
-    if (node.has("ptp_master")) state.ptp_master = node.at("ptp_master").json();
-    if (node.has("ptp_management")) state.ptp_management = node.at("ptp_management").json();
-    if (node.has("links") || node.has("ptp_state")) change_status(card, node);
-    if (node.has("registers")) card.set_registers(registers_of(node.at("registers")));
-    take_numbers(node, "pci_link", card.pci_link.value);
+    replace("wrapping", state.wrapping, wrapping_of);
+    replace("hwmon", state.hwmon, payload);
+    replace("ptp_master", state.ptp_master, payload);
+    replace("ptp_management", state.ptp_management, payload);
+    replace("removed", card.removed, [](const ConfigNode& given) {
+        if (!given.json().is_boolean()) given.complain("must be true or false");
+        return given.json().get<bool>();
+    });
+    if (node.has("registers"))
+        changes.push_back([&, given = registers_of(node.at("registers"))] { card.set_registers(given); });
+    auto link = card.pci_link;
+    auto use = card.use_resource;
+    uint64_t status = 0;
+    card.bars.read(0, kStatusOffset, status);
+    take_numbers(node, "pci_link", link.value);
     if (node.has("resources")) {
         const ConfigNode resources = node.at("resources");
         resources.members({"tx", "rx"});
-        take_numbers(resources, "tx", card.use_resource.tx);
-        take_numbers(resources, "rx", card.use_resource.rx);
+        take_numbers(resources, "tx", use.tx);
+        take_numbers(resources, "rx", use.rx);
     }
-    if (node.has("removed")) card.removed = node.at("removed").json() == true;
+    const bool new_status = change_status(node, status);
+
+    for (const auto& apply : changes)
+        apply();
+    card.pci_link = link;
+    card.use_resource = use;
+    if (new_status) card.bars.write(0, kStatusOffset, status);
 }
 
 Answer answer_for(VirtualCard& card, const std::string& what, const HttpRequest& request) {
