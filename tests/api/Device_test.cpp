@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <future>
 
 #include "CapturedLog.h"
 #include "LoopbackServer.h"
 #include "RunningSimulator.h"
+#include "Waiting.h"
 
 namespace {
 
@@ -176,6 +178,33 @@ TEST(DevicePoll, RaisesTheSensorAlarmAtTheMaximum) {
     EXPECT_EQ(log.take(),
               (Lines{"HTTP Server error status=500, msg=http status 500", "Fail get_hwmon_info"}));
     EXPECT_TRUE(card.take().empty());
+}
+
+TEST(DevicePoll, DoesNotHoldUpTheEventsWhileItAsksForTheSensors) {
+    LoopbackServer server({LoopbackServer::http(200, R"({"data":{"interfaces":[]}})"),
+                           {LoopbackServer::http(200, R"({"data":[]})").bytes, std::chrono::seconds(1)}});
+    OneCard card("127.0.0.1:" + std::to_string(server.port()));
+    ASSERT_EQ(card.device->rest()->open(), 0);
+    card.device->enableEvent(KIV_EVENT_HWMON);
+    auto poll = std::async(std::launch::async, [&] { return card.device->poll_60sec(); });
+    ASSERT_TRUE(wait_until([&] { return server.requests().size() == 2; }));
+    card.device->disableEvent(KIV_EVENT_HWMON);
+    EXPECT_EQ(poll.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    EXPECT_FALSE(poll.get()) << "an alarm that nobody wants any more";
+    EXPECT_TRUE(card.take().empty());
+}
+
+TEST(Device, ReadsAllIdentityRegistersBeforeItWritesOne) {
+    kivsim::CardSettings settings = kivsim::believable_card(6);
+    for (const uint32_t nth : {1u, 3u, 6u, 10u, 15u})  // The first register, then the second, and so on.
+        settings.driver_faults.push_back({6, nth, -1, 0, {}});
+    RunningSimulator simulator({settings});
+    OneCard card;
+    kiv_card_info_t info{};
+    for (int attempt = 0; attempt < 5; ++attempt)
+        EXPECT_EQ(card.device->get_card_info(info), KIV_ERR_FAILED) << attempt;
+    EXPECT_EQ(info.reg_00, 0u);
+    EXPECT_EQ(card.device->get_card_info(info), KIV_OK);
 }
 
 TEST(Device, WithoutFunctionsOrServerFailsInsteadOfCrashing) {

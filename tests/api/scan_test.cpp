@@ -4,7 +4,6 @@
 #include <kiv/kiv_api.h>
 
 #include <algorithm>
-#include <cstring>
 #include <future>
 #include <map>
 
@@ -76,33 +75,6 @@ TEST_F(Scan, GivesOneRecordForEachCard) {
     EXPECT_EQ(simulator.calls(kInit).size(), 4u);
 }
 
-TEST_F(Scan, WritesJustTheFieldsThatItHas) {
-    CardSettings card = kivsim::believable_card(7);
-    card.interfaces = {{"lo", "127.0.0.1", "255.0.0.0", "00:00:00:00:00:00"},
-                       {"maceth0", "10.1.2.3", "255.255.240.0", "02:aa:bb:cc:dd:ee:ff:longer"}};
-    RunningSimulator simulator({card});
-    kiv_scan_t scan{};
-    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
-
-    kiv_card_info_t info;
-    std::memset(&info, 0xA5, sizeof info);
-    ASSERT_EQ(kiv_get_card_info(7, &info), KIV_OK);
-    EXPECT_EQ(info.reg_18, 0x20260007u);
-    EXPECT_EQ(info.reserved, 0u);
-    EXPECT_STREQ(info.port[0].mac_address, "02:aa:bb:cc:dd:ee");
-    EXPECT_EQ(static_cast<uint8_t>(info.port[1].mac_address[0]), 0xA5);
-    EXPECT_EQ(info.port[1].link_speed_gbps, 100u);
-
-    kiv_net_config_t net;
-    kiv_net_config_t expected;
-    std::memset(&net, 0xA5, sizeof net);
-    std::memset(&expected, 0xA5, sizeof expected);
-    expected.port_0.ip_address_0 = 0x0A010203;
-    expected.port_0.prefix_length_0 = 20;
-    ASSERT_EQ(kiv_get_media_net_config(7, &net), KIV_OK);
-    EXPECT_EQ(std::memcmp(&net, &expected, sizeof net), 0);
-}
-
 TEST_F(Scan, WithoutCardsIsASuccessThatMakesTheManagerActive) {
     EXPECT_EQ(info_of(1), KIV_ERR_NOT_OPENED);
     setenv("KIVSIM_SOCKET", "/nonexistent/socket", 1);
@@ -116,28 +88,6 @@ TEST_F(Scan, WithoutCardsIsASuccessThatMakesTheManagerActive) {
         EXPECT_EQ(scan.count, 0);
         EXPECT_EQ(info_of(1), KIV_ERR_NO_DEVICE);
     }
-}
-
-TEST_F(Scan, ChecksManagerThenIdThenPointers) {
-    RunningSimulator simulator;
-    CapturedLog log;
-    const auto null_calls = [](uint8_t id) {
-        return std::vector{kiv_get_card_info(id, nullptr), kiv_get_media_net_config(id, nullptr)};
-    };
-    EXPECT_EQ(null_calls(1), std::vector(2, KIV_ERR_NOT_OPENED));
-    kiv_scan_t scan{};
-    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
-    log.again();
-    const std::size_t traffic = simulator.calls(kReadPci64).size();
-    EXPECT_EQ(null_calls(3), std::vector(2, KIV_ERR_NO_DEVICE));
-    EXPECT_EQ(null_calls(1), std::vector(2, KIV_OK));
-    // The polls read the status register too; a null pointer reads no identification register.
-    for (std::size_t i = traffic; i < simulator.calls(kReadPci64).size(); ++i) {
-        EXPECT_NE(simulator.calls(kReadPci64)[i]["input"].get<std::string>().substr(16, 4), "0000");
-    }
-    kiv_close();
-    EXPECT_EQ(null_calls(1), std::vector(2, KIV_ERR_NOT_OPENED));
-    EXPECT_TRUE(log.take().empty());
 }
 
 TEST_F(Scan, NeedsARecordToFill) {

@@ -5,14 +5,15 @@
 
 RunningSimulator::RunningSimulator(std::vector<kivsim::CardSettings> cards) {
     setenv("KIVSIM_SOCKET", socket_path().c_str(), 1);
-    simulator_ = std::make_unique<kivsim::Simulator>(cards, socket_path(), directory_ / "trace");
+    simulator_ = std::make_unique<kivsim::Simulator>(cards, socket_path(), directory_ / "trace",
+                                                     directory_ / "requests");
 }
 
 RunningSimulator::~RunningSimulator() = default;
 
-std::vector<nlohmann::json> RunningSimulator::trace() const {
+std::vector<nlohmann::json> RunningSimulator::lines_of(const char* file) const {
     std::vector<nlohmann::json> events;
-    std::istringstream lines(read_file(directory_ / "trace"));
+    std::istringstream lines(read_file(directory_ / file));
     for (std::string line; std::getline(lines, line);)
         events.push_back(nlohmann::json::parse(line));
     return events;

@@ -26,14 +26,19 @@ class RunningSimulator {
     void stop() { simulator_.reset(); }
 
     /// Every driver event so far, in order (see Trace.h for the keys).
-    std::vector<nlohmann::json> trace() const;
+    std::vector<nlohmann::json> trace() const { return lines_of("trace"); }
 
     /// The trace's calls of one selector.
     std::vector<nlohmann::json> calls(unsigned selector) const;
 
+    /// Every answered request to the management servers so far: card, method, path, body, status, answer.
+    std::vector<nlohmann::json> requests() const { return lines_of("requests"); }
+
     std::string socket_path() const { return directory_ / "driver.sock"; }
 
   private:
+    std::vector<nlohmann::json> lines_of(const char* file) const;
+
     TemporaryDirectory directory_;
     std::unique_ptr<kivsim::Simulator> simulator_;
 };

@@ -1,0 +1,59 @@
+// Firmware images: their upload, the wait for the card to begin, and the choice of a slot.
+#include <Firmware.h>
+
+#include "FoundCards.h"
+#include "Waiting.h"
+
+TEST(Flash, AnIdleCardGetsTheImageAndTheWaitForItsStartEndsWithSuccess) {
+    const TemporaryDirectory directory;
+    const std::string file = directory / "image", none = directory / "none", bytes(200000, '\xA5');
+    write_file(file, bytes);
+    const std::string start =
+        R"(PATCH firmware/control {"start":true,"md5hush":")" + kivsim::md5_of(bytes) + "\"}";
+    const char* const image = file.c_str();
+    // clang-format off
+    const struct {
+        const char* fault;
+        const char* path;
+        kiv_result_t result;
+        std::string requests;  ///< Status, upload, start.
+    } rows[] = {
+        {R"(status", "patch": "idle")", image, KIV_OK, "SUCSSSSSSSSSS"},
+        {R"(status", "nth": 2, "status": 500)", image, KIV_OK, "SUCS"},
+        {R"(status", "nth": 2, "patch": 5)", image, KIV_OK, "SUCS"},
+        {R"(status", "nth": 2, "patch": "idle ")", image, KIV_OK, "SUCS"},
+        {R"(status", "patch": "idle ")", nullptr, KIV_ERR_BUSY, "S"},
+        {R"(status", "status": 500)", nullptr, KIV_ERR_REST, "S"},
+        {R"(control", "status": 500)", image, KIV_ERR_REST, "SUC"},
+        {R"(switch")", none.c_str(), KIV_ERR_REST, "S"},
+    };
+    // clang-format on
+    auto card = kivsim::believable_card(1);
+    card.flash_ms = 1;
+    FoundCards cards({card});
+    for (const auto& row : rows) {
+        kiv_flash_status_t busy = 1;
+        ASSERT_TRUE(wait_until([&] { return kiv_get_flash_write_status(1, &busy) == KIV_OK && busy == 0; }));
+        cards.control("POST", 1, std::string(R"({"path": "/hps/firmware/)") + row.fault + "}");
+        cards.take_requests();
+        const Stopwatch watch;
+        EXPECT_EQ(kiv_write_flash_image(1, row.path), row.result) << row.fault;
+        EXPECT_EQ(watch.elapsed() >= std::chrono::seconds(1), row.requests.size() == 13) << row.fault;
+        Lines sent;
+        for (const char c : row.requests)
+            sent.push_back(c == 'S' ? "GET firmware/status" : c == 'U' ? "POST firmware/upload" : start);
+        EXPECT_EQ(cards.take_requests(), sent) << row.fault;
+        EXPECT_EQ(row.result == KIV_ERR_BUSY, cards.log_end() == "Can't write now. Status=1") << row.fault;
+        cards.control("DELETE", 1, "");
+    }
+}
+
+TEST(Flash, TheSlotToBootIsZeroOrOne) {
+    FoundCards cards;
+    for (const kiv_flash_slot_t slot : {-1, 2, 256, 1, 0}) {
+        const bool valid = slot == 0 || slot == 1;
+        EXPECT_EQ(kiv_select_flash_slot(1, &slot), valid ? KIV_OK : KIV_ERR_INVALID_PARAM) << slot;
+        const std::string line = "PATCH firmware/switch {\"image\":" + std::to_string(slot) + "}";
+        EXPECT_EQ(cards.take_requests(), Lines(valid ? 1 : 0, line)) << slot;
+    }
+}
