@@ -23,7 +23,7 @@ constexpr Meaning kMeanings[] = {
     {KIV_ERR_BUSY,          "KIV_ERR_BUSY",          "wait until the card's flash is idle"},
     {KIV_ERR_INVALID_PARAM, "KIV_ERR_INVALID_PARAM", "flash slots are 0 and 1"},
     {KIV_ERR_NULL_ARGUMENT, "KIV_ERR_NULL_ARGUMENT", "this is a defect of the program"},
-    {KIV_ERR_REST,          "KIV_ERR_REST",          "see whether the card's management server can be reached"},
+    {KIV_ERR_REST,          "KIV_ERR_REST",          "the card's management server did not answer, or refused"},
     {KIV_ERR_FAILED,        "KIV_ERR_FAILED",        "see the system log, or run again with OS_ACTIVITY_DT_MODE=1"},
     {KIV_ERR_LOG_BUSY,      "KIV_ERR_LOG_BUSY",      "try again"},
 };
@@ -53,8 +53,9 @@ void Output::print(const std::string& text) {
     if (std::fflush(results_.get()) != 0) throw Failure("standard output cannot be written");
 }
 
-void Output::print(const Json& json) {
-    print(json.dump(4) + "\n");
+void Output::print_json(const Json& json, int indent) {
+    // What a card sends as text need not be text.
+    print(json.dump(indent, ' ', false, Json::error_handler_t::replace) + "\n");
 }
 
 void Output::print_table(const std::vector<std::vector<std::string>>& rows) {
@@ -73,8 +74,43 @@ void Output::print_table(const std::vector<std::vector<std::string>>& rows) {
     }
 }
 
+void Output::print_table(const std::vector<Name>& columns, const Json& objects) {
+    std::vector<std::vector<std::string>> rows(1);
+    for (const Name& column : columns)
+        rows[0].emplace_back(column.text);
+    for (const Json& object : objects) {
+        rows.emplace_back();
+        for (const Name& column : columns)
+            rows.back().push_back(text_of(object.at(column.key)));
+    }
+    print_table(rows);
+}
+
+void Output::print_record(const std::vector<Name>& lines, const Json& object) {
+    std::vector<std::vector<std::string>> rows;
+    for (const Name& line : lines)
+        rows.push_back({line.text, text_of(object.at(line.key))});
+    print_table(rows);
+}
+
+bool Output::is_terminal() const {
+    return isatty(fileno(results_.get())) != 0;
+}
+
 void Output::note(const std::string& text) {
     std::fprintf(stderr, "kivctl: %s\n", text.c_str());
+}
+
+std::string text_of(const Json& value) {
+    if (value.is_null()) return "-";
+    if (value.is_string()) return value.get<std::string>();
+    if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
+    if (value.is_number_float()) return fmt::format("{:.2f}", value.get<double>());
+    if (!value.is_array()) return value.dump();
+    std::string text;
+    for (const Json& member : value)
+        text += (text.empty() ? "" : ", ") + text_of(member);
+    return text;
 }
 
 std::string dotted(uint32_t address) {
