@@ -24,6 +24,9 @@ class CfObject {
 
 }  // namespace kivplatform
 
+/// A text that is compared by its address.
+struct __CFString final : kivplatform::CfObject {};
+
 /// A matching dictionary: the one key "IONameMatch".
 struct __CFDictionary final : kivplatform::CfObject {
     explicit __CFDictionary(const char* name_match) : name(name_match) {}

@@ -11,8 +11,37 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace kivplatform {
+
+namespace {
+
+/// What travels beside a message: a descriptor, and by its alignment perhaps a second one.
+union DescriptorRoom {
+    char bytes[CMSG_SPACE(sizeof(int))];
+    cmsghdr alignment;
+};
+
+/// Takes all descriptors that came with a message; none of them is kept unless it was exactly one.
+Descriptor only_descriptor(msghdr& message) {
+    Descriptor found;
+    std::size_t count = 0;
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+        for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= header->cmsg_len; at += sizeof(int)) {
+            int number = -1;
+            std::memcpy(&number, CMSG_DATA(header) + at, sizeof number);
+            found = Descriptor(number);  // The one before is closed.
+            ++count;
+        }
+    }
+    const bool is_one = count == 1 && (message.msg_flags & MSG_CTRUNC) == 0;
+    return is_one ? std::move(found) : Descriptor();
+}
+
+}  // namespace
 
 std::shared_ptr<Conversation> Conversation::start(kern_return_t& status) {
     sockaddr_un address{};
@@ -39,10 +68,11 @@ Conversation::~Conversation() {
 }
 
 kern_return_t Conversation::ask(const kivplatform_request& request, const void* payload, std::size_t size,
-                                std::span<std::byte> room, std::size_t& produced) {
+                                std::span<std::byte> room, std::size_t& produced, int sent,
+                                Descriptor* received) {
     const std::lock_guard lock(turn_);
-    if (ended_) return MACH_SEND_INVALID_DEST;
-    return exchange(request, payload, size, room, produced);
+    if (ended_ || !send(request, payload, size, sent)) return MACH_SEND_INVALID_DEST;
+    return receive(room, produced, received);
 }
 
 void Conversation::end() {
@@ -56,31 +86,52 @@ void Conversation::end() {
     kivplatform_request request{};
     request.kind = KIVPLATFORM_CLOSE;
     std::size_t produced = 0;
-    exchange(request, nullptr, 0, {}, produced);
+    if (send(request, nullptr, 0, -1)) receive({}, produced, nullptr);
     ended_ = true;
     shutdown(socket_, SHUT_RDWR);
 }
 
-kern_return_t Conversation::exchange(const kivplatform_request& request, const void* payload,
-                                     std::size_t size, std::span<std::byte> room, std::size_t& produced) {
+bool Conversation::send(const kivplatform_request& request, const void* payload, std::size_t size,
+                        int descriptor) {
     iovec parts[2] = {{const_cast<kivplatform_request*>(&request), sizeof request},
                       {const_cast<void*>(payload), size}};
+    DescriptorRoom beside{};
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = size == 0 ? 1 : 2;
+    if (descriptor >= 0) {
+        message.msg_control = &beside;
+        message.msg_controllen = sizeof beside;
+        cmsghdr* const header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof descriptor);
+        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    }
     ssize_t done = 0;
     do {
         done = sendmsg(socket_, &message, MSG_NOSIGNAL);
     } while (done < 0 && errno == EINTR);
-    if (done < 0) return MACH_SEND_INVALID_DEST;
+    return done >= 0;
+}
 
+kern_return_t Conversation::receive(std::span<std::byte> room, std::size_t& produced, Descriptor* received) {
     kivplatform_reply reply{};
-    parts[0] = {&reply, sizeof reply};
-    parts[1] = {room.data(), room.size()};
+    iovec parts[2] = {{&reply, sizeof reply}, {room.data(), room.size()}};
+    DescriptorRoom beside{};
+    msghdr message{};
+    message.msg_iov = parts;
     message.msg_iovlen = 2;
+    // Without room for descriptors the system drops those that come along.
+    if (received != nullptr) {
+        message.msg_control = &beside;
+        message.msg_controllen = sizeof beside;
+    }
+    ssize_t done = 0;
     do {
-        done = recvmsg(socket_, &message, 0);
+        done = recvmsg(socket_, &message, MSG_CMSG_CLOEXEC);
     } while (done < 0 && errno == EINTR);
+    if (done >= 0 && received != nullptr) *received = only_descriptor(message);
     if (done < static_cast<ssize_t>(sizeof reply)) return MACH_SEND_INVALID_DEST;
     if ((message.msg_flags & MSG_TRUNC) != 0) return kIOReturnBadArgument;
     produced = static_cast<std::size_t>(done) - sizeof reply;

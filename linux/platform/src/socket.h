@@ -10,6 +10,8 @@
 #include <mutex>
 #include <span>
 
+#include "descriptor.h"
+
 namespace kivplatform {
 
 class Conversation {
@@ -24,17 +26,20 @@ class Conversation {
 
     /// Sends a request and waits for its reply; calls take turns. Returns the reply's status, with the
     /// `produced` bytes of its payload in `room`; kIOReturnBadArgument when they do not fit;
-    /// MACH_SEND_INVALID_DEST when the driver process is gone or the conversation has ended.
+    /// MACH_SEND_INVALID_DEST when the driver process is gone or the conversation has ended. The descriptor
+    /// `sent` goes along unless it is -1. `received` is where the reply's descriptor goes, if it has exactly
+    /// one; a descriptor that nobody asked for is closed.
     kern_return_t ask(const kivplatform_request& request, const void* payload, std::size_t size,
-                      std::span<std::byte> room, std::size_t& produced);
+                      std::span<std::byte> room, std::size_t& produced, int sent = -1,
+                      Descriptor* received = nullptr);
 
     /// Takes leave of the driver process; a request under way in another thread is aborted instead.
     void end();
 
   private:
     explicit Conversation(int socket) : socket_(socket) {}
-    kern_return_t exchange(const kivplatform_request& request, const void* payload, std::size_t size,
-                           std::span<std::byte> room, std::size_t& produced);
+    bool send(const kivplatform_request& request, const void* payload, std::size_t size, int descriptor);
+    kern_return_t receive(std::span<std::byte> room, std::size_t& produced, Descriptor* received);
 
     const int socket_;
     std::mutex turn_;     ///< One request at a time.

@@ -5,7 +5,10 @@
 extern "C" {
 #endif
 
+typedef unsigned char Boolean;
+
 typedef const void* CFTypeRef;
+typedef const struct __CFString* CFStringRef;
 
 /* Reference counts of any object; null ends the process, as it does on the platform itself. */
 CFTypeRef CFRetain(CFTypeRef object);

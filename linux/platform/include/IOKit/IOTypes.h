@@ -1,6 +1,7 @@
 #ifndef IOKIT_IOTYPES_H
 #define IOKIT_IOTYPES_H
 
+#include <IOKit/IOMapTypes.h>
 #include <IOKit/IOReturn.h>
 #include <mach/mach_types.h>
 

@@ -2,6 +2,7 @@
 #ifndef MACH_MACH_TYPES_H
 #define MACH_MACH_TYPES_H
 
+#include <mach/vm_types.h>
 #include <stdint.h>
 
 typedef uint32_t mach_port_t;
@@ -9,8 +10,6 @@ typedef mach_port_t task_port_t;
 typedef mach_port_t vm_map_read_t;
 typedef int kern_return_t;
 typedef uint32_t mach_msg_type_number_t;
-typedef uint64_t mach_vm_address_t;
-typedef uint64_t mach_vm_size_t;
 
 #define MACH_PORT_NULL ((mach_port_t)0)
 

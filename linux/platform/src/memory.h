@@ -1,0 +1,50 @@
+/// The driver's memories in this process.
+#ifndef KIVPLATFORM_MEMORY_H
+#define KIVPLATFORM_MEMORY_H
+
+#include <IOKit/IOTypes.h>
+#include <kivplatform/driver_protocol.h>
+#include <sys/types.h>
+
+#include <mutex>
+#include <vector>
+
+#include "descriptor.h"
+
+namespace kivplatform {
+
+/// What one connection has mapped.
+class Mappings {
+  public:
+    Mappings() = default;
+    ~Mappings() { close(); }
+    Mappings(const Mappings&) = delete;
+    Mappings& operator=(const Mappings&) = delete;
+
+    /// The address of these bytes of the file: mapped now, or earlier. Bytes that are not whole pages, or not
+    /// all within the file, are kIOReturnBadArgument.
+    kern_return_t map(const Descriptor& file, const kivplatform_mapping& bytes, mach_vm_address_t& address);
+
+    /// False when nothing is mapped at that address.
+    bool unmap(mach_vm_address_t address);
+
+    /// Unmaps all; from now on nothing can be mapped.
+    void close();
+
+  private:
+    struct Mapping {
+        dev_t device;
+        ino_t inode;
+        uint64_t offset;
+        uint64_t size;
+        void* address;
+    };
+
+    std::mutex mutex_;  ///< Guards all below.
+    std::vector<Mapping> mappings_;
+    bool closed_ = false;
+};
+
+}  // namespace kivplatform
+
+#endif

@@ -1,0 +1,284 @@
+#include <gtest/gtest.h>
+#include <kivplatform/driver_protocol.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "Services.h"
+#include "TemporaryDirectory.h"
+#include "Waiting.h"
+
+namespace {
+
+constexpr auto kDone = kIOReturnSuccess;
+constexpr auto kRefused = kIOReturnBadArgument;
+const auto kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+
+auto open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// A driver process on a thread of the test: one service, and replies and messages as the test says.
+class ScriptedDriver {
+  public:
+    struct Reply {
+        int32_t status;
+        kivplatform_mapping payload;
+        size_t size, files;  ///< So much of the payload is sent, and the file's descriptor so often.
+    };
+    Reply map_reply{};  ///< To KIVPLATFORM_MAP.
+    const int file = memfd_create("memory", MFD_CLOEXEC);
+    std::atomic<int> channel = -1;  ///< Of the last asynchronous call; selector 0 is refused.
+
+    ScriptedDriver() {
+        EXPECT_EQ(ftruncate(file, static_cast<off_t>(4 * kPage)), 0);
+        sockaddr_un address{AF_UNIX, {}};
+        std::strcpy(address.sun_path, (directory_ / "driver.sock").c_str());
+        setenv("KIVSIM_SOCKET", address.sun_path, 1);
+        bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        listen(listener_, 8);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~ScriptedDriver() { die(); }
+
+    /// As a process that is killed.
+    void die() {
+        shutdown(listener_, SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        close(channel.exchange(-1));
+    }
+
+    /// A message of so many bytes, with the arguments 1, 2, 3...; may block.
+    bool send_message(int32_t result, uint32_t count = 0, size_t size = 8) const {
+        uint64_t words[20] = {uint64_t{count} << 32 | static_cast<uint32_t>(result)};
+        for (uint64_t i = 1; i < 20; ++i)
+            words[i] = i;
+        return send(channel, words, size, MSG_NOSIGNAL) >= 0;
+    }
+
+  private:
+    void serve() {
+        std::vector<pollfd> sockets{{listener_, POLLIN, 0}};
+        while (poll(sockets.data(), sockets.size(), -1) > 0 && (sockets[0].revents & POLLHUP) == 0) {
+            if (sockets[0].revents != 0) sockets.push_back({accept(listener_, nullptr, nullptr), POLLIN, 0});
+            std::erase_if(sockets, [this](const pollfd& each) {
+                return each.fd != listener_ && each.revents != 0 && !answer(each.fd) && close(each.fd) == 0;
+            });
+        }
+        for (const pollfd& each : sockets)
+            close(each.fd);
+    }
+
+    bool answer(int socket) {
+        kivplatform_request request{};
+        alignas(cmsghdr) char beside[CMSG_SPACE(8 * sizeof(int))];
+        iovec input{&request, sizeof request};
+        msghdr message{nullptr, 0, &input, 1, beside, sizeof beside, 0};
+        if (recvmsg(socket, &message, 0) <= 0) return false;
+        Reply reply{0, {7, 0}, request.kind == KIVPLATFORM_LIST ? sizeof(uint64_t) : 0, 0};
+        if (request.kind == KIVPLATFORM_MAP) reply = map_reply;
+        if (request.kind == KIVPLATFORM_CALL_ASYNC) {
+            close(channel.exchange(*reinterpret_cast<int*>(CMSG_DATA(CMSG_FIRSTHDR(&message)))));
+            if (request.number == 0) reply.status = -1;
+        }
+        kivplatform_reply head{reply.status, 0};
+        iovec parts[] = {{&head, sizeof head}, {&reply.payload, reply.size}};
+        const size_t attached = reply.files * sizeof(int);
+        message = {nullptr, 0, parts, 2, beside, attached == 0 ? 0 : CMSG_SPACE(attached), 0};
+        if (attached != 0) *CMSG_FIRSTHDR(&message) = {CMSG_LEN(attached), SOL_SOCKET, SCM_RIGHTS};
+        for (size_t i = 0; i < attached; i += sizeof file)
+            std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)) + i, &file, sizeof file);
+        return sendmsg(socket, &message, MSG_NOSIGNAL) > 0;
+    }
+
+    const TemporaryDirectory directory_;
+    const int listener_ = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    std::thread thread_;
+};
+
+/// A driver process and a connection to it, a port that is never destroyed, and the results and arguments.
+class Connected : public testing::Test {
+  protected:
+    Connected() { add_source(); }
+    ~Connected() override { IOServiceClose(connect_); }
+
+    void add_source() {
+        const CFRunLoopSourceRef source = IONotificationPortGetRunLoopSource(port_);
+        CFRunLoopAddSource(CFRunLoopGetCurrent(), source, kCFRunLoopDefaultMode);
+    }
+    kern_return_t call_async(io_connect_t connect, uint32_t selector = 1, uint32_t words = 3) {
+        uint64_t reference[9] = {77, reinterpret_cast<uint64_t>(&receive), reinterpret_cast<uint64_t>(this)};
+        return IOConnectCallAsyncStructMethod(connect, selector, IONotificationPortGetMachPort(port_),
+                                              reference, words, nullptr, 0, nullptr, nullptr);
+    }
+    static CFRunLoopRunResult run(double seconds, bool one = true) {
+        return CFRunLoopRunInMode(kCFRunLoopDefaultMode, seconds, one);
+    }
+    kern_return_t map(ScriptedDriver::Reply reply) {
+        driver_.map_reply = reply;
+        address_ = size_ = 1;
+        return IOConnectMapMemory64(connect_, 0, mach_task_self(), &address_, &size_, kIOMapAnywhere);
+    }
+    static bool mapped(uint64_t at) { return msync(reinterpret_cast<void*>(at), kPage, MS_ASYNC) == 0; }
+
+    ScriptedDriver driver_;
+    const io_connect_t connect_ = open_first();
+    const IONotificationPortRef port_ = IONotificationPortCreate(kIOMainPortDefault);
+    std::vector<std::vector<uint64_t>> came_;
+    std::function<void()> on_message_ = [] {};
+    mach_vm_address_t address_ = 0;
+    mach_vm_size_t size_ = 0;
+
+  private:
+    static void receive(void* context, IOReturn result, void** arguments, uint32_t count) {
+        auto& test = *static_cast<Connected*>(context);
+        auto* const values = reinterpret_cast<uint64_t*>(arguments);
+        auto& message = test.came_.emplace_back(values, values + (count == 1 ? 0 : count));
+        if (count == 1) message.push_back(reinterpret_cast<uint64_t>(arguments));
+        message.insert(message.begin(), static_cast<uint64_t>(result));
+        test.on_message_();
+    }
+};
+using PlatformMessages = Connected;
+using PlatformMemory = Connected;
+
+TEST_F(PlatformMessages, ComeWithTheirArgumentsOrNotAtAll) {
+    ASSERT_EQ(call_async(connect_), kDone);
+    const std::tuple<uint32_t, size_t, bool> rows[] = {
+        {0, 8, true},   {1, 16, true},  {3, 32, true},     {16, 136, true}, {2, 24, false}, {17, 144, false},
+        {4, 32, false}, {3, 40, false}, {~0u, 136, false}, {0, 7, false},   {0, 0, false}};
+    for (const auto& [count, size, comes] : rows) {
+        std::vector<std::vector<uint64_t>> expected{{6}};
+        if (comes) expected.insert(expected.begin(), {5});
+        for (uint64_t i = 1; comes && i <= count; ++i)
+            expected.front().push_back(i);
+        came_.clear();
+        ASSERT_TRUE(driver_.send_message(5, count, size) && driver_.send_message(6));
+        while (came_.size() < expected.size())
+            ASSERT_EQ(run(20), kCFRunLoopRunHandledSource) << count;
+        EXPECT_EQ(came_, expected);
+    }
+    for (const uint32_t words : {0u, 9u})
+        EXPECT_EQ(call_async(connect_, 1, words), kRefused);
+    EXPECT_EQ(call_async(connect_, 0), -1);
+    EXPECT_EQ(IOConnectCallAsyncStructMethod(connect_, 1, connect_, nullptr, 0, nullptr, 0, nullptr, nullptr),
+              kRefused);
+}
+
+TEST_F(PlatformMessages, WaitForARunAndAStopDoesNot) {
+    std::thread(CFRunLoopRun).join();  // Without a source it returns.
+    ASSERT_EQ(call_async(connect_), kDone);
+    for (int i = 1; i <= 3; ++i)
+        driver_.send_message(i);
+    CFRunLoopStop(CFRunLoopGetCurrent());  // Lost.
+    on_message_ = [this] {
+        if (came_.size() > 1) return;
+        CFRunLoopStop(CFRunLoopGetCurrent());  // Of this run, not of the one inside it.
+        EXPECT_EQ(run(20), kCFRunLoopRunHandledSource);
+    };
+    EXPECT_EQ(run(20, false), kCFRunLoopRunStopped);
+    EXPECT_EQ(came_.size(), 2u);
+    EXPECT_EQ(run(0), kCFRunLoopRunHandledSource);
+    EXPECT_EQ(run(0.01), kCFRunLoopRunTimedOut);
+    IONotificationPortDestroy(port_);
+    EXPECT_EQ(run(20), kCFRunLoopRunFinished);
+}
+
+TEST_F(PlatformMessages, ReachARunningLoopInOrderUntilItIsStopped) {
+    const ptrdiff_t before = open_descriptors();
+    std::atomic<CFRunLoopRef> loop = nullptr;
+    std::atomic<uint64_t> in_order = 0;
+    on_message_ = [&] { in_order += came_.back().front() == in_order ? 1u : 0u; };
+    std::thread runner([&] {
+        add_source();
+        CFRetain(CFRunLoopGetCurrent());
+        loop = CFRunLoopGetCurrent();
+        CFRunLoopRun();
+    });
+    ASSERT_TRUE(wait_until([&] { return loop.load() != nullptr; }));
+    const io_connect_t other = open_first();
+    int sent = 0;
+    for (const io_connect_t each : {connect_, other}) {  // The driver leaves the first for the second.
+        ASSERT_EQ(call_async(each), kDone);
+        for (int i = 0; i < 10000; ++i)
+            driver_.send_message(sent++);
+        EXPECT_TRUE(wait_until([&] { return in_order == static_cast<uint64_t>(sent); }));
+    }
+    driver_.die();
+    IOServiceClose(other);
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; }));
+    CFRunLoopStop(loop);
+    CFRunLoopStop(loop);  // Perhaps the thread has ended: the reference keeps its loop.
+    runner.join();
+    CFRelease(loop);
+}
+
+TEST_F(PlatformMessages, EndWithTheirConnectionAlsoInsideACallback) {
+    ptrdiff_t before = 0;
+    for (int round = 0; round < 100; ++round) {
+        const bool inside = round % 2 == 0;
+        const io_connect_t connect = open_first();
+        ASSERT_EQ(call_async(connect), kDone);
+        on_message_ = [connect] { EXPECT_EQ(IOServiceClose(connect), kDone); };
+        EXPECT_TRUE(driver_.send_message(1) && driver_.send_message(2));
+        if (!inside) on_message_();
+        came_.clear();
+        EXPECT_EQ(run(0), inside ? kCFRunLoopRunHandledSource : kCFRunLoopRunTimedOut);
+        EXPECT_EQ(run(0), kCFRunLoopRunTimedOut);
+        EXPECT_EQ(came_.size(), inside ? 1u : 0u);
+        if (before == 0) before = open_descriptors();
+    }
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; }));
+}
+
+TEST_F(PlatformMemory, IsSharedBothWaysAndMappedOnce) {
+    ASSERT_EQ(map({0, {kPage, 2 * kPage}, 16, 1}), kDone);
+    const mach_vm_address_t first = address_;
+    EXPECT_EQ(size_, 2 * kPage);
+    char byte = 'd';
+    ASSERT_EQ(pwrite(driver_.file, &byte, 1, static_cast<off_t>(kPage)), 1);
+    EXPECT_EQ(*reinterpret_cast<char*>(first), 'd');
+    reinterpret_cast<char*>(first)[size_ - 1] = 'p';
+    ASSERT_EQ(pread(driver_.file, &byte, 1, static_cast<off_t>(3 * kPage - 1)), 1);
+    EXPECT_EQ(byte, 'p');
+
+    ASSERT_EQ(map({0, {kPage, 2 * kPage}, 16, 1}), kDone);
+    EXPECT_EQ(address_, first);
+    ASSERT_EQ(map({0, {2 * kPage, 2 * kPage}, 16, 1}), kDone);
+    EXPECT_NE(address_, first);
+    for (const kern_return_t expected : {kDone, kRefused})
+        EXPECT_EQ(IOConnectUnmapMemory64(connect_, 0, mach_task_self(), first), expected);
+    EXPECT_TRUE(!mapped(first) && mapped(address_));
+    EXPECT_EQ(IOServiceClose(connect_), kDone);
+    EXPECT_FALSE(mapped(address_));
+}
+
+TEST_F(PlatformMemory, ThatCannotBeTrustedIsRefusedAndLeaksNothing) {
+    // clang-format off
+    const ScriptedDriver::Reply refused[] = {
+        {-1, {0, kPage}, 0, 0}, {-1, {0, kPage}, 16, 1},                           // By the driver.
+        {0, {0, kPage}, 16, 0}, {0, {0, kPage}, 16, 2}, {0, {0, kPage}, 16, 8},    // Not one descriptor.
+        {0, {0, kPage}, 15, 1}, {0, {0, 0}, 16, 1}, {0, {0, kPage + 1}, 16, 1}, {0, {8, kPage}, 16, 1},
+        {0, {0, 5 * kPage}, 16, 1}, {0, {4 * kPage, kPage}, 16, 1}, {0, {-kPage, 2 * kPage}, 16, 1}};
+    // clang-format on
+    const ptrdiff_t before = open_descriptors();
+    for (const ScriptedDriver::Reply& reply : refused) {
+        EXPECT_EQ(map(reply), kRefused) << &reply - refused;
+        EXPECT_TRUE(address_ == 1 && size_ == 1);
+    }
+    EXPECT_EQ(IOConnectMapMemory64(connect_, 0, 1, nullptr, &size_, kIOMapAnywhere), kRefused);
+    EXPECT_EQ(IOConnectMapMemory64(connect_, 0, 1, &address_, nullptr, kIOMapAnywhere), kRefused);
+    EXPECT_EQ(map({0, {3 * kPage, kPage}, 16, 1}), kDone);
+    EXPECT_LE(open_descriptors(), before);
+    driver_.die();
+    EXPECT_EQ(map({}), MACH_SEND_INVALID_DEST);
+}
+
+}  // namespace
