@@ -1,15 +1,17 @@
-/// The register memory behind a card's BARs: what was never written reads 0.
+/// The memory behind a card's BARs: what was never written reads 0.
 #ifndef KIVSIM_BAR_MEMORY_H
 #define KIVSIM_BAR_MEMORY_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <memory>
+
+#include "SharedMemory.h"
 
 namespace kivsim {
 
-/// Bytes, so that 32-bit and 64-bit accesses agree. Not synchronised: its card locks.
+/// Bytes, so that 32-bit and 64-bit accesses agree, and mappings with both. Not synchronised: its card locks.
 class BarMemory {
   public:
     static constexpr uint32_t kBars = 6;
@@ -17,28 +19,30 @@ class BarMemory {
 
     /// False when the access is not inside a BAR; `value` is then untouched.
     template <typename Value>
-    bool read(uint32_t bar, uint64_t offset, Value& value) const {
-        return inside(bar, offset, sizeof value) &&
-               (copy_out(bar, offset, reinterpret_cast<std::byte*>(&value), sizeof value), true);
+    bool read(uint32_t bar, uint64_t offset, Value& value) {
+        if (!inside(bar, offset, sizeof value) || !memory(bar)) return false;
+        memory(bar).read(offset, &value, sizeof value);
+        return true;
     }
     template <typename Value>
     bool write(uint32_t bar, uint64_t offset, const Value& value) {
-        return inside(bar, offset, sizeof value) &&
-               (copy_in(bar, offset, reinterpret_cast<const std::byte*>(&value), sizeof value), true);
+        if (!inside(bar, offset, sizeof value) || !memory(bar)) return false;
+        memory(bar).write(offset, &value, sizeof value);
+        return true;
     }
 
     static bool inside(uint32_t bar, uint64_t offset, std::size_t size) {
         return bar < kBars && offset <= kBarSize - size;
     }
 
+    /// `bar` below kBars. Made at its first use.
+    SharedMemory& memory(uint32_t bar) {
+        if (!memories_[bar]) memories_[bar] = std::make_unique<SharedMemory>(kBarSize);
+        return *memories_[bar];
+    }
+
   private:
-    static constexpr std::size_t kPageSize = 4096;
-    using Page = std::array<std::byte, kPageSize>;
-
-    void copy_out(uint32_t bar, uint64_t offset, std::byte* to, std::size_t size) const;
-    void copy_in(uint32_t bar, uint64_t offset, const std::byte* from, std::size_t size);
-
-    std::array<std::map<uint64_t, Page>, kBars> pages_;  ///< Written pages by their number.
+    std::array<std::unique_ptr<SharedMemory>, kBars> memories_;
 };
 
 }  // namespace kivsim

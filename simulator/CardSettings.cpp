@@ -85,7 +85,8 @@ void take_tunnel(const Node& node, CardSettings& card) {
 
 CardSettings card_of(const Node& node) {
     node.members({"id", "identity", "bus", "device", "functions", "registers", "addresses", "tunnel",
-                  "interfaces", "server", "driver_faults", "http_faults", "wrapping", "flash_ms"});
+                  "interfaces", "server", "driver_faults", "http_faults", "wrapping", "flash_ms",
+                  "interrupt_ms"});
     CardSettings card = believable_card(node.at("id").number<uint8_t>());
     if (node.has("identity")) take_identity(node.at("identity"), card);
     take(node, "bus", card.bus);
@@ -114,6 +115,7 @@ CardSettings card_of(const Node& node) {
     if (node.has("http_faults")) card.http_faults = http_faults_of(node.at("http_faults"));
     if (node.has("wrapping")) card.wrapping = wrapping_of(node.at("wrapping"));
     take(node, "flash_ms", card.flash_ms);
+    take(node, "interrupt_ms", card.interrupt_ms);
     return card;
 }
 

@@ -57,7 +57,8 @@ struct CardSettings {
     std::vector<DriverFault> driver_faults;
     std::vector<HttpFault> http_faults;
     Wrapping wrapping = Wrapping::Object;
-    uint32_t flash_ms = 3000;  ///< How long the write of a firmware image takes.
+    uint32_t interrupt_ms = 0;  ///< Period of the messages for enabled interrupts; 0: none.
+    uint32_t flash_ms = 3000;   ///< How long the write of a firmware image takes.
 };
 
 /// Reads cards.json (see docs/simulator.md for its keys). Throws BadConfig.

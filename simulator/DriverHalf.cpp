@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <utility>
@@ -23,6 +25,10 @@ namespace {
 // Numbers of the epoll entries that are no clients.
 constexpr uint64_t kListener = 0;
 constexpr uint64_t kStop = ~uint64_t{0};
+constexpr uint64_t kWake = kStop - 1;
+
+/// Messages that a stream without pauses sends before others get their turn.
+constexpr int kBatch = 1000;
 
 /// Upper half random, so that a service listed by another driver process is not taken for one of ours.
 uint64_t fresh_entries() {
@@ -65,6 +71,30 @@ std::vector<std::byte> reply_message(int32_t status, const void* payload, std::s
     return message;
 }
 
+/// One message and the first descriptor that comes with it; any others are closed.
+ssize_t receive(int socket, std::vector<std::byte>& room, Descriptor& descriptor) {
+    iovec part{room.data(), room.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))];
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t size = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+    if (size < 0) return size;
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+        for (std::size_t at = 0; at + sizeof(int) <= header->cmsg_len - CMSG_LEN(0); at += sizeof(int)) {
+            int fd = -1;
+            std::memcpy(&fd, CMSG_DATA(header) + at, sizeof fd);
+            Descriptor received(fd);
+            if (!descriptor) descriptor = std::move(received);
+        }
+    }
+    return size;
+}
+
 }  // namespace
 
 DriverHalf::DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::string socket_path,
@@ -77,6 +107,9 @@ DriverHalf::DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::str
                                      std::to_string(function.number)});
         }
     }
+    for (const auto& card : cards) {
+        if (card->settings().interrupt_ms != 0) timers_[card.get()] = Clock::now();
+    }
     listen_on(socket_path_);
     try {
         trace_ = std::make_unique<Trace>(
@@ -85,6 +118,14 @@ DriverHalf::DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::str
         unlink(socket_path_.c_str());
         throw;
     }
+    for (const auto& card : cards) {
+        const std::lock_guard lock(card->mutex);
+        card->wake_driver = [this] {
+            const uint64_t one = 1;
+            [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof one);
+        };
+    }
+    cards_ = std::move(cards);
     thread_ = std::thread([this] { serve(); });
 }
 
@@ -93,6 +134,10 @@ DriverHalf::~DriverHalf() {
     [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof one);
     thread_.join();
     unlink(socket_path_.c_str());
+    for (const auto& card : cards_) {
+        const std::lock_guard lock(card->mutex);
+        card->wake_driver = nullptr;
+    }
 }
 
 void DriverHalf::listen_on(const std::string& path) {
@@ -105,28 +150,39 @@ void DriverHalf::listen_on(const std::string& path) {
     }
     epoll_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll");
     stop_ = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
-    for (const auto& [fd, number] : {std::pair{listener_.get(), kListener}, {stop_.get(), kStop}}) {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u64 = number;
-        epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
-    }
+    wake_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
+    watch(listener_.get(), kListener);
+    watch(stop_.get(), kStop);
+    watch(wake_.get(), kWake);
+}
+
+void DriverHalf::watch(int fd, uint64_t number) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = number;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
 }
 
 void DriverHalf::serve() {
-    for (;;) {
+    for (bool more = false;;) {
         epoll_event events[64];
-        const int count = epoll_wait(epoll_.get(), events, std::size(events), next_wait());
+        const int count = epoll_wait(epoll_.get(), events, std::size(events), more ? 0 : next_wait());
         send_late_replies();
         for (int i = 0; i < count; ++i) {
             const uint64_t number = events[i].data.u64;
             if (number == kStop) return;
             if (number == kListener) {
                 accept_client();
+            } else if (number == kWake) {
+                uint64_t times = 0;
+                [[maybe_unused]] const ssize_t got = read(wake_.get(), &times, sizeof times);
+            } else if ((number & MessageChannels::kEpollBit) != 0) {
+                channels_.flush(number & ~MessageChannels::kEpollBit);
             } else {
                 serve_client(number);
             }
         }
+        more = send_messages();
     }
 }
 
@@ -135,10 +191,7 @@ void DriverHalf::accept_client() {
     client.socket = Descriptor(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!client.socket) return;
     client.number = next_client_++;
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = client.number;
-    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, client.socket.get(), &event);
+    watch(client.socket.get(), client.number);
     clients_.emplace(client.number, std::move(client));
 }
 
@@ -146,15 +199,21 @@ void DriverHalf::serve_client(uint64_t number) {
     const auto found = clients_.find(number);
     if (found == clients_.end()) return;
     std::vector<std::byte> message(sizeof(kivplatform_request) + KIVPLATFORM_MESSAGE_SIZE);
-    const ssize_t size = recv(found->second.socket.get(), message.data(), message.size(), 0);
+    Request request;
+    const ssize_t size = receive(found->second.socket.get(), message, request.descriptor);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (size < static_cast<ssize_t>(sizeof(kivplatform_request))) {
         hang_up(number);
         return;
     }
-    message.resize(static_cast<std::size_t>(size));
+    std::memcpy(&request.header, message.data(), sizeof request.header);
+    request.payload = std::span(message).first(static_cast<std::size_t>(size)).subspan(sizeof request.header);
+    if (request.header.kind == KIVPLATFORM_MAP && found->second.service != nullptr) {
+        send_mapping(found->second, request.header.number);
+        return;
+    }
     Clock::duration delay{};
-    std::vector<std::byte> reply = answer(found->second, message, delay);
+    std::vector<std::byte> reply = answer(found->second, request, delay);
     if (delay > Clock::duration::zero()) {
         late_.emplace(Clock::now() + delay, LateReply{number, std::move(reply)});
     } else {
@@ -162,42 +221,66 @@ void DriverHalf::serve_client(uint64_t number) {
     }
 }
 
-std::vector<std::byte> DriverHalf::answer(Client& client, const std::vector<std::byte>& message,
-                                          Clock::duration& delay) {
-    kivplatform_request request{};
-    std::memcpy(&request, message.data(), sizeof request);
-    const auto payload = std::span(message).subspan(sizeof request);
-
-    if (request.kind == KIVPLATFORM_LIST) {
-        const std::string_view name(reinterpret_cast<const char*>(payload.data()), payload.size());
-        std::vector<uint64_t> entries;
-        if (name == kiv::wire::kServiceName) {
-            for (std::size_t i = 0; i < services_.size(); ++i) {
-                if (services_[i].card->is_present()) entries.push_back(first_entry_ + i);
-            }
-        }
-        return reply_message(kIOReturnSuccess, entries.data(), entries.size() * sizeof(uint64_t));
-    }
-    if (request.kind == KIVPLATFORM_OPEN) {
-        return reply_message(open_service(client, request.entry, request.number), nullptr, 0);
+std::vector<std::byte> DriverHalf::answer(Client& client, Request& request, Clock::duration& delay) {
+    if (request.header.kind == KIVPLATFORM_LIST) return answer_list(request.payload);
+    if (request.header.kind == KIVPLATFORM_OPEN) {
+        return reply_message(open_service(client, request.header.entry, request.header.number), nullptr, 0);
     }
     if (client.service == nullptr) return reply_message(kIOReturnNotOpen, nullptr, 0);
-    if (request.kind == KIVPLATFORM_CLOSE) {
-        trace_->close(client.number, client.service->name);
-        client.service = nullptr;
+    if (request.header.kind == KIVPLATFORM_CLOSE) {
+        close_service(client);
         return reply_message(kIOReturnSuccess, nullptr, 0);
     }
-    if (request.kind != KIVPLATFORM_CALL) return reply_message(kIOReturnUnsupported, nullptr, 0);
+    if (request.header.kind == KIVPLATFORM_CALL || request.header.kind == KIVPLATFORM_CALL_ASYNC)
+        return answer_call(client, request, delay);
+    return reply_message(kIOReturnUnsupported, nullptr, 0);
+}
 
+std::vector<std::byte> DriverHalf::answer_list(std::span<const std::byte> name) {
+    std::vector<uint64_t> entries;
+    if (std::string_view(reinterpret_cast<const char*>(name.data()), name.size()) ==
+        kiv::wire::kServiceName) {
+        for (std::size_t i = 0; i < services_.size(); ++i) {
+            if (services_[i].card->is_present()) entries.push_back(first_entry_ + i);
+        }
+    }
+    return reply_message(kIOReturnSuccess, entries.data(), entries.size() * sizeof(uint64_t));
+}
+
+std::vector<std::byte> DriverHalf::answer_call(Client& client, Request& request, Clock::duration& delay) {
     VirtualCard& card = *client.service->card;
-    const DriverFault fault = card.next_fault(request.number);
+    const uint32_t selector = request.header.number;
+    const DriverFault fault = card.next_fault(selector);
     delay = std::chrono::milliseconds(fault.delay_ms);
     std::vector<std::byte> output;
     int32_t status = card.is_present() ? fault.status : kIOReturnNotAttached;
-    if (status == 0) status = run_selector(card, client.service->function, request.number, payload, output);
+    if (status == 0 && request.header.kind == KIVPLATFORM_CALL_ASYNC) {
+        status = selector != kiv::wire::kRegisterInterruptAsyncCallback ? kIOReturnUnsupported
+                 : request.descriptor                                   ? kIOReturnSuccess
+                                                                        : kIOReturnBadArgument;
+        if (status == 0) {
+            channels_.add(client.number, std::move(request.descriptor));
+            const std::lock_guard lock(card.mutex);
+            card.driver.connections[client.number].takes_messages = true;
+        }
+    } else if (status == 0) {
+        status =
+            run_selector(card, client.service->function, client.number, selector, request.payload, output);
+    }
     if (fault.reply_size && *fault.reply_size < output.size()) output.resize(*fault.reply_size);
-    trace_->call(client.number, client.service->name, request.number, payload, status, output);
+    trace_->call(client.number, client.service->name, selector, request.payload, status, output);
     return reply_message(status, output.data(), output.size());
+}
+
+void DriverHalf::send_mapping(Client& client, uint32_t type) {
+    SelectedMemory memory{};
+    if (type != 0 || !client.service->card->is_present() ||
+        !selected_memory(*client.service->card, client.number, memory)) {
+        send_reply(client.number, reply_message(kIOReturnBadArgument, nullptr, 0));
+        return;
+    }
+    const kivplatform_mapping mapping{memory.offset, memory.size};
+    send_reply(client.number, reply_message(kIOReturnSuccess, &mapping, sizeof mapping), memory.descriptor);
 }
 
 int32_t DriverHalf::open_service(Client& client, uint64_t entry, uint32_t type) {
@@ -207,14 +290,39 @@ int32_t DriverHalf::open_service(Client& client, uint64_t entry, uint32_t type) 
     if (!service.card->is_present()) return kIOReturnNoDevice;
     const int32_t status = type == service.function.connection_type ? kIOReturnSuccess : kIOReturnUnsupported;
     trace_->open(client.number, service.name, type, status);
-    if (status == kIOReturnSuccess) client.service = &service;
+    if (status != kIOReturnSuccess) return status;
+    client.service = &service;
+    const std::lock_guard lock(service.card->mutex);
+    service.card->driver.connections[client.number].function = service.function.number;
     return status;
 }
 
-void DriverHalf::send_reply(uint64_t number, const std::vector<std::byte>& reply) {
+void DriverHalf::close_service(Client& client) {
+    trace_->close(client.number, client.service->name);
+    channels_.remove(client.number);
+    const Service& service = *std::exchange(client.service, nullptr);
+    const std::lock_guard lock(service.card->mutex);
+    service.card->driver.end(client.number);
+}
+
+void DriverHalf::send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor) {
     const auto client = clients_.find(number);
     if (client == clients_.end()) return;
-    const ssize_t sent = send(client->second.socket.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
+    iovec part{const_cast<std::byte*>(reply.data()), reply.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    if (descriptor >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* const header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    }
+    const ssize_t sent = sendmsg(client->second.socket.get(), &message, MSG_NOSIGNAL);
     if (sent != static_cast<ssize_t>(reply.size())) hang_up(number);
 }
 
@@ -226,17 +334,74 @@ void DriverHalf::send_late_replies() {
     }
 }
 
-/// Milliseconds until the next late reply, rounded up; -1 when there is none.
-int DriverHalf::next_wait() const {
-    if (late_.empty()) return -1;
-    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(late_.begin()->first - Clock::now());
-    return static_cast<int>(std::max<int64_t>(0, wait.count()));
+/// Milliseconds until the next late reply or message, rounded up; -1 when there is none.
+int DriverHalf::next_wait() {
+    std::optional<Clock::time_point> next;
+    const auto consider = [&](Clock::time_point time) { next = next ? std::min(*next, time) : time; };
+    if (!late_.empty()) consider(late_.begin()->first);
+    for (const auto& [card, due] : timers_)
+        consider(due);
+    for (const auto& card : cards_) {
+        const std::lock_guard lock(card->mutex);
+        if (waits_for_room(*card)) continue;
+        for (const MessageStream& stream : card->driver.streams)
+            consider(stream.due);
+    }
+    if (!next) return -1;
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
+    return static_cast<int>(std::clamp<int64_t>(wait.count(), 0, 60'000));
+}
+
+/// Whether a program that takes the card's messages is far behind.
+bool DriverHalf::waits_for_room(const VirtualCard& card) const {
+    for (const auto& [number, connection] : card.driver.connections) {
+        if (channels_.is_full(number)) return true;
+    }
+    return false;
+}
+
+void DriverHalf::send_message(VirtualCard& card, std::span<const uint64_t> arguments) {
+    for (const auto& [number, connection] : card.driver.connections)
+        channels_.send(number, arguments);
+}
+
+/// Sends what is due. True when there is more to send at once.
+bool DriverHalf::send_messages() {
+    const Clock::time_point now = Clock::now();
+    for (auto& [card, due] : timers_) {
+        const std::lock_guard lock(card->mutex);
+        if (now < due) continue;
+        due = now + std::chrono::milliseconds(card->settings().interrupt_ms);
+        if (waits_for_room(*card)) continue;  // Interrupts do not pile up.
+        for (const uint32_t number : card->driver.interrupts) {
+            const uint64_t arguments[] = {number, ++card->driver.interrupt_count, tai_ns()};
+            send_message(*card, arguments);
+        }
+    }
+    bool more = false;
+    for (const auto& card : cards_) {
+        const std::lock_guard lock(card->mutex);
+        for (MessageStream& stream : card->driver.streams) {
+            for (int sent = 0; stream.left != 0 && stream.due <= now && !waits_for_room(*card); ++sent) {
+                if (sent == kBatch) {
+                    more = true;
+                    break;
+                }
+                send_message(*card, stream.arguments);
+                if (!stream.arguments.empty()) ++stream.arguments.front();
+                --stream.left;
+                stream.due += stream.pause;
+            }
+        }
+        std::erase_if(card->driver.streams, [](const MessageStream& stream) { return stream.left == 0; });
+    }
+    return more;
 }
 
 void DriverHalf::hang_up(uint64_t number) {
     const auto client = clients_.find(number);
     if (client == clients_.end()) return;
-    if (client->second.service != nullptr) trace_->close(number, client->second.service->name);
+    if (client->second.service != nullptr) close_service(client->second);
     clients_.erase(client);
 }
 

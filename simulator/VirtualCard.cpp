@@ -5,8 +5,15 @@
 
 namespace kivsim {
 
+namespace {
+constexpr uint32_t kAncMemorySize = 64u << 10;  ///< Bytes.
+}
+
 VirtualCard::VirtualCard(CardSettings settings) : management(settings), settings_(std::move(settings)) {
     set_registers(settings_.registers);
+    driver.next_bus_address *= settings_.id + uint64_t{1};
+    for (const uint32_t id : kAncMemories)
+        driver.allocate(id, kAncMemorySize, 1, 0);
     device_conf.device_index = settings_.id;
     device_conf.ip[0] = settings_.addresses[0];
     device_conf.ip[1] = settings_.addresses[1];

@@ -5,17 +5,21 @@
 #include <wire.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "BarMemory.h"
 #include "CardSettings.h"
+#include "DriverState.h"
 #include "ManagementState.h"
 
 namespace kivsim {
+
+/// Memories that the driver allocates for the ANC engine when it starts.
+inline constexpr uint32_t kAncMemories[] = {0x100, 0x101, 0x102, 0x103};
 
 class VirtualCard {
   public:
@@ -41,13 +45,9 @@ class VirtualCard {
     bool removed = false;  ///< Out of its slot: no service, no server.
     BarMemory bars;
     ManagementState management;
+    DriverState driver;
     kiv::wire::DeviceConf device_conf{};
-    std::map<uint32_t, kiv::wire::IoMemory> io_memory;  ///< Allocated blocks by id.
-    std::set<uint32_t> interrupts;                      ///< Enabled interrupt numbers.
-    kiv::wire::UseResource use_resource{{4, 8, 16}, {2, 4, 8}};
-    kiv::wire::PciLink pci_link{{16, 4}};  ///< Lanes and generation.
-    uint32_t anc_descriptors = 0;          ///< Number of descriptors last set.
-    kiv::wire::AncControl anc_control{};
+    std::function<void()> wake_driver;  ///< Set while the driver half runs; call it after adding a stream.
 
   private:
     CardSettings settings_;

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <charconv>
 #include <functional>
+#include <span>
+#include <string>
+#include <string_view>
 
 namespace kivsim {
 
@@ -20,12 +23,79 @@ Json registrations(const ManagementState& state) {
     return list;
 }
 
+std::string hex(std::span<const std::byte> bytes) {
+    std::string text;
+    for (const std::byte byte : bytes) {
+        text += "0123456789abcdef"[std::to_integer<unsigned>(byte) >> 4];
+        text += "0123456789abcdef"[std::to_integer<unsigned>(byte) & 15];
+    }
+    return text;
+}
+
+/// What the driver keeps for the card.
+Json driver_description(const DriverState& driver) {
+    Json connections = Json::array();
+    for (const auto& [number, connection] : driver.connections) {
+        connections.push_back({{"number", number},
+                               {"function", connection.function},
+                               {"announced", connection.announced},
+                               {"messages", connection.takes_messages}});
+    }
+    Json memory = Json::array();
+    for (const MemoryBlock& block : driver.blocks)
+        memory.push_back({{"id", block.id}, {"elm_size", block.elm_size}, {"depth", block.depth}});
+    const auto descriptors = std::as_bytes(std::span(driver.anc_descriptors));
+    return {{"connections", connections},
+            {"memory", memory},
+            {"interrupts", driver.interrupts},
+            {"anc",
+             {{"direction", driver.anc_direction},
+              {"descriptors", hex(descriptors)},
+              {"control", {driver.anc_control.a, driver.anc_control.b, driver.anc_control.c}}}}};
+}
+
 Json description(VirtualCard& card) {
     const std::lock_guard lock(card.mutex);
     return {{"id", card.settings().id},
             {"server", card.server_address()},
             {"alive", registrations(card.management)},
-            {"faults", card.management.faults.size()}};
+            {"faults", card.management.faults.size()},
+            {"driver", driver_description(card.driver)}};
+}
+
+/// The first bytes of an element: "ID/INDEX" names it.
+Answer memory_answer(VirtualCard& card, std::string_view name) {
+    const std::size_t slash = name.find('/');
+    uint64_t id = 0;
+    uint64_t index = 0;
+    const std::lock_guard lock(card.mutex);
+    if (slash == std::string_view::npos || !ConfigNode::parse(std::string(name.substr(0, slash)), id) ||
+        !ConfigNode::parse(std::string(name.substr(slash + 1)), index) || id > 0xFFFFFFFFu) {
+        return json_answer(400, {{"error", "memory is named ID/INDEX"}});
+    }
+    const MemoryBlock* const block = card.driver.block(static_cast<uint32_t>(id));
+    if (block == nullptr || index >= block->depth) return json_answer(404, {{"error", "no such memory"}});
+    std::byte bytes[64];
+    block->memory.read(index * block->element_size(), bytes, sizeof bytes);
+    return json_answer(200, hex(bytes));
+}
+
+/// Messages for the programs that have registered.
+void post_messages(VirtualCard& card, const ConfigNode& node) {
+    node.members({"arguments", "count", "rate"});
+    MessageStream stream;
+    node.at("arguments").each([&](const ConfigNode& item) {
+        stream.arguments.push_back(item.number<uint64_t>());
+    });
+    if (stream.arguments.size() == 2 || stream.arguments.size() > 16)
+        node.at("arguments").complain("must be none, one, or 3 to 16");
+    take(node, "count", stream.left);
+    uint32_t rate = 0;
+    take(node, "rate", rate);
+    if (rate != 0) stream.pause = std::chrono::nanoseconds(1'000'000'000 / rate);
+    const std::lock_guard lock(card.mutex);
+    card.driver.streams.push_back(stream);
+    if (card.wake_driver) card.wake_driver();
 }
 
 Json descriptions(const std::vector<std::shared_ptr<VirtualCard>>& cards) {
@@ -92,8 +162,8 @@ void change(VirtualCard& card, const ConfigNode& node) {
     });
     if (node.has("registers"))
         changes.push_back([&, given = registers_of(node.at("registers"))] { card.set_registers(given); });
-    auto link = card.pci_link;
-    auto use = card.use_resource;
+    auto link = card.driver.pci_link;
+    auto use = card.driver.use_resource;
     uint64_t status = 0;
     card.bars.read(0, kStatusOffset, status);
     take_numbers(node, "pci_link", link.value);
@@ -107,8 +177,8 @@ void change(VirtualCard& card, const ConfigNode& node) {
 
     for (const auto& apply : changes)
         apply();
-    card.pci_link = link;
-    card.use_resource = use;
+    card.driver.pci_link = link;
+    card.driver.use_resource = use;
     if (new_status) card.bars.write(0, kStatusOffset, status);
 }
 
@@ -116,6 +186,11 @@ Answer answer_for(VirtualCard& card, const std::string& what, const HttpRequest&
     if (what.empty() && request.method == "GET") return json_answer(200, description(card));
     if (what.empty() && request.method == "PATCH") {
         change(card, ConfigNode(Json::parse(request.body), "request: "));
+        return json_answer(200, "ok");
+    }
+    if (what.starts_with("/memory/") && request.method == "GET") return memory_answer(card, what.substr(8));
+    if (what == "/messages" && request.method == "POST") {
+        post_messages(card, ConfigNode(Json::parse(request.body), "request: "));
         return json_answer(200, "ok");
     }
     if (what == "/faults" && request.method == "POST") {

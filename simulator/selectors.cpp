@@ -19,6 +19,10 @@ struct Nothing {};
 struct Context {
     VirtualCard& card;
     const FunctionSettings& function;
+    uint64_t number;  ///< Of the connection.
+
+    DriverState& driver() const { return card.driver; }
+    DriverConnection& connection() const { return card.driver.connections[number]; }
 };
 
 using Handler = int32_t (*)(Context&, std::span<const std::byte>, std::vector<std::byte>&);
@@ -59,22 +63,8 @@ uint64_t now_ns() {
         std::chrono::duration_cast<nanoseconds>(std::chrono::system_clock::now().time_since_epoch()).count());
 }
 
-/// International atomic time, which PTP counts, is ahead of UTC by this much.
-constexpr uint64_t kTaiOffsetNs = 37'000'000'000u;
-uint64_t tai_ns() {
-    return now_ns() + kTaiOffsetNs;
-}
-
 int32_t done(bool inside_bar) {
     return inside_bar ? kIOReturnSuccess : kIOReturnBadArgument;
-}
-
-constexpr uint64_t kPageSize = 4096;
-
-/// Where the driver placed an element of a memory block, as the card's DMA engines see it.
-uint64_t bus_address(const Context& context, const wire::IoMemory& block, uint32_t index) {
-    const uint64_t element = (block.elm_size + kPageSize - 1) / kPageSize * kPageSize;
-    return (uint64_t{context.card.settings().id} + 1) << 40 | uint64_t{block.id} << 28 | index * element;
 }
 
 int32_t get_version(Context&, const Nothing&, wire::Version& reply) {
@@ -103,18 +93,30 @@ int32_t write_pci64(Context& context, const wire::PciAccess& request, Nothing&) 
 }
 
 int32_t io_malloc(Context& context, const wire::IoMemory& request, Nothing&) {
-    return context.card.io_memory.try_emplace(request.id, request).second ? kIOReturnSuccess : kIOReturnBusy;
+    return context.driver().allocate(request.id, request.elm_size, request.depth, context.number);
 }
 
 int32_t io_free(Context& context, const wire::IoMemory& request, Nothing&) {
-    return context.card.io_memory.erase(request.id) != 0 ? kIOReturnSuccess : kIOReturnNotFound;
+    return context.driver().release(request.id);
 }
 
 int32_t get_io_bus_address(Context& context, const wire::IoBusAddress& request, wire::IoBusAddress& reply) {
-    const auto block = context.card.io_memory.find(request.id);
-    if (block == context.card.io_memory.end()) return kIOReturnNotFound;
-    if (request.index >= block->second.depth) return kIOReturnBadArgument;
-    reply = {request.id, request.index, bus_address(context, block->second, request.index)};
+    const MemoryBlock* const block = context.driver().block(request.id);
+    if (block == nullptr) return kIOReturnNotFound;
+    if (request.index >= block->depth) return kIOReturnBadArgument;
+    reply = {request.id, request.index, block->bus_address + request.index * block->element_size()};
+    return kIOReturnSuccess;
+}
+
+int32_t select_memory(Context& context, const wire::MemorySelection& request, Nothing&) {
+    if (request.one != 1 || request.kind > 1) return kIOReturnBadArgument;
+    if (request.kind == 1 && request.bar >= BarMemory::kBars) return kIOReturnBadArgument;
+    if (request.kind == 0) {
+        const MemoryBlock* const block = context.driver().block(request.id);
+        if (block == nullptr) return kIOReturnNotFound;
+        if (request.index >= block->depth) return kIOReturnBadArgument;
+    }
+    context.connection().selected = request;
     return kIOReturnSuccess;
 }
 
@@ -138,23 +140,31 @@ int32_t reset_buffer(Context&, const Nothing&, Nothing&) {
 }
 
 int32_t enable_interrupt(Context& context, const uint32_t& number, Nothing&) {
-    context.card.interrupts.insert(number);
+    context.driver().interrupts.insert(number);
     return kIOReturnSuccess;
 }
 
 int32_t disable_interrupt(Context& context, const uint32_t& number, Nothing&) {
-    context.card.interrupts.erase(number);
+    context.driver().interrupts.erase(number);
     return kIOReturnSuccess;
 }
 
-int32_t process(Context&, const int64_t& process_id, Nothing&) {
-    return process_id > 0 ? kIOReturnSuccess : kIOReturnBadArgument;
+int32_t init(Context& context, const int64_t& process_id, Nothing&) {
+    if (process_id <= 0) return kIOReturnBadArgument;
+    ++context.connection().announced;
+    return kIOReturnSuccess;
+}
+
+int32_t deinit(Context& context, const int64_t& process_id, Nothing&) {
+    if (process_id <= 0) return kIOReturnBadArgument;
+    uint32_t& announced = context.connection().announced;
+    if (announced != 0) --announced;
+    return kIOReturnSuccess;
 }
 
 int32_t load_boot_conf(Context& context, const Nothing&, wire::BootConf& reply) {
     const CardSettings& settings = context.card.settings();
-    for (uint32_t i = 0; i < 4; ++i)
-        reply.memory_ids[i] = 0x100 + i;
+    std::copy(std::begin(kAncMemories), std::end(kAncMemories), reply.memory_ids);
     reply.bus = settings.bus;
     reply.device = settings.device;
     reply.function = context.function.number;
@@ -166,17 +176,18 @@ int32_t load_boot_conf(Context& context, const Nothing&, wire::BootConf& reply) 
 
 int32_t set_descriptor_anc(Context& context, const wire::AncDescriptors& request, Nothing&) {
     if (request.count > wire::kAncSlots) return kIOReturnBadArgument;
-    context.card.anc_descriptors = request.count;
+    context.driver().anc_direction = request.direction != 0;
+    context.driver().anc_descriptors.assign(request.slot, request.slot + request.count);
     return kIOReturnSuccess;
 }
 
 int32_t control_anc(Context& context, const wire::AncControl& request, Nothing&) {
-    context.card.anc_control = request;
+    context.driver().anc_control = request;
     return kIOReturnSuccess;
 }
 
 int32_t get_anc_info(Context& context, const Nothing&, wire::AncInfo& reply) {
-    reply = {context.card.anc_descriptors, context.card.anc_control.b};
+    reply = {context.driver().anc_descriptors.size(), context.driver().anc_control.b};
     return kIOReturnSuccess;
 }
 
@@ -195,12 +206,12 @@ int32_t process_data(Context&, const wire::ProcessData& request, Nothing&) {
 }
 
 int32_t get_use_resource(Context& context, const Nothing&, wire::UseResource& reply) {
-    reply = context.card.use_resource;
+    reply = context.driver().use_resource;
     return kIOReturnSuccess;
 }
 
 int32_t get_pci_link(Context& context, const Nothing&, wire::PciLink& reply) {
-    reply = context.card.pci_link;
+    reply = context.driver().pci_link;
     return kIOReturnSuccess;
 }
 
@@ -213,6 +224,7 @@ constexpr Row kRows[] = {
     {wire::kWritePci64,                    on_structs<&write_pci64>},
     {wire::kIoMalloc,                      on_structs<&io_malloc>},
     {wire::kIoFree,                        on_structs<&io_free>},
+    {wire::kSelectMemory,                  on_structs<&select_memory>},
     {wire::kGetIoBusAddress,               on_structs<&get_io_bus_address>},
     {wire::kGetPtpEpochTime,               on_structs<&get_ptp_time>},
     {wire::kGetPtpEpochTimeAndSystemTime,  on_structs<&get_three_times>},
@@ -220,8 +232,8 @@ constexpr Row kRows[] = {
     {wire::kResetBuffer,                   on_structs<&reset_buffer>},
     {wire::kEnableInterrupt,               on_structs<&enable_interrupt>},
     {wire::kDisableInterrupt,              on_structs<&disable_interrupt>},
-    {wire::kInit,                          on_structs<&process>},
-    {wire::kDeinit,                        on_structs<&process>},
+    {wire::kInit,                          on_structs<&init>},
+    {wire::kDeinit,                        on_structs<&deinit>},
     {wire::kLoadBootConf,                  on_structs<&load_boot_conf>},
     {wire::kSetDescriptorAnc,              on_structs<&set_descriptor_anc>},
     {wire::kControlAnc,                    on_structs<&control_anc>},
@@ -237,13 +249,33 @@ constexpr Row kRows[] = {
 
 }  // namespace
 
-int32_t run_selector(VirtualCard& card, const FunctionSettings& function, uint32_t selector,
-                     std::span<const std::byte> input, std::vector<std::byte>& output) {
+uint64_t tai_ns() {
+    constexpr uint64_t kAheadOfUtc = 37'000'000'000u;
+    return now_ns() + kAheadOfUtc;
+}
+
+bool selected_memory(VirtualCard& card, uint64_t connection, SelectedMemory& memory) {
+    const std::lock_guard lock(card.mutex);
+    const std::optional<wire::MemorySelection>& selected = card.driver.connections[connection].selected;
+    if (!selected) return false;
+    if (selected->kind == 1) {
+        const SharedMemory& bar = card.bars.memory(selected->bar);
+        memory = {bar.descriptor(), 0, BarMemory::kBarSize};
+        return static_cast<bool>(bar);
+    }
+    const MemoryBlock* const block = card.driver.block(selected->id);
+    if (block == nullptr || selected->index >= block->depth) return false;
+    memory = {block->memory.descriptor(), selected->index * block->element_size(), block->element_size()};
+    return true;
+}
+
+int32_t run_selector(VirtualCard& card, const FunctionSettings& function, uint64_t connection,
+                     uint32_t selector, std::span<const std::byte> input, std::vector<std::byte>& output) {
     output.clear();
     const auto row = std::find_if(std::begin(kRows), std::end(kRows),
                                   [&](const Row& candidate) { return candidate.selector == selector; });
     if (row == std::end(kRows)) return kIOReturnUnsupported;
-    Context context{card, function};
+    Context context{card, function, connection};
     const std::lock_guard lock(card.mutex);
     const int32_t status = row->handler(context, input, output);
     if (status != kIOReturnSuccess) output.clear();
