@@ -59,13 +59,12 @@ TEST(DriverConnection, OpensAndClosesOnce) {
     const RunningSimulator simulator(one_service());
     const auto client = clients().at(0);
     EXPECT_EQ(client->open(false), 0);
-    EXPECT_EQ(client->open(true), -1);  // No interrupts: the process is off the driver's list again.
     EXPECT_EQ(client->close(), 0);
     EXPECT_FALSE(client->isOpen());
     DriverLines lines;
     EXPECT_EQ(client->close(), -1);
     EXPECT_EQ(lines.take(), Lines{});
-    EXPECT_EQ(story_of(simulator), "open 22, 26, 31, 24, 24, 25, 25, close");
+    EXPECT_EQ(story_of(simulator), "open 22, 26, 31, 24, 25, close");
 }
 
 TEST(DriverConnection, StaysWhenTheDriverRefusesTheLeaveButEndsWithTheClient) {

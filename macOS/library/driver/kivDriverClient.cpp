@@ -3,6 +3,12 @@
 
 #include <IOKit/IOKitLib.h>
 
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <mutex>
+#include <thread>
+
 #include "driverLog.h"
 #include "wire.h"
 
@@ -10,6 +16,8 @@ static_assert(kivDriverClient::pf0_st2110_id == kiv::wire::kFunctionSt2110);
 static_assert(kivDriverClient::pf1_cpeng_id == kiv::wire::kFunctionHps);
 
 namespace {
+
+constexpr std::chrono::milliseconds kRegistrationTime{10};
 
 /// Owns one reference of an IOKit object; may be empty.
 class IoObject {
@@ -69,16 +77,25 @@ kivDriverClient::~kivDriverClient() {
 }
 
 int32_t kivDriverClient::open(bool interrupts) {
+    if (!interrupts || on_own_thread()) return init();
+    const std::lock_guard lock(lifecycle_mutex_);
     const int32_t status = init();
-    if (status != 0 || !interrupts) return status;
-    deinit();
-    return -1;
+    if (status != 0) return status;
+    init_anc_buffer();
+    start_notifications();
+    std::this_thread::sleep_for(kRegistrationTime);
+    return status;
 }
 
 int32_t kivDriverClient::close() {
+    if (connect_ == 0 || on_own_thread()) return -1;
+    const std::lock_guard lock(lifecycle_mutex_);
     if (connect_ == 0) return -1;
-    join_thread();
+    stop_notifications();
     if (deinit() != 0) return -1;
-    if (const uint32_t connect = connect_.exchange(0)) IOServiceClose(connect);
+    IOServiceClose(connect_.exchange(0));
+    const std::lock_guard buffer_lock(buffer_mutex_);
+    buffers_.clear();
+    std::fill(std::begin(anc_buffers_), std::end(anc_buffers_), buffer_info{});
     return 0;
 }

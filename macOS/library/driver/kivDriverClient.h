@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,10 +17,35 @@
 class kivDriverClient;
 using kivDriverClientList = std::vector<std::shared_ptr<kivDriverClient>>;
 
+struct __CFRunLoop;
+
+/// One interrupt message of the driver.
+struct InterruptEvent {
+    uint32_t count;     ///< Arguments of the message.
+    uint32_t reserved;  ///< 0.
+    uint64_t word[16];  ///< The first 16 arguments; 0 where there are fewer.
+};
+
+/// One element of DMA memory. The mapping lasts until it is undone or the client is closed.
+struct buffer_info {
+    uint64_t bus_address;     ///< As the card sees it.
+    uint64_t mapped_address;  ///< In this process.
+    uint64_t mapped_size;     ///< Bytes, whole pages.
+};
+
+/// DMA memory that a client has allocated.
+struct dextBuffer {
+    uint32_t id;
+    uint32_t depth;                  ///< Number of elements.
+    std::vector<buffer_info> infos;  ///< In their order.
+};
+
 /// Operations return 0, the platform's status when a call fails, or -1, with a line in the platform log, when
 /// the client is closed or an argument is bad. Results are 0 when a call fails, unless said otherwise.
 ///
-/// Threads: driver calls may be made from any thread at once; close() waits for those under way.
+/// Threads: everything may be called from any thread at once, the settings of `boot_conf` and `device_conf`
+/// apart. A call that meets close() fails as on a closed client. The last reference to a client must not be
+/// dropped in its own interrupt callback.
 class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_from_this<kivDriverClient> {
   public:
     static constexpr uint8_t pf0_st2110_id = 22;  ///< ST 2110 media function, PCI function 0.
@@ -69,13 +96,19 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// As close(), but the connection always ends.
     ~kivDriverClient() override;
 
-    /// Announces this process to the driver. Interrupt messages are not served by this version: `interrupts`
-    /// true is -1.
+    /// Announces this process to the driver. With `interrupts` it also maps the ANC memories and starts the
+    /// notification thread, unless that runs already; what fails there is only logged. Takes 10 ms then, so
+    /// that the thread is registered with the driver.
     int32_t open(bool interrupts);
 
-    /// Takes leave of the driver and closes the connection. -1 when it is closed already, or when the driver
-    /// refuses the leave: then the connection stays.
+    /// Ends the notification thread, takes leave of the driver and closes the connection, and with it all
+    /// mappings and buffers. -1 when it is closed already, in the client's own interrupt callback, or when
+    /// the driver refuses the leave: then the connection stays.
     int32_t close();
+
+    /// Replaces what is called, on the notification thread, for each interrupt message; may be empty. When
+    /// this returns the former one does not run any more (unless called inside it). Exceptions are dropped.
+    void set_callback(std::function<void(const InterruptEvent&)> callback);
 
     bool isOpen() const { return connect_ != 0; }
     uint8_t get_func_id() const { return func_id_; }
@@ -105,11 +138,17 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     int32_t iofree(uint32_t id);
     int32_t get_iobus_address(uint32_t id, uint32_t index, uint64_t* address);
 
+    /// Maps an element of DMA memory, or a BAR, for reading and writing. The same memory mapped again is at the
+    /// same address. Pointers may be null.
+    int32_t map_iomemory(uint32_t id, uint32_t index, uint64_t* address, uint64_t* size);
+    int32_t map_pci(uint32_t bar, uint64_t* address, uint64_t* size);
+    int32_t unmap(uint64_t address);
+
     int32_t get_ptp_epoch_time(uint64_t* time);
     int32_t get_ptp_epoch_time_and_system_time(uint64_t& a, uint64_t& b, uint64_t& c);
 
     int32_t reset(int32_t a, int32_t b);
-    int32_t reset_buffer();
+    int32_t reset_buffer();  ///< The driver's buffer state; not the buffers below.
     int32_t enable_interrupt(uint32_t number);
     int32_t disable_interrupt(uint32_t number);
 
@@ -119,10 +158,35 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     int32_t get_anc_info(uint64_t* a, uint64_t* b);  ///< Either may be null. Untouched on failure.
     bool is_hpq_anc_enable();                        ///< False also when the register cannot be read.
 
+    /// Learns the bus addresses of the first two ANC memories and maps all four. Stops at the first failure.
+    int32_t init_anc_buffer();
+
+    /// Element 0 of the ANC memory `number`, 0 to 3, in the order of `boot_conf.memory_ids`: zeros for what
+    /// init_anc_buffer() has not reached. The last two have no bus address.
+    buffer_info get_anc_buffer(unsigned number) const;
+
     int32_t register_process_data(bool flag, uint8_t number, uint16_t value, uint32_t data);
     int32_t unregister_process_data(bool flag, uint8_t number, uint16_t value);
     int32_t get_use_resource_data(use_resource& resource);  ///< Untouched on failure.
     int32_t get_pci_link_info(pci_link_info& info);         ///< Untouched on failure.
+
+    // ---- Buffers: DMA memory with all its elements mapped -----------------------------------------------
+
+    /// Allocates and maps; all or nothing. -1 when the driver refuses the memory, else the status of the
+    /// element that failed. Ids are the caller's; where two buffers share one, the first counts.
+    int32_t allocate_buffer(uint32_t id, uint32_t elm_size, uint32_t depth);
+
+    /// A copy of the buffer; -1, with `out` untouched, when there is none.
+    int32_t get_buffer(uint32_t id, dextBuffer& out) const;
+
+    /// Releases one buffer; -1 when there is none. Its elements stay mapped: undo them with unmap().
+    int32_t free_buffer(uint32_t id);
+
+    /// Unmaps and releases all buffers. 0.
+    int32_t free_buffer();
+
+    /// Whether `address` lies in or below a mapped region of this process.
+    static bool isAddressValid(uint64_t address);
 
     // ---- Lookup in a list of clients: the first match in list order -------------------------------------
 
@@ -157,6 +221,18 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     template <typename Out>
     int32_t receive(uint32_t selector, Out& output);
     bool connected() const;
+    template <typename Selection>
+    int32_t map_memory(const Selection& selection, uint64_t* address, uint64_t* size);
+    void release(const dextBuffer& buffer);
+
+    void run_thread() override;
+    bool register_callback(__CFRunLoop* run_loop);
+    static void callbak_dext(void* refcon, int32_t result, void** args, uint32_t numArgs);
+    void notify(void** args, uint32_t numArgs) noexcept;
+    void start_notifications();
+    void stop_notifications();
+    void end_of_thread();
+
     bool same_card(const kivDriverClient& other) const;
 
     [[maybe_unused]] uint64_t unknown_ = 0x0002000000010000;
@@ -164,6 +240,19 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     std::string text_;
     uint8_t func_id_;
     std::atomic<uint32_t> connect_;  ///< Connection handle; 0 when closed.
+
+    std::mutex lifecycle_mutex_;       ///< Serialises open and close; not taken on the notification thread.
+    uint32_t notify_port_ = 0;         ///< Guarded by `mutex`, as the next two.
+    __CFRunLoop* run_loop_ = nullptr;  ///< The notification thread's, retained; released after its join.
+    bool notifying_ = false;           ///< The notification thread is started and has not returned.
+
+    std::recursive_mutex callback_mutex_;  ///< Held while the callback runs.
+    std::shared_ptr<const std::function<void(const InterruptEvent&)>> callback_;  ///< Guarded by it.
+
+    std::mutex selection_mutex_;       ///< Selecting a memory and mapping it are one step.
+    mutable std::mutex buffer_mutex_;  ///< Taken before `selection_mutex_`.
+    std::vector<dextBuffer> buffers_;  ///< In allocation order; guarded by `buffer_mutex_`, as the next.
+    buffer_info anc_buffers_[4] = {};
 
   public:
     boot_conf_t boot_conf{};      ///< Read at creation.

@@ -45,7 +45,7 @@ void ThreadManager::join_thread() {
         stop_requested = true;
     }
     notify_all();
-    if (t_current != this && thread_.joinable()) thread_.join();
+    if (!on_own_thread() && thread_.joinable()) thread_.join();
 }
 
 bool ThreadManager::set_running() {
@@ -57,6 +57,10 @@ bool ThreadManager::set_running() {
 bool ThreadManager::stopping() {
     const std::lock_guard lock(mutex);
     return stop_requested;
+}
+
+bool ThreadManager::on_own_thread() const {
+    return t_current == this;
 }
 
 bool ThreadManager::wait_awhile(std::chrono::milliseconds time) {

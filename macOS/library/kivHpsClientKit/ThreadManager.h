@@ -40,6 +40,9 @@ class KIV_API ThreadManager {
     /// For run_thread(), before a step that takes time: whether a stop was requested.
     bool stopping();
 
+    /// Whether the caller is the manager's own thread.
+    bool on_own_thread() const;
+
     /// For run_thread(): waits for `time` or until notify_all(). False when the thread is to end.
     bool wait_awhile(std::chrono::milliseconds time);
 

@@ -1,0 +1,48 @@
+/*
+ * A small C interface to the driver extension, beside the main one (kiv_api.h). Any thread. The functions keep a
+ * list of the driver's PCI functions of their own.
+ */
+#ifndef KIV_DEXT_H
+#define KIV_DEXT_H
+
+#include <stdint.h>
+
+#include "kiv_export.h"
+
+/* Functions that take, and ignore, any arguments. */
+#if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 202311L)
+#define KIV_DEXT_ANY_ARGUMENTS ...
+#else
+#define KIV_DEXT_ANY_ARGUMENTS
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * Finds the PCI functions that the driver publishes, in the driver's order, and opens a connection to each; takes
+ * leave of those found before. 0 when there is at least one, 1 when there is none.
+ */
+KIV_API int32_t kivDext_new(void);
+
+/*
+ * Position, from 0, of the first PCI function whose card is the selected PTP source; their number when none is.
+ * The driver does not report the selection, so that a list just made has none.
+ */
+KIV_API uint16_t kivDext_get_selected_ptp_card(void);
+
+/* Not available: each returns -1. */
+KIV_API int32_t kivDext_open_hps(KIV_DEXT_ANY_ARGUMENTS);
+KIV_API int32_t kivDext_open_st2110(KIV_DEXT_ANY_ARGUMENTS);
+KIV_API int32_t kivDext_close(KIV_DEXT_ANY_ARGUMENTS);
+KIV_API int32_t kivDext_free(KIV_DEXT_ANY_ARGUMENTS);
+KIV_API int32_t kivDext_get_epoch_and_system_time(KIV_DEXT_ANY_ARGUMENTS);
+KIV_API int32_t kivDext_hps_pciread64(KIV_DEXT_ANY_ARGUMENTS);
+KIV_API int32_t kivDext_st2110_pciread64(KIV_DEXT_ANY_ARGUMENTS);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

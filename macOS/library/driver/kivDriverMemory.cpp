@@ -1,0 +1,154 @@
+// DMA memory and BARs in this process: mapping, the registry of buffers, the ANC memories.
+#include <IOKit/IOKitLib.h>
+#include <mach/mach.h>
+#include <mach/mach_vm.h>
+
+#include <algorithm>
+#include <iterator>
+#include <new>
+#include <utility>
+
+#include "driverLog.h"
+#include "kivDriverClient.h"
+#include "wire.h"
+
+namespace wire = kiv::wire;
+
+namespace {
+
+constexpr uint32_t kBlock = 0;
+constexpr uint32_t kBar = 1;
+
+auto find_buffer(auto& buffers, uint32_t id) {
+    return std::find_if(buffers.begin(), buffers.end(),
+                        [&](const dextBuffer& buffer) { return buffer.id == id; });
+}
+
+}  // namespace
+
+template <typename Selection>
+int32_t kivDriverClient::map_memory(const Selection& selection, uint64_t* address, uint64_t* size) {
+    if (!connected()) return -1;
+    const std::lock_guard lock(selection_mutex_);
+    const uint32_t connect = connect_;
+    const kern_return_t selected = IOConnectCallStructMethod(connect, wire::kSelectMemory, &selection,
+                                                             sizeof selection, nullptr, nullptr);
+    if (selected != kIOReturnSuccess) return selected;
+    mach_vm_address_t mapped_at = 0;
+    mach_vm_size_t mapped_size = 0;
+    const kern_return_t mapped = IOConnectMapMemory64(connect, kIODefaultMemoryType, mach_task_self(),
+                                                      &mapped_at, &mapped_size, kIOMapAnywhere);
+    if (mapped != kIOReturnSuccess) return mapped;
+    if (address != nullptr) *address = mapped_at;
+    if (size != nullptr) *size = mapped_size;
+    return 0;
+}
+
+int32_t kivDriverClient::map_iomemory(uint32_t id, uint32_t index, uint64_t* address, uint64_t* size) {
+    return map_memory(wire::MemorySelection{1, {}, kBlock, id, index, 0}, address, size);
+}
+
+int32_t kivDriverClient::map_pci(uint32_t bar, uint64_t* address, uint64_t* size) {
+    return map_memory(wire::MemorySelection{1, {}, kBar, 0, 0, bar}, address, size);
+}
+
+int32_t kivDriverClient::unmap(uint64_t address) {
+    if (!connected()) return -1;
+    return IOConnectUnmapMemory64(connect_, kIODefaultMemoryType, mach_task_self(), address);
+}
+
+// ---- Buffers ----------------------------------------------------------------------------------------------
+
+int32_t kivDriverClient::allocate_buffer(uint32_t id, uint32_t elm_size, uint32_t depth) {
+    const std::lock_guard lock(buffer_mutex_);
+    const int32_t allocated = iomalloc(id, elm_size, depth);
+    if (allocated != 0) {
+        driver_log(__LINE__, "fail iomalloc=%08X elm_size=%u buffer_depth=%u",
+                   static_cast<unsigned>(allocated), elm_size, depth);
+        return -1;
+    }
+    dextBuffer buffer{id, depth, {}};
+    int32_t status = 0;
+    try {
+        for (uint32_t index = 0; index < depth && status == 0; ++index) {
+            buffer_info info{};
+            status = get_iobus_address(id, index, &info.bus_address);
+            if (status != 0) break;
+            buffer.infos.reserve(index + std::size_t{1});
+            status = map_iomemory(id, index, &info.mapped_address, &info.mapped_size);
+            if (status == 0) buffer.infos.push_back(info);
+        }
+        if (status == 0) {
+            buffers_.push_back(std::move(buffer));
+            return 0;
+        }
+    } catch (const std::bad_alloc&) {
+        status = -1;
+    }
+    release(buffer);
+    return status;
+}
+
+int32_t kivDriverClient::get_buffer(uint32_t id, dextBuffer& out) const {
+    const std::lock_guard lock(buffer_mutex_);
+    const auto found = find_buffer(buffers_, id);
+    if (found == buffers_.end()) return -1;
+    out = *found;
+    return 0;
+}
+
+int32_t kivDriverClient::free_buffer(uint32_t id) {
+    const std::lock_guard lock(buffer_mutex_);
+    const auto found = find_buffer(buffers_, id);
+    if (found == buffers_.end()) return -1;
+    iofree(id);
+    buffers_.erase(found);
+    return 0;
+}
+
+int32_t kivDriverClient::free_buffer() {
+    const std::lock_guard lock(buffer_mutex_);
+    for (const dextBuffer& buffer : buffers_)
+        release(buffer);
+    buffers_.clear();
+    return 0;
+}
+
+void kivDriverClient::release(const dextBuffer& buffer) {
+    for (const buffer_info& info : buffer.infos)
+        unmap(info.mapped_address);
+    iofree(buffer.id);
+}
+
+bool kivDriverClient::isAddressValid(uint64_t address) {
+    mach_vm_size_t size = 0;
+    vm_region_basic_info_data_64_t info{};
+    mach_msg_type_number_t count = VM_REGION_BASIC_INFO_COUNT_64;
+    mach_port_t object = MACH_PORT_NULL;
+    return mach_vm_region(mach_task_self(), &address, &size, VM_REGION_BASIC_INFO_64,
+                          reinterpret_cast<vm_region_info_t>(&info), &count, &object) == KERN_SUCCESS;
+}
+
+// ---- ANC memories -----------------------------------------------------------------------------------------
+
+int32_t kivDriverClient::init_anc_buffer() {
+    struct Step {
+        unsigned memory;
+        bool bus_address;  ///< Else the mapping.
+    };
+    constexpr Step kSteps[] = {{0, true}, {0, false}, {2, false}, {1, true}, {1, false}, {3, false}};
+    const std::lock_guard lock(buffer_mutex_);
+    for (const auto& [memory, bus_address] : kSteps) {
+        buffer_info& info = anc_buffers_[memory];
+        const uint32_t id = boot_conf.memory_ids[memory];
+        const int32_t status = bus_address ? get_iobus_address(id, 0, &info.bus_address)
+                                           : map_iomemory(id, 0, &info.mapped_address, &info.mapped_size);
+        if (status != 0) return status;
+    }
+    return 0;
+}
+
+buffer_info kivDriverClient::get_anc_buffer(unsigned number) const {
+    const std::lock_guard lock(buffer_mutex_);
+    return number < std::size(anc_buffers_) ? anc_buffers_[number] : buffer_info{};
+}

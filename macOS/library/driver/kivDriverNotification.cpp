@@ -1,0 +1,155 @@
+// The notification thread: the driver's interrupt messages, from its run loop to the owner's callback.
+#include <CoreFoundation/CoreFoundation.h>
+#include <IOKit/IOKitLib.h>
+#include <pthread/qos.h>
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+#include "driverLog.h"
+#include "kivDriverClient.h"
+#include "wire.h"
+
+namespace {
+
+constexpr CFTimeInterval kForever = 1e10;  ///< Seconds.
+constexpr std::chrono::milliseconds kPause{100};
+constexpr std::chrono::milliseconds kBetweenStops{1};
+
+}  // namespace
+
+/// With `lifecycle_mutex_` held. A thread that could not register has returned: it gets a successor.
+void kivDriverClient::start_notifications() {
+    {
+        const std::lock_guard lock(mutex);
+        if (notifying_) return;
+    }
+    stop_notifications();
+    {
+        const std::lock_guard lock(mutex);
+        notifying_ = true;
+    }
+    try {
+        start_thread();
+    } catch (const std::system_error&) {
+        end_of_thread();  // No thread to be had: no messages.
+    }
+}
+
+/// With `lifecycle_mutex_` held; returns when the thread has ended, if there was one.
+void kivDriverClient::stop_notifications() {
+    {
+        std::unique_lock lock(mutex);
+        running = false;
+        stop_requested = true;
+        while (notifying_) {
+            // A stop that comes just before the loop runs is lost.
+            if (run_loop_ != nullptr) CFRunLoopStop(run_loop_);
+            condition.wait_until(lock, std::chrono::steady_clock::now() + kBetweenStops);
+        }
+    }
+    join_thread();
+    const std::lock_guard lock(mutex);
+    if (run_loop_ != nullptr) CFRelease(std::exchange(run_loop_, nullptr));
+}
+
+void kivDriverClient::end_of_thread() {
+    const std::lock_guard lock(mutex);
+    running = false;
+    notifying_ = false;
+    condition.notify_all();
+}
+
+void kivDriverClient::run_thread() {
+    struct AtEnd {
+        kivDriverClient& client;
+        ~AtEnd() { client.end_of_thread(); }
+    };
+    const AtEnd at_end{*this};
+    pthread_set_qos_class_self_np(QOS_CLASS_USER_INTERACTIVE, 0);
+    const CFRunLoopRef run_loop = CFRunLoopGetCurrent();
+    CFRetain(run_loop);
+    {
+        const std::lock_guard lock(mutex);
+        run_loop_ = run_loop;
+    }
+    if (register_callback(run_loop) && set_running()) {
+        while (!stopping()) {
+            // Without a source the loop would return at once, again and again.
+            if (CFRunLoopRunInMode(kCFRunLoopDefaultMode, kForever, false) == kCFRunLoopRunFinished)
+                wait_awhile(kPause);
+        }
+    }
+}
+
+/// Has the driver's messages delivered by this run loop. The port is left to the process: the driver may hold
+/// its name.
+bool kivDriverClient::register_callback(CFRunLoopRef run_loop) {
+    const IONotificationPortRef port = IONotificationPortCreate(kIOMainPortDefault);
+    if (port == nullptr) {
+        driver_log(__LINE__, "Failed to create notification port for application.\n");
+        return false;
+    }
+    const mach_port_t wake_port = IONotificationPortGetMachPort(port);
+    {
+        const std::lock_guard lock(mutex);
+        notify_port_ = wake_port;
+    }
+    if (wake_port == MACH_PORT_NULL) {
+        driver_log(__LINE__, "Failed to get mach notification port for application.\n");
+        return false;
+    }
+    const CFRunLoopSourceRef source = IONotificationPortGetRunLoopSource(port);
+    if (source == nullptr) {
+        driver_log(__LINE__, "Failed to get run loop for application.\n");
+        return false;
+    }
+    CFRunLoopAddSource(run_loop, source, kCFRunLoopDefaultMode);
+
+    uint64_t reference[kIOAsyncCalloutCount] = {};
+    reference[kIOAsyncCalloutFuncIndex] = reinterpret_cast<uint64_t>(&kivDriverClient::callbak_dext);
+    reference[kIOAsyncCalloutRefconIndex] = reinterpret_cast<uint64_t>(this);
+    if (IOConnectCallAsyncStructMethod(connect_, kiv::wire::kRegisterInterruptAsyncCallback, wake_port,
+                                       reference, kIOAsyncCalloutCount, nullptr, 0, nullptr,
+                                       nullptr) != kIOReturnSuccess) {
+        driver_log(__LINE__, "Failed ExternalMethodType_RegisterInterruptAsyncCallback\n");
+        return false;
+    }
+    return true;
+}
+
+/// Called by the run loop, on the notification thread.
+void kivDriverClient::callbak_dext(void* refcon, int32_t, void** args, uint32_t numArgs) {
+    if (refcon != nullptr) static_cast<kivDriverClient*>(refcon)->notify(args, numArgs);
+}
+
+/// A single argument travels in the place of the array's address.
+void kivDriverClient::notify(void** args, uint32_t numArgs) noexcept try {
+    if (numArgs == 0 || (numArgs > 1 && args == nullptr)) return;
+    const std::lock_guard lock(callback_mutex_);
+    const auto callback = callback_;  // Lives on when it replaces itself.
+    if (!callback) return;
+    InterruptEvent event{};
+    event.count = numArgs;
+    if (numArgs == 1) {
+        event.word[0] = reinterpret_cast<uint64_t>(args);
+    } else {
+        const std::size_t words = std::min<std::size_t>(numArgs, std::size(event.word));
+        for (std::size_t i = 0; i < words; ++i)
+            event.word[i] = reinterpret_cast<uint64_t>(args[i]);
+    }
+    (*callback)(event);
+} catch (...) {
+    // The owner's business: the next message is delivered all the same.
+}
+
+void kivDriverClient::set_callback(std::function<void(const InterruptEvent&)> callback) {
+    auto fresh = callback
+                     ? std::make_shared<const std::function<void(const InterruptEvent&)>>(std::move(callback))
+                     : nullptr;
+    const std::lock_guard lock(callback_mutex_);
+    callback_.swap(fresh);
+}

@@ -1,0 +1,174 @@
+// DMA memory, BARs and the ANC memories in this process.
+#include <sys/mman.h>
+
+#include <cstring>
+#include <thread>
+
+#include "ControlAddress.h"
+#include "DriverLines.h"
+#include "kivDext.h"
+#include "kivDriverClient.h"
+
+namespace {
+
+constexpr int32_t kBadArgument = static_cast<int32_t>(0xE00002C2);
+constexpr int32_t kBusy = static_cast<int32_t>(0xE00002D5);
+constexpr int32_t kNotFound = static_cast<int32_t>(0xE00002F0);
+
+kivDriverClientList clients() {
+    return kivDriverClient::enumerateDevices("kivPCIService");
+}
+
+uint8_t* at(uint64_t address) {
+    return reinterpret_cast<uint8_t*>(address);
+}
+
+}  // namespace
+
+TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
+    RunningSimulator simulator;
+    const auto list = clients();
+    kivDriverClient& one = *list[0];
+    kivDriverClient& two = *list[1];
+    dextBuffer buffer{};
+    EXPECT_EQ(one.get_buffer(7, buffer), -1);
+    ASSERT_EQ(one.allocate_buffer(7, 5000, 3), 0);
+    ASSERT_EQ(one.get_buffer(7, buffer), 0);
+    EXPECT_EQ(buffer.depth, 3u);
+    ASSERT_EQ(buffer.infos.size(), 3u);
+    EXPECT_EQ(buffer.infos[2].mapped_size, 8192u);
+    EXPECT_EQ(buffer.infos[2].bus_address - buffer.infos[1].bus_address, 8192u);
+
+    uint64_t address = 0;
+    uint64_t size = 0;
+    ASSERT_EQ(two.map_iomemory(7, 2, &address, &size), 0);
+    EXPECT_EQ(size, 8192u);
+    std::memcpy(at(buffer.infos[2].mapped_address), "\x12\x34", 2);
+    EXPECT_EQ(at(address)[1], 0x34);
+    EXPECT_EQ(control(simulator, "GET", "/memory/7/2").get<std::string>().substr(0, 6), "123400");
+    uint64_t again = 0;
+    EXPECT_EQ(two.map_iomemory(7, 2, &again, nullptr), 0);
+    EXPECT_EQ(again, address);
+    EXPECT_EQ(two.map_iomemory(7, 3, &again, nullptr), kBadArgument);
+    EXPECT_EQ(two.map_iomemory(8, 0, &again, nullptr), kNotFound);
+
+    ASSERT_EQ(two.map_pci(1, &address, &size), 0);
+    EXPECT_EQ(size, 16u << 20);
+    uint32_t word = 0x01020304;
+    std::memcpy(at(address + 0x40), &word, sizeof word);
+    uint32_t value = 0;
+    EXPECT_EQ(one.read_pci32(1, 0x40, &value), 0);
+    EXPECT_EQ(value, word);
+    EXPECT_EQ(one.write_pci32(1, 0x44, 9), 0);
+    EXPECT_EQ(at(address)[0x44], 9);
+    EXPECT_EQ(two.map_pci(6, nullptr, nullptr), kBadArgument);
+    EXPECT_EQ(two.unmap(address), 0);
+    EXPECT_EQ(two.unmap(address), kBadArgument);
+
+    const uint64_t mapped = buffer.infos[0].mapped_address;
+    EXPECT_EQ(one.close(), 0);
+    EXPECT_EQ(mincore(at(mapped), 4096, at(reinterpret_cast<uint64_t>(&word))), -1) << "close unmaps";
+    EXPECT_EQ(one.get_buffer(7, buffer), -1);
+    EXPECT_EQ(one.unmap(mapped), -1);
+}
+
+TEST(DriverMemory, IsAllocatedWholeOrNotAtAll) {
+    for (const unsigned selector : {13u, 14u}) {
+        auto cards = kivsim::default_cards();
+        cards[0].driver_faults = {{selector, 4, kBusy, 0, {}}};
+        RunningSimulator simulator(cards);
+        const auto client = clients().at(0);
+        dextBuffer buffer{};
+        EXPECT_EQ(client->allocate_buffer(3, 4096, 8), kBusy);
+        EXPECT_EQ(client->get_buffer(3, buffer), -1);
+        EXPECT_EQ(simulator.calls(14).size(), 4u);
+        EXPECT_EQ(simulator.calls(13).size(), selector == 13 ? 4u : 3u);
+        EXPECT_EQ(simulator.calls(11).size(), 1u);
+        EXPECT_EQ(control(simulator, "GET")["driver"]["memory"].size(), 4u) << "only the driver's own";
+    }
+    RunningSimulator simulator;
+    const auto client = clients().at(0);
+    DriverLines lines;
+    EXPECT_EQ(client->allocate_buffer(3, 0, 8), -1);
+    EXPECT_EQ(lines.take(), Lines{"fail iomalloc=E00002C2 elm_size=0 buffer_depth=8"});
+    EXPECT_EQ(client->allocate_buffer(3, 16, 0), 0);
+}
+
+TEST(DriverMemory, OfOneIdIsTakenInTheOrderOfItsAllocation) {
+    RunningSimulator simulator;
+    const auto client = clients().at(0);
+    dextBuffer buffer{};
+    for (const uint32_t depth : {1u, 2u})
+        EXPECT_EQ(client->allocate_buffer(3, 4096, depth), depth == 1 ? 0 : kBadArgument)
+            << "the first block counts";
+    EXPECT_EQ(client->allocate_buffer(3, 4096, 1), 0);
+    EXPECT_EQ(client->allocate_buffer(4, 4096, 1), 0);
+    EXPECT_EQ(client->free_buffer(9), -1);
+    EXPECT_EQ(client->free_buffer(3), 0);
+    EXPECT_EQ(client->get_buffer(3, buffer), 0);
+    EXPECT_TRUE(kivDriverClient::isAddressValid(buffer.infos[0].mapped_address));
+    EXPECT_EQ(client->free_buffer(), 0);
+    EXPECT_EQ(client->get_buffer(4, buffer), -1);
+    EXPECT_EQ(control(simulator, "GET")["driver"]["memory"].size(), 4u);
+    EXPECT_FALSE(kivDriverClient::isAddressValid(~uint64_t{0}));
+}
+
+TEST(DriverMemory, SelectedByOneThreadIsNotMappedByAnother) {
+    RunningSimulator simulator;
+    const auto client = clients().at(0);
+    ASSERT_EQ(client->allocate_buffer(3, 4096, 1), 0);
+    const auto expect_size = [&](uint64_t expected, auto map) {
+        for (int i = 0; i < 1000; ++i) {
+            uint64_t address = 0;
+            uint64_t size = 0;
+            ASSERT_EQ(map(&address, &size), 0);
+            ASSERT_EQ(size, expected);
+        }
+    };
+    std::thread other([&] {
+        expect_size(16u << 20, [&](auto* address, auto* size) { return client->map_pci(2, address, size); });
+    });
+    expect_size(4096, [&](auto* address, auto* size) { return client->map_iomemory(3, 0, address, size); });
+    other.join();
+}
+
+TEST(DriverMemory, OfTheAncEngineIsMappedByOpenAndItsRecordsReachTheCard) {
+    RunningSimulator simulator;
+    const auto client = clients().at(0);
+    ASSERT_EQ(client->open(true), 0);
+    for (unsigned i = 0; i < 4; ++i) {
+        EXPECT_EQ(client->get_anc_buffer(i).mapped_size, 64u << 10);
+        EXPECT_EQ(client->get_anc_buffer(i).bus_address != 0, i < 2);
+    }
+    EXPECT_EQ(client->get_anc_buffer(4).mapped_size, 0u);
+    uint32_t count = 1;
+    uint64_t descriptor[2] = {0x0102, 0x03};
+    EXPECT_EQ(client->set_descriptor_anc(true, count, descriptor), 0);
+    EXPECT_EQ(client->control_anc({1, 2, 3}), 0);
+    const auto shown = control(simulator, "GET")["driver"];
+    EXPECT_EQ(shown["anc"], nlohmann::json::parse(
+                                R"({"direction": true, "descriptors": "02010000000000000300000000000000",
+                                    "control": [1, 2, 3]})"));
+    EXPECT_EQ(shown["connections"][0]["announced"], 1);
+    EXPECT_EQ(shown["connections"][0]["messages"], true);
+    EXPECT_EQ(client->close(), 0);
+    EXPECT_EQ(client->get_anc_buffer(0).mapped_address, 0u);
+}
+
+TEST(Dext, CountsFunctionsAndLeavesOthersConnectionsAlone) {
+    RunningSimulator simulator;
+    EXPECT_EQ(kivDext_get_selected_ptp_card(), 0);
+    const auto client = clients().at(0);
+    ASSERT_EQ(client->open(false), 0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(kivDext_new(), 0);
+    EXPECT_EQ(kivDext_get_selected_ptp_card(), 4) << "none is selected";
+    EXPECT_EQ(kivDext_new(), 0);
+    EXPECT_EQ(control(simulator, "GET")["driver"]["connections"].size(), 3u);
+    EXPECT_EQ(control(simulator, "GET")["driver"]["connections"][0]["announced"], 1);
+    setenv("KIVSIM_SOCKET", "/nonexistent/socket", 1);
+    EXPECT_EQ(kivDext_new(), 1);
+    EXPECT_EQ(kivDext_get_selected_ptp_card(), 0);
+    EXPECT_EQ(kivDext_open_hps(1, "any"), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}

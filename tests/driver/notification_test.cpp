@@ -1,0 +1,257 @@
+// Interrupt messages: from the driver process over the run loop to the owner's callback.
+#include <CoreFoundation/CoreFoundation.h>
+#include <IOKit/IOKitLib.h>
+#include <dlfcn.h>
+#include <signal.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "ControlAddress.h"
+#include "DriverLines.h"
+#include "Program.h"
+#include "Waiting.h"
+#include "kivDriverClient.h"
+
+namespace {
+
+/// The platform call that fails next.
+enum class Failing { Nothing, Port, MachPort, Source } g_failing = Failing::Nothing;
+
+template <typename Function>
+Function* platform(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// These stand before the platform's own.
+IONotificationPortRef IONotificationPortCreate(mach_port_t main_port) {
+    if (g_failing == Failing::Port) return nullptr;
+    return platform<decltype(IONotificationPortCreate)>("IONotificationPortCreate")(main_port);
+}
+mach_port_t IONotificationPortGetMachPort(IONotificationPortRef port) {
+    if (g_failing == Failing::MachPort) return MACH_PORT_NULL;
+    return platform<decltype(IONotificationPortGetMachPort)>("IONotificationPortGetMachPort")(port);
+}
+CFRunLoopSourceRef IONotificationPortGetRunLoopSource(IONotificationPortRef port) {
+    if (g_failing == Failing::Source) return nullptr;
+    return platform<decltype(IONotificationPortGetRunLoopSource)>("IONotificationPortGetRunLoopSource")(port);
+}
+
+namespace {
+
+using Json = nlohmann::json;
+
+std::shared_ptr<kivDriverClient> first_client() {
+    return kivDriverClient::enumerateDevices("kivPCIService").at(0);
+}
+
+/// Keeps what a client's callback is given.
+class Received {
+  public:
+    explicit Received(kivDriverClient& client) {
+        client.set_callback([this](const InterruptEvent& event) {
+            const std::lock_guard lock(mutex_);
+            threads_.insert(std::this_thread::get_id());
+            events_.push_back(event);
+        });
+    }
+    std::size_t count() {
+        const std::lock_guard lock(mutex_);
+        return events_.size();
+    }
+    bool reach(std::size_t count) {
+        return wait_until([&] { return this->count() >= count; });
+    }
+    std::vector<InterruptEvent> events() {
+        const std::lock_guard lock(mutex_);
+        return events_;
+    }
+    bool on_one_other_thread() {
+        const std::lock_guard lock(mutex_);
+        return threads_.size() == 1 && !threads_.contains(std::this_thread::get_id());
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<InterruptEvent> events_;
+    std::set<std::thread::id> threads_;
+};
+
+std::vector<unsigned> selectors(const RunningSimulator& simulator) {
+    std::vector<unsigned> found;
+    for (const auto& event : simulator.trace())
+        if (event["event"] == "call" && event["service"] == "card 1 function 0")
+            found.push_back(event["selector"]);
+    return found;
+}
+
+}  // namespace
+
+TEST(DriverNotification, StartsAndEndsWithOpenAndClose) {
+    RunningSimulator simulator;
+    const auto client = first_client();
+    EXPECT_EQ(client->open(true), 0);
+    EXPECT_TRUE(wait_until([&] { return simulator.calls(22).size() == 1; }));
+    EXPECT_EQ(client->open(true), 0) << "the thread that runs stays";
+    EXPECT_EQ(client->close(), 0);
+    const std::vector<unsigned> expected = {26, 31, 24, 14, 13, 13, 14, 13, 13,
+                                            22, 24, 14, 13, 13, 14, 13, 13, 25};
+    EXPECT_EQ(selectors(simulator), expected);
+    EXPECT_EQ(simulator.calls(22)[0]["input"], "");
+    EXPECT_EQ(client->open(true), -1);
+}
+
+TEST(DriverNotification, DeliversEveryNumberOfArgumentsOnItsThread) {
+    RunningSimulator simulator;
+    const auto client = first_client();
+    Received received(*client);
+    ASSERT_EQ(client->open(true), 0);
+    const Json sixteen = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, ~uint64_t{0}};
+    for (const Json& arguments : {Json::array(), Json{~uint64_t{0} - 1}, Json{7, 8, 9}, sixteen})
+        EXPECT_EQ(control(simulator, "POST", "/messages", {{"arguments", arguments}}), "ok");
+    for (const Json& arguments : {Json{1, 2}, Json(std::vector<int>(17, 1))})
+        EXPECT_EQ(control(simulator, "POST", "/messages", {{"arguments", arguments}}), "400");
+    ASSERT_TRUE(received.reach(3));
+    const auto events = received.events();
+    ASSERT_EQ(events.size(), 3u) << "a message without arguments is none";
+    EXPECT_EQ(events[0].count, 1u);
+    EXPECT_EQ(events[0].word[0], ~uint64_t{0} - 1);
+    EXPECT_EQ(events[1].count, 3u);
+    EXPECT_EQ(events[1].word[2], 9u);
+    EXPECT_EQ(events[1].word[3], 0u);
+    EXPECT_EQ(events[2].count, 16u);
+    EXPECT_EQ(events[2].word[15], ~uint64_t{0});
+    EXPECT_TRUE(received.on_one_other_thread());
+    EXPECT_EQ(client->close(), 0);
+}
+
+TEST(DriverNotification, LosesAndReordersNothing) {
+    constexpr uint64_t kMessages = 100'000;
+    RunningSimulator simulator;
+    const auto client = first_client();
+    std::atomic<uint64_t> in_order = 0;
+    client->set_callback([&](const InterruptEvent& event) { in_order += event.word[0] == in_order; });
+    ASSERT_EQ(client->open(true), 0);
+    control(simulator, "POST", "/messages", {{"arguments", {0, 1, 2}}, {"count", kMessages}});
+    EXPECT_TRUE(wait_until([&] { return in_order == kMessages; }, std::chrono::seconds(50))) << in_order;
+    EXPECT_EQ(client->close(), 0);
+}
+
+TEST(DriverNotification, TheCallbackMayThrowReplaceItselfAndTryToClose) {
+    RunningSimulator simulator;
+    const auto client = first_client();
+    std::atomic<int> closed = 0;
+    Received* later = nullptr;
+    std::unique_ptr<Received> holder;
+    client->set_callback([&](const InterruptEvent&) {
+        closed = client->close();
+        holder = std::make_unique<Received>(*client);
+        later = holder.get();
+        throw 1;
+    });
+    ASSERT_EQ(client->open(true), 0);
+    control(simulator, "POST", "/messages", {{"arguments", {5}}, {"count", 3}});
+    ASSERT_TRUE(wait_until([&] { return closed == -1; }));
+    EXPECT_TRUE(client->isOpen());
+    EXPECT_EQ(client->reset_buffer(), 0);
+    client->set_callback(nullptr);
+    ASSERT_NE(later, nullptr);
+    EXPECT_LE(later->count(), 2u);
+    control(simulator, "POST", "/messages", {{"arguments", {5}}});
+    EXPECT_EQ(client->close(), 0);
+}
+
+TEST(DriverNotification, EnabledInterruptsComeByTheCardsOwnTimer) {
+    auto cards = kivsim::default_cards();
+    cards[0].interrupt_ms = 5;
+    RunningSimulator simulator(cards);
+    const auto client = first_client();
+    Received received(*client);
+    ASSERT_EQ(client->open(true), 0);
+    ASSERT_EQ(client->enable_interrupt(4), 0);
+    ASSERT_TRUE(received.reach(3));
+    ASSERT_EQ(client->disable_interrupt(4), 0);
+    EXPECT_EQ(control(simulator, "GET")["driver"]["interrupts"], Json::array());
+    const auto events = received.events();
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(events[i].word[0], 4u);
+        EXPECT_EQ(events[i].word[1], i + 1);
+    }
+    EXPECT_GT(events[1].word[2], events[0].word[2]);
+}
+
+TEST(DriverNotification, EachFailureIsSaidAndLeavesAClientThatCanTryAgain) {
+    auto cards = kivsim::default_cards();
+    cards[0].driver_faults = {{22, 1, static_cast<int32_t>(0xE00002D5), 0, {}}};
+    RunningSimulator simulator(cards);
+    const auto client = first_client();
+    Received received(*client);
+    DriverLines lines;
+    const std::pair<Failing, const char*> rows[] = {
+        {Failing::Port, "Failed to create notification port for application."},
+        {Failing::MachPort, "Failed to get mach notification port for application."},
+        {Failing::Source, "Failed to get run loop for application."},
+        {Failing::Nothing, "Failed ExternalMethodType_RegisterInterruptAsyncCallback"}};
+    for (const auto& [failing, text] : rows) {
+        g_failing = failing;
+        EXPECT_EQ(client->open(true), 0);
+        Lines said;
+        EXPECT_TRUE(wait_until([&] { return !(said = lines.take()).empty(); }));
+        EXPECT_EQ(said, Lines{text});
+    }
+    EXPECT_EQ(client->open(true), 0);
+    control(simulator, "POST", "/messages", {{"arguments", {5}}});
+    EXPECT_TRUE(received.reach(1));
+    EXPECT_EQ(client->close(), 0);
+}
+
+TEST(DriverNotification, OpensAndClosesTwoHundredTimesInARow) {
+    RunningSimulator simulator;
+    const Stopwatch watch;
+    for (int round = 0; round < 200; ++round) {
+        const auto client = first_client();
+        client->set_callback([](const InterruptEvent&) {});
+        ASSERT_EQ(client->open(true), 0);
+        if (round % 2 == 0) {
+            ASSERT_EQ(client->close(), 0);
+        }
+    }
+    EXPECT_LT(watch.elapsed().count(), 10'000);
+}
+
+TEST(DriverNotification, OutlivesTheDriverProcess) {
+    TemporaryDirectory directory;
+    const std::string socket = directory / "socket";
+    setenv("KIVSIM_SOCKET", socket.c_str(), 1);
+    const auto start = [&] {
+        auto program =
+            std::make_unique<Program>(std::vector<std::string>{KIVSIM_PROGRAM, "--socket", socket});
+        program->read_line();
+        return program;
+    };
+    auto running = start();
+    const auto client = first_client();
+    Received received(*client);
+    ASSERT_EQ(client->open(true), 0);
+    client->enable_interrupt(1);
+    std::atomic<int32_t> status = 0;
+    auto calls = std::async(std::launch::async, [&] {
+        uint32_t value = 0;
+        while ((status = client->read_pci32(0, 0, &value)) == 0) {
+        }
+    });
+    running->send_signal(SIGKILL);
+    ASSERT_EQ(calls.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(status, 0x10000003);
+    EXPECT_EQ(client->close(), -1) << "nobody takes the leave";
+    running = start();
+    const auto fresh = first_client();
+    EXPECT_EQ(fresh->open(true), 0);
+    EXPECT_EQ(fresh->close(), 0);
+}
