@@ -50,7 +50,8 @@ constexpr const char* kImage = "183f7bcf424938735c60bf6575e48a88";
 }  // namespace
 
 TEST_F(KivctlCard, ShowsWhatTheCardTells) {
-    const std::pair<std::vector<std::string>, const char*> kDocuments[] = {
+    const std::string server = simulator_.server_addresses()[0];
+    const std::pair<std::vector<std::string>, std::string> kDocuments[] = {
         {{"net", "1"},
          R"({"id": 1, "ports": [{"port": 0, "ip_address": "192.168.10.11", "prefix_length": 24},
                                 {"port": 1, "ip_address": "192.168.20.11", "prefix_length": 24}]})"},
@@ -62,6 +63,17 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
                              "resources": [4, 8, 16]},
                       "rx": {"control": 16, "control_bit_25": 1, "control_bit_26": 0, "reg_404": 32, "reg_804": 16,
                              "resources": [2, 4, 8]}})"},
+        {{"driver", "1"},
+         R"({"id": 1, "client_version": "2.3.1", "driver_version": "1.4.0",
+             "functions": [{"function": 0, "function_id": 22, "bus": 4, "device": 0,
+                            "memory_ids": [256, 257, 258, 259], "identity_kind": 1,
+                            "identity": "0x4B49560000000001", "identity_text": "KIV-1001"},
+                           {"function": 1, "function_id": 23, "bus": 4, "device": 0,
+                            "memory_ids": [256, 257, 258, 259], "identity_kind": 1,
+                            "identity": "0x4B49560000000001", "identity_text": "KIV-1001"}],
+             "ports": ["192.168.10.11", "192.168.20.11"], "tunnel": ")" +
+             server + R"(",
+             "resources": {"tx": [4, 8, 16], "rx": [2, 4, 8]}, "pci_link": [16, 4]})"},
         {{"config", "show"},
          R"([{"id": 1, "announce_receipt_timeout": 3, "domain": 127, "log_announce_interval": -2,
               "log_delay_req_interval": -3, "unicast_delay_req": false, "tos": [46, 46], "ttl": [64, 64]}])"}};

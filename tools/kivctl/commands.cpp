@@ -15,6 +15,7 @@ constexpr Command kCommands[] = {
     {"ptp",    "set",     "Change network and PTP settings of one card",                Takes::OneCard, ptp_set, ptp_set_options},
     {nullptr,  "streams", "Show the use of the transmit and receive streams",           Takes::OneCard, streams},
     {nullptr,  "time",    "Show PTP time and the system clock around it",               Takes::OneCard, time},
+    {nullptr,  "driver",  "Show what the driver says: versions, functions, resource use, PCI link", Takes::OneCard, driver},
     {nullptr,  "flash",   "Show the flash, or change it (flash write, flash select)",   Takes::OneCard, flash},
     {"flash",  "write",   "Write a firmware image; Ctrl-C ends the waiting, not the writing", Takes::OneCard, flash_write, flash_write_options},
     {"flash",  "select",  "Choose the slot that the card boots next",                   Takes::OneCard, flash_select, flash_select_options},

@@ -56,6 +56,7 @@ void net(const Request& request, Output& output);
 void link(const Request& request, Output& output);
 void streams(const Request& request, Output& output);
 void time(const Request& request, Output& output);
+void driver(const Request& request, Output& output);
 
 void ptp(const Request& request, Output& output);
 void ptp_set(const Request& request, Output& output);
