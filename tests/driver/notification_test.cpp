@@ -16,6 +16,7 @@
 #include "Program.h"
 #include "Waiting.h"
 #include "kivDriverClient.h"
+#include "kiv_api.h"
 
 namespace {
 
@@ -229,9 +230,10 @@ TEST(DriverNotification, OutlivesTheDriverProcess) {
     TemporaryDirectory directory;
     const std::string socket = directory / "socket";
     setenv("KIVSIM_SOCKET", socket.c_str(), 1);
+    write_file(directory / "cards.json", R"({"cards": [{"id": 1, "interrupt_ms": 1}]})");
     const auto start = [&] {
-        auto program =
-            std::make_unique<Program>(std::vector<std::string>{KIVSIM_PROGRAM, "--socket", socket});
+        auto program = std::make_unique<Program>(std::vector<std::string>{
+            KIVSIM_PROGRAM, "--socket", socket, "--config", directory / "cards.json"});
         program->read_line();
         return program;
     };
@@ -240,6 +242,7 @@ TEST(DriverNotification, OutlivesTheDriverProcess) {
     Received received(*client);
     ASSERT_EQ(client->open(true), 0);
     client->enable_interrupt(1);
+    ASSERT_TRUE(received.reach(1));
     std::atomic<int32_t> status = 0;
     auto calls = std::async(std::launch::async, [&] {
         uint32_t value = 0;
@@ -251,7 +254,8 @@ TEST(DriverNotification, OutlivesTheDriverProcess) {
     EXPECT_EQ(status, 0x10000003);
     EXPECT_EQ(client->close(), -1) << "nobody takes the leave";
     running = start();
-    const auto fresh = first_client();
-    EXPECT_EQ(fresh->open(true), 0);
-    EXPECT_EQ(fresh->close(), 0);
+    kiv_scan_t scan{};
+    EXPECT_EQ(kiv_scan(&scan), KIV_OK);
+    EXPECT_EQ(scan.count, 1);
+    kiv_close();
 }

@@ -32,6 +32,10 @@ KIV_API int32_t kivDext_new(void);
  */
 KIV_API uint16_t kivDext_get_selected_ptp_card(void);
 
+#if defined(__GNUC__) && !defined(__cplusplus)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstrict-prototypes"
+#endif
 /* Not available: each returns -1. */
 KIV_API int32_t kivDext_open_hps(KIV_DEXT_ANY_ARGUMENTS);
 KIV_API int32_t kivDext_open_st2110(KIV_DEXT_ANY_ARGUMENTS);
@@ -40,6 +44,9 @@ KIV_API int32_t kivDext_free(KIV_DEXT_ANY_ARGUMENTS);
 KIV_API int32_t kivDext_get_epoch_and_system_time(KIV_DEXT_ANY_ARGUMENTS);
 KIV_API int32_t kivDext_hps_pciread64(KIV_DEXT_ANY_ARGUMENTS);
 KIV_API int32_t kivDext_st2110_pciread64(KIV_DEXT_ANY_ARGUMENTS);
+#if defined(__GNUC__) && !defined(__cplusplus)
+#pragma GCC diagnostic pop
+#endif
 
 #ifdef __cplusplus
 }
