@@ -5,17 +5,15 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
 #include <random>
-#include <stdexcept>
 #include <utility>
 
+#include "LocalSocket.h"
 #include "selectors.h"
 
 namespace kivsim {
@@ -35,33 +33,6 @@ uint64_t fresh_entries() {
     return uint64_t{std::random_device{}()} << 32 | 1;
 }
 
-Descriptor checked(int fd, const std::string& what) {
-    if (fd < 0) throw std::runtime_error(what + ": " + std::strerror(errno));
-    return Descriptor(fd);
-}
-
-sockaddr_un address_of(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        throw std::runtime_error(path + ": longer than a socket's path can be");
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return address;
-}
-
-/// Makes way for a socket at `path`: removes one whose process is gone. Throws when anything else is there.
-void make_way(const std::string& path, const sockaddr_un& address) {
-    struct stat found {};
-    if (lstat(path.c_str(), &found) != 0) return;
-    if (!S_ISSOCK(found.st_mode)) throw std::runtime_error(path + ": exists and is not a socket");
-    const Descriptor probe = checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0), "socket");
-    if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-        throw std::runtime_error(path + ": another simulator serves this socket");
-    }
-    if (errno != ECONNREFUSED) throw std::runtime_error(path + ": somebody else serves this socket");
-    unlink(path.c_str());
-}
-
 std::vector<std::byte> reply_message(int32_t status, const void* payload, std::size_t size) {
     kivplatform_reply header{};
     header.status = status;
@@ -69,30 +40,6 @@ std::vector<std::byte> reply_message(int32_t status, const void* payload, std::s
     std::memcpy(message.data(), &header, sizeof header);
     if (size != 0) std::memcpy(message.data() + sizeof header, payload, size);
     return message;
-}
-
-/// One message and the first descriptor that comes with it; any others are closed.
-ssize_t receive(int socket, std::vector<std::byte>& room, Descriptor& descriptor) {
-    iovec part{room.data(), room.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))];
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    const ssize_t size = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
-    if (size < 0) return size;
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
-        for (std::size_t at = 0; at + sizeof(int) <= header->cmsg_len - CMSG_LEN(0); at += sizeof(int)) {
-            int fd = -1;
-            std::memcpy(&fd, CMSG_DATA(header) + at, sizeof fd);
-            Descriptor received(fd);
-            if (!descriptor) descriptor = std::move(received);
-        }
-    }
-    return size;
 }
 
 }  // namespace
@@ -141,13 +88,7 @@ DriverHalf::~DriverHalf() {
 }
 
 void DriverHalf::listen_on(const std::string& path) {
-    const sockaddr_un address = address_of(path);
-    make_way(path, address);
-    listener_ = checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
-    if (bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        chmod(path.c_str(), 0600) != 0 || listen(listener_.get(), SOMAXCONN) != 0) {
-        throw std::runtime_error(path + ": " + std::strerror(errno));
-    }
+    listener_ = listening_socket(path);
     epoll_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll");
     stop_ = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
     wake_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
@@ -200,7 +141,7 @@ void DriverHalf::serve_client(uint64_t number) {
     if (found == clients_.end()) return;
     std::vector<std::byte> message(sizeof(kivplatform_request) + KIVPLATFORM_MESSAGE_SIZE);
     Request request;
-    const ssize_t size = receive(found->second.socket.get(), message, request.descriptor);
+    const ssize_t size = receive_message_from(found->second.socket.get(), message, request.descriptor);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (size < static_cast<ssize_t>(sizeof(kivplatform_request))) {
         hang_up(number);
@@ -307,23 +248,8 @@ void DriverHalf::close_service(Client& client) {
 
 void DriverHalf::send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor) {
     const auto client = clients_.find(number);
-    if (client == clients_.end()) return;
-    iovec part{const_cast<std::byte*>(reply.data()), reply.size()};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    if (descriptor >= 0) {
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        cmsghdr* const header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-    }
-    const ssize_t sent = sendmsg(client->second.socket.get(), &message, MSG_NOSIGNAL);
-    if (sent != static_cast<ssize_t>(reply.size())) hang_up(number);
+    if (client != clients_.end() && !send_message_to(client->second.socket.get(), reply, descriptor))
+        hang_up(number);
 }
 
 void DriverHalf::send_late_replies() {

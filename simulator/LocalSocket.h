@@ -1,0 +1,31 @@
+/// Unix-domain sockets that keep messages apart and carry descriptors.
+#ifndef KIVSIM_LOCAL_SOCKET_H
+#define KIVSIM_LOCAL_SOCKET_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "Descriptor.h"
+
+namespace kivsim {
+
+/// Owner of `fd`. Throws std::runtime_error with the system's reason when it is none.
+Descriptor checked(int fd, const std::string& what);
+
+/// Listens at `path`, for this user only; takes the place of a socket that nobody serves any more. Throws
+/// std::runtime_error when somebody does, or it cannot be made.
+Descriptor listening_socket(const std::string& path);
+
+/// Receives one message into `room`, and the first descriptor that comes with it; any others are closed. Returns
+/// its size, or -1 with errno.
+ssize_t receive_message_from(int socket, std::vector<std::byte>& room, Descriptor& descriptor);
+
+/// Sends one message, with a descriptor unless that is -1. False when the peer is gone or full.
+bool send_message_to(int socket, const std::vector<std::byte>& message, int descriptor);
+
+}  // namespace kivsim
+
+#endif
