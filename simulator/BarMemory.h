@@ -37,7 +37,7 @@ class BarMemory {
 
     /// `bar` below kBars. Made at its first use.
     SharedMemory& memory(uint32_t bar) {
-        if (!memories_[bar]) memories_[bar] = std::make_unique<SharedMemory>(kBarSize);
+        if (!memories_[bar] || !*memories_[bar]) memories_[bar] = std::make_unique<SharedMemory>(kBarSize);
         return *memories_[bar];
     }
 

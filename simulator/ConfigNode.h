@@ -24,6 +24,15 @@ class BadConfig : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// Parses what comes from outside: nesting beyond all use, which would cost the stack, is refused.
+inline Json parse_json(const std::string& text) {
+    constexpr int kMostLevels = 64;
+    return Json::parse(text, [](int level, Json::parse_event_t, const Json&) {
+        if (level > kMostLevels) throw BadConfig("more than 64 levels of JSON");
+        return true;
+    });
+}
+
 /// A value of the file and the way to it, so that a complaint can name the key.
 class ConfigNode {
   public:

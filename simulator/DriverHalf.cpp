@@ -28,6 +28,9 @@ constexpr uint64_t kWake = kStop - 1;
 /// Messages that a stream without pauses sends before others get their turn.
 constexpr int kBatch = 1000;
 
+/// How long to wait for a program that is far behind before looking again.
+constexpr std::chrono::milliseconds kRoomPause{100};
+
 /// Upper half random, so that a service listed by another driver process is not taken for one of ours.
 uint64_t fresh_entries() {
     return uint64_t{std::random_device{}()} << 32 | 1;
@@ -129,7 +132,7 @@ void DriverHalf::serve() {
 
 void DriverHalf::accept_client() {
     Client client;
-    client.socket = Descriptor(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    client.socket = accept_or_refuse(listener_.get(), SOCK_NONBLOCK, spare_);
     if (!client.socket) return;
     client.number = next_client_++;
     watch(client.socket.get(), client.number);
@@ -269,9 +272,10 @@ int DriverHalf::next_wait() {
         consider(due);
     for (const auto& card : cards_) {
         const std::lock_guard lock(card->mutex);
-        if (waits_for_room(*card)) continue;
+        const Clock::time_point room =
+            waits_for_room(*card) ? Clock::now() + kRoomPause : Clock::time_point{};
         for (const MessageStream& stream : card->driver.streams)
-            consider(stream.due);
+            consider(std::max(stream.due, room));
     }
     if (!next) return -1;
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
@@ -279,11 +283,17 @@ int DriverHalf::next_wait() {
 }
 
 /// Whether a program that takes the card's messages is far behind.
-bool DriverHalf::waits_for_room(const VirtualCard& card) const {
+bool DriverHalf::waits_for_room(const VirtualCard& card) {
     for (const auto& [number, connection] : card.driver.connections) {
         if (channels_.is_full(number)) return true;
     }
     return false;
+}
+
+bool DriverHalf::has_listener(const VirtualCard& card) const {
+    const auto& connections = card.driver.connections;
+    return !card.removed && std::any_of(connections.begin(), connections.end(),
+                                        [&](const auto& entry) { return channels_.has(entry.first); });
 }
 
 void DriverHalf::send_message(VirtualCard& card, std::span<const uint64_t> arguments) {
@@ -298,15 +308,19 @@ bool DriverHalf::send_messages() {
         const std::lock_guard lock(card->mutex);
         if (now < due) continue;
         due = now + std::chrono::milliseconds(card->settings().interrupt_ms);
-        if (waits_for_room(*card)) continue;  // Interrupts do not pile up.
-        for (const uint32_t number : card->driver.interrupts) {
-            const uint64_t arguments[] = {number, ++card->driver.interrupt_count, tai_ns()};
-            send_message(*card, arguments);
+        if (card->removed) continue;
+        for (const auto& [number, connection] : card->driver.connections) {
+            for (const uint32_t interrupt : connection.interrupts) {
+                if (channels_.is_full(number)) break;  // Interrupts do not pile up.
+                const uint64_t arguments[] = {interrupt, ++card->driver.interrupt_count, tai_ns()};
+                channels_.send(number, arguments);
+            }
         }
     }
     bool more = false;
     for (const auto& card : cards_) {
         const std::lock_guard lock(card->mutex);
+        if (!has_listener(*card)) card->driver.streams.clear();
         for (MessageStream& stream : card->driver.streams) {
             for (int sent = 0; stream.left != 0 && stream.due <= now && !waits_for_room(*card); ++sent) {
                 if (sent == kBatch) {

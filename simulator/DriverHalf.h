@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Descriptor.h"
+#include "LocalSocket.h"
 #include "MessageChannels.h"
 #include "Trace.h"
 #include "VirtualCard.h"
@@ -75,7 +76,8 @@ class DriverHalf {
     int32_t open_service(Client& client, uint64_t entry, uint32_t type);
     void close_service(Client& client);
     void send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor = -1);
-    bool waits_for_room(const VirtualCard& card) const;
+    bool waits_for_room(const VirtualCard& card);
+    bool has_listener(const VirtualCard& card) const;
     void send_message(VirtualCard& card, std::span<const uint64_t> arguments);
     bool send_messages();
     void send_late_replies();
@@ -88,6 +90,7 @@ class DriverHalf {
     const std::string socket_path_;
     std::unique_ptr<Trace> trace_;
     Descriptor listener_;
+    Descriptor spare_ = spare_descriptor();
     Descriptor epoll_;
     Descriptor stop_;
     Descriptor wake_;  ///< Readable when a card has a new stream of messages.

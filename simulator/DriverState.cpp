@@ -26,17 +26,21 @@ int32_t DriverState::allocate(uint32_t id, uint32_t elm_size, uint32_t depth, ui
     return kIOReturnSuccess;
 }
 
-MemoryBlock* DriverState::block(uint32_t id) {
-    const auto found =
-        std::find_if(blocks.begin(), blocks.end(), [&](const MemoryBlock& block) { return block.id == id; });
-    return found == blocks.end() ? nullptr : &*found;
+MemoryBlock* DriverState::block(uint32_t id, uint64_t connection) {
+    MemoryBlock* found = nullptr;
+    for (MemoryBlock& block : blocks) {
+        if (block.id != id) continue;
+        if (block.owner == connection) return &block;
+        if (found == nullptr) found = &block;
+    }
+    return found;
 }
 
-int32_t DriverState::release(uint32_t id) {
-    const auto found =
-        std::find_if(blocks.begin(), blocks.end(), [&](const MemoryBlock& block) { return block.id == id; });
+int32_t DriverState::release(uint32_t id, uint64_t connection) {
+    const auto found = std::find_if(blocks.begin(), blocks.end(), [&](const MemoryBlock& block) {
+        return block.id == id && block.owner == connection;
+    });
     if (found == blocks.end()) return kIOReturnNotFound;
-    if (found->owner == 0) return kIOReturnNotPermitted;
     blocks.erase(found);
     return kIOReturnSuccess;
 }

@@ -39,6 +39,7 @@ struct DriverConnection {
     std::optional<kiv::wire::MemorySelection> selected;
     uint32_t announced = 0;  ///< Processes that have come and not gone.
     bool takes_messages = false;
+    std::set<uint32_t> interrupts;  ///< Enabled interrupt numbers.
 };
 
 /// Messages to be sent to every connection that takes them.
@@ -56,18 +57,17 @@ struct DriverState {
     /// Places a block; kIOReturn... when it cannot be had.
     int32_t allocate(uint32_t id, uint32_t elm_size, uint32_t depth, uint64_t owner);
 
-    /// The first block with that id, or null.
-    MemoryBlock* block(uint32_t id);
+    /// The first block with that id, the connection's own before others'; or null.
+    MemoryBlock* block(uint32_t id, uint64_t connection);
 
-    /// Releases the first block with that id.
-    int32_t release(uint32_t id);
+    /// Releases the connection's first block with that id.
+    int32_t release(uint32_t id, uint64_t connection);
 
     /// Forgets a connection and releases its blocks.
     void end(uint64_t connection);
 
     std::list<MemoryBlock> blocks;
     std::map<uint64_t, DriverConnection> connections;
-    std::set<uint32_t> interrupts;  ///< Enabled interrupt numbers.
     std::vector<MessageStream> streams;
     uint64_t interrupt_count = 0;  ///< Messages of the card's own timer so far.
     kiv::wire::UseResource use_resource{{4, 8, 16}, {2, 4, 8}};

@@ -1,5 +1,6 @@
 #include "LocalSocket.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -52,6 +53,19 @@ Descriptor listening_socket(const std::string& path) {
         throw std::runtime_error(path + ": " + std::strerror(errno));
     }
     return listener;
+}
+
+Descriptor spare_descriptor() {
+    return Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare) {
+    Descriptor accepted(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | flags));
+    if (accepted || (errno != EMFILE && errno != ENFILE)) return accepted;
+    spare.reset();
+    Descriptor(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    spare = spare_descriptor();
+    return accepted;
 }
 
 ssize_t receive_message_from(int socket, std::vector<std::byte>& room, Descriptor& descriptor) {

@@ -19,6 +19,13 @@ Descriptor checked(int fd, const std::string& what);
 /// std::runtime_error when somebody does, or it cannot be made.
 Descriptor listening_socket(const std::string& path);
 
+/// A descriptor to be given up when there are no others.
+Descriptor spare_descriptor();
+
+/// Accepts a connection. When the process has no descriptor left, the caller at the other end is hung up instead
+/// of waiting for ever: empty then.
+Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare);
+
 /// Receives one message into `room`, and the first descriptor that comes with it; any others are closed. Returns
 /// its size, or -1 with errno.
 ssize_t receive_message_from(int socket, std::vector<std::byte>& room, Descriptor& descriptor);

@@ -17,12 +17,20 @@ void MessageChannels::add(uint64_t connection, Descriptor channel) {
 }
 
 void MessageChannels::remove(uint64_t connection) {
-    channels_.erase(connection);  // The descriptor leaves the epoll set as it closes.
+    const auto channel = channels_.find(connection);
+    if (channel == channels_.end()) return;
+    // It would stay in the epoll set as long as anybody holds another copy of it.
+    if (channel->second.watched)
+        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel->second.socket.get(), nullptr);
+    channels_.erase(channel);
 }
 
-bool MessageChannels::is_full(uint64_t connection) const {
+bool MessageChannels::is_full(uint64_t connection) {
     const auto channel = channels_.find(connection);
-    return channel != channels_.end() && channel->second.waiting.size() >= kMostWaiting;
+    if (channel == channels_.end() || channel->second.waiting.size() < kMostWaiting) return false;
+    if (Clock::now() - channel->second.last_taken < kPatience) return true;
+    remove(connection);
+    return false;
 }
 
 void MessageChannels::send(uint64_t connection, std::span<const uint64_t> arguments) {
@@ -52,6 +60,7 @@ void MessageChannels::flush(uint64_t connection) {
             break;
         }
         channel.waiting.pop_front();
+        channel.last_taken = Clock::now();
     }
     const bool full = !channel.waiting.empty();
     if (full == channel.watched) return;

@@ -235,7 +235,7 @@ void ServerHalf::accept_visits() {
         for (int i = 0; i < count; ++i) {
             const uint64_t number = events[i].data.u64;
             if (number == sites_.size()) return;
-            Descriptor socket(accept4(listeners_[number].get(), nullptr, nullptr, SOCK_CLOEXEC));
+            Descriptor socket = accept_or_refuse(listeners_[number].get(), 0, spare_);
             if (!socket) continue;
             const int on = 1;
             setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

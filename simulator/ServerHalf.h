@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Descriptor.h"
+#include "LocalSocket.h"
 #include "VirtualCard.h"
 #include "endpoints.h"
 
@@ -48,6 +49,7 @@ class ServerHalf {
     std::vector<std::unique_ptr<Site>> sites_;  ///< One for each card that we serve, and the control address.
     std::vector<Descriptor> listeners_;         ///< One for each site.
     uint16_t control_port_ = 0;
+    Descriptor spare_ = spare_descriptor();
     Descriptor epoll_;
     Descriptor stop_;  ///< Readable once the servers have to end.
 

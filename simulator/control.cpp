@@ -39,7 +39,8 @@ Json driver_description(const DriverState& driver) {
         connections.push_back({{"number", number},
                                {"function", connection.function},
                                {"announced", connection.announced},
-                               {"messages", connection.takes_messages}});
+                               {"messages", connection.takes_messages},
+                               {"interrupts", connection.interrupts}});
     }
     Json memory = Json::array();
     for (const MemoryBlock& block : driver.blocks)
@@ -47,7 +48,6 @@ Json driver_description(const DriverState& driver) {
     const auto descriptors = std::as_bytes(std::span(driver.anc_descriptors));
     return {{"connections", connections},
             {"memory", memory},
-            {"interrupts", driver.interrupts},
             {"anc",
              {{"direction", driver.anc_direction},
               {"descriptors", hex(descriptors)},
@@ -73,7 +73,7 @@ Answer memory_answer(VirtualCard& card, std::string_view name) {
         !ConfigNode::parse(std::string(name.substr(slash + 1)), index) || id > 0xFFFFFFFFu) {
         return json_answer(400, {{"error", "memory is named ID/INDEX"}});
     }
-    const MemoryBlock* const block = card.driver.block(static_cast<uint32_t>(id));
+    const MemoryBlock* const block = card.driver.block(static_cast<uint32_t>(id), 0);
     if (block == nullptr || index >= block->depth) return json_answer(404, {{"error", "no such memory"}});
     std::byte bytes[64];
     block->memory.read(index * block->element_size(), bytes, sizeof bytes);
@@ -185,16 +185,16 @@ void change(VirtualCard& card, const ConfigNode& node) {
 Answer answer_for(VirtualCard& card, const std::string& what, const HttpRequest& request) {
     if (what.empty() && request.method == "GET") return json_answer(200, description(card));
     if (what.empty() && request.method == "PATCH") {
-        change(card, ConfigNode(Json::parse(request.body), "request: "));
+        change(card, ConfigNode(parse_json(request.body), "request: "));
         return json_answer(200, "ok");
     }
     if (what.starts_with("/memory/") && request.method == "GET") return memory_answer(card, what.substr(8));
     if (what == "/messages" && request.method == "POST") {
-        post_messages(card, ConfigNode(Json::parse(request.body), "request: "));
+        post_messages(card, ConfigNode(parse_json(request.body), "request: "));
         return json_answer(200, "ok");
     }
     if (what == "/faults" && request.method == "POST") {
-        const HttpFault fault = http_fault_of(ConfigNode(Json::parse(request.body), "request: "));
+        const HttpFault fault = http_fault_of(ConfigNode(parse_json(request.body), "request: "));
         const std::lock_guard lock(card.mutex);
         card.management.faults.push_back(fault);
         return json_answer(200, "ok");

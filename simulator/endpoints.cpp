@@ -199,7 +199,7 @@ Outcome run_row(ManagementState& state, const HttpRequest& request, const std::s
         if (!same || request.method != row.method) continue;
         try {
             const bool has_json = !request.file && !request.body.empty();
-            Call call{state, request, has_json ? Json::parse(request.body) : Json(), path.substr(own.size())};
+            Call call{state, request, has_json ? parse_json(request.body) : Json(), path.substr(own.size())};
             return row.run(call);
         } catch (const std::exception& error) {
             return refused(error.what());

@@ -43,6 +43,8 @@ struct Signature<int32_t (*)(Context&, const In&, Out&)> {
 template <typename Struct>
 inline constexpr std::size_t kSize = std::is_same_v<Struct, Nothing> ? 0 : sizeof(Struct);
 
+constexpr std::size_t kMostInterrupts = 64;  ///< That a connection may enable.
+
 /// The bytes around a method on structs: the input must have just its size; the reply starts as zero.
 template <auto method>
 int32_t on_structs(Context& context, std::span<const std::byte> bytes, std::vector<std::byte>& output) {
@@ -97,11 +99,11 @@ int32_t io_malloc(Context& context, const wire::IoMemory& request, Nothing&) {
 }
 
 int32_t io_free(Context& context, const wire::IoMemory& request, Nothing&) {
-    return context.driver().release(request.id);
+    return context.driver().release(request.id, context.number);
 }
 
 int32_t get_io_bus_address(Context& context, const wire::IoBusAddress& request, wire::IoBusAddress& reply) {
-    const MemoryBlock* const block = context.driver().block(request.id);
+    const MemoryBlock* const block = context.driver().block(request.id, context.number);
     if (block == nullptr) return kIOReturnNotFound;
     if (request.index >= block->depth) return kIOReturnBadArgument;
     reply = {request.id, request.index, block->bus_address + request.index * block->element_size()};
@@ -112,7 +114,7 @@ int32_t select_memory(Context& context, const wire::MemorySelection& request, No
     if (request.one != 1 || request.kind > 1) return kIOReturnBadArgument;
     if (request.kind == 1 && request.bar >= BarMemory::kBars) return kIOReturnBadArgument;
     if (request.kind == 0) {
-        const MemoryBlock* const block = context.driver().block(request.id);
+        const MemoryBlock* const block = context.driver().block(request.id, context.number);
         if (block == nullptr) return kIOReturnNotFound;
         if (request.index >= block->depth) return kIOReturnBadArgument;
     }
@@ -140,12 +142,14 @@ int32_t reset_buffer(Context&, const Nothing&, Nothing&) {
 }
 
 int32_t enable_interrupt(Context& context, const uint32_t& number, Nothing&) {
-    context.driver().interrupts.insert(number);
+    std::set<uint32_t>& enabled = context.connection().interrupts;
+    if (enabled.size() >= kMostInterrupts) return kIOReturnNoResources;
+    enabled.insert(number);
     return kIOReturnSuccess;
 }
 
 int32_t disable_interrupt(Context& context, const uint32_t& number, Nothing&) {
-    context.driver().interrupts.erase(number);
+    context.connection().interrupts.erase(number);
     return kIOReturnSuccess;
 }
 
@@ -263,7 +267,7 @@ bool selected_memory(VirtualCard& card, uint64_t connection, SelectedMemory& mem
         memory = {bar.descriptor(), 0, BarMemory::kBarSize};
         return static_cast<bool>(bar);
     }
-    const MemoryBlock* const block = card.driver.block(selected->id);
+    const MemoryBlock* const block = card.driver.block(selected->id, connection);
     if (block == nullptr || selected->index >= block->depth) return false;
     memory = {block->memory.descriptor(), selected->index * block->element_size(), block->element_size()};
     return true;

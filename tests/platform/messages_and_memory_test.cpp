@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kivplatform/driver_protocol.h>
 #include <poll.h>
@@ -34,11 +35,12 @@ class ScriptedDriver {
         size_t size, files;  ///< So much of the payload is sent, and the file's descriptor so often.
     };
     Reply map_reply{};  ///< To KIVPLATFORM_MAP.
-    const int file = memfd_create("memory", MFD_CLOEXEC);
+    const int file = memfd_create("memory", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     std::atomic<int> channel = -1;  ///< Of the last asynchronous call; selector 0 is refused.
 
     ScriptedDriver() {
         EXPECT_EQ(ftruncate(file, static_cast<off_t>(4 * kPage)), 0);
+        EXPECT_EQ(fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK), 0);
         sockaddr_un address{AF_UNIX, {}};
         std::strcpy(address.sun_path, (directory_ / "driver.sock").c_str());
         setenv("KIVSIM_SOCKET", address.sun_path, 1);

@@ -1,5 +1,6 @@
 #include "memory.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,12 +11,17 @@ namespace kivplatform {
 
 namespace {
 
-/// Touching a page beyond the end of the file would end this process.
-bool within_file(const kivplatform_mapping& bytes, const struct stat& file) {
+bool is_sealed(const Descriptor& file) {
+    const int seals = fcntl(file.number(), F_GET_SEALS);
+    return seals >= 0 && (seals & F_SEAL_SHRINK) != 0;
+}
+
+/// Touching a page beyond the end of the file would end this process: it must be sealed against shrinking.
+bool within_file(const kivplatform_mapping& bytes, const struct stat& file, bool sealed) {
     const auto page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     const auto length = static_cast<uint64_t>(file.st_size);
-    return bytes.size != 0 && bytes.size % page == 0 && bytes.offset % page == 0 && bytes.size <= length &&
-           bytes.offset <= length - bytes.size;
+    return sealed && bytes.size != 0 && bytes.size % page == 0 && bytes.offset % page == 0 &&
+           bytes.size <= length && bytes.offset <= length - bytes.size;
 }
 
 }  // namespace
@@ -23,7 +29,8 @@ bool within_file(const kivplatform_mapping& bytes, const struct stat& file) {
 kern_return_t Mappings::map(const Descriptor& file, const kivplatform_mapping& bytes,
                             mach_vm_address_t& address) {
     struct stat found {};
-    if (fstat(file.number(), &found) != 0 || !within_file(bytes, found)) return kIOReturnBadArgument;
+    if (fstat(file.number(), &found) != 0 || !within_file(bytes, found, is_sealed(file)))
+        return kIOReturnBadArgument;
     Mapping wanted{found.st_dev, found.st_ino, bytes.offset, bytes.size, nullptr};
 
     const std::lock_guard lock(mutex_);

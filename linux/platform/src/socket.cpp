@@ -4,6 +4,7 @@
 #include <kivplatform/driver_process.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -71,8 +72,12 @@ kern_return_t Conversation::ask(const kivplatform_request& request, const void* 
                                 std::span<std::byte> room, std::size_t& produced, int sent,
                                 Descriptor* received) {
     const std::lock_guard lock(turn_);
-    if (ended_ || !send(request, payload, size, sent)) return MACH_SEND_INVALID_DEST;
-    return receive(room, produced, received);
+    if (ended_) return MACH_SEND_INVALID_DEST;
+    const kern_return_t status =
+        send(request, payload, size, sent) ? receive(room, produced, received) : MACH_SEND_INVALID_DEST;
+    // A reply that comes late would be taken for the next request's.
+    if (status == MACH_SEND_INVALID_DEST) ended_ = true;
+    return status;
 }
 
 void Conversation::end() {
@@ -83,6 +88,10 @@ void Conversation::end() {
         ended_ = true;
         return;
     }
+    // A driver process that does not answer may not keep the program from closing.
+    const timeval patience{1, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     kivplatform_request request{};
     request.kind = KIVPLATFORM_CLOSE;
     std::size_t produced = 0;

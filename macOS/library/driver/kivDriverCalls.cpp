@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <type_traits>
 
 #include "driverLog.h"
 #include "kivDriverClient.h"
@@ -36,21 +37,22 @@ int32_t bad_argument(int line) {
 
 }  // namespace
 
-/// True when the client is open; otherwise says that it is not.
-bool kivDriverClient::connected() const {
-    if (connect_ != 0) return true;
-    driver_log(__LINE__, "Not Initialized\n");
-    return false;
+/// The connection; 0, and a line that says so, when the client is closed.
+uint32_t kivDriverClient::connected() const {
+    const uint32_t connect = connect_;
+    if (connect == 0) driver_log(__LINE__, "Not Initialized\n");
+    return connect;
 }
 
 /// One call. The reply is zeroed first; the driver may produce less of it than its size.
 template <typename In, typename Out>
 int32_t kivDriverClient::call(uint32_t selector, const In* input, Out* output) {
-    if (!connected()) return -1;
+    const uint32_t connect = connected();
+    if (connect == 0) return -1;
     std::size_t size = size_of<Out>();
     const bool replies = size != 0;
     if (replies) std::memset(static_cast<void*>(output), 0, size);
-    return IOConnectCallStructMethod(connect_, selector, size_of<In>() != 0 ? input : nullptr, size_of<In>(),
+    return IOConnectCallStructMethod(connect, selector, size_of<In>() != 0 ? input : nullptr, size_of<In>(),
                                      replies ? output : nullptr, replies ? &size : nullptr);
 }
 
@@ -130,7 +132,7 @@ int32_t kivDriverClient::get_version_dext(uint16_t& major, uint16_t& minor, uint
 }
 
 int32_t kivDriverClient::read_pci32(uint32_t bar, uint64_t offset, uint32_t* value) {
-    if (!connected()) return -1;
+    if (connected() == 0) return -1;
     if (value == nullptr) return bad_argument(__LINE__);
     *value = 0;
     const wire::PciAccess request = pci_access(bar, offset);
@@ -141,7 +143,7 @@ int32_t kivDriverClient::read_pci32(uint32_t bar, uint64_t offset, uint32_t* val
 }
 
 int32_t kivDriverClient::read_pci64(uint32_t bar, uint64_t offset, uint64_t* value) {
-    if (!connected()) return -1;
+    if (connected() == 0) return -1;
     if (value == nullptr) return bad_argument(__LINE__);
     *value = 0;
     const wire::PciAccess request = pci_access(bar, offset);
@@ -190,7 +192,7 @@ int32_t kivDriverClient::iofree(uint32_t id) {
 }
 
 int32_t kivDriverClient::get_iobus_address(uint32_t id, uint32_t index, uint64_t* address) {
-    if (!connected()) return -1;
+    if (connected() == 0) return -1;
     if (address == nullptr) {
         driver_log(__LINE__, "Bad arugment\n");
         return -1;
@@ -241,16 +243,17 @@ int32_t kivDriverClient::disable_interrupt(uint32_t number) {
 }
 
 int32_t kivDriverClient::set_descriptor_anc(bool direction, uint32_t& count, uint64_t* descriptors) {
-    if (!connected()) return -1;
-    if (count > wire::kAncSlots - 1) {
-        driver_log(__LINE__, "Over size max=%u now=%u\n", wire::kAncSlots, count);
+    if (connected() == 0) return -1;
+    const uint32_t number = count;  // Another thread may change it.
+    if (number > wire::kAncSlots - 1) {
+        driver_log(__LINE__, "Over size max=%u now=%u\n", wire::kAncSlots, number);
         return -1;
     }
-    if (descriptors == nullptr && count != 0) return bad_argument(__LINE__);
+    if (descriptors == nullptr && number != 0) return bad_argument(__LINE__);
     wire::AncDescriptors request{};
     request.direction = direction ? 1 : 0;
-    request.count = count;
-    if (count != 0) std::memcpy(request.slot, descriptors, count * sizeof(wire::AncDescriptor));
+    request.count = number;
+    if (number != 0) std::memcpy(request.slot, descriptors, number * sizeof(wire::AncDescriptor));
     return send(wire::kSetDescriptorAnc, request);
 }
 

@@ -39,8 +39,12 @@ class IoObject {
 std::shared_ptr<kivDriverClient> open_service(io_service_t service) {
     for (const uint8_t type : {kivDriverClient::pf0_st2110_id, kivDriverClient::pf1_cpeng_id}) {
         io_connect_t connect = IO_OBJECT_NULL;
-        if (IOServiceOpen(service, mach_task_self(), type, &connect) == kIOReturnSuccess) {
+        if (IOServiceOpen(service, mach_task_self(), type, &connect) != kIOReturnSuccess) continue;
+        try {
             return std::make_shared<kivDriverClient>(type, connect);
+        } catch (...) {
+            IOServiceClose(connect);
+            throw;
         }
     }
     return nullptr;

@@ -40,12 +40,12 @@ struct dextBuffer {
     std::vector<buffer_info> infos;  ///< In their order.
 };
 
-/// Operations return 0, the platform's status when a call fails, or -1, with a line in the platform log, when
+/// Driver calls return 0, the platform's status when the call fails, or -1, with a line in the platform log, when
 /// the client is closed or an argument is bad. Results are 0 when a call fails, unless said otherwise.
 ///
 /// Threads: everything may be called from any thread at once, the settings of `boot_conf` and `device_conf`
-/// apart. A call that meets close() fails as on a closed client. The last reference to a client must not be
-/// dropped in its own interrupt callback.
+/// apart. A call that meets close() fails, as on a closed client or with the platform's status. Calls wait for as
+/// long as the driver takes. The last reference to a client must not be dropped in its own interrupt callback.
 class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_from_this<kivDriverClient> {
   public:
     static constexpr uint8_t pf0_st2110_id = 22;  ///< ST 2110 media function, PCI function 0.
@@ -97,17 +97,19 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     ~kivDriverClient() override;
 
     /// Announces this process to the driver. With `interrupts` it also maps the ANC memories and starts the
-    /// notification thread, unless that runs already; what fails there is only logged. Takes 10 ms then, so
-    /// that the thread is registered with the driver.
+    /// notification thread, unless that runs already; what fails there is not reported (the thread logs why it
+    /// ends). Takes 10 ms then, so that the thread is registered with the driver.
     int32_t open(bool interrupts);
 
     /// Ends the notification thread, takes leave of the driver and closes the connection, and with it all
-    /// mappings and buffers. -1 when it is closed already, in the client's own interrupt callback, or when
-    /// the driver refuses the leave: then the connection stays.
+    /// mappings and buffers. Waits for a callback that runs: hold no lock that it takes. -1 when it is closed
+    /// already, in the client's own interrupt callback, or when the driver refuses the leave: then the
+    /// connection stays, without notification thread until the next open(true).
     int32_t close();
 
     /// Replaces what is called, on the notification thread, for each interrupt message; may be empty. When
-    /// this returns the former one does not run any more (unless called inside it). Exceptions are dropped.
+    /// this returns the former one does not run any more (unless called inside it). Waits for a callback that
+    /// runs, as close(). Exceptions are dropped.
     void set_callback(std::function<void(const InterruptEvent&)> callback);
 
     bool isOpen() const { return connect_ != 0; }
@@ -115,17 +117,17 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
 
     // ---- Driver calls -----------------------------------------------------------------------------------
 
-    int32_t init();    ///< This process to the driver's list of users ...
-    int32_t deinit();  ///< ... and off it.
-    int32_t load_boot_conf(boot_conf_t& conf);
+    int32_t init();                             ///< This process to the driver's list of users ...
+    int32_t deinit();                           ///< ... and off it.
+    int32_t load_boot_conf(boot_conf_t& conf);  ///< Untouched on failure.
     int32_t set_device_conf(const device_conf_t& conf);
-    int32_t get_device_conf(device_conf_t& conf);  ///< All but `ptp_selected`.
+    int32_t get_device_conf(device_conf_t& conf);  ///< All but `ptp_selected`. Untouched on failure.
 
     /// Version of this client, 2.3.1, without a call.
     void get_version(uint16_t& major, uint16_t& minor, uint16_t& patch) const;
     int32_t get_version_dext(uint16_t& major, uint16_t& minor, uint16_t& patch);  ///< Untouched on failure.
 
-    /// Registers; `offset` in bytes from the start of the BAR.
+    /// Registers, 0 on failure but on a closed client; `offset` in bytes from the start of the BAR.
     int32_t read_pci32(uint32_t bar, uint64_t offset, uint32_t* value);
     int32_t read_pci64(uint32_t bar, uint64_t offset, uint64_t* value);
     int32_t write_pci32(uint32_t bar, uint64_t offset, uint32_t value);
@@ -139,7 +141,7 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     int32_t get_iobus_address(uint32_t id, uint32_t index, uint64_t* address);
 
     /// Maps an element of DMA memory, or a BAR, for reading and writing. The same memory mapped again is at the
-    /// same address. Pointers may be null.
+    /// same address, and unmap() ends it for all who use it. Pointers may be null; untouched on failure.
     int32_t map_iomemory(uint32_t id, uint32_t index, uint64_t* address, uint64_t* size);
     int32_t map_pci(uint32_t bar, uint64_t* address, uint64_t* size);
     int32_t unmap(uint64_t address);
@@ -214,13 +216,18 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     static uint8_t get_pci_function_count(kivDriverClientList& list, uint8_t func_id);
 
   private:
+    // The notification thread belongs to open() and close().
+    using ThreadManager::join_thread;
+    using ThreadManager::notify_all;
+    using ThreadManager::start_thread;
+
     template <typename In, typename Out>
     int32_t call(uint32_t selector, const In* input, Out* output);
     template <typename In>
     int32_t send(uint32_t selector, const In& input);
     template <typename Out>
     int32_t receive(uint32_t selector, Out& output);
-    bool connected() const;
+    uint32_t connected() const;
     template <typename Selection>
     int32_t map_memory(const Selection& selection, uint64_t* address, uint64_t* size);
     void release(const dextBuffer& buffer);

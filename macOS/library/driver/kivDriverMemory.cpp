@@ -28,9 +28,9 @@ auto find_buffer(auto& buffers, uint32_t id) {
 
 template <typename Selection>
 int32_t kivDriverClient::map_memory(const Selection& selection, uint64_t* address, uint64_t* size) {
-    if (!connected()) return -1;
+    const uint32_t connect = connected();
+    if (connect == 0) return -1;
     const std::lock_guard lock(selection_mutex_);
-    const uint32_t connect = connect_;
     const kern_return_t selected = IOConnectCallStructMethod(connect, wire::kSelectMemory, &selection,
                                                              sizeof selection, nullptr, nullptr);
     if (selected != kIOReturnSuccess) return selected;
@@ -53,8 +53,9 @@ int32_t kivDriverClient::map_pci(uint32_t bar, uint64_t* address, uint64_t* size
 }
 
 int32_t kivDriverClient::unmap(uint64_t address) {
-    if (!connected()) return -1;
-    return IOConnectUnmapMemory64(connect_, kIODefaultMemoryType, mach_task_self(), address);
+    const uint32_t connect = connected();
+    if (connect == 0) return -1;
+    return IOConnectUnmapMemory64(connect, kIODefaultMemoryType, mach_task_self(), address);
 }
 
 // ---- Buffers ----------------------------------------------------------------------------------------------
@@ -71,12 +72,10 @@ int32_t kivDriverClient::allocate_buffer(uint32_t id, uint32_t elm_size, uint32_
     int32_t status = 0;
     try {
         for (uint32_t index = 0; index < depth && status == 0; ++index) {
-            buffer_info info{};
+            buffer_info& info = buffer.infos.emplace_back();
             status = get_iobus_address(id, index, &info.bus_address);
-            if (status != 0) break;
-            buffer.infos.reserve(index + std::size_t{1});
-            status = map_iomemory(id, index, &info.mapped_address, &info.mapped_size);
-            if (status == 0) buffer.infos.push_back(info);
+            if (status == 0) status = map_iomemory(id, index, &info.mapped_address, &info.mapped_size);
+            if (status != 0) buffer.infos.pop_back();
         }
         if (status == 0) {
             buffers_.push_back(std::move(buffer));

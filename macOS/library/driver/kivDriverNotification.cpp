@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
-#include <system_error>
 #include <utility>
 
 #include "driverLog.h"
@@ -34,7 +33,7 @@ void kivDriverClient::start_notifications() {
     }
     try {
         start_thread();
-    } catch (const std::system_error&) {
+    } catch (...) {
         end_of_thread();  // No thread to be had: no messages.
     }
 }
@@ -129,8 +128,9 @@ void kivDriverClient::callbak_dext(void* refcon, int32_t, void** args, uint32_t 
 /// A single argument travels in the place of the array's address.
 void kivDriverClient::notify(void** args, uint32_t numArgs) noexcept try {
     if (numArgs == 0 || (numArgs > 1 && args == nullptr)) return;
+    decltype(callback_) callback;  // Lives on when it replaces itself.
     const std::lock_guard lock(callback_mutex_);
-    const auto callback = callback_;  // Lives on when it replaces itself.
+    callback = callback_;
     if (!callback) return;
     InterruptEvent event{};
     event.count = numArgs;

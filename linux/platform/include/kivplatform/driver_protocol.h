@@ -49,7 +49,8 @@ struct kivplatform_message {
     uint64_t argument[KIVPLATFORM_MESSAGE_ARGUMENTS];
 };
 
-/* A memory of the driver: bytes of the file whose descriptor comes along. Whole pages. The same place in the same
+/* A memory of the driver: bytes of the file whose descriptor comes along, which is sealed against
+ * shrinking. Whole pages. The same place in the same
  * file is the same memory. */
 struct kivplatform_mapping {
     uint64_t offset;
