@@ -4,6 +4,7 @@
 
 #include <wire.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <limits>
@@ -39,7 +40,8 @@ struct DriverConnection {
     std::optional<kiv::wire::MemorySelection> selected;
     uint32_t announced = 0;  ///< Processes that have come and not gone.
     bool takes_messages = false;
-    std::set<uint32_t> interrupts;  ///< Enabled interrupt numbers.
+    std::set<uint32_t> interrupts;                             ///< Enabled interrupt numbers.
+    std::map<std::array<uint32_t, 3>, uint32_t> process_data;  ///< Data by flag, number and value.
 };
 
 /// Messages to be sent to every connection that takes them.

@@ -40,7 +40,8 @@ Json driver_description(const DriverState& driver) {
                                {"function", connection.function},
                                {"announced", connection.announced},
                                {"messages", connection.takes_messages},
-                               {"interrupts", connection.interrupts}});
+                               {"interrupts", connection.interrupts},
+                               {"process_data", connection.process_data}});
     }
     Json memory = Json::array();
     for (const MemoryBlock& block : driver.blocks)

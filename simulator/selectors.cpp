@@ -43,7 +43,9 @@ struct Signature<int32_t (*)(Context&, const In&, Out&)> {
 template <typename Struct>
 inline constexpr std::size_t kSize = std::is_same_v<Struct, Nothing> ? 0 : sizeof(Struct);
 
-constexpr std::size_t kMostInterrupts = 64;  ///< That a connection may enable.
+// What a connection may enable and register.
+constexpr std::size_t kMostInterrupts = 64;
+constexpr std::size_t kMostRegistrations = 1024;
 
 /// The bytes around a method on structs: the input must have just its size; the reply starts as zero.
 template <auto method>
@@ -205,8 +207,18 @@ int32_t get_device_conf(Context& context, const Nothing&, wire::DeviceConf& repl
     return kIOReturnSuccess;
 }
 
-int32_t process_data(Context&, const wire::ProcessData& request, Nothing&) {
-    return request.process_id > 0 ? kIOReturnSuccess : kIOReturnBadArgument;
+int32_t register_process_data(Context& context, const wire::ProcessData& request, Nothing&) {
+    if (request.process_id <= 0) return kIOReturnBadArgument;
+    auto& registered = context.connection().process_data;
+    if (registered.size() >= kMostRegistrations) return kIOReturnNoResources;
+    registered[{request.flag, request.number, request.value}] = request.data;
+    return kIOReturnSuccess;
+}
+
+int32_t unregister_process_data(Context& context, const wire::ProcessData& request, Nothing&) {
+    if (request.process_id <= 0) return kIOReturnBadArgument;
+    context.connection().process_data.erase({request.flag, request.number, request.value});
+    return kIOReturnSuccess;
 }
 
 int32_t get_use_resource(Context& context, const Nothing&, wire::UseResource& reply) {
@@ -244,8 +256,8 @@ constexpr Row kRows[] = {
     {wire::kGetAncInfo,                    on_structs<&get_anc_info>},
     {wire::kSetDeviceConf,                 on_structs<&set_device_conf>},
     {wire::kGetDeviceConf,                 on_structs<&get_device_conf>},
-    {wire::kRegisterProcessData,           on_structs<&process_data>},
-    {wire::kUnregisterProcessData,         on_structs<&process_data>},
+    {wire::kRegisterProcessData,           on_structs<&register_process_data>},
+    {wire::kUnregisterProcessData,         on_structs<&unregister_process_data>},
     {wire::kGetUseResourceData,            on_structs<&get_use_resource>},
     {wire::kGetPciLinkInfo,                on_structs<&get_pci_link>},
 };

@@ -151,6 +151,11 @@ TEST(DriverMemory, OfTheAncEngineIsMappedByOpenAndItsRecordsReachTheCard) {
                                     "control": [1, 2, 3]})"));
     EXPECT_EQ(shown["connections"][0]["announced"], 1);
     EXPECT_EQ(shown["connections"][0]["messages"], true);
+    EXPECT_EQ(client->register_process_data(true, 2, 3, 4), 0);
+    EXPECT_EQ(client->register_process_data(false, 2, 3, 5), 0);
+    EXPECT_EQ(client->unregister_process_data(true, 2, 3), 0);
+    EXPECT_EQ(control(simulator, "GET")["driver"]["connections"][0]["process_data"],
+              nlohmann::json::parse("[[[0, 2, 3], 5]]"));
     EXPECT_EQ(client->close(), 0);
     EXPECT_EQ(client->get_anc_buffer(0).mapped_address, 0u);
 }

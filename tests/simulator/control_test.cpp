@@ -25,6 +25,8 @@ TEST(Control, RefusesABadValueAndTakesACardOutOfItsSlotAndBack) {
     // clang-format on
     for (const auto& [body, expected] : rows)
         EXPECT_EQ(patch(body), std::string(R"(400 {"error":"request: )") + expected + "\"}") << body;
+    EXPECT_EQ(patch(R"({"hwmon": )" + std::string(100'000, '[') + std::string(100'000, ']') + "}"),
+              R"(400 {"error":"more than 64 levels of JSON"})");
 
     const auto clients = kivDriverClient::enumerateDevices("kivPCIService");
     ASSERT_EQ(clients.size(), 4u);
