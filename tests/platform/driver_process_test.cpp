@@ -56,7 +56,7 @@ TEST(PlatformDriverProcess, ThatIsKilledEndsEvenAStalledCall) {
 
 TEST(PlatformDriverProcess, IsFoundWhereTheEnvironmentSays) {
     char path[KIVPLATFORM_SOCKET_PATH_SIZE];
-    for (const size_t length : {1, 107, 108}) {
+    for (const size_t length : {1u, 107u, 108u}) {
         const std::string chosen(length, 'x');
         setenv("KIVSIM_SOCKET", chosen.c_str(), 1);
         EXPECT_EQ(kivplatform_driver_socket(path), length < 108) << length;
