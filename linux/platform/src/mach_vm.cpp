@@ -14,7 +14,9 @@ struct CloseFile {
 /// Pages that the kernel lends to every process ([vvar] may be several); the platform's own query does not
 /// show such.
 bool lent_by_kernel(const char* line) {
-    return std::strstr(line, "[vsyscall]") != nullptr || std::strstr(line, "[vvar") != nullptr;
+    const char* const name = std::strrchr(line, ' ');  // The last column.
+    return name != nullptr &&
+           (std::strncmp(name, " [vsyscall]", 11) == 0 || std::strncmp(name, " [vvar", 6) == 0);
 }
 
 }  // namespace
