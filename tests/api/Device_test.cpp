@@ -2,6 +2,7 @@
 #include <Device.h>
 #include <DeviceEnumeratorMacOS.h>
 #include <DeviceFactoryMacOS.h>
+#include <SystemMonitorData.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -161,9 +162,16 @@ TEST(DevicePoll, RaisesTheSensorAlarmAtTheMaximum) {
     // Sensors that the card does not list are 0 of 0, which is at the maximum: the whole list is needed for
     // silence.
     const std::string unlisted = "!0/0/0/0!0/0/0/0!0/0/0/0!0/0/0/0!0/0/0/0";
+    std::string quiet;  // Every sensor, each below its maximum.
+    for (const auto& [label, sensor] : kiv::device::SystemMonitorData().labels)
+        quiet += (quiet.empty() ? "" : ",") + std::string(R"({"input":4,"max":5,"label":")") + label + "\"}";
+    const auto report = [](const std::string& data) {
+        return LoopbackServer::http(200, "{\"data\":" + data + "}");
+    };
     LoopbackServer server({LoopbackServer::http(200, R"({"data":{"interfaces":[]}})"),
                            sensors(R"("input":95,"max":95,"critical":90)"), sensors(R"("input":94,"max":95)"),
-                           LoopbackServer::http(500, "")});
+                           LoopbackServer::http(500, ""), report("[" + quiet + "]"), report("[]"),
+                           report("{}")});
     OneCard card("127.0.0.1:" + std::to_string(server.port()));
     ASSERT_EQ(card.device->rest()->open(), 0);
     CapturedLog log;
@@ -177,7 +185,12 @@ TEST(DevicePoll, RaisesTheSensorAlarmAtTheMaximum) {
     EXPECT_TRUE(card.device->poll_60sec()) << "a failed request counts as notified";
     EXPECT_EQ(log.take(),
               (Lines{"HTTP Server error status=500, msg=http status 500", "Fail get_hwmon_info"}));
-    EXPECT_TRUE(card.take().empty());
+    EXPECT_FALSE(card.device->poll_60sec());
+    EXPECT_TRUE(card.take().empty()) << "all is quiet";
+    for (const char* document : {"empty", "unreadable"}) {
+        EXPECT_TRUE(card.device->poll_60sec()) << document;
+        EXPECT_EQ(card.take(), Lines{"0:!0/0/0/0" + unlisted + "!0/0/0/0"}) << document;
+    }
 }
 
 TEST(DevicePoll, DoesNotHoldUpTheEventsWhileItAsksForTheSensors) {

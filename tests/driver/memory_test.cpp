@@ -62,6 +62,21 @@ TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
     EXPECT_EQ(one.write_pci32(1, 0x44, 9), 0);
     EXPECT_EQ(at(address)[0x44], 9);
     EXPECT_EQ(two.map_pci(6, nullptr, nullptr), kBadArgument);
+    const auto selections = simulator.calls(13);
+    EXPECT_EQ(selections[3]["input"],
+              "01000000"
+              "00000000"
+              "07000000"
+              "02000000"
+              "00000000")
+        << "block 7, element 2";
+    EXPECT_EQ(selections[7]["input"],
+              "01000000"
+              "01000000"
+              "00000000"
+              "00000000"
+              "01000000")
+        << "BAR 1";
     EXPECT_EQ(two.unmap(address), 0);
     EXPECT_EQ(two.unmap(address), kBadArgument);
 

@@ -151,6 +151,24 @@ TEST(DriverNotification, LosesAndReordersNothing) {
     EXPECT_EQ(client->close(), 0);
 }
 
+TEST(DriverNotification, AProgramThatDoesNotReadHoldsOthersUpForAWhileOnly) {
+    constexpr uint64_t kMessages = 20'000;
+    RunningSimulator simulator;
+    const auto stuck = first_client();
+    const auto good = first_client();
+    std::promise<void> gate;
+    stuck->set_callback([opened = gate.get_future().share()](const InterruptEvent&) { opened.wait(); });
+    std::atomic<uint64_t> in_order = 0;
+    good->set_callback([&](const InterruptEvent& event) { in_order += event.word[0] == in_order; });
+    ASSERT_TRUE(open_for_messages(*stuck, simulator));
+    ASSERT_TRUE(open_for_messages(*good, simulator));
+    control(simulator, "POST", "/messages", {{"arguments", {0}}, {"count", kMessages}});
+    EXPECT_TRUE(wait_until([&] { return in_order == kMessages; })) << in_order;
+    gate.set_value();
+    EXPECT_EQ(stuck->close(), 0);
+    EXPECT_EQ(good->close(), 0);
+}
+
 TEST(DriverNotification, TheCallbackMayThrowReplaceItselfAndTryToClose) {
     RunningSimulator simulator;
     const auto client = first_client();

@@ -70,4 +70,10 @@ TEST(HpsHttpHelper, FindsThePayloadOnceWrappedOrNot) {
         EXPECT_EQ(payload({true, 200, body, ""}), R"(failure "kept")");
         EXPECT_EQ(log.take(), parse_error(body));
     }
+    // Deeper than any stack that would write it back.
+    const std::string deep = std::string(300'000, '[') + std::string(300'000, ']');
+    for (const std::string& body : {deep, "{\"data\":\"" + deep + "\"}"}) {
+        EXPECT_EQ(payload({true, 200, body, ""}), R"(failure "kept")");
+        EXPECT_EQ(log.take(), (Lines{"JSON parse error: more than 100 levels", "body=[" + body + "]"}));
+    }
 }

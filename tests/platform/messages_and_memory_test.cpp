@@ -35,7 +35,7 @@ class ScriptedDriver {
         size_t size, files;  ///< So much of the payload is sent, and the file's descriptor so often.
     };
     Reply map_reply{};  ///< To KIVPLATFORM_MAP.
-    const int file = memfd_create("memory", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    int file = memfd_create("memory", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     std::atomic<int> channel = -1;  ///< Of the last asynchronous call; selector 0 is refused.
 
     ScriptedDriver() {
@@ -279,6 +279,10 @@ TEST_F(PlatformMemory, ThatCannotBeTrustedIsRefusedAndLeaksNothing) {
     EXPECT_EQ(IOConnectMapMemory64(connect_, 0, 1, &address_, nullptr, kIOMapAnywhere), kRefused);
     EXPECT_EQ(map({0, {3 * kPage, kPage}, 16, 1}), kDone);
     EXPECT_LE(open_descriptors(), before);
+    const int sealed = std::exchange(driver_.file, memfd_create("unsealed", MFD_CLOEXEC));
+    EXPECT_EQ(ftruncate(driver_.file, static_cast<off_t>(kPage)), 0);
+    EXPECT_EQ(map({0, {0, kPage}, 16, 1}), kRefused) << "it might shrink under the mapping";
+    close(std::exchange(driver_.file, sealed));
     driver_.die();
     EXPECT_EQ(map({}), MACH_SEND_INVALID_DEST);
 }

@@ -18,6 +18,9 @@ class kivDriverClient;
 using kivDriverClientList = std::vector<std::shared_ptr<kivDriverClient>>;
 
 struct __CFRunLoop;
+namespace kiv::wire {
+struct MemorySelection;
+}
 
 /// One interrupt message of the driver.
 struct InterruptEvent {
@@ -175,7 +178,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     // ---- Buffers: DMA memory with all its elements mapped -----------------------------------------------
 
     /// Allocates and maps; all or nothing. -1 when the driver refuses the memory, else the status of the
-    /// element that failed. Ids are the caller's; where two buffers share one, the first counts.
+    /// element that failed. Ids are the caller's, and should be its own: buffers of one id may be the same
+    /// memory at the same addresses, and the first counts.
     int32_t allocate_buffer(uint32_t id, uint32_t elm_size, uint32_t depth);
 
     /// A copy of the buffer; -1, with `out` untouched, when there is none.
@@ -228,8 +232,7 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     template <typename Out>
     int32_t receive(uint32_t selector, Out& output);
     uint32_t connected() const;
-    template <typename Selection>
-    int32_t map_memory(const Selection& selection, uint64_t* address, uint64_t* size);
+    int32_t map_memory(const kiv::wire::MemorySelection& selection, uint64_t* address, uint64_t* size);
     void release(const dextBuffer& buffer);
 
     void run_thread() override;

@@ -26,8 +26,8 @@ auto find_buffer(auto& buffers, uint32_t id) {
 
 }  // namespace
 
-template <typename Selection>
-int32_t kivDriverClient::map_memory(const Selection& selection, uint64_t* address, uint64_t* size) {
+int32_t kivDriverClient::map_memory(const wire::MemorySelection& selection, uint64_t* address,
+                                    uint64_t* size) {
     const uint32_t connect = connected();
     if (connect == 0) return -1;
     const std::lock_guard lock(selection_mutex_);
