@@ -8,7 +8,7 @@ import sys
 
 # A room: the files that are in it (first match wins).
 ROOMS = [
-    ("base", r"sdk/library/src/(kiv_export|kiv_types|vendor|guarded|jsonFields)\.h"),
+    ("base", r"sdk/library/src/(kiv_export|kiv_types|vendor|guarded|jsonFields|libraryThread)\.h"),
     ("thread", r"sdk/library/src/device/thread/"),
     ("device interfaces", r"sdk/library/src/device/(IDevice\w+|DeviceInfo)\.h"),
     ("device", r"sdk/library/src/device/"),
@@ -42,7 +42,7 @@ ALLOWED = {
     "wire": [],
     "driver client": ["base", "wire", "thread manager", "IOKit", "CoreFoundation", "mach", "pthread", "os"],
     "adapters": ["base", "wire", "driver client", "device interfaces", "rest interface", "rest"],
-    "api": ["base", "device", "device interfaces", "thread", "config", "log", "adapters"],
+    "api": ["base", "device", "device interfaces", "thread", "config", "log", "adapters", "driver client"],
     "driver process": [],
     "platform": ["driver process", "IOKit", "CommonCrypto", "CoreFoundation", "mach", "pthread", "os"],
     "simulator": ["wire", "driver process", "IOKit/IOReturn.h", "nlohmann", "httplib.h", "CLI"],

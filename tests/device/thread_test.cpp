@@ -2,9 +2,11 @@
 // ones generous: machines are slow at times, the steady clock is never early.
 #include <PeriodicThreadPool.h>
 #include <Scheduler.h>
+#include <ThreadManager.h>
 #include <gtest/gtest.h>
 
 #include <array>
+#include <csignal>
 #include <future>
 #include <stdexcept>
 
@@ -192,6 +194,70 @@ TEST(PeriodicThreadPool, AJobMayReleaseItsOwnPool) {
     pool.reset();
     gate.open = true;
     EXPECT_TRUE(released.get_future().get());
+}
+
+/// One thread that shuts down waits for the workers, and so does the other.
+TEST(PeriodicThreadPool, MayBeShutDownByTwoThreadsAtOnceAndByAJob) {
+    Probe gate;
+    gate.open = false;
+    PeriodicThreadPool pool(2);
+    pool.post([&] {
+        gate();
+        pool.shutdown();  // Only asks: it would wait for itself.
+    });
+    EXPECT_TRUE(gate.reach(1));
+    const auto shut_down = [&pool] { pool.shutdown(); };
+    const auto first = std::async(std::launch::async, shut_down);
+    const auto second = std::async(std::launch::async, shut_down);
+    EXPECT_EQ(first.wait_for(100ms), std::future_status::timeout);
+    EXPECT_EQ(second.wait_for(0ms), std::future_status::timeout);
+    gate.open = true;
+    EXPECT_EQ(first.wait_for(20s), std::future_status::ready);
+    EXPECT_EQ(second.wait_for(20s), std::future_status::ready);
+}
+
+/// What the calling thread blocks of: a signal of the application, its end, a fault.
+std::string blocked_signals() {
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    std::string blocked;
+    for (const int number : {SIGUSR1, SIGTERM, SIGSEGV})
+        blocked += sigismember(&mask, number) != 0 ? '1' : '0';
+    return blocked;
+}
+
+/// A job that tells when it is copied: the timer does so when it finds the job due.
+struct TellsOnTheTimer {
+    explicit TellsOnTheTimer(std::promise<std::string>& to) : told(to) {}
+    TellsOnTheTimer(const TellsOnTheTimer& other) : told(other.told) {
+        if (!other.has_told.exchange(true)) told.set_value(blocked_signals());
+    }
+    TellsOnTheTimer(TellsOnTheTimer&& other) noexcept : told(other.told) {}
+    void operator()() const {}
+    std::promise<std::string>& told;
+    mutable std::atomic<bool> has_told{false};
+};
+
+struct TellsOnItsThread : ThreadManager {
+    void run_thread() override { told.set_value(blocked_signals()); }
+    std::promise<std::string> told;
+};
+
+TEST(LibraryThreads, LeaveTheSignalsOfTheApplicationAlone) {
+    std::promise<std::string> of_worker, of_timer;
+    const auto pool = std::make_shared<PeriodicThreadPool>(1);
+    pool->post([&] { of_worker.set_value(blocked_signals()); });
+    EXPECT_EQ(of_worker.get_future().get(), "110");
+    TellsOnItsThread manager;
+    manager.start_thread();
+    EXPECT_EQ(manager.told.get_future().get(), "110");
+    manager.join_thread();
+    Scheduler scheduler;
+    scheduler.schedulePeriodic(TellsOnTheTimer(of_timer), 1ms, nullptr);
+    scheduler.start();
+    EXPECT_EQ(of_timer.get_future().get(), "110");
+    scheduler.stop();
+    EXPECT_EQ(blocked_signals(), "000") << "the starting thread has its mask back";
 }
 
 }  // namespace

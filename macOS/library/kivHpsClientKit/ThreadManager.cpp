@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "libraryThread.h"
+
 namespace {
 thread_local const ThreadManager* t_current = nullptr;  ///< The manager whose thread this is.
 }
@@ -20,7 +22,7 @@ void ThreadManager::start_thread() {
         stop_requested = false;
         wake = false;
     }
-    thread_ = std::thread([this] {
+    thread_ = kiv::start_library_thread([this] {
         t_current = this;
         try {
             run_thread();

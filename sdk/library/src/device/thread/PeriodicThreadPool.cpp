@@ -2,17 +2,19 @@
 
 #include <utility>
 
+#include "libraryThread.h"
+
 namespace kiv::device::thread {
 
 namespace {
-thread_local bool t_on_worker = false;
+thread_local const void* t_pool = nullptr;  ///< State of the pool whose worker this is.
 }
 
 PeriodicThreadPool::PeriodicThreadPool(unsigned threadCount) {
     try {
         threads_.reserve(threadCount);
         for (unsigned i = 0; i < threadCount; ++i)
-            threads_.emplace_back([state = state_] { workerLoop(*state); });
+            threads_.emplace_back(start_library_thread([state = state_] { workerLoop(*state); }));
     } catch (...) {
         shutdown();
         throw;
@@ -20,7 +22,8 @@ PeriodicThreadPool::PeriodicThreadPool(unsigned threadCount) {
 }
 
 PeriodicThreadPool::~PeriodicThreadPool() {
-    shutdown();
+    ask_to_end();
+    join_workers();
 }
 
 void PeriodicThreadPool::post(std::function<void()> task) {
@@ -32,11 +35,21 @@ void PeriodicThreadPool::post(std::function<void()> task) {
 }
 
 void PeriodicThreadPool::shutdown() {
+    ask_to_end();
+    if (t_pool != state_.get()) join_workers();
+}
+
+void PeriodicThreadPool::ask_to_end() {
     {
         const std::lock_guard lock(state_->mutex);
         state_->running = false;
     }
     state_->cv.notify_all();
+}
+
+/// A job that owned the last reference to its pool still runs: its worker is let go.
+void PeriodicThreadPool::join_workers() {
+    const std::lock_guard lock(join_mutex_);
     for (std::thread& thread : threads_) {
         if (!thread.joinable()) continue;
         if (thread.get_id() == std::this_thread::get_id()) {
@@ -48,11 +61,11 @@ void PeriodicThreadPool::shutdown() {
 }
 
 bool PeriodicThreadPool::onWorkerThread() {
-    return t_on_worker;
+    return t_pool != nullptr;
 }
 
 void PeriodicThreadPool::workerLoop(State& state) {
-    t_on_worker = true;
+    t_pool = &state;
     while (state.running) {
         std::function<void()> task;
         {

@@ -22,7 +22,9 @@ class KIV_API PeriodicThreadPool {
     /// cannot be started; those already started are ended first.
     explicit PeriodicThreadPool(unsigned threadCount);
 
-    /// As shutdown(); jobs still queued are destroyed unrun.
+    /// Ends and joins the workers, as shutdown(); jobs still queued are destroyed unrun. On a worker (a job
+    /// that owned the last reference to its pool) that worker is let go instead of waited for, and ends after
+    /// its job.
     ~PeriodicThreadPool();
 
     PeriodicThreadPool(const PeriodicThreadPool&) = delete;
@@ -32,8 +34,8 @@ class KIV_API PeriodicThreadPool {
     void post(std::function<void()> task);
 
     /// Lets running jobs finish, leaves queued ones (a worker that was idle may still take one) and joins the
-    /// workers. May be called again. On a worker (a job that owned the last reference to its pool) that
-    /// worker is let go instead of waited for, and ends after its job.
+    /// workers. May be called again, and from several threads at once: each returns when the workers have
+    /// ended. On one of the pool's own workers it only asks them to end.
     void shutdown();
 
     /// True on a worker thread of any pool.
@@ -48,8 +50,11 @@ class KIV_API PeriodicThreadPool {
         std::atomic<bool> running{true};  ///< Cleared under the mutex.
     };
     static void workerLoop(State& state);
+    void ask_to_end();
+    void join_workers();
 
     std::vector<std::thread> threads_;
+    std::mutex join_mutex_;  ///< One thread at a time joins the workers. No worker waits for it.
     const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 

@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "libraryThread.h"
+
 namespace kiv::device::thread {
 
 namespace {
@@ -28,7 +30,7 @@ Scheduler::~Scheduler() {
 
 void Scheduler::start() {
     running_ = true;
-    worker_ = std::thread([this] { runLoop(); });
+    worker_ = start_library_thread([this] { runLoop(); });
 }
 
 void Scheduler::stop() {
