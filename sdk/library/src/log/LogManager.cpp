@@ -5,7 +5,9 @@
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <cstdlib>
 #include <iostream>
+#include <utility>
 
 #include "os_log_sink.h"
 #include "vendor.h"
@@ -88,30 +90,34 @@ spdlog::level::level_enum to_spdlog_level(kiv_log_level_t level) {
 }
 
 LogManager& LogManager::getInstance() {
-    static LogManager instance;
+    // Never destroyed: other threads may log while the process exits.
+    static LogManager& instance = *new LogManager;
     return instance;
 }
 
-// Touching spdlog's registry here makes it outlive this object.
 LogManager::LogManager() {
+    // Touched before the handler is registered, spdlog's registry ends after it: from then on nobody may use
+    // it.
     spdlog::default_logger();
-}
-
-LogManager::~LogManager() {
-    ready_ = nullptr;
+    std::atexit([] { getInstance().exiting_ = true; });
 }
 
 void LogManager::init(const LogConfig& config) {
     const std::lock_guard lock(mutex_);
+    if (exiting_) return;
     if (logger_) {
         if (const auto logger = spdlog::default_logger()) logger->debug("LogManager already initialized.");
         return;
     }
     const std::vector<spdlog::sink_ptr> sinks = make_sinks(config);
-    logger_ = std::make_shared<spdlog::logger>("AppLogger", sinks.begin(), sinks.end());
-    logger_->set_level(to_spdlog_level(config.level));
-    spdlog::set_default_logger(logger_);
+    auto logger = std::make_shared<spdlog::logger>("AppLogger", sinks.begin(), sinks.end());
+    logger->set_level(to_spdlog_level(config.level));
+    // The pattern for the logger too: should one of these steps fail, nothing is kept and the next call
+    // begins anew.
+    logger->set_pattern(kPattern, spdlog::pattern_time_type::local);
     spdlog::set_pattern(kPattern, spdlog::pattern_time_type::local);
+    spdlog::set_default_logger(logger);
+    logger_ = std::move(logger);
     ready_.store(logger_.get(), std::memory_order_release);
 }
 

@@ -35,15 +35,16 @@ KIV_API spdlog::level::level_enum to_spdlog_level(kiv_log_level_t level);
 
 class KIV_API LogManager {
   public:
-    /// Created at first use, destroyed at process exit.
+    /// Created at first use, never destroyed.
     static LogManager& getInstance();
 
     /// Builds the logger from `config`, makes it spdlog's default logger and sets the pattern. Only the first
-    /// call counts. A sink that cannot be made is reported on standard error and skipped; with none left, the
-    /// console takes over. Any thread may log meanwhile.
+    /// call that succeeds counts: out of memory it throws std::bad_alloc and keeps nothing. A sink that
+    /// cannot be made is reported on standard error and skipped; with none left, the console takes over. Any
+    /// thread may log meanwhile.
     void init(const LogConfig& config);
 
-    /// The logger, or null before the first init. Valid until process exit.
+    /// The logger, or null before the first init. It stays until the process is gone.
     spdlog::logger* getLogger() const { return ready_.load(std::memory_order_acquire); }
 
     LogManager(const LogManager&) = delete;
@@ -51,11 +52,12 @@ class KIV_API LogManager {
 
   private:
     LogManager();
-    ~LogManager();
+    ~LogManager() = default;
 
     std::mutex mutex_;  ///< One init at a time; guards `logger_`.
     std::shared_ptr<spdlog::logger> logger_;
     std::atomic<spdlog::logger*> ready_{nullptr};  ///< `logger_`, once it is complete.
+    std::atomic<bool> exiting_{false};             ///< The process exits: spdlog's registry goes.
 };
 
 }  // namespace kiv::log
