@@ -284,6 +284,7 @@ TEST_F(Scan, EndsWithACodeWhenTheDriverProcessIsKilledUnderIt) {
 
 /// The process ends here, with its polls running and no close.
 TEST(ScanThenExit, NeedsNoClose) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             RunningSimulator of_child;

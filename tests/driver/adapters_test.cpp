@@ -5,6 +5,7 @@
 #include "DeviceEnumeratorMacOS.h"
 #include "DeviceFactoryMacOS.h"
 #include "RunningSimulator.h"
+#include "kivDriverClient.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "ControlAddress.h"
+#include "DriverClients.h"
 #include "DriverLines.h"
 #include "kivDext.h"
 #include "kivDriverClient.h"
@@ -183,6 +184,10 @@ TEST(Dext, CountsFunctionsAndLeavesOthersConnectionsAlone) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(kivDext_new(), 0);
     EXPECT_EQ(kivDext_get_selected_ptp_card(), 4) << "none is selected";
+    kivDriverClientList& found = kiv::driver_clients()->g_clients;
+    found[0]->device_conf.ptp_selected = 0xFE;
+    found[2]->device_conf.ptp_selected = 0x01;
+    EXPECT_EQ(kivDext_get_selected_ptp_card(), 2) << "bit 0 is the selection";
     EXPECT_EQ(kivDext_new(), 0);
     EXPECT_EQ(control(simulator, "GET")["driver"]["connections"].size(), 3u);
     EXPECT_EQ(control(simulator, "GET")["driver"]["connections"][0]["announced"], 1);

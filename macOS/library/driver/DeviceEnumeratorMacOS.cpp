@@ -8,21 +8,12 @@
 #include <string>
 #include <utility>
 
+#include "DriverClients.h"
 #include "wire.h"
 
 namespace kiv::device {
 
 namespace {
-
-struct SharedClients {
-    std::mutex mutex;
-    kivDriverClientList kivDev_;  ///< Guarded by the mutex.
-};
-
-SharedClients& shared() {
-    static SharedClients instance;
-    return instance;
-}
 
 /// "a.b.c.d:port" of the card's management server; only PCI function 0 knows it.
 std::string server_address(const kivDriverClient& client) {
@@ -52,10 +43,6 @@ void add_function(std::vector<DeviceInfo>& cards, const kivDriverClient& client)
 
 }  // namespace
 
-void DeviceEnumeratorMacOS::prepare() {
-    shared();
-}
-
 std::vector<DeviceInfo> DeviceEnumeratorMacOS::enumerate() {
     kivDriverClientList found = kivDriverClient::enumerateDevices(wire::kServiceName);
     std::vector<DeviceInfo> cards;
@@ -65,14 +52,16 @@ std::vector<DeviceInfo> DeviceEnumeratorMacOS::enumerate() {
         std::puts("Fail open device");
         std::fflush(stdout);
     }
-    const std::lock_guard lock(shared().mutex);
-    shared().kivDev_.swap(found);
+    if (DriverClients* const clients = driver_clients())
+        clients->replace(&DriverClients::kivDev_, std::move(found));
     return cards;
 }
 
 void* DeviceEnumeratorMacOS::getDeviceAccessPtr(unsigned id, unsigned function) {
-    const std::lock_guard lock(shared().mutex);
-    for (const auto& client : shared().kivDev_) {
+    DriverClients* const clients = driver_clients();
+    if (clients == nullptr) return nullptr;
+    const std::lock_guard lock(clients->mutex);
+    for (const auto& client : clients->kivDev_) {
         if (client->device_conf.device_index == static_cast<uint8_t>(id) &&
             client->boot_conf.function == static_cast<uint8_t>(function)) {
             return client.get();

@@ -3,11 +3,10 @@
 #define KIV_DEVICE_ENUMERATOR_MACOS_H
 
 #include "IDeviceEnumerator.h"
-#include "kivDriverClient.h"
 
 namespace kiv::device {
 
-/// All enumerators share one list of clients, which lives as long as the process. Any thread.
+/// All enumerators share the process's list of clients. Any thread.
 class DeviceEnumeratorMacOS final : public IDeviceEnumerator {
   public:
     /// One entry for each card, in order of first appearance. Replaces the shared clients; without any card,
@@ -16,9 +15,6 @@ class DeviceEnumeratorMacOS final : public IDeviceEnumerator {
 
     /// The kivDriverClient of that card's PCI function, or null. Valid until the next enumeration.
     void* getDeviceAccessPtr(unsigned id, unsigned function) override;
-
-    /// Brings the shared list into being, so that whatever is built later ends before it.
-    static void prepare();
 };
 
 }  // namespace kiv::device

@@ -2,41 +2,36 @@
 
 #include <algorithm>
 #include <mutex>
+#include <utility>
 
-#include "kivDriverClient.h"
+#include "DriverClients.h"
 #include "wire.h"
 
-namespace {
-
-struct Shared {
-    std::mutex mutex;
-    kivDriverClientList g_clients;  ///< Guarded by the mutex.
-};
-
-Shared& shared() {
-    static Shared instance;
-    return instance;
-}
-
-}  // namespace
+using kiv::driver_clients;
+using kiv::DriverClients;
 
 int32_t kivDext_new() try {
+    DriverClients* const clients = driver_clients();
+    if (clients == nullptr) return 1;
     kivDriverClientList found = kivDriverClient::enumerateDevices(kiv::wire::kServiceName);
     const bool none = found.empty();
-    const std::lock_guard lock(shared().mutex);
-    shared().g_clients.swap(found);
+    clients->replace(&DriverClients::g_clients, std::move(found));
     return none ? 1 : 0;
 } catch (...) {
     return 1;
 }
 
-uint16_t kivDext_get_selected_ptp_card() {
-    const std::lock_guard lock(shared().mutex);
-    const kivDriverClientList& clients = shared().g_clients;
+uint16_t kivDext_get_selected_ptp_card() try {
+    DriverClients* const shared = driver_clients();
+    if (shared == nullptr) return 0;
+    const std::lock_guard lock(shared->mutex);
+    const kivDriverClientList& clients = shared->g_clients;
     const auto selected = std::find_if(clients.begin(), clients.end(), [](const auto& client) {
         return (client->device_conf.ptp_selected & 1) != 0;
     });
     return static_cast<uint16_t>(selected - clients.begin());
+} catch (...) {
+    return 0;
 }
 
 int32_t kivDext_open_hps(...) {

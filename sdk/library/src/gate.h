@@ -22,8 +22,10 @@ inline kiv_result_t null_argument() {
 template <typename Operation>
 kiv_result_t call_device(uint8_t id, Operation operation) noexcept {
     return guarded([&]() -> kiv_result_t {
-        if (!g_DeviceManager) return KIV_ERR_NOT_OPENED;
-        const std::shared_ptr<device::Device> device = g_DeviceManager->getDeviceShared(id);
+        // Shares of both: a scan or close of another thread does not end them before this call has returned.
+        const std::shared_ptr<device::DeviceManager> manager = Process::instance().manager();
+        if (!manager) return KIV_ERR_NOT_OPENED;
+        const std::shared_ptr<device::Device> device = manager->getDeviceShared(id);
         return device ? operation(*device) : KIV_ERR_NO_DEVICE;
     });
 }

@@ -12,7 +12,9 @@
 using kiv::guarded;
 using kiv::api::call_device;
 using kiv::api::command_device;
+using kiv::api::kApiSource;
 using kiv::api::null_argument;
+using kiv::api::Process;
 using kiv::api::query_device;
 using kiv::config::CardConfig;
 using kiv::config::DeviceConfig;
@@ -29,16 +31,18 @@ constexpr std::chrono::milliseconds kStartPause{100};
 
 /// The settings that the configuration holds for a card. Without an entry for it the ports' stay untouched.
 void read_configuration(uint8_t id, kiv_ptp_config_t& out) {
-    const std::lock_guard lock(g_CardConfigMutex);
-    const PtpConfig& ptp = g_CardConfig.ptp;
+    Process& process = Process::instance();
+    const std::lock_guard lock(process.config_mutex);
+    const PtpConfig& ptp = process.g_CardConfig.ptp;
     out.global_params[0] = static_cast<int8_t>(ptp.announceReceiptTimeout);
     out.global_params[1] = static_cast<int8_t>(ptp.domainNumber);
     out.global_params[2] = static_cast<int8_t>(ptp.logAnnounceInterval);
     out.global_params[3] = static_cast<int8_t>(ptp.logDelayReqInterval);
     out.enabled = ptp.unicast_delay_req != 0;
-    const auto card = std::find_if(g_CardConfig.devices.begin(), g_CardConfig.devices.end(),
+    const auto& entries = process.g_CardConfig.devices;
+    const auto card = std::find_if(entries.begin(), entries.end(),
                                    [&](const DeviceConfig& entry) { return entry.device_id == id; });
-    if (card == g_CardConfig.devices.end()) return;
+    if (card == entries.end()) return;
     out.port_params[0] = static_cast<uint8_t>(card->maceth0.tos);
     out.port_params[1] = static_cast<uint8_t>(card->maceth1.tos);
     out.port_params[2] = static_cast<uint8_t>(card->maceth0.ttl);
@@ -54,16 +58,17 @@ void store_port(MacEthConfig& port, uint32_t address, uint32_t prefix, uint8_t t
 
 /// Into every entry of the card; in memory only.
 void store_configuration(uint8_t id, const kiv_net_config_t& net, const kiv_ptp_config_t& ptp) {
-    const std::lock_guard lock(g_CardConfigMutex);
-    for (DeviceConfig& entry : g_CardConfig.devices) {
+    Process& process = Process::instance();
+    const std::lock_guard lock(process.config_mutex);
+    for (DeviceConfig& entry : process.g_CardConfig.devices) {
         if (entry.device_id != id) continue;
         store_port(entry.maceth0, net.port_0.ip_address_0, net.port_0.prefix_length_0, ptp.port_params[0],
                    ptp.port_params[2]);
         store_port(entry.maceth1, net.port_1.ip_address_1, net.port_1.prefix_length_1, ptp.port_params[1],
                    ptp.port_params[3]);
     }
-    g_CardConfig.ptp = {ptp.global_params[0], ptp.global_params[1], ptp.global_params[2],
-                        ptp.global_params[3], ptp.enabled};
+    process.g_CardConfig.ptp = {ptp.global_params[0], ptp.global_params[1], ptp.global_params[2],
+                                ptp.global_params[3], ptp.enabled};
 }
 
 /// Waits until the card is seen busy, or its state cannot be read, or about a second has passed.
@@ -97,12 +102,14 @@ kiv_result_t write_flash_image(Device& device, const char* path) {
 // ---- Life cycle -----------------------------------------------------------------------------------------
 
 kiv_result_t kiv_open(const kiv_log_config_t* log_config) {
+    Process& process = Process::instance();
+    if (process.inherited()) return KIV_ERR_NOT_OPENED;
     kivLog_open(log_config, KIV_LOG_SINK_DEFAULT, nullptr, nullptr);
     const std::string path = CardConfig::getPath();
     CardConfig fresh = CardConfig::load_from_file(path);
     {
-        const std::lock_guard lock(g_CardConfigMutex);
-        g_CardConfig = std::move(fresh);
+        const std::lock_guard lock(process.config_mutex);
+        process.g_CardConfig = std::move(fresh);
     }
     kivLog_dispatch(KIV_LOG_LEVEL_INFO, kApiSource, __LINE__, "Starting KIV SDK: Config path={}", path);
     return KIV_OK;
@@ -114,8 +121,10 @@ kiv_result_t kiv_get_sw_version(kiv_sw_version_t* version) {
 }
 
 kiv_result_t kiv_configure_save() {
-    const std::lock_guard lock(g_CardConfigMutex);
-    g_CardConfig.save_to_file(CardConfig::getPath());
+    Process& process = Process::instance();
+    if (process.inherited()) return KIV_ERR_NOT_OPENED;
+    const std::lock_guard lock(process.config_mutex);
+    process.g_CardConfig.save_to_file(CardConfig::getPath());
     return KIV_OK;
 }
 
@@ -132,8 +141,10 @@ kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
 kiv_result_t kiv_get_id_selected_ptp_card(uint8_t* device_id) {
     return guarded([&]() -> kiv_result_t {
         if (device_id == nullptr) return null_argument();
-        if (!g_DeviceManager) return KIV_ERR_FAILED;
-        for (const auto& device : g_DeviceManager->allDevices()) {
+        Process& process = Process::instance();
+        const auto manager = process.manager();
+        if (!manager) return process.over() ? KIV_ERR_NOT_OPENED : KIV_ERR_FAILED;
+        for (const auto& device : manager->allDevices()) {
             const kiv_result_t selected = device->selected_ptp_card();
             if (selected == 0 || selected == KIV_ERR_FAILED) continue;
             *device_id = device->info().id;

@@ -12,6 +12,8 @@ namespace kiv {
 
 namespace {
 
+using api::kApiSource;
+using api::Process;
 using device::Device;
 
 /// Opens the card's accesses in order, then its management-server client. An exception is a failure.
@@ -28,8 +30,8 @@ void log_card(uint8_t id, int line, const char* format) {
     kivLog_dispatch(KIV_LOG_LEVEL_ERROR, kApiSource, line, format, unsigned{id});
 }
 
-/// Asks the card for its record and appends it to g_ScanInfo.
-kiv_result_t append_card(uint8_t id) {
+/// Asks the card for its record and appends it to the list of found cards.
+kiv_result_t append_card(Process& process, uint8_t id) {
     kiv_card_info_t info{};
     if (kiv_get_card_info(id, &info) != KIV_OK) {
         log_card(id, __LINE__, "[{}]kiv_get_card_info in kiv_scan");
@@ -40,74 +42,97 @@ kiv_result_t append_card(uint8_t id) {
         log_card(id, __LINE__, "[{}]kiv_get_media_net_config in kiv_scan");
         return KIV_ERR_FAILED;
     }
-    g_ScanInfo.push_back({id, info.reg_10, net.port_0.ip_address_0, net.port_1.ip_address_1});
+    process.g_ScanInfo.push_back({id, info.reg_10, net.port_0.ip_address_0, net.port_1.ip_address_1});
     return KIV_OK;
 }
 
-kiv_result_t _scan(kiv_scan_t* scan) {
-    if (scan == nullptr) return api::null_argument();
-    if (device::thread::PeriodicThreadPool::onWorkerThread()) return KIV_ERR_FAILED;
-
+/// A manager that watches the cards of the machine, in the place of the former one.
+std::shared_ptr<device::DeviceManager> replace_manager(Process& process) {
     device::DeviceFactoryRegistry registry;
     registry["macOS"] = std::make_unique<device::DeviceFactoryMacOS>();
-    auto enumerator = std::make_unique<device::DeviceEnumeratorMacOS>();
+    // A callback under way may still ask the former manager: it ends before the manager does.
+    if (const auto former = process.manager()) former->stop();
+    process.exchange_manager(nullptr);
+    auto manager =
+        std::make_shared<device::DeviceManager>(registry, std::make_unique<device::DeviceEnumeratorMacOS>());
+    process.exchange_manager(manager);
+    manager->loadDevices();
+    manager->start();
+    return manager;
+}
 
-    g_ScanInfo.clear();
-    // A callback under way may still ask the manager: it ends before the manager does.
-    if (g_DeviceManager) g_DeviceManager->stop();
-    g_DeviceManager.reset();
-    g_DeviceManager.emplace(registry, std::move(enumerator));
-    g_DeviceManager->loadDevices();
-    g_DeviceManager->start();
-
-    const auto cards = g_DeviceManager->allDevices();
+kiv_result_t _scan(Process& process, kiv_scan_t& scan) {
+    if (!process.claim()) return KIV_ERR_NOT_OPENED;
+    process.g_ScanInfo.clear();
+    const auto cards = replace_manager(process)->allDevices();
     for (const auto& card : cards) {
         if (open_card(*card)) continue;
         log_card(card->info().id, __LINE__, "[{}]Open Fail");
         return KIV_ERR_FAILED;
     }
     for (const auto& card : cards) {
-        const kiv_result_t result = append_card(card->info().id);
+        const kiv_result_t result = append_card(process, card->info().id);
         if (result != KIV_OK) return result;
     }
-    scan->count = static_cast<uint8_t>(cards.size());
-    scan->devices = g_ScanInfo.data();
+    scan.count = static_cast<uint8_t>(cards.size());
+    scan.devices = process.g_ScanInfo.data();
     return KIV_OK;
 }
 
-kiv_result_t scan_internal(kiv_scan_internal_t* out) {
-    if (out == nullptr) return api::null_argument();
+kiv_result_t scan_internal(Process& process, kiv_scan_internal_t& out) {
     kiv_scan_t scan{};
-    const kiv_result_t result = _scan(&scan);
+    const kiv_result_t result = _scan(process, scan);
     if (result != KIV_OK) return result;
+    const auto manager = process.manager();
+    if (!manager) return KIV_ERR_NOT_OPENED;
     for (uint8_t i = 0; i < scan.count; ++i) {
         kiv_scan_card_device_internal_t tunnel{};
-        if (const auto card = g_DeviceManager->getDeviceShared(scan.devices[i].device_id)) {
+        if (const auto card = manager->getDeviceShared(scan.devices[i].device_id)) {
             card->get_tun_config(tunnel.tunnel_address, tunnel.tunnel_value);
         }
-        g_ScanInfo_in.push_back(tunnel);
+        process.g_ScanInfo_in.push_back(tunnel);
     }
-    out->count = scan.count;
-    out->devices = g_ScanInfo.data();
+    out.count = scan.count;
+    out.devices = process.g_ScanInfo.data();
     // Never emptied: the start of the list holds the values of the first internal scan of the process.
-    out->internal = g_ScanInfo_in.data();
+    out.internal = process.g_ScanInfo_in.data();
     return KIV_OK;
 }
 
-kiv_result_t close() {
-    if (device::thread::PeriodicThreadPool::onWorkerThread()) return KIV_OK;
-    if (g_DeviceManager) {
-        g_DeviceManager->stop();
+kiv_result_t close(Process& process) {
+    const auto manager = process.manager();
+    if (manager) {
+        manager->stop();
         // The stop has released every card: what is left to close ends with the cards themselves.
-        for (const auto& card : g_DeviceManager->allDevices()) {
+        for (const auto& card : manager->allDevices()) {
             for (const auto& access : card->accesses())
                 access->close();
             if (card->rest() != nullptr) card->rest()->close();
         }
     }
-    g_ScanInfo.clear();
-    g_DeviceManager.reset();
+    process.g_ScanInfo.clear();
+    process.exchange_manager(nullptr);
     return KIV_OK;
+}
+
+/// Runs a scan or close in its turn. Where it would wait for its own thread it does nothing, and `refused` is
+/// the result; `late` is the result when the process ends.
+template <typename Body>
+kiv_result_t in_turn(kiv_result_t refused, kiv_result_t late, Body body) {
+    if (device::thread::PeriodicThreadPool::onWorkerThread()) return refused;
+    Process& process = Process::instance();
+    const api::Turn turn(process);
+    if (turn) return body(process);
+    return process.inherited() ? KIV_ERR_NOT_OPENED : process.over() ? late : refused;
+}
+
+template <typename Record, typename Body>
+kiv_result_t scan_in_turn(Record* record, Body body) noexcept {
+    return guarded([&] {
+        if (record == nullptr) return api::null_argument();
+        return in_turn(KIV_ERR_FAILED, KIV_ERR_NOT_OPENED,
+                       [&](Process& process) { return body(process, *record); });
+    });
 }
 
 }  // namespace
@@ -115,13 +140,13 @@ kiv_result_t close() {
 }  // namespace kiv
 
 kiv_result_t kiv_scan(kiv_scan_t* scan) {
-    return guarded([&] { return kiv::_scan(scan); });
+    return kiv::scan_in_turn(scan, kiv::_scan);
 }
 
 kiv_result_t kiv_scan_internal(kiv_scan_internal_t* scan) {
-    return guarded([&] { return kiv::scan_internal(scan); });
+    return kiv::scan_in_turn(scan, kiv::scan_internal);
 }
 
 kiv_result_t kiv_close() {
-    return guarded([] { return kiv::close(); });
+    return guarded([] { return kiv::in_turn(KIV_OK, KIV_OK, kiv::close); });
 }

@@ -1,36 +1,103 @@
 #include "state.h"
 
-#include "DeviceEnumeratorMacOS.h"
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <utility>
+
 #include "LogManager.h"
 
+namespace kiv::api {
+
 namespace {
 
-/// Built first, so ended last.
-struct Foundation {
-    Foundation() { kiv::log::LogManager::getInstance(); }
-} g_foundation;
-
-struct DriverClients {
-    DriverClients() { kiv::device::DeviceEnumeratorMacOS::prepare(); }
-};
+/// How long the exit waits for a scan or close of another thread, which may wait for a driver that hangs.
+constexpr std::chrono::seconds kPatience{1};
 
 }  // namespace
 
-// A process that exits without kiv_close ends these from the last to the first: the manager, which joins its
-// threads, the driver clients, the configuration, the log.
-std::mutex g_CardConfigMutex;
-kiv::config::CardConfig g_CardConfig;
-std::vector<kiv_scan_card_device_t> g_ScanInfo;
-std::vector<kiv_scan_card_device_internal_t> g_ScanInfo_in;
-namespace {
-DriverClients g_driver_clients;
+Process& Process::instance() {
+    static Process& process = *new Process;
+    return process;
 }
-std::optional<kiv::device::DeviceManager> g_DeviceManager;
-namespace {
-/// Ends the callbacks, which may ask the manager, before the manager.
-struct LastCallbacks {
-    ~LastCallbacks() {
-        if (g_DeviceManager) g_DeviceManager->stop();
+
+Process::Process() {
+    // The logging library's own statics are built before the handler is registered: they end after it has
+    // run.
+    log::LogManager::getInstance();
+    std::atexit([] { instance().end(); });
+}
+
+bool Process::inherited() const noexcept {
+    const pid_t owner = owner_;
+    return owner != 0 && owner != getpid();
+}
+
+bool Process::claim() noexcept {
+    pid_t nobody = 0;
+    owner_.compare_exchange_strong(nobody, getpid());
+    return !over();
+}
+
+std::shared_ptr<device::DeviceManager> Process::manager() {
+    if (inherited()) return nullptr;
+    const std::lock_guard lock(mutex_);
+    return g_DeviceManager;
+}
+
+std::shared_ptr<device::DeviceManager> Process::exchange_manager(
+    std::shared_ptr<device::DeviceManager> fresh) {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(g_DeviceManager, std::move(fresh));
+}
+
+/// The exit handler. On a thread of the library, or in the midst of a scan or close, it would wait for
+/// itself: then everything ends with the process.
+void Process::end() noexcept try {
+    if (inherited()) return;
+    {
+        std::unique_lock lock(mutex_);
+        ended_ = true;
+        turn_is_free_.notify_all();
+        if (turn_ == std::this_thread::get_id() || device::thread::PeriodicThreadPool::onWorkerThread())
+            return;
+        const auto free = [this] { return turn_ == std::thread::id(); };
+        if (!turn_is_free_.wait_until(lock, std::chrono::steady_clock::now() + kPatience, free)) return;
     }
-} g_last_callbacks;
-}  // namespace
+    // A callback under way may still ask the manager.
+    if (const auto ending = manager()) ending->stop();
+    exchange_manager(nullptr);
+    clients.replace(&DriverClients::kivDev_, {});
+    clients.replace(&DriverClients::g_clients, {});
+} catch (...) {
+    // Out of memory, say: the rest ends with the process.
+}
+
+Turn::Turn(Process& process) : process_(process) {
+    if (process_.over()) return;
+    const auto self = std::this_thread::get_id();
+    std::unique_lock lock(process_.mutex_);
+    if (process_.turn_ == self) return;
+    process_.turn_is_free_.wait(lock,
+                                [this] { return process_.turn_ == std::thread::id() || process_.ended_; });
+    if (process_.ended_) return;
+    process_.turn_ = self;
+    granted_ = true;
+}
+
+Turn::~Turn() {
+    if (!granted_) return;
+    {
+        const std::lock_guard lock(process_.mutex_);
+        process_.turn_ = {};
+    }
+    process_.turn_is_free_.notify_all();
+}
+
+}  // namespace kiv::api
+
+kiv::DriverClients* kiv::driver_clients() {
+    api::Process& process = api::Process::instance();
+    return process.claim() ? &process.clients : nullptr;
+}

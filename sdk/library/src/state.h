@@ -1,26 +1,90 @@
-/// What the C interface holds for the process. No locks but one: see the rules of kiv_api.h.
+/// What the C interface keeps for the process.
 #ifndef KIV_STATE_H
 #define KIV_STATE_H
 
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
 #include <mutex>
-#include <optional>
+#include <thread>
 #include <vector>
 
 #include "CardConfig.h"
 #include "DeviceManager.h"
+#include "DriverClients.h"
 #include "kiv_types.h"
+
+namespace kiv::api {
 
 /// Source of every log line of the C interface.
 inline constexpr const char* kApiSource = "sdk/library/src/kiv_api";
 
-extern kiv::config::CardConfig g_CardConfig;
-extern std::mutex g_CardConfigMutex;  ///< Guards `g_CardConfig`, which calls for several cards share.
+/// One object, never destroyed: other threads may be in calls while the process exits. Its members stand in
+/// the order of their lives. At exit a handler ends the manager, and with it all callbacks, then the driver
+/// clients.
+///
+/// It belongs to the process that first looked for cards. In a forked child of that process nothing here may
+/// be touched: locks may be held there for ever by threads that are not there, and the connections are the
+/// parent's.
+class Process {
+  public:
+    static Process& instance();
 
-/// Empty until the first scan, and after a close.
-extern std::optional<kiv::device::DeviceManager> g_DeviceManager;
+    /// True in a forked child of the process that looked for cards. No lock.
+    bool inherited() const noexcept;
 
-/// Results of the last scan, and of all internal scans of the process.
-extern std::vector<kiv_scan_card_device_t> g_ScanInfo;
-extern std::vector<kiv_scan_card_device_internal_t> g_ScanInfo_in;
+    /// True once the exit handler has begun, and in a forked child.
+    bool over() const noexcept { return ended_ || inherited(); }
+
+    /// Makes this process the one that looks for cards; false when it must not.
+    bool claim() noexcept;
+
+    /// A share of the present manager, which keeps it for as long as a call needs it; empty without one.
+    std::shared_ptr<device::DeviceManager> manager();
+
+    /// Puts another manager, or none, in its place and gives the former one.
+    std::shared_ptr<device::DeviceManager> exchange_manager(std::shared_ptr<device::DeviceManager> fresh);
+
+    std::mutex config_mutex;          ///< Guards `g_CardConfig`, which calls for several cards share.
+    config::CardConfig g_CardConfig;  ///< The host's card configuration.
+    std::vector<kiv_scan_card_device_t> g_ScanInfo;              ///< Of the last scan; under the turn.
+    std::vector<kiv_scan_card_device_internal_t> g_ScanInfo_in;  ///< Of all internal scans; under the turn.
+    DriverClients clients;
+
+  private:
+    friend class Turn;
+
+    Process();
+    void end() noexcept;
+
+    std::mutex mutex_;  ///< Guards the next three.
+    std::shared_ptr<device::DeviceManager>
+        g_DeviceManager;    ///< Empty until the first scan, and after a close.
+    std::thread::id turn_;  ///< Thread that scans or closes.
+    std::condition_variable turn_is_free_;
+    std::atomic<pid_t> owner_{0};     ///< The process that looked for cards; 0 before.
+    std::atomic<bool> ended_{false};  ///< The exit handler has begun. Set under `mutex_`.
+};
+
+/// The right to change what a scan makes: scans and closes take turns.
+class Turn {
+  public:
+    /// Waits for the turn of another thread. Not granted on a thread that has the turn, and when the process
+    /// is over.
+    explicit Turn(Process& process);
+    ~Turn();
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    explicit operator bool() const { return granted_; }
+
+  private:
+    Process& process_;
+    bool granted_ = false;
+};
+
+}  // namespace kiv::api
 
 #endif

@@ -28,7 +28,7 @@ void DeviceManager::loadDevices() {
         const uint32_t id = info.id;
         seen.insert(id);
         if (devices_.contains(id)) continue;
-        devices_[id] = makeDevice(info);
+        insert(id, makeDevice(info));
         scheduleDevicePoll(id, kShortPoll, &Device::poll_1sec);
         scheduleDevicePoll(id, kLongPoll, &Device::poll_60sec);
     }
@@ -38,6 +38,11 @@ void DeviceManager::loadDevices() {
     }
     for (const uint32_t id : gone)
         removeDevice(static_cast<int>(id), scheduler_);
+}
+
+void DeviceManager::insert(uint32_t id, std::shared_ptr<Device> device) {
+    const std::lock_guard lock(mutex_);
+    devices_[id] = std::move(device);
 }
 
 /// A platform without a factory gives a Device without accesses and without a management-server client.
@@ -86,14 +91,18 @@ void DeviceManager::removeDevice(int id, thread::Scheduler& scheduler) {
         scheduler.cancel(task->second);
         tasks_.erase(task);
     }
-    devices_.erase(static_cast<uint32_t>(id));
+    decltype(devices_)::node_type removed;  // Destroyed after unlocking.
+    const std::lock_guard lock(mutex_);
+    removed = devices_.extract(static_cast<uint32_t>(id));
 }
 
 void DeviceManager::clear(thread::Scheduler& scheduler) {
     for (const auto& [task, id] : tasks_)
         scheduler.cancel(task);
     tasks_.clear();
-    devices_.clear();
+    decltype(devices_) released;  // Destroyed after unlocking.
+    const std::lock_guard lock(mutex_);
+    released.swap(devices_);
 }
 
 Device* DeviceManager::getDevice(unsigned id) {

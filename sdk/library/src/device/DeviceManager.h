@@ -18,8 +18,8 @@
 
 namespace kiv::device {
 
-/// Threads: getDevice, getDeviceShared and exists may be called from any thread. Everything else belongs to
-/// the thread that owns the manager, and must not run while others use it.
+/// Threads: getDevice, getDeviceShared, exists and allDevices may be called from any thread at any time; what
+/// getDevice gives may go when the owner releases it. Everything else belongs to one thread at a time.
 class KIV_API DeviceManager {
   public:
     using Poll = bool (Device::*)();
@@ -62,9 +62,10 @@ class KIV_API DeviceManager {
 
   private:
     std::shared_ptr<Device> makeDevice(const DeviceInfo& info);
+    void insert(uint32_t id, std::shared_ptr<Device> device);
 
     std::unordered_map<uint32_t, std::shared_ptr<Device>> devices_;
-    std::mutex mutex_;  ///< Guards `devices_` for the lookups.
+    std::mutex mutex_;  ///< Guards changes of `devices_`, and the lookups of threads other than the owner.
     DeviceFactoryRegistry& registry_;
     std::unique_ptr<IDeviceEnumerator> enumerator_;
     thread::Scheduler scheduler_;

@@ -1,0 +1,264 @@
+// The library and the life of its process: forks, exits, callers who break the rule of one scan at a time.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <thread>
+
+#include "FoundCards.h"
+#include "Waiting.h"
+#include "kiv/kivDext.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Results = std::vector<kiv_result_t>;
+
+kiv_result_t scan() {
+    kiv_scan_t record{};
+    return kiv_scan(&record);
+}
+
+/// Every kind of call, of all layers: driver, server, configuration, events.
+Results ask_everything(uint8_t id) {
+    const kiv_net_config_t net{};
+    const kiv_ptp_config_t ptp{};
+    uint8_t selected = 0;
+    return {ask<kiv_get_card_info, kiv_card_info_t>(id),
+            ask<kiv_get_card_status, kiv_card_status_t>(id),
+            ask<kiv_get_media_net_config, kiv_net_config_t>(id),
+            ask<kiv_get_net_status, kiv_net_status_t>(id),
+            ask<kiv_get_ptp_config, kiv_ptp_config_t>(id),
+            ask<kiv_get_ptp_status, kiv_ptp_status_t>(id),
+            ask<kiv_get_tx_stream_status, kiv_stream_status_t>(id),
+            ask<kiv_get_flash_config, kiv_flash_config_t>(id),
+            kiv_set_ptp_config(id, &net, &ptp),
+            kiv_enable_event(id, KIV_EVENT_LINK),
+            kiv_get_id_selected_ptp_card(&selected)};
+}
+
+/// Exit status of a child, or -1 when it crashes or does not end by itself.
+int end_of(pid_t child) {
+    int status = 0;
+    if (wait_until([&] { return waitpid(child, &status, WNOHANG) == child; }, seconds(10)))
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return -1;
+}
+
+/// Threads of the application that call `body` until the object goes.
+class Callers {
+  public:
+    template <typename Body>
+    Callers(int count, Body body) {
+        for (int i = 0; i < count; ++i) {
+            threads_.emplace_back([this, body, i] {
+                while (!done_)
+                    body(i);
+            });
+        }
+    }
+    ~Callers() {
+        done_ = true;
+        for (std::thread& thread : threads_)
+            thread.join();
+    }
+
+  private:
+    std::atomic<bool> done_{false};
+    std::vector<std::thread> threads_;
+};
+
+}  // namespace
+
+TEST(ForkedChild, GetsErrorsAndEndsAtOnceWhileItsParentGoesOn) {
+    FoundCards cards;
+    ASSERT_EQ(kivDext_new(), 0);
+    std::atomic<int> wrong{0};
+    {
+        const Callers callers(4, [&](int) {
+            kiv_card_info_t info{};
+            if (kiv_get_card_info(1, &info) != KIV_OK || info.reg_10 != 0x5354323131300001) ++wrong;
+            uint64_t tai = 0, a = 0, b = 0;
+            if (kiv_get_epoch_and_2point(1, &tai, &a, &b) != KIV_OK) ++wrong;
+        });
+        for (int round = 0; round < 40; ++round) {
+            const pid_t child = fork();
+            ASSERT_GE(child, 0);
+            if (child == 0) {
+                if (round % 2 == 0) {
+                    execl("/nonexistent/program", "program", nullptr);
+                    std::exit(127);
+                }
+                Results results = ask_everything(1);
+                results.insert(results.end(), {scan(), kiv_close(), kiv_open(nullptr), kiv_configure_save()});
+                const bool refused = results == Results(results.size(), KIV_ERR_NOT_OPENED);
+                std::exit(refused && kivDext_new() == 1 && kivDext_get_selected_ptp_card() == 0 ? 42 : 1);
+            }
+            ASSERT_EQ(end_of(child), round % 2 == 0 ? 127 : 42) << round;
+        }
+    }
+    EXPECT_EQ(wrong, 0) << "answers of the parent";
+}
+
+namespace {
+
+std::atomic<int> g_events{0};
+std::atomic<int> g_failed{0};
+
+/// Asks the card for a while: whatever ends the manager must wait for it.
+void ask_for_a_while(uint8_t id, kiv_event_type_t, const void*, void*) {
+    ++g_events;
+    const Stopwatch watch;
+    while (watch.elapsed() < milliseconds(300)) {
+        if (ask<kiv_get_card_info, kiv_card_info_t>(id) != KIV_OK) ++g_failed;
+    }
+    ++g_events;
+}
+
+/// Returns in the midst of a callback of ask_for_a_while().
+void wait_for_callback() {
+    EXPECT_EQ(kiv_register_callback_func(1, ask_for_a_while, nullptr), KIV_OK);
+    EXPECT_EQ(kiv_enable_event(1, KIV_EVENT_LINK), KIV_OK);
+    EXPECT_TRUE(wait_until([] { return g_events == 1; }));
+}
+
+[[noreturn]] void end_with(bool good) {
+    std::_Exit(good ? 42 : 1);
+}
+
+}  // namespace
+
+TEST(RunningCallback, EndsBeforeTheManagerThatItAsks) {
+    FoundCards cards;
+    for (const auto ends : {+[] { return scan(); }, +[] { return kiv_close(); }}) {
+        g_events = 0;
+        wait_for_callback();
+        EXPECT_EQ(ends(), KIV_OK);
+        EXPECT_EQ(g_events, 2) << "it had not ended";
+        EXPECT_EQ(g_failed, 0) << "it asked and found no manager";
+    }
+}
+
+namespace {
+
+/// A process that has not looked for cards, and a child of it that does.
+[[noreturn]] void fork_then_scan() {
+    const bool closed = kiv_close() == KIV_OK;
+    const pid_t child = fork();
+    if (child != 0) end_with(closed && end_of(child) == 42);
+    RunningSimulator simulator;
+    std::exit(scan() == KIV_OK && ask<kiv_get_card_info, kiv_card_info_t>(1) == KIV_OK ? 42 : 1);
+}
+
+/// A process that exits in the midst of a callback. What that has ended is seen by a handler that runs after
+/// the library's.
+[[noreturn]] void exit_in_the_midst_of_a_callback() {
+    std::atexit([] {
+        const Results late = ask_everything(1);
+        end_with(g_events == 2 && g_failed == 0 && late == Results(late.size(), KIV_ERR_NOT_OPENED) &&
+                 scan() == KIV_ERR_NOT_OPENED && kiv_close() == KIV_OK && kivDext_new() == 1);
+    });
+    RunningSimulator simulator;
+    if (scan() != KIV_OK) end_with(false);
+    wait_for_callback();
+    std::exit(1);
+}
+
+[[noreturn]] void exit_in_the_midst_of_calls() {
+    RunningSimulator simulator;
+    if (scan() != KIV_OK) end_with(false);
+    static std::atomic<int> calls{0};
+    for (int i = 0; i < 8; ++i) {
+        std::thread([i] {
+            for (;; ++calls) {
+                if (i == 0) {
+                    scan();
+                } else {
+                    ask_everything(1);
+                }
+            }
+        }).detach();
+    }
+    wait_until([] { return calls > 20; });
+    std::exit(42);
+}
+
+/// On a thread of the library, where the exit handler would wait for its own thread.
+[[noreturn]] void exit_on_a_worker() {
+    RunningSimulator simulator;
+    if (scan() != KIV_OK) end_with(false);
+    const kiv_event_callback_t ends = [](auto...) { std::exit(42); };
+    kiv_register_callback_func(1, ends, nullptr);
+    kiv_enable_event(1, KIV_EVENT_LINK);
+    std::this_thread::sleep_for(seconds(20));
+    end_with(false);
+}
+
+/// Likewise.
+[[noreturn]] void exit_in_a_scan() {
+    const kiv_log_config_t config{KIV_LOG_LEVEL_ERROR};
+    const kiv_log_callback_t ends = [](auto...) { std::exit(42); };
+    kivLog_open(&config, KIV_LOG_SINK_CALLBACK, ends, nullptr);
+    kivsim::CardSettings card = kivsim::believable_card(1);
+    card.driver_faults = {{24, {}, -1, 0, {}}};
+    RunningSimulator simulator({card});
+    scan();  // Logs that the card does not open.
+    end_with(false);
+}
+
+}  // namespace
+
+/// Each in a process of its own, started anew: in a forked child of this one the library refuses its service.
+struct Exit : testing::Test {
+    Exit() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(Exit, OfAChildThatScannedAloneIsAsAnyOther) {
+    EXPECT_EXIT(fork_then_scan(), testing::ExitedWithCode(42), "");
+}
+
+TEST_F(Exit, CountsAsACloseAlsoForCallsThatComeTooLate) {
+    EXPECT_EXIT(exit_in_the_midst_of_a_callback(), testing::ExitedWithCode(42), "");
+}
+
+TEST_F(Exit, NeitherCrashesNorHangsWhileOtherThreadsAreInCalls) {
+    for (int round = 0; round < 5; ++round)
+        EXPECT_EXIT(exit_in_the_midst_of_calls(), testing::ExitedWithCode(42), "");
+}
+
+TEST_F(Exit, MayComeInACallback) {
+    EXPECT_EXIT(exit_on_a_worker(), testing::ExitedWithCode(42), "");
+    EXPECT_EXIT(exit_in_a_scan(), testing::ExitedWithCode(42), "");
+}
+
+namespace {
+void nothing(uint8_t, kiv_event_type_t, const void*, void*) {}
+}  // namespace
+
+/// The rule says that scans and closes run alone. Breaking it must not break the library.
+TEST(BrokenRule, OfScansBesideCallsIsSurvived) {
+    FoundCards cards(kivsim::default_cards());
+    std::atomic<int> scans{0};
+    {
+        const Callers callers(8, [&](int number) {
+            if (number > 2) {
+                ask_everything(static_cast<uint8_t>(1 + number % 2));
+                kiv_register_callback_func(1, nothing, nullptr);
+                kiv_unregister_callback_func(1);
+                return;
+            }
+            kiv_scan_internal_t record{};
+            const kiv_result_t result = number == 0 ? kiv_close() : kiv_scan_internal(&record);
+            if (number != 0 && result == KIV_OK) ++scans;
+            std::this_thread::sleep_for(milliseconds(number == 0 ? 100 : 1));
+        });
+        EXPECT_TRUE(wait_until([&] { return scans >= 6; }, seconds(50)));
+    }
+    EXPECT_EQ(scan(), KIV_OK);
+    EXPECT_EQ((ask<kiv_get_card_info, kiv_card_info_t>(2)), KIV_OK);
+}
