@@ -56,6 +56,15 @@ std::string written(Action action) {
     return out + "|" + testing::internal::GetCapturedStderr();
 }
 
+/// What an error line writes to the console and to standard error with these sinks, and no path for a file.
+std::string written_to_sinks(const std::vector<std::string>& sinks) {
+    const std::string output = written([&] {
+        kiv::log::LogManager::getInstance().init({KIV_LOG_LEVEL_ERROR, "", sinks, "some.id", ""});
+        kivLog_dispatch_spdlog(KIV_LOG_LEVEL_ERROR, "source", 7, "line");
+    });
+    return std::regex_replace(output, std::regex("(Log sink creation failed: ).*"), "$1...");
+}
+
 /// The back end starts once in a process, and ctest gives each case one of its own.
 class Log : public testing::Test {
   protected:
@@ -81,13 +90,20 @@ class Log : public testing::Test {
 };
 
 TEST_F(Log, SinksThatCannotBeMadeAreToldAndTheConsoleTakesOver) {
-    const std::string output = written([] {
-        back_end().init({KIV_LOG_LEVEL_ERROR, "", {"Console", "os_log", "file", "console "}, "some.id", ""});
-        kivLog_dispatch_spdlog(KIV_LOG_LEVEL_ERROR, "source", 7, "line");
-    });
-    EXPECT_EQ(std::regex_replace(output, std::regex("(Log sink creation failed: ).*"), "$1..."),
+    EXPECT_EQ(written_to_sinks({"Console", "os_log", "file", "console "}),
               "[error] [7] line\n|os_log sink requires 'os_log_subsystem' and 'os_log_category' in config.\n"
               "Log sink creation failed: ...\nNo valid sinks configured. Using default console sink.\n");
+}
+
+TEST_F(Log, AFileThatCannotBeMadeLeavesTheConsoleAlone) {
+    EXPECT_EQ(written_to_sinks({"console", "file"}), "[error] [7] line\n|Log sink creation failed: ...\n");
+}
+
+TEST_F(Log, LevelNoneAtTheFirstStartTurnsTheBackEndOff) {
+    back_end().init(file_only(KIV_LOG_LEVEL_NONE));
+    kivLog_dispatch_spdlog(KIV_LOG_LEVEL_ERROR, "source", 7, "line");
+    back_end().getLogger()->critical("line of the application");
+    EXPECT_EQ(file(), "");
 }
 
 TEST_F(Log, EverySinkWritesLevelLineAndText) {
