@@ -9,6 +9,8 @@
 namespace {
 
 struct Waiting : ThreadManager {
+    using ThreadManager::wait_awhile;
+
     bool is_running() {
         const std::lock_guard lock(mutex);
         return running;
@@ -27,6 +29,19 @@ TEST(ThreadManager, AStopIsNotLostAndEndsTheWaitAtOnce) {
         manager.join_thread();
         ASSERT_FALSE(manager.is_running()) << round;
         ASSERT_LT(stopwatch.elapsed(), std::chrono::seconds(20)) << round;
+    }
+}
+
+TEST(ThreadManager, ANotificationEndsOneWaitAlsoWhenItCameBefore) {
+    Waiting manager;
+    for (int round = 0; round < 2; ++round) {
+        manager.notify_all();
+        const Stopwatch first;
+        manager.wait_awhile(std::chrono::seconds(30));
+        EXPECT_LT(first.elapsed(), std::chrono::seconds(20)) << round;
+        const Stopwatch next;
+        manager.wait_awhile(std::chrono::milliseconds(20));
+        EXPECT_GE(next.elapsed(), std::chrono::milliseconds(20)) << "a thread would spin, round " << round;
     }
 }
 
