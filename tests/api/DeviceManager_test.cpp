@@ -4,7 +4,12 @@
 #include <DeviceManager.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "RunningSimulator.h"
 #include "Waiting.h"
@@ -19,9 +24,18 @@ using std::chrono::milliseconds;
 
 constexpr unsigned kReadPci64 = 6;
 
+struct Scheduled {
+    std::function<void()> task;
+    milliseconds period;
+};
+std::vector<Scheduled> g_scheduled;
+
 class Manager : public testing::Test {
   protected:
-    Manager() { registry_["macOS"] = std::make_unique<DeviceFactoryMacOS>(); }
+    Manager() {
+        g_scheduled.clear();
+        registry_["macOS"] = std::make_unique<DeviceFactoryMacOS>();
+    }
 
     DeviceManager make() { return DeviceManager(registry_, std::make_unique<DeviceEnumeratorMacOS>()); }
 
@@ -29,6 +43,19 @@ class Manager : public testing::Test {
 };
 
 }  // namespace
+
+// The linker leads what the manager registers through here: periods are seen, not waited for. KIV_SCHEDULE is the
+// linker's name of Scheduler::schedulePeriodic, a member: its object comes first.
+using Pool = std::shared_ptr<kiv::device::thread::PeriodicThreadPool>;
+uint64_t real_schedule(kiv::device::thread::Scheduler& scheduler, std::function<void()> task,
+                       milliseconds period, Pool pool) __asm__("__real_" KIV_SCHEDULE);
+uint64_t noted_schedule(kiv::device::thread::Scheduler& scheduler, std::function<void()> task,
+                        milliseconds period, Pool pool) __asm__("__wrap_" KIV_SCHEDULE);
+uint64_t noted_schedule(kiv::device::thread::Scheduler& scheduler, std::function<void()> task,
+                        milliseconds period, Pool pool) {
+    g_scheduled.push_back({task, period});
+    return real_schedule(scheduler, std::move(task), period, std::move(pool));
+}
 
 TEST_F(Manager, KeepsKnownCardsAddsNewOnesAndReleasesThoseThatAreGone) {
     auto simulator = std::make_unique<RunningSimulator>();
@@ -68,6 +95,31 @@ TEST_F(Manager, PollsWhatItScheduledUntilItStops) {
     const std::size_t reads = simulator.calls(kReadPci64).size();
     manager.stop();
     EXPECT_EQ(simulator.calls(kReadPci64).size(), reads);
+}
+
+TEST_F(Manager, HasTheStatusReadEverySecondAndTheSensorsEveryMinute) {
+    RunningSimulator simulator({kivsim::believable_card(1)});
+    DeviceManager manager = make();
+    manager.loadDevices();
+    ASSERT_TRUE(manager.exists(1));
+    ASSERT_EQ(manager.getDevice(1)->rest()->open(), 0);
+    manager.getDevice(1)->enableEvent(KIV_EVENT_HWMON);
+    const auto sensor_requests = [&] {
+        const auto all = simulator.requests();
+        return std::count_if(all.begin(), all.end(), [](const auto& request) {
+            return request["path"] == "/api/v1.0/hps/hwmon/info";
+        });
+    };
+    std::string polls;
+    for (const auto& [task, period] : g_scheduled) {
+        const auto reads = simulator.calls(kReadPci64).size();
+        const auto requests = sensor_requests();
+        task();
+        if (simulator.calls(kReadPci64).size() > reads) polls += "status ";
+        if (sensor_requests() > requests) polls += "sensors ";
+        polls += std::to_string(period.count()) + " ";
+    }
+    EXPECT_EQ(polls, "status 1000 sensors 60000 ");
 }
 
 TEST_F(Manager, OfAnUnknownPlatformHasCardsThatCannotBeReached) {

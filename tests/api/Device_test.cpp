@@ -220,6 +220,21 @@ TEST(Device, ReadsAllIdentityRegistersBeforeItWritesOne) {
     EXPECT_EQ(card.device->get_card_info(info), KIV_OK);
 }
 
+TEST(Device, WithAnUnreadableStatusRegisterFailsThoughTheLoadsAndTheTimeCouldBeRead) {
+    kivsim::CardSettings settings = kivsim::believable_card(6);
+    settings.driver_faults.push_back({6, {}, -1, 0, {}});  // The 64-bit reads: nothing else is read so.
+    RunningSimulator simulator({settings});
+    OneCard card;
+    const auto leaves_untouched = [&](auto query, auto record) {
+        std::memset(&record, 0xA5, sizeof record);
+        const auto before = record;
+        return ((*card.device).*query)(record) == KIV_ERR_FAILED &&
+               std::memcmp(&record, &before, sizeof record) == 0;
+    };
+    EXPECT_TRUE(leaves_untouched(&Device::get_net_status, kiv_net_status_t{}));
+    EXPECT_TRUE(leaves_untouched(&Device::get_ptp_status, kiv_ptp_status_t{}));
+}
+
 TEST(Device, WithoutFunctionsOrServerFailsInsteadOfCrashing) {
     Device device({}, {}, nullptr);
     kiv_card_info_t info{};
