@@ -79,8 +79,10 @@ class Factory final : public kiv::device::IDeviceFactory {
 
 /// The process's manager, as a scan that found these cards leaves it.
 void fill_manager(DeviceFactoryRegistry& registry, std::vector<Card> cards) {
-    g_DeviceManager.emplace(registry, std::make_unique<Cards>(std::move(cards)));
-    g_DeviceManager->loadDevices();
+    auto manager =
+        std::make_shared<kiv::device::DeviceManager>(registry, std::make_unique<Cards>(std::move(cards)));
+    manager->loadDevices();
+    kiv::api::Process::instance().exchange_manager(std::move(manager));
 }
 
 }  // namespace
