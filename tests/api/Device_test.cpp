@@ -249,3 +249,18 @@ TEST(Device, WithoutFunctionsOrServerFailsInsteadOfCrashing) {
     EXPECT_FALSE(device.poll_1sec());
     EXPECT_TRUE(device.poll_60sec());
 }
+
+TEST(DeviceTimes, AreZeroWithoutADriverThatTellsThem) {
+    auto second_only = kivsim::believable_card(1);
+    second_only.functions = {{1, 23}};
+    const std::pair<kivsim::CardSettings, kiv_result_t> kCases[] = {{second_only, KIV_ERR_FAILED},
+                                                                    {kivsim::believable_card(1), 0xFFFFFFFF}};
+    for (const auto& [settings, result] : kCases) {
+        RunningSimulator simulator({settings});
+        OneCard card;
+        DeviceEnumeratorMacOS().enumerate();  // New clients: those of the card are gone.
+        uint64_t times[] = {7, 7, 7};
+        EXPECT_EQ(card.device->get_epoch_and_2point(times[0], times[1], times[2]), result);
+        EXPECT_EQ(std::vector(std::begin(times), std::end(times)), std::vector<uint64_t>(3, 0));
+    }
+}

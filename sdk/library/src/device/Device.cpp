@@ -217,6 +217,7 @@ kiv_result_t Device::selected_ptp_card() {
 }
 
 kiv_result_t Device::get_epoch_and_2point(uint64_t& a, uint64_t& b, uint64_t& c) {
+    a = b = c = 0;  // An access whose client is gone writes nothing.
     access::IDeviceAccess* const function_0 = access(0);
     if (function_0 == nullptr) return KIV_ERR_FAILED;
     return static_cast<kiv_result_t>(function_0->getEpochAnd2point(a, b, c));
