@@ -8,7 +8,7 @@ import sys
 
 # A room: the files that are in it (first match wins).
 ROOMS = [
-    ("base", r"sdk/library/src/(kiv_export|kiv_types|vendor|guarded|jsonFields|libraryThread)\.h"),
+    ("base", r"sdk/library/src/(kiv_export|kiv_types|kiv_version|vendor|guarded|jsonFields|libraryThread)\.h"),
     ("thread", r"sdk/library/src/device/thread/"),
     ("device interfaces", r"sdk/library/src/device/(IDevice\w+|DeviceInfo)\.h"),
     ("device", r"sdk/library/src/device/"),
@@ -19,7 +19,7 @@ ROOMS = [
     ("rest interface", r"macOS/library/kivHpsClientKit/IRestApiClient\.h"),
     ("rest", r"macOS/library/kivHpsClientKit/"),
     ("adapters", r"macOS/library/driver/Device\w+MacOS\."),
-    ("wire", r"macOS/library/driver/wire\.h"),
+    ("wire", r"macOS/library/driver/(wire|kivDriverService)\.h"),
     ("driver client", r"macOS/library/driver/"),
     ("driver process", r"linux/platform/include/kivplatform/"),
     ("platform", r"linux/platform/"),

@@ -10,8 +10,6 @@ namespace kivctl {
 
 namespace {
 
-constexpr const char* kServiceName = "kivPCIService";
-
 void check_call(int32_t status, const char* what) {
     if (status != 0)
         throw Failure(fmt::format("{} failed: driver status 0x{:08X}; see the system log", what,
@@ -20,7 +18,7 @@ void check_call(int32_t status, const char* what) {
 
 /// The PCI functions of the card, in the driver's order.
 kivDriverClientList functions_of(uint8_t id) {
-    kivDriverClientList clients = kivDriverClient::enumerateDevices(kServiceName);
+    kivDriverClientList clients = kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
     std::erase_if(clients, [&](const auto& client) { return client->device_conf.device_index != id; });
     if (clients.empty()) check(KIV_ERR_NO_DEVICE, "driver");
     return clients;

@@ -10,22 +10,21 @@ namespace kivctl {
 
 namespace {
 
-struct Meaning {
+struct Advice {
     kiv_result_t code;
-    const char* name;
-    const char* advice;
+    const char* text;
 };
 
 // clang-format off
-constexpr Meaning kMeanings[] = {
-    {KIV_ERR_NOT_OPENED,    "KIV_ERR_NOT_OPENED",    "scan the cards first"},
-    {KIV_ERR_NO_DEVICE,     "KIV_ERR_NO_DEVICE",     "see \"kivctl scan\" for the ids of the cards"},
-    {KIV_ERR_BUSY,          "KIV_ERR_BUSY",          "wait until the card's flash is idle"},
-    {KIV_ERR_INVALID_PARAM, "KIV_ERR_INVALID_PARAM", "flash slots are 0 and 1"},
-    {KIV_ERR_NULL_ARGUMENT, "KIV_ERR_NULL_ARGUMENT", "this is a defect of the program"},
-    {KIV_ERR_REST,          "KIV_ERR_REST",          "the card's management server did not answer, or refused"},
-    {KIV_ERR_FAILED,        "KIV_ERR_FAILED",        "see the system log, or run again with OS_ACTIVITY_DT_MODE=1"},
-    {KIV_ERR_LOG_BUSY,      "KIV_ERR_LOG_BUSY",      "try again"},
+constexpr Advice kAdvice[] = {
+    {KIV_ERR_NOT_OPENED,    "scan the cards first"},
+    {KIV_ERR_NO_DEVICE,     "see \"kivctl scan\" for the ids of the cards"},
+    {KIV_ERR_BUSY,          "wait until the card's flash is idle"},
+    {KIV_ERR_INVALID_PARAM, "flash slots are 0 and 1"},
+    {KIV_ERR_NULL_ARGUMENT, "this is a defect of the program"},
+    {KIV_ERR_REST,          "the card's management server did not answer, or refused"},
+    {KIV_ERR_FAILED,        "see the system log, or run again with OS_ACTIVITY_DT_MODE=1"},
+    {KIV_ERR_LOG_BUSY,      "try again"},
 };
 // clang-format on
 
@@ -33,12 +32,12 @@ constexpr Meaning kMeanings[] = {
 
 void check(kiv_result_t result, const std::string& operation) {
     if (result == KIV_OK) return;
-    const auto known = std::find_if(std::begin(kMeanings), std::end(kMeanings),
-                                    [&](const Meaning& meaning) { return meaning.code == result; });
-    const bool found = known != std::end(kMeanings);
+    const auto known = std::find_if(std::begin(kAdvice), std::end(kAdvice),
+                                    [&](const Advice& advice) { return advice.code == result; });
+    const bool found = known != std::end(kAdvice);
     throw Failure(fmt::format("{} failed: 0x{:08X} {}: {}", operation, result,
-                              found ? known->name : "(driver status)",
-                              found ? known->advice : "see whether the driver is running"));
+                              found ? kiv_result_name(result) : "(driver status)",
+                              found ? known->text : "see whether the driver is running"));
 }
 
 Output::Output() {

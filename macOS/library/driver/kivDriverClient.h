@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ThreadManager.h"
+#include "kivDriverService.h"
 #include "kiv_export.h"
 
 class kivDriverClient;

@@ -116,7 +116,7 @@ kiv_result_t kiv_open(const kiv_log_config_t* log_config) {
 }
 
 kiv_result_t kiv_get_sw_version(kiv_sw_version_t* version) {
-    if (version != nullptr) *version = {0, 1, 1};
+    if (version != nullptr) *version = {KIV_VERSION_MAJOR, KIV_VERSION_MINOR, KIV_VERSION_REVISION};
     return KIV_OK;
 }
 

@@ -43,6 +43,7 @@
 
 #include "kivLog.h"
 #include "kiv_types.h"
+#include "kiv_version.h"
 
 #ifdef __cplusplus
 extern "C" {

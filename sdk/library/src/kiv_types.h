@@ -1,6 +1,6 @@
 /*
- * Result codes and records of the kiv C interface. C11 and C++; kiv_api.h includes this file, so an
- * application includes only kiv_api.h.
+ * Result codes and records of the kiv C interface. C11 or later, or C++11 or later; kiv_api.h includes this
+ * file, so an application includes only kiv_api.h.
  *
  * All records are plain, native (little-endian, naturally aligned) structures. The library owns no memory
  * that a record points to, except the arrays of the two scan records. A getter writes only the fields that
@@ -8,6 +8,10 @@
  */
 #ifndef KIV_TYPES_H
 #define KIV_TYPES_H
+
+#if !defined(__cplusplus) && (!defined(__STDC_VERSION__) || __STDC_VERSION__ < 201112L)
+#error "kiv needs C11 or later (-std=c11), or C++"
+#endif
 
 #include <assert.h>
 #include <stddef.h>
@@ -25,16 +29,54 @@ extern "C" {
 typedef uint32_t kiv_result_t;
 
 /* clang-format off */
-#define KIV_OK                 ((kiv_result_t)0x00000000u) /* Success. Also a getter whose output pointer is null. */
-#define KIV_ERR_NOT_OPENED     ((kiv_result_t)0xC1000300u) /* No device manager: before the first scan, after close. */
-#define KIV_ERR_NO_DEVICE      ((kiv_result_t)0xC1000400u) /* The last scan found no card with this id. */
-#define KIV_ERR_BUSY           ((kiv_result_t)0xC1000700u) /* The card's flash is being written or switched. */
-#define KIV_ERR_INVALID_PARAM  ((kiv_result_t)0xC1000800u) /* A flash slot other than 0 and 1. */
-#define KIV_ERR_NULL_ARGUMENT  ((kiv_result_t)0xC1000900u) /* A required pointer is null. */
-#define KIV_ERR_REST           ((kiv_result_t)0xC1000A00u) /* The card's management server did not answer or refused. */
-#define KIV_ERR_FAILED         ((kiv_result_t)0xC1000D00u) /* Driver access, parsing, opening a card, no card selected. */
-#define KIV_ERR_LOG_BUSY       ((kiv_result_t)0xC1001B00u) /* kivLog_close: a log callback is still running. */
+#define KIV_OK                 ((kiv_result_t)0x00000000u)
+#define KIV_ERR_NOT_OPENED     ((kiv_result_t)0xC1000300u)
+#define KIV_ERR_NO_DEVICE      ((kiv_result_t)0xC1000400u)
+#define KIV_ERR_BUSY           ((kiv_result_t)0xC1000700u)
+#define KIV_ERR_INVALID_PARAM  ((kiv_result_t)0xC1000800u)
+#define KIV_ERR_NULL_ARGUMENT  ((kiv_result_t)0xC1000900u)
+#define KIV_ERR_REST           ((kiv_result_t)0xC1000A00u)
+#define KIV_ERR_FAILED         ((kiv_result_t)0xC1000D00u)
+#define KIV_ERR_LOG_BUSY       ((kiv_result_t)0xC1001B00u)
+
+/* What each code means: ROW(code, text) for every one of them. */
+#define KIV_RESULT_CODES(ROW)                                                                     \
+    ROW(KIV_OK,                "success")                                                         \
+    ROW(KIV_ERR_NOT_OPENED,    "no scan since the last close; or a fork's child, or at exit")     \
+    ROW(KIV_ERR_NO_DEVICE,     "the last scan found no card with this id")                        \
+    ROW(KIV_ERR_BUSY,          "the card's flash is being written or switched")                   \
+    ROW(KIV_ERR_INVALID_PARAM, "a flash slot other than 0 and 1")                                 \
+    ROW(KIV_ERR_NULL_ARGUMENT, "a required pointer is null")                                      \
+    ROW(KIV_ERR_REST,          "the card's management server did not answer, or refused")         \
+    ROW(KIV_ERR_FAILED,        "the driver failed, an answer is unreadable, no card is selected") \
+    ROW(KIV_ERR_LOG_BUSY,      "a log callback is still running")
 /* clang-format on */
+
+/* The code's name, such as "KIV_ERR_BUSY"; "unknown" for any other number. A text that lasts for ever. */
+static __inline__ const char* kiv_result_name(kiv_result_t code) {
+    switch (code) {
+#define KIV_ROW(result, text) \
+    case result:              \
+        return #result;
+        KIV_RESULT_CODES(KIV_ROW)
+#undef KIV_ROW
+        default:
+            return "unknown";
+    }
+}
+
+/* What the code means, for a person; any other number is the driver's. A text that lasts for ever. */
+static __inline__ const char* kiv_result_text(kiv_result_t code) {
+    switch (code) {
+#define KIV_ROW(result, text) \
+    case result:              \
+        return text;
+        KIV_RESULT_CODES(KIV_ROW)
+#undef KIV_ROW
+        default:
+            return "not a code of the library: a status of the driver";
+    }
+}
 
 /* ---- Records ----------------------------------------------------------------------------------------- */
 
@@ -47,8 +89,8 @@ typedef struct kiv_sw_version_t {
 
 /* One QSFP port in kiv_card_info_t. */
 typedef struct kiv_card_port_t {
-    char mac_address[20]; /* "xx:xx:xx:xx:xx:xx" and a terminator; untouched when the card does not list the
-                             port. */
+    /* "xx:xx:xx:xx:xx:xx" and a terminator; untouched when the card does not list the port. */
+    char mac_address[20];
     uint32_t link_speed_gbps; /* Gbit/s, always 100. */
 } kiv_card_port_t;
 
@@ -82,7 +124,10 @@ typedef struct kiv_net_port_1_t {
     uint8_t filler_18[374];
 } kiv_net_port_1_t;
 
-/* Media network settings of both ports; the fillers are neither read nor written. */
+/*
+ * Media network settings of both ports. The queries write addresses and prefix lengths only: a card does not
+ * tell its VLANs. The fillers are neither read nor written.
+ */
 typedef struct kiv_net_config_t {
     kiv_net_port_0_t port_0;
     kiv_net_port_1_t port_1;
@@ -206,7 +251,7 @@ typedef struct kiv_event_link_t {
 /* Data of KIV_EVENT_HWMON: the sensors in the order of kiv_card_status_t. */
 typedef struct kiv_event_hwmon_t {
     struct {
-        uint8_t alarm;       /* 1 when input is at or above max: so too for a sensor not reported, 0 of 0. */
+        uint8_t alarm;       /* 1 when input >= max; also for a sensor not reported: its values are 0. */
         kiv_sensor_t sensor; /* As reported; `reserved` is 0. */
     } entry[7];
 } kiv_event_hwmon_t;
@@ -216,14 +261,17 @@ typedef void (*kiv_event_callback_t)(uint8_t device_id, kiv_event_type_t event, 
 
 /* ---- Layout: fixed, because the library and the application may come from different compilers -------- */
 
-#define KIV_LAYOUT(type, size, alignment) \
-    static_assert(sizeof(type) == (size) && _Alignof(type) == (alignment), #type " layout")
-#define KIV_OFFSET(type, field, offset) static_assert(offsetof(type, field) == (offset), #type "." #field)
+/* A C that is too old has been told so above, and needs no further lines. */
+#if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L)
+
 #ifdef __cplusplus
-#undef KIV_LAYOUT
-#define KIV_LAYOUT(type, size, alignment) \
-    static_assert(sizeof(type) == (size) && alignof(type) == (alignment), #type " layout")
+#define KIV_ALIGNMENT(type) alignof(type)
+#else
+#define KIV_ALIGNMENT(type) _Alignof(type)
 #endif
+#define KIV_LAYOUT(type, size, alignment) \
+    static_assert(sizeof(type) == (size) && KIV_ALIGNMENT(type) == (alignment), #type " layout")
+#define KIV_OFFSET(type, field, offset) static_assert(offsetof(type, field) == (offset), #type "." #field)
 
 /* clang-format off */
 KIV_LAYOUT(kiv_sw_version_t, 3, 1);
@@ -272,8 +320,11 @@ KIV_LAYOUT(kiv_event_link_t, 4, 1);
 KIV_LAYOUT(kiv_event_hwmon_t, 140, 4);
 /* clang-format on */
 
+#undef KIV_ALIGNMENT
 #undef KIV_LAYOUT
 #undef KIV_OFFSET
+
+#endif
 
 #ifdef __cplusplus
 }
