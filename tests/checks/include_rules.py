@@ -55,6 +55,7 @@ EXCEPTIONS = {
     "tools/kivctl/no_card_linux.cpp": ["driver process"],
     "tools/kivctl/driver.cpp": ["kiv/kivDriverClient.h"],
     "examples/talk_to_card.cpp": ["kiv/hpsClient.h"],
+    "examples/use_driver.cpp": ["kiv/kivDriverClient.h"],
 }
 ONLY_IN = {"curl": {"macOS/library/kivHpsClientKit/kivClient.cpp"}}
 

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "Kivctl.h"
 #include "RunningSimulator.h"
 #include "Waiting.h"
@@ -19,6 +21,7 @@ class KivctlCard : public Kivctl {
     static kivsim::CardSettings card() {
         kivsim::CardSettings card = kivsim::believable_card(1);
         card.flash_ms = 1500;
+        card.interrupt_ms = 5;
         return card;
     }
 
@@ -238,6 +241,26 @@ TEST_F(KivctlCard, WatchPrintsChangesUntilASignal) {
         EXPECT_EQ(ended.out, "");
     }
     EXPECT_EQ(run({"watch", "2"}).status, 1);
+}
+
+TEST_F(KivctlCard, HasExamplesOnTheExportedClassesBesideIt) {
+    const Ended driver = run_program({USE_DRIVER_PROGRAM, "1", "4"});
+    EXPECT_EQ(driver.status, 0) << driver.err;
+    EXPECT_EQ(std::count(driver.out.begin(), driver.out.end(), '\n'), 6);
+    EXPECT_NE(driver.out.find(", 4096 bytes mapped\nregister 0x02000010 by mapping, 0x02000010 by call\n"
+                              "3 messages of 3 arguments, the first 4\n"),
+              std::string::npos)
+        << driver.out;
+    EXPECT_EQ(run_program({USE_DRIVER_PROGRAM, "2"}).status, 1);
+    EXPECT_EQ(run_program({USE_DRIVER_PROGRAM, "x"}).status, 2);
+
+    const std::string server = simulator_.server_addresses()[0];
+    const std::size_t colon = server.find(':');
+    const Ended talked =
+        run_program({TALK_TO_CARD_PROGRAM, server.substr(0, colon), server.substr(colon + 1)});
+    EXPECT_EQ(talked.status, 0) << talked.err;
+    EXPECT_NE(talked.out.find("\nPTP master 00:1d:c1:ff:fe:12:34:56, UTC offset 37 s\n"), std::string::npos)
+        << talked.out;
 }
 
 TEST_F(KivctlCard, HasExamplesInCBesideIt) {
