@@ -99,7 +99,8 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
     EXPECT_GT(ptp["status"]["tai_time"], 0);
     ptp["status"].erase("tai_time");
     EXPECT_EQ(ptp["status"], Json::parse(R"({"state": 0, "utc_offset": 37, "utc_offset_valid": true,
-        "grandmaster": "0x001DC1FFFE123456", "selected_source": false})"));
+        "grandmaster": "0x001DC1FFFE123456", "selected_source": null})"));
+    EXPECT_NE(run({"ptp", "1"}).out.find("\nSelected as PTP source  not known\n"), std::string::npos);
 }
 
 TEST_F(KivctlCard, LeavesOutWhatIsNotKnown) {

@@ -116,6 +116,12 @@ Json vlan_json(uint8_t enabled, uint16_t id) {
     return enabled != 0 ? Json(id) : Json("off");
 }
 
+/// Whether the card is the selected PTP source; null when the library does not tell.
+Json selected_source(uint8_t id) {
+    uint8_t source = 0;
+    return kiv_get_id_selected_ptp_card(&source) == KIV_OK ? Json(source == id) : Json();
+}
+
 }  // namespace
 
 void ptp(const Request& request, Output& output) {
@@ -124,19 +130,19 @@ void ptp(const Request& request, Output& output) {
     kiv_ptp_status_t status{};
     status.state = kUntouched;
     check(kiv_get_ptp_status(request.id, &status), "PTP status");
-    uint8_t source = 0;
-    const bool selected = kiv_get_id_selected_ptp_card(&source) == KIV_OK && source == request.id;
 
-    const Json json{{"id", request.id},
-                    {"config", to_json(ptp_settings(request.id))},
-                    {"status",
-                     {{"state", status.state == kUntouched ? Json() : Json(status.state)},
-                      {"tai_time", status.tai_time},
-                      {"utc_offset", static_cast<int32_t>(status.master_value)},
-                      {"utc_offset_valid", status.is_master != 0},
-                      {"grandmaster", hex64(status.clock_identity)},
-                      {"selected_source", selected}}}};
+    Json json{{"id", request.id},
+              {"config", to_json(ptp_settings(request.id))},
+              {"status",
+               {{"state", status.state == kUntouched ? Json() : Json(status.state)},
+                {"tai_time", status.tai_time},
+                {"utc_offset", static_cast<int32_t>(status.master_value)},
+                {"utc_offset_valid", status.is_master != 0},
+                {"grandmaster", hex64(status.clock_identity)},
+                {"selected_source", selected_source(request.id)}}}};
     if (request.json) return output.print_json(json);
+    Json& selected = json["status"]["selected_source"];
+    if (selected.is_null()) selected = "not known";
     output.print_record(kSettingLines, json["config"]);
     output.print("\n");
     output.print_record(kStateLines, json["status"]);
