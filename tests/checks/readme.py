@@ -2,7 +2,7 @@
 
 Its ```console blocks are run line by line ("$ command") and must print what stands below, but for port numbers and
 socket paths. Its ```sh blocks under "Using the library" are run as they are, with this build in place of the release
-build; its ```c and ```cmake blocks are the files that those lines build.
+build; its ```c, ```cpp and ```cmake blocks are the files that those lines build.
 
 usage: readme.py ROOT BUILD_DIRECTORY
 """
@@ -66,7 +66,7 @@ def main():
             user = pathlib.Path(home, "lister")
             user.mkdir()
             using = readme[readme.index("## Using the library"):]
-            files = {"c": 0, "cmake": 0, "sh": 0}
+            files = {"c": 0, "cpp": 0, "cmake": 0, "sh": 0}
             for language, name, content in blocks(using):
                 if language not in files:
                     continue
@@ -79,6 +79,7 @@ def main():
                     if status != 0:
                         complaints.append(f"README's lines\n{content}\nend with {status}:\n{output}")
                 else:
+                    (user / name).parent.mkdir(exist_ok=True)
                     (user / name).write_text(content)
             if 0 in files.values() or not shown:
                 complaints.append(f"the README lacks a block: {files}, {len(shown)} console")

@@ -1,0 +1,67 @@
+"""Programs in C find the installed package without a JSON library; its C++ classes only with the very version that built
+it.
+
+usage: json_version.py BUILD_DIRECTORY
+"""
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+PROJECT = """cmake_minimum_required(VERSION 3.25)
+project(user NONE)
+if(OTHER)
+  set(nlohmann_json_DIR ${OTHER})
+  set(CMAKE_FIND_USE_CMAKE_SYSTEM_PATH OFF)
+  set(CMAKE_FIND_USE_SYSTEM_ENVIRONMENT_PATH OFF)
+endif()
+find_package(kiv REQUIRED COMPONENTS ${PARTS})
+if(NOT TARGET kiv::kiv OR (PARTS AND NOT TARGET kiv::cpp))
+  message(FATAL_ERROR "a target is missing")
+endif()
+"""
+OTHER_VERSION = "set(PACKAGE_VERSION 3.0.0)\nset(PACKAGE_VERSION_COMPATIBLE TRUE)\n"
+OTHER_PC = "Name: nlohmann_json\nDescription: another one\nVersion: 3.0.0\n"
+
+
+def run(command, environment=None):
+    result = subprocess.run(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120,
+                            env={**os.environ, **(environment or {})})
+    return result.returncode == 0, result.stdout
+
+
+def main():
+    complaints = []
+    with tempfile.TemporaryDirectory() as folder:
+        home = pathlib.Path(folder)
+        installed, output = run(["cmake", "--install", sys.argv[1], "--prefix", str(home / "kiv")])
+        if not installed:
+            print(output)
+            return 1
+        (home / "other").mkdir()
+        (home / "other/nlohmann_jsonConfig.cmake").write_text("")
+        (home / "other/nlohmann_jsonConfigVersion.cmake").write_text(OTHER_VERSION)
+        (home / "other/nlohmann_json.pc").write_text(OTHER_PC)
+        (home / "CMakeLists.txt").write_text(PROJECT)
+        pc = {"PKG_CONFIG_PATH": f"{home}/kiv/lib/pkgconfig"}
+        other_pc = {"PKG_CONFIG_PATH": f"{home}/other:{home}/kiv/lib/pkgconfig", "PKG_CONFIG_LIBDIR": f"{home}/none"}
+
+        def configure(parts, other=""):
+            return ["cmake", "--fresh", "-G", "Ninja", "-S", folder, "-B", f"{folder}/build",
+                    f"-DCMAKE_PREFIX_PATH={home}/kiv", f"-DPARTS={parts}", f"-DOTHER={other}"]
+
+        for command, environment, expected in (
+                (configure("", home / "other"), {}, True), (configure("cpp", home / "other"), {}, False),
+                (configure("cpp"), {}, True),
+                (["pkg-config", "--print-errors", "--exists", "kiv"], other_pc, True),
+                (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], other_pc, False),
+                (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], pc, True)):
+            found, output = run(command, environment)
+            if found != expected or (not expected and "nlohmann_json" not in output):
+                complaints.append(f"{' '.join(command)}\nsucceeds: {found}, with\n{output}")
+    print("\n".join(complaints) or "the package asks for its JSON library")
+    return 1 if complaints else 0
+
+
+sys.exit(main())
