@@ -1,6 +1,6 @@
 /*
- * A small C interface to the driver extension, beside the main one (kiv_api.h). Any thread. The functions keep a
- * list of the driver's PCI functions of their own.
+ * A small C interface to the driver extension, beside the main one (kiv_api.h). Any thread. The functions
+ * keep a list of the driver's PCI functions of their own.
  */
 #ifndef KIV_DEXT_H
 #define KIV_DEXT_H
@@ -21,14 +21,20 @@ extern "C" {
 #endif
 
 /*
- * Finds the PCI functions that the driver publishes, in the driver's order, and opens a connection to each; takes
- * leave of those found before. 0 when there is at least one, 1 when there is none.
+ * Finds the PCI functions that the driver publishes, in the driver's order, and opens a connection to each. 0
+ * when there is at least one. 1 when there is none, and in the child of a process that used the library (rule
+ * 9 of kiv_api.h).
+ *
+ * A second call ends the connections of the first, and takes leave of the driver for the whole process: also
+ * for the cards of a scan (kiv_scan) and for every kivDriverClient. Scan again, and open the clients again,
+ * after it.
  */
 KIV_API int32_t kivDext_new(void);
 
 /*
- * Position, from 0, of the first PCI function whose card is the selected PTP source; their number when none is.
- * The driver does not report the selection, so that a list just made has none.
+ * Position, from 0, in that list of the first PCI function whose card is the selected PTP source; the length
+ * of the list when there is none. The driver does not report the selection and nobody outside can set it:
+ * today it is always the length.
  */
 KIV_API uint16_t kivDext_get_selected_ptp_card(void);
 

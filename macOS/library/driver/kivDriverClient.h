@@ -44,12 +44,16 @@ struct dextBuffer {
     std::vector<buffer_info> infos;  ///< In their order.
 };
 
-/// Driver calls return 0, the platform's status when the call fails, or -1, with a line in the platform log, when
-/// the client is closed or an argument is bad. Results are 0 when a call fails, unless said otherwise.
+/// Driver calls return 0, the platform's status when the call fails, or -1, with a line in the platform log,
+/// when the client is closed or an argument is bad. Results are 0 when a call fails, unless said otherwise.
 ///
 /// Threads: everything may be called from any thread at once, the settings of `boot_conf` and `device_conf`
-/// apart. A call that meets close() fails, as on a closed client or with the platform's status. Calls wait for as
-/// long as the driver takes. The last reference to a client must not be dropped in its own interrupt callback.
+/// apart. A call that meets close() fails, as on a closed client or with the platform's status. Calls wait
+/// for as long as the driver takes: they do not return while its process hangs. The last reference to a
+/// client must not be dropped in its own interrupt callback. What rules 6 and 7 of kiv_api.h say of cancelled
+/// threads and of signals holds here too.
+///
+/// A client is no use to the child of a fork: the connection stays with the parent, and calls fail.
 class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_from_this<kivDriverClient> {
   public:
     static constexpr uint8_t pf0_st2110_id = 22;  ///< ST 2110 media function, PCI function 0.
@@ -90,8 +94,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
         uint16_t c;
     };
 
-    /// Opens every service of that name, as function 22 or else 23; one that refuses both is left out. In the
-    /// driver's order.
+    /// Opens every service of that name (KIV_DRIVER_SERVICE_NAME), as function 22 or else 23; one that
+    /// refuses both is left out. In the driver's order.
     static kivDriverClientList enumerateDevices(const char* name);
 
     /// Takes over an open connection and reads both configurations; what cannot be read is zero.
@@ -121,8 +125,10 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
 
     // ---- Driver calls -----------------------------------------------------------------------------------
 
-    int32_t init();                             ///< This process to the driver's list of users ...
-    int32_t deinit();                           ///< ... and off it.
+    /// Announce this process to the driver, and take leave. The driver is told the process, not the client: a
+    /// leave may also be that of the process's other clients, which call init() again if they stay.
+    int32_t init();
+    int32_t deinit();
     int32_t load_boot_conf(boot_conf_t& conf);  ///< Untouched on failure.
     int32_t set_device_conf(const device_conf_t& conf);
     int32_t get_device_conf(device_conf_t& conf);  ///< All but `ptp_selected`. Untouched on failure.
@@ -155,6 +161,10 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
 
     int32_t reset(int32_t a, int32_t b);
     int32_t reset_buffer();  ///< The driver's buffer state; not the buffers below.
+
+    /// Switches the messages of one interrupt on or off. Numbers are the driver's: which there are, and what
+    /// the arguments of their messages say, is up to the driver and to the function that it serves. Messages
+    /// of all interrupts go to the one callback (set_callback()), and only after open(true).
     int32_t enable_interrupt(uint32_t number);
     int32_t disable_interrupt(uint32_t number);
 
@@ -176,14 +186,14 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     int32_t get_use_resource_data(use_resource& resource);  ///< Untouched on failure.
     int32_t get_pci_link_info(pci_link_info& info);         ///< Untouched on failure.
 
-    // ---- Buffers: DMA memory with all its elements mapped -----------------------------------------------
+    // ---- Buffers: DMA memory with all its elements mapped. A client that is closed has forgotten them. ---
 
     /// Allocates and maps; all or nothing. -1 when the driver refuses the memory, else the status of the
     /// element that failed. Ids are the caller's, and should be its own: buffers of one id may be the same
     /// memory at the same addresses, and the first counts.
     int32_t allocate_buffer(uint32_t id, uint32_t elm_size, uint32_t depth);
 
-    /// A copy of the buffer; -1, with `out` untouched, when there is none.
+    /// A copy of the buffer; -1, with `out` untouched, when there is none, as after close().
     int32_t get_buffer(uint32_t id, dextBuffer& out) const;
 
     /// Releases one buffer; -1 when there is none. Its elements stay mapped: undo them with unmap().

@@ -1,4 +1,5 @@
 /// What an HttpResult of a card's management server means: yes or no, one log line, and the JSON payload.
+/// Needs the version of nlohmann/json that kiv was built with: see kivClient.h.
 #ifndef KIV_HPS_HTTP_HELPER_H
 #define KIV_HPS_HTTP_HELPER_H
 
@@ -11,7 +12,8 @@
 /// Stateless; any thread. Nothing here throws for what a server sent.
 class KIV_API HpsHttpHelper {
   public:
-    /// True for a success; otherwise logs one line that classifies the failure.
+    /// True for a success; otherwise logs one line that classifies the failure (none before kivLog_open or
+    /// kiv_open).
     static bool handle(const HttpResult& result);
 
     /// handle(), then the payload of the body into `out`: the member "data" when the body is an object that

@@ -1,4 +1,5 @@
 /// Client of the HTTP/JSON management server on a card's on-board processor. One object stands for one card.
+/// Needs the version of nlohmann/json that kiv was built with: see kivClient.h.
 #ifndef KIV_HPS_CLIENT_H
 #define KIV_HPS_CLIENT_H
 
@@ -19,8 +20,9 @@ namespace hps {
 struct Endpoint;
 }
 
-/// Operations return 0, or -1, unless said otherwise; outputs are then untouched. A failed request leaves a line in the log. A
-/// client without a configuration answers every request as a server that cannot be reached. What the server
+/// Operations return 0, or -1 with outputs untouched, unless said otherwise. A failed request leaves a line
+/// in the log, if that is open: without kivLog_open or kiv_open there is none until an open_config succeeds.
+/// A client without a configuration answers every request as a server that cannot be reached. What the server
 /// sends in a wrong shape throws the JSON library's exceptions.
 ///
 /// Threads: requests may run on several threads at once, also while the client is configured anew: each works

@@ -1,4 +1,5 @@
 /// What the card's management server speaks of, as records.
+/// Needs the version of nlohmann/json that kiv was built with: see kivClient.h.
 #ifndef KIV_HPS_RECORDS_H
 #define KIV_HPS_RECORDS_H
 

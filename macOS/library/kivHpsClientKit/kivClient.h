@@ -1,4 +1,7 @@
 /// HTTP transport to a card's management server: one request, a few attempts, one result.
+///
+/// The functions that take JSON carry the version of nlohmann/json in their names: build with the version
+/// that kiv was built with. The CMake package's component `cpp` and kiv-cpp.pc ask for it.
 #ifndef KIV_CLIENT_H
 #define KIV_CLIENT_H
 
@@ -20,6 +23,8 @@ struct HttpResult {
 
 /// Sends requests to paths under one base URL. An attempt that gets no answer is repeated; any answer ends
 /// the request.
+///
+/// Log lines go to kivLog.h: there are none before kivLog_open or kiv_open.
 ///
 /// Threads: several may send at once, while none changes the settings. A request blocks its caller for at
 /// most the number of attempts times (time limit + pause).

@@ -1,4 +1,5 @@
 /// The host's card configuration: the model and its JSON file. Plain values; no locks.
+/// Needs the version of nlohmann/json that kiv was built with: see kivClient.h.
 #ifndef KIV_CARD_CONFIG_H
 #define KIV_CARD_CONFIG_H
 
@@ -57,7 +58,8 @@ struct KIV_API CardConfig {
     /// when the file cannot be opened, is not JSON, or lacks a key or has one of a wrong type.
     static CardConfig load_from_file(const std::string& path);
 
-    /// Writes the file at `path`: keys in a fixed order, four spaces of indentation, one line end. Throws
+    /// Writes the file at `path`: keys in a fixed order, four spaces of indentation, one line end. Keys of
+    /// the former file that this model does not have ("hps_access" of a card) are lost. Throws
     /// std::runtime_error when it cannot be opened (or, before it is touched, when a text is not UTF-8).
     void save_to_file(const std::string& path) const;
 };

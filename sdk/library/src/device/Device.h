@@ -22,9 +22,11 @@ namespace kiv::device {
 /// Operations return KIV_OK or a result code; a getter writes only the fields that its comment names. What
 /// the management server sends in a wrong shape throws.
 ///
-/// Threads: operations may run on any thread, and no query or command takes the Device mutex, so a callback may
-/// use them on its own card. Registration, enabling and the polls take the Device mutex, and the polls hold it
-/// while they call back: a callback must not call those on its own card.
+/// Threads: operations may run on any thread, and no query or command takes the Device mutex, so a callback
+/// may use them on its own card. Registration, enabling and the polls take the Device mutex, and the polls
+/// hold it while they call back: a callback must not call those on its own card.
+///
+/// Log lines go to kivLog.h: there are none before kivLog_open or kiv_open.
 class KIV_API Device {
   public:
     using AccessList = std::vector<std::unique_ptr<access::IDeviceAccess>>;
@@ -47,7 +49,8 @@ class KIV_API Device {
     /// `pci_link_a` is 0 and `pci_link_b` untouched.
     kiv_result_t get_card_status(kiv_card_status_t& status);
 
-    /// Addresses and prefix lengths of "maceth0" and "maceth1", asked of the management server.
+    /// Addresses and prefix lengths of "maceth0" and "maceth1", asked of the management server. A netmask
+    /// that is not made of numbers throws: addresses may be written then.
     kiv_result_t get_media_net_config(kiv_net_config_t& config);
 
     /// Links from the status register, loads from the traffic counters of BAR 1.
@@ -67,14 +70,17 @@ class KIV_API Device {
     kiv_result_t get_rx_stream_status(kiv_rx_stream_status_t& status);
 
     /// The PTP selection byte, 0 to 255, non-zero for the selected card; KIV_ERR_FAILED without a driver.
+    /// With the driver's accesses it is 0: the driver does not report the selection, and nobody sets it.
     kiv_result_t selected_ptp_card();
 
-    /// The driver's three times; its own status on failure.
+    /// The driver's three times. On failure the driver's own status, -1 without a client, KIV_ERR_FAILED
+    /// without PCI function 0; the times are then 0.
     kiv_result_t get_epoch_and_2point(uint64_t& a, uint64_t& b, uint64_t& c);
 
     // ---- Settings and flash -----------------------------------------------------------------------------
 
-    /// Sends both settings to the management server, and keeps those of PTP when it accepts them.
+    /// Sends both settings to the management server, and keeps those of PTP when it accepts them. A port
+    /// whose `vlan_enable` is 0 has its VLAN switched off.
     kiv_result_t reconfig_net_work(const kiv_net_config_t& net, const kiv_ptp_config_t& ptp);
 
     /// Uploads the file and starts its write. The card goes on by itself: see get_flash_write_status().
@@ -86,7 +92,8 @@ class KIV_API Device {
 
     // ---- Events -----------------------------------------------------------------------------------------
 
-    /// Adds a callback for the enabled events; one that is added twice is called twice.
+    /// Adds a callback for the enabled events; one that is added twice is called twice. Keep it short: the
+    /// polls of all cards share the workers of their pool.
     void addCallback(kiv_event_callback_t callback, void* user);
 
     /// Removes all callbacks. None runs any more when this returns.

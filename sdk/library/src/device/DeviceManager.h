@@ -57,7 +57,7 @@ class KIV_API DeviceManager {
     std::shared_ptr<Device> getDeviceShared(unsigned id);
     bool exists(unsigned id);
 
-    /// Every Device, in the map's order.
+    /// Every Device, in no particular order.
     std::vector<std::shared_ptr<Device>> allDevices();
 
   private:

@@ -32,7 +32,8 @@ class KIV_API IDeviceAccess {
     /// Tunnel address (IPv4, first octet in the most significant byte) and TCP port of the management server
     /// there.
     virtual int32_t getTunIP(uint32_t& address, uint32_t& port) = 0;
-    /// Not a status: the PTP selection byte, non-zero for the selected card; -1 without a driver.
+    /// Not a status: the PTP selection byte, non-zero for the selected card; -1 without a driver. The driver
+    /// does not report one, so that it is 0 of an access to the driver.
     virtual int32_t selected_ptp_card() = 0;
     /// The three times of the driver, as it reports them.
     virtual int32_t getEpochAnd2point(uint64_t& a, uint64_t& b, uint64_t& c) = 0;

@@ -20,7 +20,7 @@ namespace kiv::log {
 
 /// Settings of the back end.
 struct LogConfig {
-    kiv_log_level_t level = KIV_LOG_LEVEL_ERROR;  ///< Threshold of the logger.
+    kiv_log_level_t level = KIV_LOG_LEVEL_ERROR;  ///< Threshold of the logger, for the life of the process.
     std::string file_path;           ///< File of the "file" sink; rotates at 10 MiB, 5 files are kept.
     std::vector<std::string> sinks;  ///< "console", "file", "syslog", "os_log", in order; others are skipped.
     std::string os_log_subsystem;    ///< Subsystem under which the "os_log" sink writes.
@@ -38,10 +38,10 @@ class KIV_API LogManager {
     /// Created at first use, never destroyed.
     static LogManager& getInstance();
 
-    /// Builds the logger from `config`, makes it spdlog's default logger and sets the pattern. Only the first
-    /// call that succeeds counts: out of memory it throws std::bad_alloc and keeps nothing. A sink that
-    /// cannot be made is reported on standard error and skipped; with none left, the console takes over. Any
-    /// thread may log meanwhile.
+    /// Builds the logger from `config`, makes it spdlog's default logger and sets spdlog's pattern, both for
+    /// the whole process. Only the first call that succeeds counts: out of memory it throws std::bad_alloc and
+    /// keeps nothing. A sink that cannot be made is reported on standard error and skipped; with none left,
+    /// the console takes over. Any thread may log meanwhile.
     void init(const LogConfig& config);
 
     /// The logger, or null before the first init. It stays until the process is gone.

@@ -3,8 +3,11 @@
  *
  * A line has a level; it is written when its level is at most the threshold. It goes to the application's
  * callback or to the library's back end, which writes to the unified system log unless
- * kivLog_open_with_config chose other sinks. Before any open the threshold is "error" and lines that the back
- * end would take are dropped.
+ * kivLog_open_with_config chose other sinks.
+ *
+ * Before any open the threshold is "error", and lines for the back end are dropped: the exported classes log
+ * nothing in a process that has called neither kivLog_open nor kiv_open. (An hpsClient that finds its server
+ * opens the log itself. kivDriverClient writes its lines to the unified system log, opened or not.)
  *
  * Threads: every function may be called from any thread at any time.
  */
@@ -26,7 +29,12 @@ enum {
     KIV_LOG_LEVEL_WARNING = 1,
     KIV_LOG_LEVEL_INFO = 2,
     KIV_LOG_LEVEL_DEBUG = 3,
-    KIV_LOG_LEVEL_NONE = 4 /* Log nothing; a line written at this level is always dropped. */
+    /*
+     * A line of this level is always dropped. As a threshold it does not switch the log off: every other line
+     * is written. Only as the level of the very first open it switches off the back end, for the life of the
+     * process; a callback gets its lines even then.
+     */
+    KIV_LOG_LEVEL_NONE = 4
 };
 
 /* Where lines go. Any other value drops every line. */
@@ -51,9 +59,19 @@ typedef void (*kiv_log_callback_t)(kiv_log_level_t level, const char* message, v
 /*
  * Sets threshold and destination, and starts the back end with its default settings (system log) at the first
  * call; later calls change threshold and destination only. A null `config` keeps threshold and destination as
- * they are and only starts the back end: sink, callback and user data are then ignored. Returns KIV_OK. A
- * scan opens the log anew for each card's management server, with level info and the back end: open it again
- * after a scan to keep a callback.
+ * they are and only starts the back end: sink, callback and user data are then ignored. Returns KIV_OK;
+ * KIV_ERR_FAILED when memory runs out.
+ *
+ * The back end keeps the level of its first open for itself: lines of a higher number never reach its sinks,
+ * whatever threshold a later open sets. To see more later, open first with KIV_LOG_LEVEL_DEBUG, then with the
+ * level for now.
+ *
+ * The first open also makes the back end spdlog's default logger, and its pattern spdlog's pattern, for the
+ * whole process: that changes what an application writes through the same spdlog library.
+ *
+ * kiv_open with settings, a scan (for each card's management server, with level info) and a successful
+ * hpsClient::open_config open the log anew, with the back end: a callback is removed. Open the log again
+ * after them to keep one.
  */
 KIV_API kiv_result_t kivLog_open(const kiv_log_config_t* config, kiv_log_sink_t sink,
                                  kiv_log_callback_t callback, void* user_data);
@@ -75,8 +93,10 @@ KIV_API kiv_log_sink_t kivLog_get_type(void);
 KIV_API kiv_log_level_t kivLog_get_level(void);
 
 /*
- * The two ways of an already formatted line, past the threshold: to the callback, whose exceptions pass, and
- * to the back end (KIV_OK). A null message is dropped.
+ * The two ways of an already formatted line, which no longer look at the threshold. kivLog_dispatch_impl
+ * calls the callback if lines go to it (kivLog_get_type is KIV_LOG_SINK_CALLBACK), and else drops the line;
+ * an exception of the callback leaves it. kivLog_dispatch_spdlog writes to the back end, wherever lines go,
+ * and returns KIV_OK. A null message is dropped.
  */
 KIV_API void kivLog_dispatch_impl(kiv_log_level_t level, const char* file, int line, const char* message);
 KIV_API kiv_result_t kivLog_dispatch_spdlog(kiv_log_level_t level, const char* file, int line,
