@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
@@ -128,6 +129,9 @@ class Connected : public testing::Test {
         address_ = size_ = 1;
         return IOConnectMapMemory64(connect_, 0, mach_task_self(), &address_, &size_, kIOMapAnywhere);
     }
+    kern_return_t unmap(mach_vm_address_t at) const {
+        return IOConnectUnmapMemory64(connect_, 0, mach_task_self(), at);
+    }
     static bool mapped(uint64_t at) { return msync(reinterpret_cast<void*>(at), kPage, MS_ASYNC) == 0; }
 
     ScriptedDriver driver_;
@@ -222,6 +226,28 @@ TEST_F(PlatformMessages, ReachARunningLoopInOrderUntilItIsStopped) {
     CFRelease(loop);
 }
 
+TEST_F(PlatformMessages, OfAFloodDoNotHoldUpThoseOfAnotherConnection) {
+    const io_connect_t other = open_first();
+    int channels[2];
+    for (int& each : channels) {
+        ASSERT_EQ(call_async(&each == channels ? connect_ : other), kDone);
+        each = driver_.channel.exchange(-1);
+    }
+    const auto send_one = [&](uint64_t from) {
+        const uint64_t word = from;  // Result, and no arguments.
+        return send(channels[from], &word, sizeof word, MSG_NOSIGNAL) > 0;
+    };
+    on_message_ = [&] { EXPECT_TRUE(send_one(came_.back().front())); };  // Neither ever runs dry.
+    EXPECT_TRUE(send_one(0) && send_one(1));
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(run(20), kCFRunLoopRunHandledSource);
+    for (const uint64_t from : {0u, 1u})
+        EXPECT_GE(std::count(came_.begin(), came_.end(), std::vector{from}), 5) << from;
+    IOServiceClose(other);
+    for (const int each : channels)
+        close(each);
+}
+
 TEST_F(PlatformMessages, EndWithTheirConnectionAlsoInsideACallback) {
     ptrdiff_t before = 0;
     for (int round = 0; round < 100; ++round) {
@@ -255,9 +281,17 @@ TEST_F(PlatformMemory, IsSharedBothWaysAndMappedOnce) {
     EXPECT_EQ(address_, first);
     ASSERT_EQ(map({0, {2 * kPage, 2 * kPage}, 16, 1}), kDone);
     EXPECT_NE(address_, first);
+    // The driver's memory of this moment is undone, at whatever address.
+    const mach_vm_address_t second = address_;
     for (const kern_return_t expected : {kDone, kRefused})
-        EXPECT_EQ(IOConnectUnmapMemory64(connect_, 0, mach_task_self(), first), expected);
-    EXPECT_TRUE(!mapped(first) && mapped(address_));
+        EXPECT_EQ(unmap(first), expected);
+    EXPECT_TRUE(mapped(first) && !mapped(second));
+    driver_.map_reply = {-1, {}, 0, 0};
+    EXPECT_EQ(unmap(first), kRefused);
+    driver_.map_reply = {0, {kPage, 2 * kPage}, 16, 1};
+    EXPECT_EQ(unmap(second), kDone);
+    EXPECT_FALSE(mapped(first));
+    ASSERT_EQ(map({0, {kPage, kPage}, 16, 1}), kDone);
     EXPECT_EQ(IOServiceClose(connect_), kDone);
     EXPECT_FALSE(mapped(address_));
 }
@@ -285,6 +319,7 @@ TEST_F(PlatformMemory, ThatCannotBeTrustedIsRefusedAndLeaksNothing) {
     close(std::exchange(driver_.file, sealed));
     driver_.die();
     EXPECT_EQ(map({}), MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(unmap(address_), MACH_SEND_INVALID_DEST);
 }
 
 }  // namespace

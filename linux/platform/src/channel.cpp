@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <utility>
 
 namespace kivplatform {
 
@@ -34,8 +35,10 @@ bool well_formed(const kivplatform_message& message, std::size_t size) {
 std::shared_ptr<Channel> Channel::create(IOAsyncCallback function, void* context, Descriptor& far_end) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return nullptr;
-    far_end = Descriptor(ends[1]);
-    return std::shared_ptr<Channel>(new Channel(function, context, Descriptor(ends[0])));
+    Descriptor near_end = above_standard(ends[0]);
+    far_end = above_standard(ends[1]);
+    if (near_end.number() < 0 || far_end.number() < 0) return nullptr;
+    return std::shared_ptr<Channel>(new Channel(function, context, std::move(near_end)));
 }
 
 Channel::Outcome Channel::deliver(short events) {
@@ -56,7 +59,7 @@ void Channel::close() {
     shutdown(descriptor(), SHUT_RDWR);
 }
 
-Waker::Waker() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+Waker::Waker() : event_(above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
 
 void Waker::wake() const {
     if (descriptor() >= 0) eventfd_write(descriptor(), 1);

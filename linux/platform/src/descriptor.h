@@ -2,6 +2,7 @@
 #ifndef KIVPLATFORM_DESCRIPTOR_H
 #define KIVPLATFORM_DESCRIPTOR_H
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <utility>
@@ -27,6 +28,15 @@ class Descriptor {
   private:
     int number_ = -1;
 };
+
+/// Owns `number`, which may be -1, under a number of 3 or above: a process may have closed its standard
+/// streams, and what it then writes to them must not reach a descriptor of ours. None when there is no number
+/// left.
+inline Descriptor above_standard(int number) {
+    Descriptor owner(number);
+    if (number < 0 || number > STDERR_FILENO) return owner;
+    return Descriptor(fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
 
 }  // namespace kivplatform
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace kivplatform {
 
@@ -26,39 +27,49 @@ bool within_file(const kivplatform_mapping& bytes, const struct stat& file, bool
 
 }  // namespace
 
+bool Mappings::Mapping::is_same_memory(const Mapping& other) const {
+    return device == other.device && inode == other.inode && offset == other.offset && size == other.size;
+}
+
+std::vector<Mappings::Mapping>::iterator Mappings::find(const Mapping& memory) {
+    // A mapping keeps its file alive: while it exists no other file has the same numbers.
+    return std::find_if(mappings_.begin(), mappings_.end(),
+                        [&memory](const Mapping& each) { return each.is_same_memory(memory); });
+}
+
 kern_return_t Mappings::map(const Descriptor& file, const kivplatform_mapping& bytes,
                             mach_vm_address_t& address) {
     struct stat found {};
     if (fstat(file.number(), &found) != 0 || !within_file(bytes, found, is_sealed(file)))
         return kIOReturnBadArgument;
-    Mapping wanted{found.st_dev, found.st_ino, bytes.offset, bytes.size, nullptr};
+    const Mapping wanted{found.st_dev, found.st_ino, bytes.offset, bytes.size, nullptr};
 
     const std::lock_guard lock(mutex_);
     if (closed_) return MACH_SEND_INVALID_DEST;
-    // A mapping keeps its file alive: while it exists no other file has the same numbers.
-    auto same = std::find_if(mappings_.begin(), mappings_.end(), [&wanted](const Mapping& each) {
-        return each.device == wanted.device && each.inode == wanted.inode && each.offset == wanted.offset &&
-               each.size == wanted.size;
-    });
+    auto same = find(wanted);
     if (same == mappings_.end()) {
-        wanted.address = mmap(nullptr, bytes.size, PROT_READ | PROT_WRITE, MAP_SHARED, file.number(),
-                              static_cast<off_t>(bytes.offset));
-        if (wanted.address == MAP_FAILED) return kIOReturnBadArgument;
-        same = mappings_.insert(same, wanted);
+        mappings_.push_back(wanted);  // Before the memory is mapped: out of memory nothing may be left over.
+        same = std::prev(mappings_.end());
+        same->address = mmap(nullptr, bytes.size, PROT_READ | PROT_WRITE, MAP_SHARED, file.number(),
+                             static_cast<off_t>(bytes.offset));
+        if (same->address == MAP_FAILED) {
+            mappings_.pop_back();
+            return kIOReturnBadArgument;
+        }
     }
     address = reinterpret_cast<mach_vm_address_t>(same->address);
     return kIOReturnSuccess;
 }
 
-bool Mappings::unmap(mach_vm_address_t address) {
+kern_return_t Mappings::unmap(const Descriptor& file, const kivplatform_mapping& bytes) {
+    struct stat status {};
+    if (fstat(file.number(), &status) != 0) return kIOReturnBadArgument;
     const std::lock_guard lock(mutex_);
-    const auto found = std::find_if(mappings_.begin(), mappings_.end(), [address](const Mapping& each) {
-        return reinterpret_cast<mach_vm_address_t>(each.address) == address;
-    });
-    if (found == mappings_.end()) return false;
+    const auto found = find({status.st_dev, status.st_ino, bytes.offset, bytes.size, nullptr});
+    if (found == mappings_.end()) return kIOReturnBadArgument;
     munmap(found->address, found->size);
     mappings_.erase(found);
-    return true;
+    return kIOReturnSuccess;
 }
 
 void Mappings::close() {

@@ -25,8 +25,8 @@ class Mappings {
     /// all within the file, are kIOReturnBadArgument.
     kern_return_t map(const Descriptor& file, const kivplatform_mapping& bytes, mach_vm_address_t& address);
 
-    /// False when nothing is mapped at that address.
-    bool unmap(mach_vm_address_t address);
+    /// Undoes the mapping of these bytes of the file; kIOReturnBadArgument when they have none.
+    kern_return_t unmap(const Descriptor& file, const kivplatform_mapping& bytes);
 
     /// Unmaps all; from now on nothing can be mapped.
     void close();
@@ -38,7 +38,12 @@ class Mappings {
         uint64_t offset;
         uint64_t size;
         void* address;
+
+        bool is_same_memory(const Mapping& other) const;
     };
+
+    /// The entry of that memory, or the end.
+    std::vector<Mapping>::iterator find(const Mapping& memory);
 
     std::mutex mutex_;  ///< Guards all below.
     std::vector<Mapping> mappings_;

@@ -1,27 +1,40 @@
 #include "notification_port.h"
 
+#include <atomic>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 
+#include "per_process.h"
 #include "run_loop.h"
 
 struct IONotificationPort {
-    mach_port_t name = MACH_PORT_NULL;
-    CFRunLoopSourceRef source = new __CFRunLoopSource;
+    explicit IONotificationPort(mach_port_t new_name) : name(new_name) {}
+    ~IONotificationPort() { CFRelease(source); }
+    IONotificationPort(const IONotificationPort&) = delete;
+    IONotificationPort& operator=(const IONotificationPort&) = delete;
+
+    const mach_port_t name;
+    const CFRunLoopSourceRef source = new __CFRunLoopSource;
+    const kivplatform::Birthplace birthplace;
 };
 
 namespace {
 
 struct Ports {
+    explicit Ports(const Ports* inherited) {
+        if (inherited != nullptr) next = inherited->next.load();
+    }
+
     std::mutex mutex;  ///< Guards all below.
     std::unordered_map<mach_port_t, IONotificationPortRef> by_name;
-    mach_port_t next = 0x80000003;  ///< Far from the names of objects; never handed out again.
+    /// Far from the names of objects; never handed out again. A forked child reads it without the lock.
+    std::atomic<mach_port_t> next = 0x80000003;
 };
 
-/// Never destroyed: a port may live as long as its process.
 Ports& ports() {
-    static Ports& instance = *new Ports;
-    return instance;
+    return kivplatform::of_this_process<Ports>();
 }
 
 }  // namespace
@@ -32,21 +45,22 @@ std::shared_ptr<kivplatform::Channels> kivplatform::channels_of(mach_port_t port
     return found == ports().by_name.end() ? nullptr : found->second->source->channels;
 }
 
-IONotificationPortRef IONotificationPortCreate(mach_port_t) {
+IONotificationPortRef IONotificationPortCreate(mach_port_t) try {
     const std::lock_guard lock(ports().mutex);
-    auto* const port = new IONotificationPort{ports().next++};
-    ports().by_name.emplace(port->name, port);
-    return port;
+    auto port = std::make_unique<IONotificationPort>(ports().next++);
+    ports().by_name.emplace(port->name, port.get());
+    return port.release();
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 
 void IONotificationPortDestroy(IONotificationPortRef port) {
-    if (port == nullptr) return;
+    if (port == nullptr || port->birthplace.is_elsewhere()) return;
     {
         const std::lock_guard lock(ports().mutex);
         ports().by_name.erase(port->name);
     }
     port->source->channels->invalidate();
-    CFRelease(port->source);
     delete port;
 }
 

@@ -9,8 +9,11 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string>
 #include <utility>
+
+#include "per_process.h"
 
 struct os_log_s {
     const char* subsystem;
@@ -21,6 +24,13 @@ os_log_s _os_log_default{"", ""};
 os_log_s _os_log_disabled{"", ""};
 
 namespace {
+
+/// One object for each pair of texts, for ever.
+struct Logs {
+    explicit Logs(const Logs*) {}
+    std::mutex mutex;
+    std::map<std::pair<std::string, std::string>, os_log_s> objects;  ///< Guarded by the mutex.
+};
 
 enum class Mode { Usual, Info, Debug, Disable };
 
@@ -89,12 +99,9 @@ std::string formatted(const char* format, va_list arguments) {
 
 os_log_t os_log_create(const char* subsystem, const char* category) {
     if (mode() == Mode::Disable) return OS_LOG_DISABLED;
-    // One object for each pair of texts, for ever.
-    using Key = std::pair<std::string, std::string>;
-    static auto& mutex = *new std::mutex;
-    static auto& logs = *new std::map<Key, os_log_s>;
-    const std::lock_guard lock(mutex);
-    const auto [at, is_new] = logs.try_emplace(Key{subsystem, category});
+    auto& logs = kivplatform::of_this_process<Logs>();
+    const std::lock_guard lock(logs.mutex);
+    const auto [at, is_new] = logs.objects.try_emplace({subsystem, category});
     if (is_new) at->second = {at->first.first.c_str(), at->first.second.c_str()};
     return &at->second;
 }
@@ -106,7 +113,7 @@ bool os_log_type_enabled(os_log_t log, os_log_type_t type) {
     return true;
 }
 
-void _os_log_write(os_log_t log, os_log_type_t type, const char* format, ...) {
+void _os_log_write(os_log_t log, os_log_type_t type, const char* format, ...) try {
     if (!os_log_type_enabled(log, type)) return;
     va_list arguments;
     va_start(arguments, format);
@@ -123,4 +130,6 @@ void _os_log_write(os_log_t log, os_log_type_t type, const char* format, ...) {
                                  "] " + origin + text + "\n";
         std::fwrite(line.data(), 1, line.size(), stderr);
     }
+} catch (const std::bad_alloc&) {
+    // There is nobody to tell.
 }

@@ -65,6 +65,7 @@ class __CFRunLoop::Run {
 };
 
 void __CFRunLoop::add(const std::shared_ptr<Channels>& source, CFRunLoopMode mode) {
+    if (birthplace_.is_elsewhere()) return;
     const std::lock_guard lock(mutex_);
     const std::pair entry(mode, source);
     if (std::find(sources_.begin(), sources_.end(), entry) != sources_.end()) return;
@@ -74,6 +75,7 @@ void __CFRunLoop::add(const std::shared_ptr<Channels>& source, CFRunLoopMode mod
 }
 
 void __CFRunLoop::stop() {
+    if (birthplace_.is_elsewhere()) return;
     const std::lock_guard lock(mutex_);
     stopped_ = true;
     waker_->wake();
@@ -81,6 +83,7 @@ void __CFRunLoop::stop() {
 
 CFRunLoopRunResult __CFRunLoop::run(CFRunLoopMode mode, CFTimeInterval seconds,
                                     bool return_after_source_handled) {
+    if (birthplace_.is_elsewhere()) return kCFRunLoopRunFinished;
     const Deadline deadline(seconds);
     const Run run(*this);
     for (;;) {

@@ -12,12 +12,14 @@
 
 #include "cf_object.h"
 #include "channel.h"
+#include "per_process.h"
 
 /// The source of a notification port.
 struct __CFRunLoopSource final : kivplatform::CfObject {
     const std::shared_ptr<kivplatform::Channels> channels = std::make_shared<kivplatform::Channels>();
 };
 
+/// In a forked child the parent's loops do nothing.
 struct __CFRunLoop final : kivplatform::CfObject {
   public:
     void add(const std::shared_ptr<kivplatform::Channels>& source, CFRunLoopMode mode);
@@ -33,6 +35,7 @@ struct __CFRunLoop final : kivplatform::CfObject {
     Sources sources_of(CFRunLoopMode mode);
     bool handle_one(const Sources& sources, int wait_ms);
 
+    const kivplatform::Birthplace birthplace_;
     std::mutex mutex_;  ///< Guards the next two.
     std::vector<std::pair<CFRunLoopMode, std::shared_ptr<kivplatform::Channels>>> sources_;
     bool stopped_ = false;  ///< Of the innermost run.

@@ -34,7 +34,7 @@ Descriptor only_descriptor(msghdr& message) {
         for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= header->cmsg_len; at += sizeof(int)) {
             int number = -1;
             std::memcpy(&number, CMSG_DATA(header) + at, sizeof number);
-            found = Descriptor(number);  // The one before is closed.
+            found = above_standard(number);  // The one before is closed.
             ++count;
         }
     }
@@ -52,9 +52,10 @@ std::shared_ptr<Conversation> Conversation::start(kern_return_t& status) {
     if (!kivplatform_driver_socket(address.sun_path)) return nullptr;
 
     status = kIOReturnNoResources;
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    Descriptor owner = above_standard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    const int fd = owner.number();
     if (fd < 0) return nullptr;
-    std::shared_ptr<Conversation> conversation(new Conversation(fd));
+    std::shared_ptr<Conversation> conversation(new Conversation(std::move(owner)));
     int result = 0;
     do {
         result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
@@ -62,10 +63,6 @@ std::shared_ptr<Conversation> Conversation::start(kern_return_t& status) {
     if (result == 0 || errno == ENOENT || errno == ENOTDIR || errno == ECONNREFUSED)
         status = kIOReturnSuccess;
     return result == 0 ? conversation : nullptr;
-}
-
-Conversation::~Conversation() {
-    close(socket_);
 }
 
 kern_return_t Conversation::ask(const kivplatform_request& request, const void* payload, std::size_t size,
@@ -83,21 +80,21 @@ kern_return_t Conversation::ask(const kivplatform_request& request, const void* 
 void Conversation::end() {
     std::unique_lock lock(turn_, std::try_to_lock);
     if (!lock.owns_lock()) {
-        shutdown(socket_, SHUT_RDWR);
+        shutdown(socket_.number(), SHUT_RDWR);
         lock.lock();
         ended_ = true;
         return;
     }
     // A driver process that does not answer may not keep the program from closing.
     const timeval patience{1, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    setsockopt(socket_.number(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(socket_.number(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     kivplatform_request request{};
     request.kind = KIVPLATFORM_CLOSE;
     std::size_t produced = 0;
     if (send(request, nullptr, 0, -1)) receive({}, produced, nullptr);
     ended_ = true;
-    shutdown(socket_, SHUT_RDWR);
+    shutdown(socket_.number(), SHUT_RDWR);
 }
 
 bool Conversation::send(const kivplatform_request& request, const void* payload, std::size_t size,
@@ -119,7 +116,7 @@ bool Conversation::send(const kivplatform_request& request, const void* payload,
     }
     ssize_t done = 0;
     do {
-        done = sendmsg(socket_, &message, MSG_NOSIGNAL);
+        done = sendmsg(socket_.number(), &message, MSG_NOSIGNAL);
     } while (done < 0 && errno == EINTR);
     return done >= 0;
 }
@@ -138,7 +135,7 @@ kern_return_t Conversation::receive(std::span<std::byte> room, std::size_t& prod
     }
     ssize_t done = 0;
     do {
-        done = recvmsg(socket_, &message, MSG_CMSG_CLOEXEC);
+        done = recvmsg(socket_.number(), &message, MSG_CMSG_CLOEXEC);
     } while (done < 0 && errno == EINTR);
     if (done >= 0 && received != nullptr) *received = only_descriptor(message);
     if (done < static_cast<ssize_t>(sizeof reply)) return MACH_SEND_INVALID_DEST;

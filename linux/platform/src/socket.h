@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <utility>
 
 #include "descriptor.h"
 
@@ -20,7 +21,6 @@ class Conversation {
     /// be one that cannot be reached.
     static std::shared_ptr<Conversation> start(kern_return_t& status);
 
-    ~Conversation();
     Conversation(const Conversation&) = delete;
     Conversation& operator=(const Conversation&) = delete;
 
@@ -37,11 +37,11 @@ class Conversation {
     void end();
 
   private:
-    explicit Conversation(int socket) : socket_(socket) {}
+    explicit Conversation(Descriptor socket) : socket_(std::move(socket)) {}
     bool send(const kivplatform_request& request, const void* payload, std::size_t size, int descriptor);
     kern_return_t receive(std::span<std::byte> room, std::size_t& produced, Descriptor* received);
 
-    const int socket_;
+    const Descriptor socket_;
     std::mutex turn_;     ///< One request at a time.
     bool ended_ = false;  ///< Guarded by `turn_`.
 };

@@ -1,6 +1,8 @@
 /*
  * User-space access to driver services. The driver is a process of its own, found at a Unix-domain socket
  * (see kivplatform/driver_process.h); with no such process there are no services. All calls are thread-safe.
+ * Names of objects do not pass to a forked child: a call there on a service or connection of the parent is
+ * MACH_SEND_INVALID_DEST and does nothing.
  */
 #ifndef IOKIT_IOKITLIB_H
 #define IOKIT_IOKITLIB_H
@@ -17,7 +19,8 @@ extern "C" {
 
 extern const mach_port_t kIOMainPortDefault;
 
-/* A new matching dictionary with one reference, or null. */
+/* A new matching dictionary with one reference, or null when there is no memory. Without a name the process
+ * ends. */
 CFMutableDictionaryRef IOServiceNameMatching(const char* name);
 
 /* Services that match, in registration order; success with iterator 0 means none. Consumes one reference of
@@ -80,8 +83,9 @@ kern_return_t IOConnectCallAsyncStructMethod(mach_port_t connection, uint32_t se
 kern_return_t IOConnectMapMemory64(io_connect_t connect, uint32_t memory_type, task_port_t into_task,
                                    mach_vm_address_t* address, mach_vm_size_t* size, IOOptionBits options);
 
-/* Removes this connection's mapping at the address, however often it was mapped; kIOReturnBadArgument when
- * there is none. */
+/* Undoes this connection's mapping of the driver's memory of that type, as the driver has it at this moment,
+ * however often it was mapped; kIOReturnBadArgument when it is not mapped. The address is ignored: what was
+ * mapped anywhere is known by its memory only. */
 kern_return_t IOConnectUnmapMemory64(io_connect_t connect, uint32_t memory_type, task_port_t from_task,
                                      mach_vm_address_t address);
 
