@@ -33,9 +33,11 @@ void take_identity(const Node& node, CardSettings& card) {
 std::vector<FunctionSettings> functions_of(const Node& node) {
     std::vector<FunctionSettings> functions;
     node.each([&](const Node& item) {
-        item.members({"number", "connection_type"});
-        functions.push_back(
-            {item.at("number").number<uint8_t>(), item.at("connection_type").number<uint32_t>()});
+        item.members({"number", "connection_type", "pci_link"});
+        FunctionSettings& function = functions.emplace_back();
+        function.number = item.at("number").number<uint8_t>();
+        function.connection_type = item.at("connection_type").number<uint32_t>();
+        if (item.has("pci_link")) item.at("pci_link").numbers(function.pci_link);
     });
     return functions;
 }

@@ -13,8 +13,9 @@
 namespace kivsim {
 
 struct FunctionSettings {
-    uint8_t number = 0;            ///< PCI function number.
-    uint32_t connection_type = 0;  ///< The one type of connection that the function takes.
+    uint8_t number = 0;             ///< PCI function number.
+    uint32_t connection_type = 0;   ///< The one type of connection that the function takes.
+    uint8_t pci_link[2] = {16, 4};  ///< Lanes and generation.
 };
 
 struct RegisterSettings {

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace kivsim {
 
@@ -91,6 +92,15 @@ class ConfigNode {
         }
         if (value > kGreatest) complain("must be at most " + std::to_string(kGreatest));
         return static_cast<Number>(value);
+    }
+
+    /// An array of just so many numbers; `values` stay when it is none.
+    template <typename Number, std::size_t count>
+    void numbers(Number (&values)[count]) const {
+        std::vector<Number> given;
+        each([&](const ConfigNode& item) { given.push_back(item.number<Number>()); });
+        if (given.size() != count) complain("must have " + std::to_string(count) + " numbers");
+        std::copy(given.begin(), given.end(), values);
     }
 
     uint32_t address() const {

@@ -73,7 +73,7 @@ struct DriverState {
     std::vector<MessageStream> streams;
     uint64_t interrupt_count = 0;  ///< Messages of the card's own timer so far.
     kiv::wire::UseResource use_resource{{4, 8, 16}, {2, 4, 8}};
-    kiv::wire::PciLink pci_link{{16, 4}};  ///< Lanes and generation.
+    std::map<uint8_t, kiv::wire::PciLink> pci_links;  ///< By PCI function: lanes and generation.
     bool anc_direction = false;
     std::vector<kiv::wire::AncDescriptor> anc_descriptors;  ///< Last set.
     kiv::wire::AncControl anc_control{};

@@ -14,6 +14,8 @@ VirtualCard::VirtualCard(CardSettings settings) : management(settings), settings
     driver.next_bus_address *= settings_.id + uint64_t{1};
     for (const uint32_t id : kAncMemories)
         driver.allocate(id, kAncMemorySize, 1, 0);
+    for (const FunctionSettings& function : settings_.functions)
+        driver.pci_links[function.number] = {{function.pci_link[0], function.pci_link[1]}};
     device_conf.device_index = settings_.id;
     device_conf.ip[0] = settings_.addresses[0];
     device_conf.ip[1] = settings_.addresses[1];

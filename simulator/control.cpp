@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <functional>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -132,13 +133,20 @@ bool change_status(const ConfigNode& node, uint64_t& status) {
     return node.has("links") || node.has("ptp_state");
 }
 
-template <typename Number, std::size_t count>
-void take_numbers(const ConfigNode& object, const char* key, Number (&values)[count]) {
-    if (!object.has(key)) return;
-    std::vector<Number> given;
-    object.at(key).each([&](const ConfigNode& item) { given.push_back(item.number<Number>()); });
-    if (given.size() != count) object.at(key).complain("must have " + std::to_string(count) + " numbers");
-    std::copy(given.begin(), given.end(), values);
+/// Lanes and generation: for all PCI functions, or by their numbers.
+void change_links(const ConfigNode& node, std::map<uint8_t, kiv::wire::PciLink>& links) {
+    if (node.json().is_array()) {
+        for (auto& [function, link] : links)
+            node.numbers(link.value);
+        return;
+    }
+    node.each_member([&](const std::string& number, const ConfigNode& item) {
+        uint64_t function = 0;
+        const bool known = ConfigNode::parse(number, function) && function <= 0xFF &&
+                           links.contains(static_cast<uint8_t>(function));
+        if (!known) item.complain("is no PCI function of the card");
+        item.numbers(links[static_cast<uint8_t>(function)].value);
+    });
 }
 
 /// The members of a PATCH replace what the card has: all of them, or none when one is bad.
@@ -162,22 +170,22 @@ void change(VirtualCard& card, const ConfigNode& node) {
     });
     if (node.has("registers"))
         changes.push_back([&, given = registers_of(node.at("registers"))] { card.set_registers(given); });
-    auto link = card.driver.pci_link;
+    auto links = card.driver.pci_links;
     auto use = card.driver.use_resource;
     uint64_t status = 0;
     card.bars.read(0, kStatusOffset, status);
-    take_numbers(node, "pci_link", link.value);
+    if (node.has("pci_link")) change_links(node.at("pci_link"), links);
     if (node.has("resources")) {
         const ConfigNode resources = node.at("resources");
         resources.members({"tx", "rx"});
-        take_numbers(resources, "tx", use.tx);
-        take_numbers(resources, "rx", use.rx);
+        if (resources.has("tx")) resources.at("tx").numbers(use.tx);
+        if (resources.has("rx")) resources.at("rx").numbers(use.rx);
     }
     const bool new_status = change_status(node, status);
 
     for (const auto& apply : changes)
         apply();
-    card.driver.pci_link = link;
+    card.driver.pci_links = links;
     card.driver.use_resource = use;
     if (new_status) card.bars.write(0, kStatusOffset, status);
 }

@@ -227,7 +227,7 @@ int32_t get_use_resource(Context& context, const Nothing&, wire::UseResource& re
 }
 
 int32_t get_pci_link(Context& context, const Nothing&, wire::PciLink& reply) {
-    reply = context.driver().pci_link;
+    reply = context.driver().pci_links[context.function.number];
     return kIOReturnSuccess;
 }
 

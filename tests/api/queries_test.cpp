@@ -124,7 +124,7 @@ TEST(Queries, WriteJustTheFieldsThatTheyHave) {
                        {"maceth0", "10.1.2.3", "255.255.240.0", "02:aa:bb:cc:dd:ee:ff:longer"}};
     FoundCards cards({card});
     cards.control("PATCH", 1, R"({
-        "links": [false, true], "pci_link": [8, 3], "resources": {"tx": [260, 8, 65535], "rx": [1, 2, 3]},
+        "links": [false, true], "pci_link": {"0": [8, 3], "1": [1, 2]}, "resources": {"tx": [260, 8, 65535], "rx": [1, 2, 3]},
         "hwmon": [{"label": "QSFP2 Case Temperature", "input": 7, "max": 8, "critical": 9},
                   {"label": "Board Power", "input": 63}],
         "registers": {"1": {"0x21430": 0, "0x21460": 1, "0x214A0": 0, "0x31830": 8, "0x31860": 1,

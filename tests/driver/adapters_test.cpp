@@ -46,7 +46,9 @@ TEST(DriverEnumerator, ListsCardsInOrderOfFirstAppearanceAndSaysWhenThereIsNothi
 }
 
 TEST(DriverAccess, WorksOnItsFunctionOfTheCard) {
-    const RunningSimulator simulator;
+    auto cards = kivsim::default_cards();
+    cards[1].functions[1].pci_link[0] = 8;  // Function 0 keeps 16 lanes.
+    const RunningSimulator simulator(cards);
     DeviceEnumeratorMacOS enumerator;
     enumerator.enumerate();
     const auto access = access_to(enumerator, 2, 1);
@@ -62,7 +64,7 @@ TEST(DriverAccess, WorksOnItsFunctionOfTheCard) {
     EXPECT_EQ(access->getTxUseResourceData(bytes[0], bytes[1], bytes[2]), 0);
     EXPECT_EQ(access->getRxUseResourceData(bytes[3], bytes[4], bytes[5]), 0);
     EXPECT_EQ(access->getLinkStatus(bytes[6], bytes[7]), 0);  // The other way round on the wire.
-    EXPECT_EQ(std::vector<int>(bytes, bytes + 8), (std::vector<int>{4, 8, 16, 2, 4, 8, 4, 16}));
+    EXPECT_EQ(std::vector<int>(bytes, bytes + 8), (std::vector<int>{4, 8, 16, 2, 4, 8, 4, 8}));
     auto* const client = static_cast<kivDriverClient*>(enumerator.getDeviceAccessPtr(2, 1));
     client->device_conf.ptp_selected = 0xFF;
     EXPECT_EQ(access->selected_ptp_card(), 0xFF);

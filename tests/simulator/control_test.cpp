@@ -19,6 +19,7 @@ TEST(Control, RefusesABadValueAndTakesACardOutOfItsSlotAndBack) {
         {R"({"ptp_state": 2})", "ptp_state: must be 0, 1, 3 or null"},
         {R"({"registers": {"1": {"0x1000000": 1}}})", "registers.1.0x1000000: must be an offset inside a BAR of 16 MiB"},
         {R"({"pci_link": [1, 256]})", "pci_link[1]: must be at most 255"},
+        {R"({"pci_link": {"2": [1, 2]}})", "pci_link.2: is no PCI function of the card"},
         {R"({"resources": {"tx": [1, 2, 3, 4]}})", "resources.tx: must have 3 numbers"},
         {R"({"removed": "yes"})", "removed: must be true or false"},
     };
