@@ -1,8 +1,37 @@
+#include <IOKit/IOKitLib.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <new>
 
 #include "DriverLines.h"
 #include "RunningSimulator.h"
+#include "Waiting.h"
 #include "kivDriverClient.h"
+
+namespace {
+
+std::atomic<uint32_t> g_throwing = 0;  ///< Calls of this selector throw; none has number 0.
+std::atomic<uint32_t> g_held = 0;      ///< Calls of this selector wait for the gate.
+std::atomic<int> g_waiting = 0;        ///< Calls that have come to the gate.
+std::shared_future<void> g_gate;
+
+}  // namespace
+
+// Stands before the platform's own.
+kern_return_t IOConnectCallStructMethod(mach_port_t connection, uint32_t selector, const void* input,
+                                        size_t input_size, void* output, size_t* output_size) {
+    if (selector == g_throwing) throw std::bad_alloc();
+    if (selector == g_held) {
+        ++g_waiting;
+        g_gate.wait();
+    }
+    static const auto next =
+        reinterpret_cast<decltype(&IOConnectCallStructMethod)>(dlsym(RTLD_NEXT, "IOConnectCallStructMethod"));
+    return next(connection, selector, input, input_size, output, output_size);
+}
 
 namespace {
 
@@ -53,6 +82,8 @@ TEST(DriverConnection, FindsEveryServiceThatTakesOneOfItsTypes) {
     EXPECT_TRUE(clients().empty());
     EXPECT_EQ(lines.take(),
               Lines{"Unable to find service for identifier with error: 0xe00002e2. name=kivPCIService"});
+    EXPECT_TRUE(kivDriverClient::enumerateDevices(nullptr).empty());
+    EXPECT_EQ(lines.take(), Lines{"Unable to find service for identifier with error: 0xe00002c2. name="});
 }
 
 TEST(DriverConnection, OpensAndClosesOnce) {
@@ -83,6 +114,36 @@ TEST(DriverConnection, StaysWhenTheDriverRefusesTheLeaveButEndsWithTheClient) {
         client.reset();
         EXPECT_EQ(story_of(simulator), "open 22, 26, 31, 25, 19, 25, close");
     }
+}
+
+TEST(DriverConnection, EndsWithTheClientAlsoWhenTakingLeaveThrows) {
+    const RunningSimulator simulator(one_service());
+    auto client = clients().at(0);
+    ASSERT_EQ(client->open(true), 0);
+    g_throwing = 25;
+    client.reset();
+    g_throwing = 0;
+    EXPECT_TRUE(story_of(simulator).ends_with(", close"));
+}
+
+TEST(DriverConnection, ThatHasClosedIsNotUsedByAMappingThatWaited) {
+    const RunningSimulator simulator(one_service());
+    const auto client = clients().at(0);
+    std::promise<void> gate;
+    g_gate = gate.get_future().share();
+    g_held = 13;
+    const auto map = [&] { return client->map_pci(1, nullptr, nullptr); };
+    auto first = std::async(std::launch::async, map);
+    ASSERT_TRUE(wait_until([] { return g_waiting == 1; }));
+    auto second = std::async(std::launch::async, map);
+    auto closing = std::async(std::launch::async, [&] { return client->close(); });
+    EXPECT_TRUE(wait_until([&] { return !client->isOpen(); }));
+    gate.set_value();
+    EXPECT_EQ(first.get(), 0x10000003);
+    EXPECT_EQ(second.get(), -1);
+    EXPECT_EQ(closing.get(), 0);
+    EXPECT_EQ(g_waiting, 1) << "calls with the handle that is closed";
+    g_held = 0;
 }
 
 TEST(DriverConnection, ToADriverThatHasGoneFailsAndEnds) {

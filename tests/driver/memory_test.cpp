@@ -2,6 +2,7 @@
 #include <sys/mman.h>
 
 #include <cstring>
+#include <sstream>
 #include <thread>
 
 #include "ControlAddress.h"
@@ -22,6 +23,29 @@ kivDriverClientList clients() {
 
 uint8_t* at(uint64_t address) {
     return reinterpret_cast<uint8_t*>(address);
+}
+
+bool is_mapped(uint64_t address) {
+    return msync(at(address), 4096, MS_ASYNC) == 0;
+}
+
+/// Mappings of the driver's memory in this process.
+int mappings() {
+    std::istringstream maps(read_file("/proc/self/maps"));
+    int count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.find("memfd:kivsim") != std::string::npos;
+    return count;
+}
+
+/// The selectors of the calls so far, behind the first `skip`.
+std::vector<unsigned> selectors(const RunningSimulator& simulator, size_t skip) {
+    std::vector<unsigned> found;
+    for (const auto& event : simulator.trace()) {
+        if (event["event"] == "call") found.push_back(event["selector"]);
+    }
+    found.erase(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(skip));
+    return found;
 }
 
 }  // namespace
@@ -78,27 +102,105 @@ TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
               "00000000"
               "01000000")
         << "BAR 1";
-    EXPECT_EQ(two.unmap(address), 0);
-    EXPECT_EQ(two.unmap(address), kBadArgument);
-
     const uint64_t mapped = buffer.infos[0].mapped_address;
     EXPECT_EQ(one.close(), 0);
-    EXPECT_EQ(mincore(at(mapped), 4096, at(reinterpret_cast<uint64_t>(&word))), -1) << "close unmaps";
+    EXPECT_FALSE(is_mapped(mapped)) << "close unmaps";
     EXPECT_EQ(one.get_buffer(7, buffer), -1);
     EXPECT_EQ(one.unmap(mapped), -1);
+}
+
+TEST(DriverMemory, IsUndoneAtTheAddressWhateverWasSelectedSince) {
+    RunningSimulator simulator;
+    const auto client = clients().at(0);
+    const auto expect_unmap = [&](uint64_t address, int32_t status, size_t selections) {
+        const size_t before = simulator.calls(13).size();
+        EXPECT_EQ(client->unmap(address), status);
+        EXPECT_EQ(simulator.calls(13).size() - before, selections);
+    };
+    uint64_t element[2] = {};
+    uint64_t bar = 0;
+    uint64_t again = 0;
+    ASSERT_EQ(client->iomalloc(7, 4096, 2), 0);
+    for (const uint32_t index : {0u, 1u})
+        ASSERT_EQ(client->map_iomemory(7, index, &element[index], nullptr), 0);
+    ASSERT_EQ(client->map_pci(1, &bar, nullptr), 0);
+    expect_unmap(element[0], 0, 1);
+    EXPECT_TRUE(!is_mapped(element[0]) && is_mapped(element[1]) && is_mapped(bar));
+    for (const uint64_t unknown : {element[0], bar + 4096, uint64_t{0}})
+        expect_unmap(unknown, kBadArgument, 0);
+
+    ASSERT_EQ(client->map_pci(1, &again, nullptr), 0);
+    EXPECT_EQ(again, bar);
+    expect_unmap(bar, 0, 0);
+    expect_unmap(bar, kBadArgument, 0);
+    EXPECT_EQ(mappings(), 1);
+
+    ASSERT_EQ(client->map_iomemory(7, 1, &again, nullptr), 0);
+    EXPECT_EQ(again, element[1]);
+    EXPECT_EQ(client->map_pci(6, nullptr, nullptr), kBadArgument)
+        << "what is selected now is anybody's guess";
+    expect_unmap(element[1], 0, 1);
+    EXPECT_EQ(mappings(), 0);
+}
+
+TEST(DriverMemory, ThatWasFreedIsNotTakenForItsSuccessor) {
+    RunningSimulator simulator;
+    const auto client = clients().at(0);
+    uint64_t first = 0;
+    uint64_t second = 0;
+    ASSERT_EQ(client->iomalloc(7, 4096, 1), 0);
+    ASSERT_EQ(client->map_iomemory(7, 0, &first, nullptr), 0);
+    ASSERT_EQ(client->iofree(7), 0);
+    EXPECT_EQ(client->unmap(first), kNotFound);
+    EXPECT_EQ(client->unmap(first), kBadArgument);
+    for (uint64_t* const address : {&first, &second}) {
+        ASSERT_EQ(client->iomalloc(7, 4096, 1), 0);
+        ASSERT_EQ(client->map_iomemory(7, 0, address, nullptr), 0);
+        if (address == &first) {
+            ASSERT_EQ(client->iofree(7), 0);
+        }
+    }
+    EXPECT_EQ(client->unmap(first), kBadArgument);
+    EXPECT_TRUE(is_mapped(second));
+    EXPECT_EQ(client->unmap(second), 0);
+    EXPECT_FALSE(is_mapped(second));
+    EXPECT_EQ(client->close(), 0);
+    EXPECT_EQ(mappings(), 0);
+}
+
+TEST(DriverMemory, OfBuffersIsUnmappedBeforeItIsFreed) {
+    RunningSimulator simulator;
+    const auto client = clients().at(0);
+    ASSERT_EQ(client->allocate_buffer(3, 4096, 2), 0);
+    ASSERT_EQ(client->allocate_buffer(4, 4096, 1), 0);
+    EXPECT_EQ(mappings(), 3);
+    const size_t before = selectors(simulator, 0).size();
+    EXPECT_EQ(client->free_buffer(), 0);
+    EXPECT_EQ(mappings(), 0);
+    EXPECT_EQ(selectors(simulator, before), (std::vector<unsigned>{13, 13, 11, 13, 11}));
+
+    ASSERT_EQ(client->allocate_buffer(3, 4096, 1), 0);
+    uint64_t bar = 0;
+    ASSERT_EQ(client->map_pci(1, &bar, nullptr), 0);
+    EXPECT_EQ(client->free_buffer(3), 0);
+    EXPECT_EQ(mappings(), 2) << "one buffer alone keeps its mapping";
+    EXPECT_TRUE(is_mapped(bar));
 }
 
 TEST(DriverMemory, IsAllocatedWholeOrNotAtAll) {
     for (const unsigned selector : {13u, 14u}) {
         auto cards = kivsim::default_cards();
-        cards[0].driver_faults = {{selector, 4, kBusy, 0, {}}};
+        cards[0].driver_faults = {{selector, selector == 13 ? 5 : 4, kBusy, 0, {}}};
         RunningSimulator simulator(cards);
         const auto client = clients().at(0);
         dextBuffer buffer{};
+        uint64_t bar = 0;
+        EXPECT_EQ(client->map_pci(1, &bar, nullptr), 0);
         EXPECT_EQ(client->allocate_buffer(3, 4096, 8), kBusy);
         EXPECT_EQ(client->get_buffer(3, buffer), -1);
         EXPECT_EQ(simulator.calls(14).size(), 4u);
-        EXPECT_EQ(simulator.calls(13).size(), selector == 13 ? 4u : 3u);
+        EXPECT_EQ(simulator.calls(13).size(), selector == 13 ? 8u : 7u) << "three are selected again";
+        EXPECT_TRUE(mappings() == 1 && is_mapped(bar)) << "what is in use stays";
         EXPECT_EQ(simulator.calls(11).size(), 1u);
         EXPECT_EQ(control(simulator, "GET")["driver"]["memory"].size(), 4u) << "only the driver's own";
     }

@@ -188,7 +188,9 @@ int32_t kivDriverClient::iomalloc(uint32_t id, uint32_t elm_size, uint32_t depth
 int32_t kivDriverClient::iofree(uint32_t id) {
     wire::IoMemory request{};
     request.id = id;
-    return send(wire::kIoFree, request);
+    const int32_t status = send(wire::kIoFree, request);
+    forget_selection();
+    return status;
 }
 
 int32_t kivDriverClient::get_iobus_address(uint32_t id, uint32_t index, uint64_t* address) {
@@ -227,11 +229,15 @@ int32_t kivDriverClient::get_ptp_epoch_time_and_system_time(uint64_t& a, uint64_
 }
 
 int32_t kivDriverClient::reset(int32_t a, int32_t b) {
-    return send(wire::kReset, wire::Reset{a, b});
+    const int32_t status = send(wire::kReset, wire::Reset{a, b});
+    forget_selection();
+    return status;
 }
 
 int32_t kivDriverClient::reset_buffer() {
-    return send(wire::kResetBuffer, Nothing{});
+    const int32_t status = send(wire::kResetBuffer, Nothing{});
+    forget_selection();
+    return status;
 }
 
 int32_t kivDriverClient::enable_interrupt(uint32_t number) {

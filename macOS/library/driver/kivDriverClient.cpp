@@ -54,8 +54,9 @@ std::shared_ptr<kivDriverClient> open_service(io_service_t service) {
 
 kivDriverClientList kivDriverClient::enumerateDevices(const char* name) {
     io_iterator_t found = IO_OBJECT_NULL;
-    const kern_return_t status =
-        IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceNameMatching(name), &found);
+    kern_return_t status = kIOReturnBadArgument;
+    if (name != nullptr)  // The platform would read it.
+        status = IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceNameMatching(name), &found);
     if (status != kIOReturnSuccess) {
         driver_log(__LINE__, "Unable to find service for identifier with error: 0x%08x. name=%s\n",
                    static_cast<unsigned>(status), name != nullptr ? name : "");
@@ -76,7 +77,11 @@ kivDriverClient::kivDriverClient(uint8_t func_id, uint32_t connect) : func_id_(f
 }
 
 kivDriverClient::~kivDriverClient() {
-    close();
+    try {
+        close();
+    } catch (...) {
+        // As when the driver refuses the leave.
+    }
     if (const uint32_t connect = connect_.exchange(0)) IOServiceClose(connect);
 }
 
@@ -97,8 +102,11 @@ int32_t kivDriverClient::close() {
     if (connect_ == 0) return -1;
     stop_notifications();
     if (deinit() != 0) return -1;
-    IOServiceClose(connect_.exchange(0));
+    IOServiceClose(connect_.exchange(0));  // Ends a call that waits with one of the next two locks held.
     const std::lock_guard buffer_lock(buffer_mutex_);
+    const std::lock_guard selection_lock(selection_mutex_);
+    selected_.reset();
+    mappings_.clear();
     buffers_.clear();
     std::fill(std::begin(anc_buffers_), std::end(anc_buffers_), buffer_info{});
     return 0;

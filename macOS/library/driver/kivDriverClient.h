@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,15 +20,15 @@ class kivDriverClient;
 using kivDriverClientList = std::vector<std::shared_ptr<kivDriverClient>>;
 
 struct __CFRunLoop;
-namespace kiv::wire {
-struct MemorySelection;
-}
 
-/// One interrupt message of the driver.
+/// One interrupt message of the driver. A message has one argument, or 3 to 16. A single argument is a plain
+/// 64-bit value, not an array of one: it stands in `word[0]`, with `count` 1 and all other words 0. Messages
+/// without arguments are not delivered, nor are those whose number of arguments the platform does not pass on (2
+/// and more than 16).
 struct InterruptEvent {
     uint32_t count;     ///< Arguments of the message.
     uint32_t reserved;  ///< 0.
-    uint64_t word[16];  ///< The first 16 arguments; 0 where there are fewer.
+    uint64_t word[16];  ///< The arguments; 0 where there are fewer.
 };
 
 /// One element of DMA memory. The mapping lasts until it is undone or the client is closed.
@@ -95,24 +96,30 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     };
 
     /// Opens every service of that name (KIV_DRIVER_SERVICE_NAME), as function 22 or else 23; one that
-    /// refuses both is left out. In the driver's order.
+    /// refuses both is left out. In the driver's order. Empty, with a line in the platform log, when the
+    /// platform cannot look for services, and without asking it when `name` is null.
     static kivDriverClientList enumerateDevices(const char* name);
 
     /// Takes over an open connection and reads both configurations; what cannot be read is zero.
     kivDriverClient(uint8_t func_id, uint32_t connect);
 
-    /// As close(), but the connection always ends.
+    /// As close(), but the connection always ends. Throws nothing.
     ~kivDriverClient() override;
 
     /// Announces this process to the driver. With `interrupts` it also maps the ANC memories and starts the
     /// notification thread, unless that runs already; what fails there is not reported (the thread logs why it
-    /// ends). Takes 10 ms then, so that the thread is registered with the driver.
+    /// ends). Takes 10 ms then, so that the thread is registered with the driver. A thread that ends before it
+    /// is registered leaves behind, until the process ends, the notification port that it has made; the ANC
+    /// memories stay mapped and the process stays announced. The next open(true) starts another thread, with
+    /// another port.
     int32_t open(bool interrupts);
 
     /// Ends the notification thread, takes leave of the driver and closes the connection, and with it all
     /// mappings and buffers. Waits for a callback that runs: hold no lock that it takes. -1 when it is closed
     /// already, in the client's own interrupt callback, or when the driver refuses the leave: then the
-    /// connection stays, without notification thread until the next open(true).
+    /// connection stays, with its mappings and buffers, and without notification thread until the next
+    /// open(true). The driver keeps the registration of the former thread, whose messages nobody takes any more:
+    /// they stay in the system until the connection ends. Disable the interrupts before.
     int32_t close();
 
     /// Replaces what is called, on the notification thread, for each interrupt message; may be empty. When
@@ -154,6 +161,12 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// same address, and unmap() ends it for all who use it. Pointers may be null; untouched on failure.
     int32_t map_iomemory(uint32_t id, uint32_t index, uint64_t* address, uint64_t* size);
     int32_t map_pci(uint32_t bar, uint64_t* address, uint64_t* size);
+
+    /// Undoes the mapping at `address`, which one of the two above has given; one call, however often the memory
+    /// was mapped. kIOReturnBadArgument (0xE00002C2), without a call, for any other address and for one that is
+    /// undone. The driver finds a mapping by its memory: unmap before iofree(). Afterwards the memory cannot be
+    /// selected any more: the driver's status comes back. Whatever is returned, the address counts as undone; a
+    /// mapping that could not be undone lasts until the client is closed.
     int32_t unmap(uint64_t address);
 
     int32_t get_ptp_epoch_time(uint64_t* time);
@@ -196,7 +209,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// A copy of the buffer; -1, with `out` untouched, when there is none, as after close().
     int32_t get_buffer(uint32_t id, dextBuffer& out) const;
 
-    /// Releases one buffer; -1 when there is none. Its elements stay mapped: undo them with unmap().
+    /// Releases one buffer; -1 when there is none. Its elements stay mapped until the client is closed, unless
+    /// they are undone with unmap() before.
     int32_t free_buffer(uint32_t id);
 
     /// Unmaps and releases all buffers. 0.
@@ -243,7 +257,22 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     template <typename Out>
     int32_t receive(uint32_t selector, Out& output);
     uint32_t connected() const;
-    int32_t map_memory(const kiv::wire::MemorySelection& selection, uint64_t* address, uint64_t* size);
+
+    /// What the driver can be told to select for mapping: an element of a memory block, or a BAR.
+    struct Memory {
+        uint32_t kind;
+        uint32_t id;
+        uint32_t index;
+        uint32_t bar;
+        bool operator==(const Memory&) const = default;
+    };
+    struct Mapping {
+        Memory memory;
+        uint64_t address;
+    };
+    int32_t select(uint32_t connect, const Memory& memory);
+    int32_t map_memory(const Memory& memory, uint64_t* address, uint64_t* size);
+    void forget_selection();
     void release(const dextBuffer& buffer);
 
     void run_thread() override;
@@ -270,7 +299,9 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     std::recursive_mutex callback_mutex_;  ///< Held while the callback runs.
     std::shared_ptr<const std::function<void(const InterruptEvent&)>> callback_;  ///< Guarded by it.
 
-    std::mutex selection_mutex_;       ///< Selecting a memory and mapping it are one step.
+    std::mutex selection_mutex_;      ///< Selecting a memory and what is done with it are one step.
+    std::optional<Memory> selected_;  ///< What the driver has selected, if known; guarded by it, as the next.
+    std::vector<Mapping> mappings_;   ///< At most one of each memory, and of each address.
     mutable std::mutex buffer_mutex_;  ///< Taken before `selection_mutex_`.
     std::vector<dextBuffer> buffers_;  ///< In allocation order; guarded by `buffer_mutex_`, as the next.
     buffer_info anc_buffers_[4] = {};

@@ -26,36 +26,70 @@ auto find_buffer(auto& buffers, uint32_t id) {
 
 }  // namespace
 
-int32_t kivDriverClient::map_memory(const wire::MemorySelection& selection, uint64_t* address,
-                                    uint64_t* size) {
+/// With `selection_mutex_` held. After a failure the driver may have selected this or that.
+int32_t kivDriverClient::select(uint32_t connect, const Memory& memory) {
+    selected_.reset();
+    const wire::MemorySelection selection{1, {}, memory.kind, memory.id, memory.index, memory.bar};
+    const kern_return_t status = IOConnectCallStructMethod(connect, wire::kSelectMemory, &selection,
+                                                           sizeof selection, nullptr, nullptr);
+    if (status == kIOReturnSuccess) selected_ = memory;
+    return status;
+}
+
+int32_t kivDriverClient::map_memory(const Memory& memory, uint64_t* address, uint64_t* size) try {
+    const std::lock_guard lock(selection_mutex_);
+    // Only now: close() may have come while this waited.
     const uint32_t connect = connected();
     if (connect == 0) return -1;
-    const std::lock_guard lock(selection_mutex_);
-    const kern_return_t selected = IOConnectCallStructMethod(connect, wire::kSelectMemory, &selection,
-                                                             sizeof selection, nullptr, nullptr);
-    if (selected != kIOReturnSuccess) return selected;
+    // Out of memory nothing may be mapped that is not remembered.
+    if (mappings_.size() == mappings_.capacity()) mappings_.reserve(2 * mappings_.size() + 8);
+    const int32_t selected = select(connect, memory);
+    if (selected != 0) return selected;
     mach_vm_address_t mapped_at = 0;
     mach_vm_size_t mapped_size = 0;
     const kern_return_t mapped = IOConnectMapMemory64(connect, kIODefaultMemoryType, mach_task_self(),
                                                       &mapped_at, &mapped_size, kIOMapAnywhere);
     if (mapped != kIOReturnSuccess) return mapped;
+    // A memory that is at another address now is another one of the same name: the one before cannot be selected.
+    std::erase_if(mappings_,
+                  [&](const Mapping& each) { return each.memory == memory || each.address == mapped_at; });
+    mappings_.push_back({memory, mapped_at});
     if (address != nullptr) *address = mapped_at;
     if (size != nullptr) *size = mapped_size;
     return 0;
+} catch (const std::bad_alloc&) {
+    return kIOReturnNoMemory;
 }
 
 int32_t kivDriverClient::map_iomemory(uint32_t id, uint32_t index, uint64_t* address, uint64_t* size) {
-    return map_memory(wire::MemorySelection{1, {}, kBlock, id, index, 0}, address, size);
+    return map_memory({kBlock, id, index, 0}, address, size);
 }
 
 int32_t kivDriverClient::map_pci(uint32_t bar, uint64_t* address, uint64_t* size) {
-    return map_memory(wire::MemorySelection{1, {}, kBar, 0, 0, bar}, address, size);
+    return map_memory({kBar, 0, 0, bar}, address, size);
 }
 
+/// The platform undoes the mapping of the memory that is selected, at whatever address.
 int32_t kivDriverClient::unmap(uint64_t address) {
+    const std::lock_guard lock(selection_mutex_);
     const uint32_t connect = connected();
     if (connect == 0) return -1;
+    const auto found = std::find_if(mappings_.begin(), mappings_.end(),
+                                    [&](const Mapping& each) { return each.address == address; });
+    if (found == mappings_.end()) return kIOReturnBadArgument;
+    const Memory memory = found->memory;
+    mappings_.erase(found);
+    if (selected_ != memory) {
+        const int32_t selected = select(connect, memory);
+        if (selected != 0) return selected;
+    }
     return IOConnectUnmapMemory64(connect, kIODefaultMemoryType, mach_task_self(), address);
+}
+
+/// After a call that changes which memory a selection stands for.
+void kivDriverClient::forget_selection() {
+    const std::lock_guard lock(selection_mutex_);
+    selected_.reset();
 }
 
 // ---- Buffers ----------------------------------------------------------------------------------------------

@@ -125,9 +125,11 @@ void kivDriverClient::callbak_dext(void* refcon, int32_t, void** args, uint32_t 
     if (refcon != nullptr) static_cast<kivDriverClient*>(refcon)->notify(args, numArgs);
 }
 
-/// A single argument travels in the place of the array's address.
+/// A single argument travels in the place of the array's address. Only 3 to 16 come in an array: with another
+/// count `args` is something else.
 void kivDriverClient::notify(void** args, uint32_t numArgs) noexcept try {
-    if (numArgs == 0 || (numArgs > 1 && args == nullptr)) return;
+    if (numArgs == 0 || numArgs == 2 || numArgs > std::size(InterruptEvent{}.word)) return;
+    if (numArgs > 1 && args == nullptr) return;
     decltype(callback_) callback;  // Lives on when it replaces itself.
     const std::lock_guard lock(callback_mutex_);
     callback = callback_;
@@ -137,9 +139,8 @@ void kivDriverClient::notify(void** args, uint32_t numArgs) noexcept try {
     if (numArgs == 1) {
         event.word[0] = reinterpret_cast<uint64_t>(args);
     } else {
-        const std::size_t words = std::min<std::size_t>(numArgs, std::size(event.word));
-        for (std::size_t i = 0; i < words; ++i)
-            event.word[i] = reinterpret_cast<uint64_t>(args[i]);
+        std::transform(args, args + numArgs, event.word,
+                       [](void* argument) { return reinterpret_cast<uint64_t>(argument); });
     }
     (*callback)(event);
 } catch (...) {

@@ -1,0 +1,133 @@
+// Out of memory: whichever allocation fails, no connection, descriptor or memory is lost, and nothing ends the
+// process.
+#include <gtest/gtest.h>
+#include <wire.h>
+
+#include <filesystem>
+#include <fstream>
+#include <new>
+
+#include "../platform/Services.h"
+#include "FailingAllocations.h"
+#include "RunningSimulator.h"
+#include "Waiting.h"
+#include "kivDriverClient.h"
+
+namespace {
+
+std::ptrdiff_t open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// Mappings of the driver's memory in this process.
+int mappings() {
+    std::ifstream maps("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.find("memfd:kivsim") != std::string::npos;
+    return count;
+}
+
+/// Runs `body` again and again, with another one of its allocations failing, until it allocates no more; checks
+/// after each time.
+template <typename Body, typename Check>
+void fail_each_allocation(Body body, Check check) {
+    for (long nth = 1;; ++nth) {
+        ASSERT_LT(nth, 1000);
+        fail_allocation(nth);
+        try {
+            body();
+        } catch (const std::bad_alloc&) {
+            // The caller's to hear.
+        }
+        const bool failed = fail_allocation(0) == 0;
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        check();
+        if (testing::Test::HasFailure()) return;
+        if (!failed) {
+            EXPECT_GT(nth, 3);
+            return;
+        }
+    }
+}
+
+TEST(DriverOutOfMemory, LosesNoConnectionThatAnEnumerationHasOpened) {
+    const RunningSimulator simulator;
+    kivDriverClient::enumerateDevices("kivPCIService");
+    const std::ptrdiff_t before = open_descriptors();
+    std::size_t found = 0;
+    const auto open_in_driver = [&] {
+        int open = 0;
+        for (const auto& event : simulator.trace()) {
+            if (event["event"] == "open" && event["status"] == "0x00000000") ++open;
+            if (event["event"] == "close") --open;
+        }
+        return open;
+    };
+    fail_each_allocation([&] { found = kivDriverClient::enumerateDevices("kivPCIService").size(); },
+                         [&] {
+                             EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; }));
+                             EXPECT_TRUE(wait_until([&] { return open_in_driver() == 0; }));
+                         });
+    EXPECT_EQ(found, 4u);
+}
+
+TEST(DriverOutOfMemory, LosesNoDescriptorOrMappingOfAPlatformCall) {
+    const RunningSimulator simulator;
+    IOServiceClose(open_first());
+    const std::ptrdiff_t before = open_descriptors();
+    kern_return_t status = -1;
+    fail_each_allocation(
+        [&] {
+            const io_connect_t connect = open_first();
+            const kiv::wire::MemorySelection bar{1, {}, 1, 0, 0, 1};
+            IOConnectCallStructMethod(connect, kiv::wire::kSelectMemory, &bar, sizeof bar, nullptr, nullptr);
+            mach_vm_address_t address = 0;
+            mach_vm_size_t size = 0;
+            status = IOConnectMapMemory64(connect, 0, mach_task_self(), &address, &size, kIOMapAnywhere);
+            const IONotificationPortRef port = IONotificationPortCreate(kIOMainPortDefault);
+            uint64_t reference[3] = {};
+            status |= IOConnectCallAsyncStructMethod(connect, kiv::wire::kRegisterInterruptAsyncCallback,
+                                                     IONotificationPortGetMachPort(port), reference, 3,
+                                                     nullptr, 0, nullptr, nullptr);
+            IOServiceClose(connect);
+            IONotificationPortDestroy(port);
+        },
+        [&] {
+            EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; }));
+            EXPECT_EQ(mappings(), 0);
+        });
+    EXPECT_EQ(status, kIOReturnSuccess);
+}
+
+TEST(DriverOutOfMemory, LeavesNoHalfOfABuffer) {
+    const RunningSimulator simulator;
+    const auto client = kivDriverClient::enumerateDevices("kivPCIService").at(0);
+    int32_t status = -1;
+    fail_each_allocation(
+        [&] {
+            status = client->allocate_buffer(3, 4096, 3);
+            client->free_buffer();
+        },
+        [&] {
+            EXPECT_EQ(mappings(), 0);
+            EXPECT_EQ(simulator.calls(10).size(), simulator.calls(11).size());
+        });
+    EXPECT_EQ(status, 0);
+}
+
+TEST(DriverOutOfMemory, DoesNotKeepAClientFromEnding) {
+    const RunningSimulator simulator;
+    auto clients = kivDriverClient::enumerateDevices("kivPCIService");
+    ASSERT_EQ(clients.at(0)->open(true), 0);
+    ASSERT_EQ(clients.at(1)->allocate_buffer(3, 4096, 1), 0);
+    const io_connect_t connect = open_first();
+    fail_allocation(1);
+    clients.clear();
+    const kern_return_t closed = IOServiceClose(connect);
+    EXPECT_EQ(fail_allocation(0), 1) << "none was made";
+    EXPECT_EQ(closed, kIOReturnSuccess);
+    EXPECT_EQ(mappings(), 0);
+}
+
+}  // namespace
