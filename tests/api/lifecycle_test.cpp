@@ -32,8 +32,9 @@ TEST(Lifecycle, OpenLoadsTheConfigurationAndSaveWritesItBack) {
     EXPECT_EQ(log.take(), Lines{std::string("Starting KIV SDK: Config path=") + kPath});
 
     file.write("{}");
-    EXPECT_EQ(open_error(),
-              "Error during JSON deserialization: [json.exception.out_of_range.403] key 'version' not found");
+    const std::string missing = open_error();
+    EXPECT_EQ(missing.find("Error during JSON deserialization: "), 0u) << missing;
+    EXPECT_NE(missing.find("'version'"), std::string::npos) << missing;
     file.write("{");
     EXPECT_EQ(open_error().find(std::string("Error: JSON parsing failed in ") + kPath + " - "), 0u);
     EXPECT_TRUE(log.take().empty());

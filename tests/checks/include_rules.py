@@ -8,7 +8,8 @@ import sys
 
 # A room: the files that are in it (first match wins).
 ROOMS = [
-    ("base", r"sdk/library/src/(kiv_export|kiv_types|kiv_version|vendor|guarded|jsonFields|libraryThread)\.h"),
+    ("base", r"sdk/library/src/(kiv_export|kiv_json|kiv_types|kiv_version|vendor|guarded|jsonFields|jsonText|regularFile|"
+             r"libraryThread)\.(h|cpp)"),
     ("thread", r"sdk/library/src/device/thread/"),
     ("device interfaces", r"sdk/library/src/device/(IDevice\w+|DeviceInfo)\.h"),
     ("device", r"sdk/library/src/device/"),
@@ -107,6 +108,10 @@ def main():
                 continue
             if target not in allowed and target.split("/")[0] not in allowed:
                 complaints.append(f"{file}:{number}: {room} may not include {include.group(1)} ({target})")
+            elif include.group(1) == "nlohmann/json.hpp" and file.startswith(("sdk/", "macOS/")) and \
+                    not file.endswith("/kiv_json.h"):
+                complaints.append(f"{file}:{number}: the JSON library's types are one with the application's "
+                                  "through kiv_json.h only")
             elif file not in ONLY_IN.get(target, {file}):
                 complaints.append(f"{file}:{number}: {target} is for {', '.join(ONLY_IN[target])} only")
     print("\n".join(complaints) or f"{len(files)} files follow the plan")

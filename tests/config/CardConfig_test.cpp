@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "ConfigurationFile.h"
 #include "TemporaryDirectory.h"
@@ -74,40 +75,34 @@ TEST_F(CardConfigFile, AnyNumberBecomesThirtyTwoBits) {
         const char* text;
         int32_t value;
     } rows[] = {
-        {"-46.9", -46},
-        {"18446744073709551615", -1},
-        {"-1e30", -2147483647 - 1},
+        {"-46.9", -46},       {"18446744073709551615", -1}, {"-1e30", -2147483647 - 1},
+        {"1e30", 2147483647}, {"2147483647.9", 2147483647}, {"true", 1},
+        {"false", 0},
     };
     for (const auto& [text, value] : rows)
         EXPECT_EQ(load(with("46", text)).devices[0].maceth0.tos, value) << text;
 }
 
 TEST_F(CardConfigFile, AFaultyDocumentIsRefusedWithTheReason) {
-    const std::string document = "Error during JSON deserialization: [json.exception.";
-    const std::string type = document + "type_error.302] type must be ";
-    const std::string missing = document + "out_of_range.403] key ";
-    const std::string access = document + "type_error.304] cannot use at() with ";
-    const std::string parsing =
-        "Error: JSON parsing failed in " + path_ + " - [json.exception.parse_error.101] parse error at line ";
-    const struct {
-        std::string text;
-        std::string reason;
-    } rows[] = {
-        {with(": 46", ": \"10\""), type + "number, but is string"},
-        {with("\"127.0.0.1\"", "10"), type + "string, but is number"},
-        {with("\"devices\": [", "\"devices\": {}, \"\": ["), type + "array, but is object"},
-        {with("unicast_delay_req", ""), missing + "'unicast_delay_req' not found"},
-        {"[]", access + "array"},
-        {with(": 46", ": 1e999"), document + "out_of_range.406] number overflow parsing '1e999'"},
-        {ConfigurationFile::sample() + "}", parsing},
-        {with("127.0.0.1", "\xFF"), parsing},
+    // What the JSON library says is its own; its kinds of errors, and the keys, stay.
+    const std::string document = "Error during JSON deserialization: ";
+    const std::string parsing = "Error: JSON parsing failed in " + path_ + " - ";
+    const std::tuple<std::string, std::string, std::string> rows[] = {
+        {with(": 46", ": \"10\""), document, "type_error"},
+        {with("\"127.0.0.1\"", "10"), document, "type_error"},
+        {with("\"devices\": [", "\"devices\": {}, \"\": ["), document, "type_error"},
+        {with("unicast_delay_req", ""), document, "unicast_delay_req"},
+        {"[]", document, "type_error"},
+        {with(": 46", ": 1e999"), document, "1e999"},
+        {ConfigurationFile::sample() + "}", parsing, "parse_error"},
+        {with("127.0.0.1", "\xFF"), parsing, "parse_error"},
+        {std::string(300'000, '['), parsing, "more than 100 levels"},
     };
-    for (const auto& [text, reason] : rows)
-        EXPECT_EQ(failure([this, &faulty = text] {
-                      load(faulty);
-                  }).substr(0, reason == parsing ? parsing.size() : std::string::npos),
-                  reason)
-            << text;
+    for (const auto& [text, beginning, reason] : rows) {
+        const std::string message = failure([this, &faulty = text] { load(faulty); });
+        EXPECT_TRUE(message.starts_with(beginning)) << message;
+        EXPECT_NE(message.find(reason), std::string::npos) << message;
+    }
 }
 
 TEST_F(CardConfigFile, AFailedSaveNamesThePlaceOrLeavesTheFileAlone) {

@@ -85,13 +85,17 @@ TEST(SystemMonitorData, TakesIntegersOfKnownLabelsAndKeepsWhatAFaultyReportGave)
         {"label": "FPGA FABRIC Digital Temperature #5", "input": 10, "max": 11, "critical": 12}])",
                                          data));
     EXPECT_EQ(shown(data), "10/11/12 20/21/22 30/31/32 40/0/0 4294967291/1/0 0/0/0 70/71/72 80");
+    const std::string too_deep = std::string(100'000, '[') + std::string(100'000, ']');
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(parse_json_to_struct_cpp(too_deep, data));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "An unexpected error occurred: more than 100 levels\n");
     testing::internal::CaptureStderr();
     EXPECT_FALSE(parse_json_to_struct_cpp("{}", data));
     EXPECT_FALSE(parse_json_to_struct_cpp(
         R"([{"label": "QSFP2 Case Temperature", "max": 7}, {"label": "Board Power"}, {"label": 8}])", data));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: JSON root is not an array.\nJSON Parsing/Access Error: [json.exception.type_error.302] "
-              "type must be string, but is number\n");
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(said.find("Error: JSON root is not an array.\nJSON Parsing/Access Error: "), 0u) << said;
+    EXPECT_NE(said.find("type_error"), std::string::npos) << "the rest is the JSON library's: " << said;
     EXPECT_EQ(shown(data), "0/0/0 0/0/0 0/0/0 0/0/0 0/0/0 0/0/0 0/7/0 80");
 }
 

@@ -64,7 +64,7 @@ TEST_F(hpsConfiguration, WithoutAMatchTwoLinesSaySoAndNobodyIsAsked) {
         EXPECT_EQ(open(false, "10.0.0.{}"), "-1 00");
         EXPECT_EQ(log.take(), (Lines{"Invalid ipaddr=10.0.0.{}", "Invalid JSON format=" + path}));
     }
-    for (const std::string& none : {std::string(), directory / "none"}) {
+    for (const std::string& none : {std::string(), directory / "none", directory / "."}) {
         EXPECT_EQ(client.open_config_ifname(none, true, "en7"), -1);
         EXPECT_EQ(client.open_config_ipaddr(none, true, "10.0.0.1"), -1);
     }
@@ -77,6 +77,11 @@ TEST_F(hpsConfiguration, ErrorsOfTheFileAreRaisedAndChangeNothing) {
         write(text);
         EXPECT_THROW(open(true, "en5"), Json::parse_error) << text;
         EXPECT_THROW(open(false, "10.0.0.1"), Json::parse_error) << text;
+    }
+    for (const std::string& text : {std::string(100'000, '['), R"({"devices":)" + std::string(100, '[')}) {
+        write(text);
+        EXPECT_THROW(open(true, "en5"), std::runtime_error);
+        EXPECT_THROW(open(false, "10.0.0.1"), std::runtime_error);
     }
     write(kDevices);
     EXPECT_THROW(open(true, "en8"), Json::type_error);

@@ -5,6 +5,7 @@
 #include "CapturedLog.h"
 #include "HttpTexts.h"
 #include "TemporaryDirectory.h"
+#include "Waiting.h"
 
 namespace {
 
@@ -70,10 +71,42 @@ TEST(HpsHttpHelper, FindsThePayloadOnceWrappedOrNot) {
         EXPECT_EQ(payload({true, 200, body, ""}), R"(failure "kept")");
         EXPECT_EQ(log.take(), parse_error(body));
     }
-    // Deeper than any stack that would write it back.
-    const std::string deep = std::string(300'000, '[') + std::string(300'000, ']');
-    for (const std::string& body : {deep, "{\"data\":\"" + deep + "\"}"}) {
-        EXPECT_EQ(payload({true, 200, body, ""}), R"(failure "kept")");
-        EXPECT_EQ(log.take(), (Lines{"JSON parse error: more than 100 levels", "body=[" + body + "]"}));
+}
+
+TEST(HpsHttpHelper, RefusesMoreLevelsOrKeysThanAnyAnswerHas) {
+    const auto nested = [](std::size_t levels) {
+        return std::string(levels, '[') + "7" + std::string(levels, ']');
+    };
+    const auto keyed = [](std::size_t keys) {  // All the same: they count as written.
+        std::string text = R"({"a:{[":":\\\":[{")";
+        for (std::size_t i = 1; i < keys; ++i)
+            text += R"(,"b":{"c":[]})";
+        return text + "}";
+    };
+    const auto as_text = [](const std::string& text) { return R"({"data":)" + Json(text).dump() + "}"; };
+    std::string objects = "[" + keyed(1000);
+    for (int i = 0; i < 20'000; ++i)
+        objects += R"(,{},{"key":0})";
+    objects += "]";
+    const std::string levels = "more than 100 levels", keys = "more than 1000 keys in one object";
+    const std::pair<std::string, std::string> cases[] = {
+        {nested(100), ""},
+        {nested(101), levels},
+        {nested(300'000), levels},
+        {keyed(1000), ""},
+        {keyed(1001), keys},
+        {objects, ""},
+        {as_text(nested(100)), ""},
+        {as_text(nested(101)), levels},
+        {as_text(keyed(1001)), keys},
+    };
+    CapturedLog log(KIV_LOG_LEVEL_ERROR);
+    const Stopwatch watch;
+    for (const auto& [body, refused] : cases) {
+        EXPECT_EQ(payload({true, 200, body, ""}) == R"(failure "kept")", !refused.empty());
+        EXPECT_EQ(log.take(),
+                  refused.empty() ? Lines{} : Lines({"JSON parse error: " + refused, "body=[" + body + "]"}));
     }
+    EXPECT_LT(watch.elapsed(), std::chrono::seconds(5))
+        << "the work grows with the text, not with its square";
 }

@@ -57,6 +57,10 @@ TEST(hpsClient, ForwardsEachRequestUnderItsBaseUrlOnceItHasOne) {
     EXPECT_THROW(client.http_post("/p", "{"), Json::parse_error);
     EXPECT_THROW(client.http_patch("/c", ""), Json::parse_error);
     EXPECT_THROW(client.http_delete("/d", "{} // why"), Json::parse_error);
+    const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
+    EXPECT_THROW(client.http_post("/p", deep), std::runtime_error);
+    EXPECT_THROW(client.http_patch("/c", deep), std::runtime_error);
+    EXPECT_THROW(client.http_delete("/d", deep), std::runtime_error);
     EXPECT_EQ(server.requests().size(), 1 + std::size(cases));
     EXPECT_EQ(log.take(), Lines{});
     EXPECT_EQ(unconfigured.get_interface_info(), -1);
@@ -85,6 +89,17 @@ TEST(hpsClient, AConfigurationReadsTheInterfacesAndResetsTheLog) {
     EXPECT_THROW(client.open_config("127.0.0.1", "http", false), std::invalid_argument);
     EXPECT_EQ(client.get_url(), server.url() + "/api/v1.0");
     EXPECT_EQ(log.take(), Lines{});
+}
+
+TEST(hpsClient, InterfacesBeforeABrokenOneAreKept) {
+    const LoopbackServer server({LoopbackServer::http(200, R"({"interfaces":[
+        {"if_name":"a","ip_addr":"b","netmask":"c","hw_addr":"d"}, {"if_name":"e"}]})")});
+    hpsClient client;
+    std::vector<inteface_info> list;
+    EXPECT_THROW(open(client, server), Json::exception);
+    EXPECT_THROW(client.get_interface_info(list), Json::exception);
+    EXPECT_EQ(text(client.interfaces()), "a b c d; ");
+    EXPECT_EQ(text(list), "a b c d; ");
 }
 
 TEST(hpsClient, AServerThatGivesNoInterfacesFailsTheConfigurationButKeepsTheUrl) {

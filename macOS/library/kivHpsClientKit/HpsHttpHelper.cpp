@@ -1,26 +1,13 @@
 #include "HpsHttpHelper.h"
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
-#include <stdexcept>
+#include <utility>
 
 #include "hpsLog.h"
+#include "jsonText.h"
+#include "kiv_json.h"
 
 using Json = nlohmann::ordered_json;
-
-namespace {
-
-/// Parses what a server sent. The JSON library writes values with as many stack frames as they have levels: far
-/// more of them than any answer has are refused.
-Json parse(const std::string& text) {
-    constexpr int kMostLevels = 100;
-    return Json::parse(text, [](int level, Json::parse_event_t, const Json&) {
-        if (level > kMostLevels) throw std::runtime_error("more than 100 levels");
-        return true;
-    });
-}
-
-}  // namespace
 
 bool HpsHttpHelper::handle(const HttpResult& result) {
     if (result.success) return true;
@@ -44,14 +31,14 @@ bool HpsHttpHelper::handle(const HttpResult& result) {
 bool HpsHttpHelper::handle_json(const HttpResult& result, Json& out) {
     if (!handle(result)) return false;
     try {
-        Json root = parse(result.body);
+        Json root = kiv::json::parse(result.body);
         if (!root.is_object() || !root.contains("data")) {
             out = std::move(root);
             return true;
         }
         Json& data = root["data"];
         if (data.is_string() && Json::accept(data.get_ref<const std::string&>())) {
-            out = parse(data.get_ref<const std::string&>());
+            out = kiv::json::parse(data.get_ref<const std::string&>());
         } else {
             out = std::move(data);
         }

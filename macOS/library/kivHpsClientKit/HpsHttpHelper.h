@@ -18,7 +18,7 @@ class KIV_API HpsHttpHelper {
 
     /// handle(), then the payload of the body into `out`: the member "data" when the body is an object that
     /// has it (a text that is itself JSON is parsed once more), else the whole body. False when the body is
-    /// not JSON.
+    /// not JSON, or more of it than any answer has: more than 100 levels, or 1000 keys in one object.
     static bool handle_json(const HttpResult& result, nlohmann::ordered_json& out);
 
     /// handle(), then whether the downloaded file exists.

@@ -1,9 +1,10 @@
 #include "ThreadManagerClientPolling.h"
 
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "hpsLog.h"
+#include "jsonText.h"
+#include "kiv_json.h"
 
 namespace {
 
@@ -60,8 +61,8 @@ bool ThreadManagerClientPolling::poll(hps_ptp_sm& fresh) {
     }
     Json master;
     Json management;
-    return readable(kMasterError, [&] { master = Json::parse(master_text); }) &&
-           readable(kManagementError, [&] { management = Json::parse(management_text); }) &&
+    return readable(kMasterError, [&] { master = kiv::json::parse(master_text); }) &&
+           readable(kManagementError, [&] { management = kiv::json::parse(management_text); }) &&
            readable(kMasterError, [&] { read_digest_of_master(master, fresh); }) &&
            readable(kManagementError, [&] { read_digest_of_management(management, fresh); });
 }

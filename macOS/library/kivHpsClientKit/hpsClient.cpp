@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <thread>
 #include <utility>
 
@@ -13,6 +13,7 @@
 #include "ThreadManagerClientPolling.h"
 #include "hpsLog.h"
 #include "jsonFields.h"
+#include "jsonText.h"
 
 namespace {
 
@@ -95,10 +96,12 @@ int32_t hpsClient::open_config_ipaddr(const std::string& config_path, bool start
 template <typename Matches>
 int32_t hpsClient::open_matching(const std::string& config_path, bool start_threads, Matches matches,
                                  const char* complaint, const std::string& wanted) {
-    if (config_path.empty()) return -1;
+    std::error_code ignored;
+    // Some standard libraries open a directory as a file.
+    if (config_path.empty() || std::filesystem::is_directory(config_path, ignored)) return -1;
     std::ifstream file(config_path);
     if (!file.is_open()) return -1;
-    const Json root = Json::parse(file);
+    const Json root = kiv::json::parse(file);
     const Json devices = root.is_object() && root.contains("devices") ? root["devices"] : Json::array();
     for (const Json& device : devices) {
         if (!matches(device)) continue;

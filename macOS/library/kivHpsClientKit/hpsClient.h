@@ -55,7 +55,7 @@ class KIV_API hpsClient {
     /// The same for the card that the configuration file at `config_path` describes: by a host interface
     /// through which its server is reached ("hps_access"."ifnames"), or by the address of a media port. The
     /// first card that matches is taken. -1 also when the file cannot be opened or no card matches; JSON
-    /// errors are thrown.
+    /// errors are thrown, and std::runtime_error for more than 100 levels, 1000 keys in one object or 64 MiB.
     int32_t open_config_ifname(const std::string& config_path, bool start_threads, const std::string& ifname);
     int32_t open_config_ipaddr(const std::string& config_path, bool start_threads, const std::string& ipaddr);
 
@@ -68,7 +68,8 @@ class KIV_API hpsClient {
 
     // ---- Interfaces -----------------------------------------------------------------------------------
 
-    /// Asks the card for its interfaces and appends them to the client's list, or to the caller's.
+    /// Asks the card for its interfaces and appends them to the client's list, or to the caller's: also those
+    /// before a broken one, which throws.
     int32_t get_interface_info();
     int32_t get_interface_info(std::vector<inteface_info>& list);
 
@@ -136,7 +137,8 @@ class KIV_API hpsClient {
     // ---- Requests -------------------------------------------------------------------------------------
 
     /// Requests to a path under the base URL. Without a body text the body is JSON null; a body text that is
-    /// not JSON throws the JSON library's parse_error.
+    /// not JSON throws the JSON library's parse_error, one of more than 100 levels or 1000 keys in one object
+    /// std::runtime_error.
     HttpResult http_get(const std::string& path);
     HttpResult http_get(const std::string& path, const std::string& file_path);  ///< Download into a file.
     HttpResult http_post(const std::string& path);

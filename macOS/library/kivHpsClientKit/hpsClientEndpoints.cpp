@@ -1,6 +1,5 @@
 // The endpoints: what each operation sends, and what it reads.
 #include <cstdio>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "HpsHttpHelper.h"
@@ -8,6 +7,7 @@
 #include "hpsClient.h"
 #include "hpsEndpoints.h"
 #include "jsonFields.h"
+#include "jsonText.h"
 
 using Json = nlohmann::ordered_json;
 using hps::Method;
@@ -104,7 +104,7 @@ HttpResult hpsClient::http_post(const std::string& path) {
 }
 
 HttpResult hpsClient::http_post(const std::string& path, const std::string& body_text) {
-    return request({Method::Post, ""}, Json::parse(body_text), path);
+    return request({Method::Post, ""}, kiv::json::parse(body_text), path);
 }
 
 HttpResult hpsClient::http_post_file(const std::string& path, const std::string& file_path) {
@@ -116,7 +116,7 @@ HttpResult hpsClient::http_patch(const std::string& path) {
 }
 
 HttpResult hpsClient::http_patch(const std::string& path, const std::string& body_text) {
-    return request({Method::Patch, ""}, Json::parse(body_text), path);
+    return request({Method::Patch, ""}, kiv::json::parse(body_text), path);
 }
 
 HttpResult hpsClient::http_delete(const std::string& path) {
@@ -124,16 +124,24 @@ HttpResult hpsClient::http_delete(const std::string& path) {
 }
 
 HttpResult hpsClient::http_delete(const std::string& path, const std::string& body_text) {
-    return request({Method::Delete, ""}, Json::parse(body_text), path);
+    return request({Method::Delete, ""}, kiv::json::parse(body_text), path);
 }
 
 // ---- Interfaces ---------------------------------------------------------------------------------------
 
 int32_t hpsClient::get_interface_info() {
     std::vector<inteface_info> fresh;
-    if (get_interface_info(fresh) != 0) return -1;
-    const std::lock_guard lock(mutex_);
-    interfaces_.insert(interfaces_.end(), fresh.begin(), fresh.end());
+    const auto keep = [&] {
+        const std::lock_guard lock(mutex_);
+        interfaces_.insert(interfaces_.end(), fresh.begin(), fresh.end());
+    };
+    try {
+        if (get_interface_info(fresh) != 0) return -1;
+    } catch (...) {
+        keep();  // The entries before the broken one.
+        throw;
+    }
+    keep();
     return 0;
 }
 

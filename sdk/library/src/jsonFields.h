@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <tuple>
+
+#include "kiv_json.h"
 
 namespace kiv::json {
 

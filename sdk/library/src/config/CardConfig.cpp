@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "jsonFields.h"
+#include "jsonText.h"
 
 namespace kiv::config {
 
@@ -69,10 +70,15 @@ std::string CardConfig::getPath() {
 CardConfig CardConfig::load_from_file(const std::string& path) {
     std::ifstream file(path);
     if (!file.is_open()) throw std::runtime_error("Error: Could not open JSON file for reading: " + path);
+    const auto not_parsed = [&](const std::exception& error) {
+        return std::runtime_error("Error: JSON parsing failed in " + path + " - " + error.what());
+    };
     try {
-        return Json::parse(file).get<CardConfig>();
+        return json::parse(file).get<CardConfig>();
+    } catch (const json::LimitError& error) {
+        throw not_parsed(error);
     } catch (const Json::parse_error& error) {
-        throw std::runtime_error("Error: JSON parsing failed in " + path + " - " + error.what());
+        throw not_parsed(error);
     } catch (const std::exception& error) {
         throw std::runtime_error(std::string("Error during JSON deserialization: ") + error.what());
     }

@@ -2,7 +2,9 @@
 
 #include <iostream>
 #include <iterator>
-#include <nlohmann/json.hpp>
+
+#include "jsonText.h"
+#include "kiv_json.h"
 
 namespace kiv::device {
 
@@ -49,7 +51,7 @@ bool parse_json_to_struct_cpp(const std::string& json, SystemMonitorData& out) {
     try {
         for (kiv_sensor_t& sensor : out.sensors)
             sensor = {};
-        const Json root = Json::parse(json);
+        const Json root = kiv::json::parse(json);
         if (!root.is_array()) {
             std::cerr << "Error: JSON root is not an array." << std::endl;
             return false;
