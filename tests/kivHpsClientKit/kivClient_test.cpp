@@ -2,8 +2,12 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdarg>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -22,6 +26,7 @@ using namespace std::string_literals;
 namespace {
 
 std::atomic<bool> g_no_handles{false};  ///< libcurl gives none.
+std::atomic<long> g_time_limit{-1};     ///< The last one that libcurl was given.
 thread_local bool t_no_arrays = false;  ///< This thread gets no memory for an array: a file stream needs one.
 
 }  // namespace
@@ -41,6 +46,19 @@ thread_local bool t_no_arrays = false;  ///< This thread gets no memory for an a
 
 extern "C" CURL* curl_easy_init() {
     return g_no_handles ? nullptr : reinterpret_cast<CURL* (*)()>(dlsym(RTLD_NEXT, "curl_easy_init"))();
+}
+
+// Each option's value fills one register, so all of them pass as a pointer would.
+#undef curl_easy_setopt
+extern "C" CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
+    va_list arguments;
+    va_start(arguments, option);
+    void* const value = va_arg(arguments, void*);
+    va_end(arguments);
+    if (option == CURLOPT_TIMEOUT) g_time_limit = static_cast<long>(reinterpret_cast<intptr_t>(value));
+    static const auto real =
+        reinterpret_cast<CURLcode (*)(CURL*, CURLoption, ...)>(dlsym(RTLD_NEXT, "curl_easy_setopt"));
+    return real(handle, option, value);
 }
 
 TEST(HttpClient, EachOperationSendsItsRequestToTheByte) {
@@ -80,8 +98,11 @@ TEST(HttpClient, UploadsAFileByteForByteUnderItsLastName) {
     const std::string form = "--" + boundary + "\r\n" + head + bytes + "\r\n--" + boundary + "--\r\n";
     EXPECT_TRUE(server.requests().back() == wanted(server, "POST /up", type, form));
     CapturedLog log;
+    const std::string pipe = directory / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     // The last can be opened, but its first page is never mapped.
-    for (const std::string& path : {directory / "missing", directory / ".", ""s, "/proc/self/mem"s}) {
+    for (const std::string& path :
+         {directory / "missing", directory / ".", ""s, pipe, "/dev/null"s, "/proc/self/mem"s}) {
         EXPECT_EQ(text(client.upload("/up", path)), "failure 0 [] file open error");
         EXPECT_EQ(log.take(), Lines{"Could not open file=" + path});
     }
@@ -158,20 +179,98 @@ TEST(HttpClient, WithoutAnAnswerTheRequestIsRepeatedAfterAPauseAndTheLastPausesT
     EXPECT_EQ(server.requests(), Lines(3, wanted(server, "POST /", "application/json", R"({"a":1})")));
 }
 
-TEST(HttpClient, TheTimeLimitIsNotThatOfUploadsAndDownloads) {
+TEST(HttpClient, GivesEachOperationItsTimeLimitOrNoneForWhatIsNoLimit) {
     const TemporaryDirectory directory;
-    write_file(directory / "up", "up");
-    const LoopbackServer::Reply late{LoopbackServer::http(200, "{}").bytes, 1300ms};
-    const LoopbackServer slow[] = {LoopbackServer({late}), LoopbackServer({late}), LoopbackServer({late})};
+    const std::string file = directory / "file";
+    write_file(file, "up");
+    const LoopbackServer server({LoopbackServer::http(200, "{}")});
+    HttpClient client(server.url());
+    const auto limits = [&] {
+        std::vector<long> all;
+        for (const auto& send : {std::function([&] { return client.get("/"); }),
+                                 {[&] { return client.post("/", {}); }},
+                                 {[&] { return client.patch("/", {}); }},
+                                 {[&] { return client.del("/", {}); }},
+                                 {[&] { return client.upload("/", file); }},
+                                 {[&] { return client.download("/", file); }}}) {
+            EXPECT_EQ(text(send()), "success 200 [{}]");
+            all.push_back(g_time_limit);
+        }
+        return all;
+    };
+    EXPECT_EQ(limits(), (std::vector<long>{2, 2, 2, 2, 10, 60}));
+    const std::pair<int, long> cases[] = {{7, 7},  {2'147'483, 2'147'483}, {2'147'484, 0},
+                                          {-1, 0}, {2'147'483'647, 0},     {-2'147'483'647 - 1, 0}};
+    for (const auto& [seconds, limit] : cases) {
+        client.set_timeout(seconds);
+        EXPECT_EQ(limits(), (std::vector<long>{limit, limit, limit, limit, 10, 60})) << seconds;
+    }
+
+    const LoopbackServer slow({{LoopbackServer::http(200, "{}").bytes, 1300ms}});
     CapturedLog log;
-    HttpClient client("");
-    client.set_retry(1, 0);
-    client.set_timeout(1);
-    auto up = std::async(std::launch::async, [&] { return client.upload(slow[0].url(), directory / "up"); });
-    auto down =
-        std::async(std::launch::async, [&] { return client.download(slow[1].url(), directory / "down"); });
-    EXPECT_EQ(text(client.get(slow[2].url())), "failure 0 [] retry over");
+    HttpClient impatient(slow.url());
+    impatient.set_retry(1, 0);
+    impatient.set_timeout(1);
+    EXPECT_EQ(text(impatient.get("/")), "failure 0 [] retry over");
     EXPECT_EQ(log.take(), failed_attempts(CURLE_OPERATION_TIMEDOUT, 1));
-    EXPECT_EQ(text(up.get()), "success 200 [{}]");
-    EXPECT_EQ(text(down.get()), "success 200 [{}]");
+}
+
+TEST(HttpClient, LeavesTheBrokenPipeSignalAloneAlsoWhenRequestsOverlap) {
+    std::signal(SIGPIPE, SIG_DFL);
+    // The first request begins before the second and ends before it.
+    std::atomic<bool> first_over{false}, in_turn{true};
+    const LoopbackServer::Reply good = LoopbackServer::http(200, "{}");
+    const LoopbackServer later({{good.bytes, 0ms, [&] {
+                                     if (!wait_until([&] { return first_over.load(); })) in_turn = false;
+                                 }}});
+    const LoopbackServer first({{good.bytes, 0ms, [&] {
+                                     if (!wait_until([&] { return later.requests().size() == 1; }))
+                                         in_turn = false;
+                                 }}});
+    auto one = std::async(std::launch::async, [&] {
+        const std::string result = text(HttpClient(first.url()).get("/"));
+        first_over = true;
+        return result;
+    });
+    ASSERT_TRUE(wait_until([&] { return first.requests().size() == 1; }));
+    EXPECT_EQ(text(HttpClient(later.url()).get("/")), "success 200 [{}]");
+    EXPECT_EQ(one.get(), "success 200 [{}]");
+    EXPECT_TRUE(in_turn);
+    EXPECT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
+}
+
+TEST(HttpClient, ADownloadThatCannotBeWrittenToItsEndIsNoSuccess) {
+    const TemporaryDirectory directory;
+    const std::string small = "[1]", large(1'000'000, '7');
+    const LoopbackServer server({LoopbackServer::http(200, small), LoopbackServer::http(200, large)});
+    HttpClient client(server.url());
+    // The small one is held back until the file is closed.
+    EXPECT_EQ(text(client.download("/", "/dev/full")), "failure 200 [[1]] exception on file write");
+    EXPECT_EQ(text(client.download("/", "/dev/full")), "failure 200 [" + large + "] exception on file write");
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
+    const rlimit little{4096, usual.rlim_max};
+    std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &little), 0);
+    const std::string result = text(client.download("/", directory / "file"));
+    setrlimit(RLIMIT_FSIZE, &usual);
+    std::signal(SIGXFSZ, SIG_DFL);
+    EXPECT_EQ(result, "failure 200 [" + large + "] exception on file write");
+}
+
+TEST(HttpClient, AReplyOfMoreThan64MebibytesIsNoAnswerExceptToADownload) {
+    const TemporaryDirectory directory;
+    const std::string most(64 << 20, 'x');
+    const LoopbackServer server({LoopbackServer::http(200, most), LoopbackServer::http(200, most + "x")});
+    HttpClient client(server.url());
+    client.set_timeout(30);
+    CapturedLog log;
+    const HttpResult whole = client.get("/");
+    EXPECT_TRUE(whole.success && whole.body == most);
+    EXPECT_EQ(log.take(), Lines{"invalid json response"});
+    EXPECT_EQ(text(client.post("/", {})), "failure 0 [] retry over");
+    EXPECT_EQ(log.take(), failed_attempts(CURLE_WRITE_ERROR, 3));
+    const HttpResult file = client.download("/", directory / "file");
+    EXPECT_TRUE(file.success && file.body == most + "x");
+    EXPECT_EQ(std::filesystem::file_size(directory / "file"), most.size() + 1);
 }

@@ -108,6 +108,7 @@ void LoopbackServer::serve() {
 
 /// Waits no longer than the test itself wants to end.
 void LoopbackServer::answer(int socket, const Reply& reply) {
+    if (reply.before) reply.before();
     pollfd stop{stop_[0], POLLIN, 0};
     if (reply.pause.count() > 0 && poll(&stop, 1, static_cast<int>(reply.pause.count())) > 0) return;
     send_all(socket, reply.bytes);

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -16,6 +17,7 @@ class LoopbackServer {
     struct Reply {
         std::string bytes;
         std::chrono::milliseconds pause{0};
+        std::function<void()> before = {};  ///< Runs on the server's thread when the request is there.
     };
 
     /// The nth connection gets the nth reply, later ones the last.

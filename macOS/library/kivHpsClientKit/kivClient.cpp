@@ -3,23 +3,27 @@
 #include <curl/curl.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 #include <utility>
 
+#include "jsonText.h"
 #include "kivLogDispatch.h"
+#include "kiv_json.h"
+#include "regularFile.h"
 
 namespace {
 
 constexpr const char* kSource = "macOS/library/kivHpsClientKit/kivClient";
 constexpr int kLogLine = 56;
 constexpr const char* kJson = "application/json";
-constexpr std::size_t kReadBlock = 65536;
+constexpr int kLongestTimeLimit = 2'147'483;  // Seconds: libcurl counts milliseconds in 31 bits.
 constexpr const char* kBoundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW";
 
 /// libcurl counts its initialisations, but not every build of it does so under a lock. Never destroyed:
@@ -56,18 +60,26 @@ class Options {
     CURLcode result_ = CURLE_OK;
 };
 
-/// Appends what was received to the string at `user`. Never throws: its caller is C. A short count ends the
+/// The body of a response, as it comes in.
+struct Received {
+    std::string body;
+    std::size_t most;  ///< Bytes.
+};
+
+/// Appends what was received to the body at `user`. Never throws: its caller is C. A short count ends the
 /// transfer.
 std::size_t append_received(char* data, std::size_t size, std::size_t count, void* user) noexcept {
+    Received& received = *static_cast<Received*>(user);
+    if (size * count > received.most - received.body.size()) return 0;
     try {
-        static_cast<std::string*>(user)->append(data, size * count);
+        received.body.append(data, size * count);
         return size * count;
     } catch (...) {
         return 0;
     }
 }
 
-bool carries_body(const std::string& method) {
+bool carries_body(std::string_view method) {
     return method == "POST" || method == "PATCH" || method == "DELETE";
 }
 
@@ -75,12 +87,10 @@ HttpResult failure(const char* error) {
     return {false, 0, {}, error};
 }
 
-/// Reads `file_path` into the middle of a multipart form, once. False when it cannot be opened, read or held
-/// in memory.
+/// Reads the regular file at `file_path` into the middle of a multipart form, once. False when it cannot be
+/// opened, read or held in memory.
 bool read_form(const std::string& file_path, std::string& form) try {
-    std::error_code ignored;
-    if (std::filesystem::is_directory(file_path, ignored)) return false;
-    std::ifstream file(file_path, std::ios::binary);
+    kiv::RegularFile file(file_path);
     if (!file.is_open()) return false;
 
     const std::string name = std::filesystem::path(file_path).filename().string();
@@ -88,24 +98,41 @@ bool read_form(const std::string& file_path, std::string& form) try {
                              "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + name +
                              "\"\r\nContent-Type: application/octet-stream\r\n\r\n";
     const std::string tail = std::string("\r\n--") + kBoundary + "--\r\n";
-    // Room for the whole form at once; what has no size (a pipe) makes it grow.
-    const std::uintmax_t size = std::filesystem::file_size(file_path, ignored);
-    form.reserve(head.size() + (ignored ? 0 : static_cast<std::size_t>(size)) + kReadBlock + tail.size());
+    // Room for the whole form at once: growing would hold the file twice.
+    form.reserve(head.size() + file.size() + tail.size());
     form = head;
-    while (file) {
-        const std::size_t filled = form.size();
-        form.resize(filled + kReadBlock);
-        file.read(form.data() + filled, static_cast<std::streamsize>(kReadBlock));
-        form.resize(filled + static_cast<std::size_t>(file.gcount()));
-    }
-    if (file.bad()) return false;
+    if (!file.read_all([&](std::string_view block) { form.append(block); })) return false;
     form += tail;
     return true;
 } catch (const std::exception&) {
     return false;
 }
 
+/// Writes a file. What went wrong, as HttpResult::error has it; empty when nothing did.
+std::string write_body(const std::string& file_path, const std::string& body) {
+    constexpr const char* kFailed = "exception on file write";
+    try {
+        std::ofstream file(file_path, std::ios::binary | std::ios::trunc);
+        if (!file) return "file write error";
+        file.write(body.data(), static_cast<std::streamsize>(body.size()));
+        file.close();  // Writes what is left in the buffer.
+        return file ? "" : kFailed;
+    } catch (...) {
+        return kFailed;
+    }
+}
+
 }  // namespace
+
+/// What an attempt needs to know.
+struct HttpClient::Request {
+    const char* method;
+    const std::string& path;
+    const std::string& body;
+    const std::string& content_type;
+    int timeout;                ///< Seconds.
+    std::size_t most_received;  ///< Bytes of a response's body.
+};
 
 HttpClient::HttpClient(std::string base_url) : base_url_(std::move(base_url)) {
     const std::lock_guard lock(curl_mutex());
@@ -153,29 +180,22 @@ HttpResult HttpClient::upload(const std::string& path, const std::string& file_p
 }
 
 HttpResult HttpClient::download(const std::string& path, const std::string& file_path) {
-    HttpResult result = perform("GET", path, "", "", download_timeout_);
+    HttpResult result = repeat({"GET", path, "", "", download_timeout_, SIZE_MAX});
     if (!result.success) return result;
-    try {
-        std::ofstream file(file_path, std::ios::binary | std::ios::trunc);
-        if (!file) {
-            result.success = false;
-            result.error = "file write error";
-            return result;
-        }
-        file.write(result.body.data(), static_cast<std::streamsize>(result.body.size()));
-        file.close();
-    } catch (...) {
-        result.success = false;
-        result.error = "exception on file write";
-    }
+    result.error = write_body(file_path, result.body);
+    result.success = result.error.empty();
     return result;
 }
 
 HttpResult HttpClient::perform(const std::string& method, const std::string& path, const std::string& body,
                                const std::string& content_type, int timeout) {
+    return repeat({method.c_str(), path, body, content_type, timeout, kiv::json::kMostBytes});
+}
+
+HttpResult HttpClient::repeat(const Request& request) {
     for (int tried = 0; tried < retry_count_; ++tried) {
         try {
-            return attempt(method, path, body, content_type, timeout);
+            return attempt(request);
         } catch (const std::exception& error) {
             log_error(error.what());
         }
@@ -186,32 +206,33 @@ HttpResult HttpClient::perform(const std::string& method, const std::string& pat
 }
 
 /// One transfer. Throws std::runtime_error when there is no answer.
-HttpResult HttpClient::attempt(const std::string& method, const std::string& path, const std::string& body,
-                               const std::string& content_type, int timeout) {
+HttpResult HttpClient::attempt(const Request& request) {
     EasyHandle handle(curl_easy_init());
     if (!handle) throw std::runtime_error("curl init failed");
     HeaderList headers;
-    HttpResult result;
-    const std::string url = base_url_ + path;
+    Received received{{}, request.most_received};
+    const std::string url = base_url_ + request.path;
+    const bool limited = request.timeout >= 0 && request.timeout <= kLongestTimeLimit;
 
     Options options(handle.get());
     options.set(CURLOPT_URL, url.c_str());
-    options.set(CURLOPT_TIMEOUT, static_cast<long>(timeout));
+    options.set(CURLOPT_NOSIGNAL, 1L);  // Else transfers that overlap leave SIGPIPE ignored for good.
+    options.set(CURLOPT_TIMEOUT, limited ? static_cast<long>(request.timeout) : 0L);
     options.set(CURLOPT_WRITEFUNCTION, &append_received);
-    options.set(CURLOPT_WRITEDATA, &result.body);
+    options.set(CURLOPT_WRITEDATA, &received);
     options.set(CURLOPT_TCP_KEEPALIVE, 1L);
     options.set(CURLOPT_TCP_KEEPIDLE, 60L);
     options.set(CURLOPT_TCP_KEEPINTVL, 30L);
     options.set(CURLOPT_SSL_VERIFYPEER, 1L);
     options.set(CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!content_type.empty()) {
-        headers.reset(curl_slist_append(nullptr, ("Content-Type: " + content_type).c_str()));
+    if (!request.content_type.empty()) {
+        headers.reset(curl_slist_append(nullptr, ("Content-Type: " + request.content_type).c_str()));
         if (!headers) options.fail(CURLE_OUT_OF_MEMORY);
     }
-    if (carries_body(method)) {
-        options.set(CURLOPT_CUSTOMREQUEST, method.c_str());
-        options.set(CURLOPT_POSTFIELDS, body.data());
-        options.set(CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    if (carries_body(request.method)) {
+        options.set(CURLOPT_CUSTOMREQUEST, request.method);
+        options.set(CURLOPT_POSTFIELDS, request.body.data());
+        options.set(CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
     }
     if (headers) options.set(CURLOPT_HTTPHEADER, headers.get());
 
@@ -228,8 +249,7 @@ HttpResult HttpClient::attempt(const std::string& method, const std::string& pat
         throw std::runtime_error("network error");
     }
 
-    result.status = status;
-    result.success = status >= 200 && status <= 299;
+    HttpResult result{status >= 200 && status <= 299, status, std::move(received.body), {}};
     if (!result.success) {
         result.error = "http status " + std::to_string(status);
     } else if (!result.body.empty() && !nlohmann::json::accept(result.body)) {

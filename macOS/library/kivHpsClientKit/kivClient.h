@@ -22,7 +22,8 @@ struct HttpResult {
 };
 
 /// Sends requests to paths under one base URL. An attempt that gets no answer is repeated; any answer ends
-/// the request.
+/// the request. A response body of more than 64 MiB counts as no answer, except to a download. The disposition
+/// of SIGPIPE stays as it is.
 ///
 /// Log lines go to kivLog.h: there are none before kivLog_open or kiv_open.
 ///
@@ -37,7 +38,8 @@ class KIV_API HttpClient {
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
 
-    /// Time limit of get, post, patch and del, in seconds (2 at first).
+    /// Time limit of get, post, patch and del, in seconds (2 at first). 0, negative values and those above
+    /// 2,147,483 are no limit.
     void set_timeout(int seconds);
 
     /// Number of attempts (3 at first; below 1 nothing is sent) and the pause after each that failed, in
@@ -51,21 +53,24 @@ class KIV_API HttpClient {
     HttpResult patch(const std::string& path, const nlohmann::ordered_json& json);
     HttpResult del(const std::string& path, const nlohmann::ordered_json& json);
 
-    /// Posts the file as the form field "file"; time limit 10 s. The file is read into memory once.
+    /// Posts the regular file as the form field "file"; time limit 10 s. The file is read into memory once.
+    /// Anything else, and a file that cannot be read to its end, is a "file open error" and not sent.
     HttpResult upload(const std::string& path, const std::string& file_path);
 
-    /// Gets `path` and writes the response body to the file; time limit 60 s. No file is made unless the
-    /// server answers with success.
+    /// Gets `path` and writes the response body, of any size, to the file; time limit 60 s. No file is made
+    /// unless the server answers with success. One that cannot be written to its end (a full disk) is an
+    /// "exception on file write"; what was written stays.
     HttpResult download(const std::string& path, const std::string& file_path);
 
-    /// The engine of all the above. `timeout` in seconds; an empty `content_type` sends no such header;
-    /// `body` is sent with POST, PATCH and DELETE only.
+    /// The engine of all the above. `timeout` in seconds, as for set_timeout(); an empty `content_type` sends
+    /// no such header; `body` is sent with POST, PATCH and DELETE only.
     HttpResult perform(const std::string& method, const std::string& path, const std::string& body,
                        const std::string& content_type, int timeout);
 
   private:
-    HttpResult attempt(const std::string& method, const std::string& path, const std::string& body,
-                       const std::string& content_type, int timeout);
+    struct Request;
+    HttpResult repeat(const Request& request);
+    HttpResult attempt(const Request& request);
     static void log_error(const std::string& message);
 
     std::string base_url_;

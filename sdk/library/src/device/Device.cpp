@@ -14,6 +14,7 @@
 #include "addressText.h"
 #include "deviceLog.h"
 #include "fileDigest.h"
+#include "regularFile.h"
 #include "statusRegister.h"
 
 namespace kiv::device {
@@ -262,7 +263,7 @@ kiv_result_t Device::get_stream_status(uint64_t block, kiv_stream_status_t& stat
 kiv_result_t Device::reconfig_net_work(const kiv_net_config_t& net, const kiv_ptp_config_t& ptp) {
     uint32_t tunnel = 0;
     uint32_t ignored = 0;
-    get_tun_config(tunnel, ignored);
+    if (get_tun_config(tunnel, ignored) != KIV_OK) return KIV_ERR_FAILED;
     const kiv_net_port_0_t& p = net.port_0;
     const kiv_net_port_1_t& s = net.port_1;
     // port_params: TOS of both ports, then TTL of both. The first two PTP numbers are unsigned on the wire.
@@ -285,9 +286,12 @@ kiv_result_t Device::reconfig_net_work(const kiv_net_config_t& net, const kiv_pt
 }
 
 kiv_result_t Device::upload_image(const std::string& path) {
+    // Upload and digest each read the file. A write must not start when they may have read different bytes.
+    const std::optional<FileState> before = state_of_file(path);
     if (!rest_ || rest_->fw_upload(path) != 0) return KIV_ERR_REST;
     const std::optional<std::string> md5 = md5_of_file(path);
-    return md5 && rest_->fw_start(true, *md5) == 0 ? KIV_OK : KIV_ERR_REST;
+    if (!md5 || state_of_file(path) != before) return KIV_ERR_REST;
+    return rest_->fw_start(true, *md5) == 0 ? KIV_OK : KIV_ERR_REST;
 }
 
 kiv_result_t Device::get_flash_write_status(kiv_flash_status_t& status) {

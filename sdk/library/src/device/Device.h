@@ -80,10 +80,12 @@ class KIV_API Device {
     // ---- Settings and flash -----------------------------------------------------------------------------
 
     /// Sends both settings to the management server, and keeps those of PTP when it accepts them. A port
-    /// whose `vlan_enable` is 0 has its VLAN switched off.
+    /// whose `vlan_enable` is 0 has its VLAN switched off. KIV_ERR_FAILED, and nothing is sent, when the
+    /// driver does not give the tunnel's address.
     kiv_result_t reconfig_net_work(const kiv_net_config_t& net, const kiv_ptp_config_t& ptp);
 
-    /// Uploads the file and starts its write. The card goes on by itself: see get_flash_write_status().
+    /// Uploads the regular file and starts its write, unless the file changed meanwhile. The card goes on by
+    /// itself: see get_flash_write_status().
     kiv_result_t upload_image(const std::string& path);
 
     kiv_result_t get_flash_write_status(kiv_flash_status_t& status);

@@ -3,8 +3,7 @@
 #include <CommonCrypto/CommonDigest.h>
 #include <fmt/format.h>
 
-#include <fstream>
-#include <vector>
+#include "regularFile.h"
 
 // MD5 is deprecated as a protection; here it is the checksum that the card's server asks for.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -12,19 +11,16 @@
 namespace kiv::device {
 
 std::optional<std::string> md5_of_file(const std::string& path) {
-    constexpr std::size_t kBlock = 65536;
-    std::ifstream file(path, std::ios::binary);
+    RegularFile file(path);
     if (!file.is_open()) return std::nullopt;
     CC_MD5_CTX context;
     CC_MD5_Init(&context);
-    std::vector<char> block(kBlock);
-    while (file) {
-        file.read(block.data(), static_cast<std::streamsize>(block.size()));
-        CC_MD5_Update(&context, block.data(), static_cast<CC_LONG>(file.gcount()));
-    }
+    const bool whole = file.read_all([&](std::string_view block) {
+        CC_MD5_Update(&context, block.data(), static_cast<CC_LONG>(block.size()));
+    });
+    if (!whole) return std::nullopt;
     unsigned char digest[CC_MD5_DIGEST_LENGTH];
     CC_MD5_Final(digest, &context);
-    if (file.bad()) return std::nullopt;
     std::string text;
     for (const unsigned char byte : digest)
         text += fmt::format("{:02x}", byte);

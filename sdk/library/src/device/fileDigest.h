@@ -7,7 +7,7 @@
 
 namespace kiv::device {
 
-/// MD5 of the file's bytes in 32 lower-case hexadecimal digits; empty when it cannot be read.
+/// MD5 of a regular file's bytes in 32 lower-case hexadecimal digits; empty when they cannot all be read.
 std::optional<std::string> md5_of_file(const std::string& path);
 
 }  // namespace kiv::device

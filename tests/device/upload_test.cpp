@@ -1,0 +1,111 @@
+// What a Device sends to its card's server when a file, or an address that it needs, cannot be had.
+#include <Device.h>
+#include <RestApiClient.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+
+#include "CapturedLog.h"
+#include "LoopbackServer.h"
+#include "TemporaryDirectory.h"
+
+namespace {
+
+thread_local std::size_t t_readable = SIZE_MAX;  ///< Bytes that this thread may still read.
+thread_local bool t_ends = false;                ///< Then the file ends; else reading it fails.
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* buffer, std::size_t size) {
+    static const auto real = reinterpret_cast<ssize_t (*)(int, void*, std::size_t)>(dlsym(RTLD_NEXT, "read"));
+    if (t_readable == 0) {
+        errno = EIO;
+        return t_ends ? 0 : -1;
+    }
+    const ssize_t got = real(file, buffer, std::min(size, t_readable));
+    if (got > 0 && t_readable != SIZE_MAX) t_readable -= static_cast<std::size_t>(got);
+    return got;
+}
+
+namespace {
+
+using kiv::device::Device;
+
+class Commands : public testing::Test {
+  protected:
+    Commands() { write_file(file, bytes); }
+
+    /// The result of an upload, and the requests that it took; `between` runs when the server has the file.
+    std::string upload(const std::function<void()>& between) {
+        return with_server(between, [&](Device& device) { return device.upload_image(file); });
+    }
+
+    std::string with_server(const std::function<void()>& between,
+                            const std::function<kiv_result_t(Device&)>& command) {
+        const LoopbackServer::Reply good = LoopbackServer::http(200, R"({"data":{"interfaces":[]}})");
+        const LoopbackServer server({good, {good.bytes, {}, between}, good});
+        Device device(
+            {}, {}, std::make_unique<kiv::rest::RestApiClient>("127.0.0.1:" + std::to_string(server.port())));
+        EXPECT_EQ(device.rest()->open(), 0);
+        log.again();
+        const kiv_result_t result = command(device);
+        std::string all = result == KIV_OK ? "ok" : result == KIV_ERR_REST ? "rest" : "failed";
+        for (const std::string& request : server.requests())
+            all += " " + request.substr(0, request.find(' '));
+        return all;
+    }
+
+    const TemporaryDirectory directory;
+    const std::string file = directory / "image", bytes = std::string(200'000, '\xA5');
+    CapturedLog log;
+};
+
+TEST_F(Commands, AnImageThatCannotBeReadToItsEndIsNotWritten) {
+    EXPECT_EQ(upload([] {}), "ok GET POST PATCH");
+    for (const bool ends : {false, true}) {
+        t_ends = ends;
+        t_readable = 100'000;
+        EXPECT_EQ(upload([] {}), "rest GET") << "the upload's reading, " << ends;
+        t_readable = 300'000;
+        EXPECT_EQ(upload([] {}), "rest GET POST") << "the digest's reading, " << ends;
+        t_readable = SIZE_MAX;
+    }
+}
+
+TEST_F(Commands, AnImageThatChangesBetweenUploadAndDigestIsNotWritten) {
+    const auto modified = std::filesystem::last_write_time(file);
+    const std::pair<const char*, std::function<void()>> changes[] = {
+        {"longer",
+         [&] {
+             write_file(file, bytes + "+");
+             std::filesystem::last_write_time(file, modified);
+         }},
+        {"other bytes",
+         [&] {
+             write_file(file, std::string(bytes.size(), '+'));
+             std::filesystem::last_write_time(file, modified + std::chrono::milliseconds(1));
+         }},
+        {"another file",
+         [&] {
+             write_file(directory / "other", std::string(bytes.size(), '-'));
+             std::filesystem::last_write_time(directory / "other", modified);
+             std::filesystem::rename(directory / "other", file);
+         }},
+        {"gone", [&] { std::filesystem::remove(file); }},
+    };
+    for (const auto& [name, change] : changes) {
+        write_file(file, bytes);
+        std::filesystem::last_write_time(file, modified);
+        EXPECT_EQ(upload(change), "rest GET POST") << name;
+    }
+}
+
+TEST_F(Commands, ANetworkIsNotReconfiguredWithoutTheTunnelsAddress) {
+    EXPECT_EQ(with_server({}, [](Device& device) { return device.reconfig_net_work({}, {}); }), "failed GET");
+}
+
+}  // namespace
