@@ -124,6 +124,11 @@ TEST_F(Manager, HasTheStatusReadEverySecondAndTheSensorsEveryMinute) {
 
 TEST_F(Manager, OfAnUnknownPlatformHasCardsThatCannotBeReached) {
     RunningSimulator simulator({kivsim::believable_card(1)});
+    registry_["macOS"] = nullptr;  // An entry without a factory is as none.
+    DeviceManager empty = make();
+    empty.loadDevices();
+    ASSERT_TRUE(empty.exists(1));
+    EXPECT_TRUE(empty.getDevice(1)->accesses().empty());
     registry_.clear();
     DeviceManager manager = make();
     manager.loadDevices();

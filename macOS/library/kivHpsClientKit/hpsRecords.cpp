@@ -78,11 +78,10 @@ void take(const Json* json, Value& value) {
     if (json != nullptr) read(*json, value);
 }
 
-/// True for a number other than 0.
+/// True for any number other than 0: none is cut off or wraps to it on the way.
 void take(const Json* json, bool& value) {
-    int32_t number = 0;
-    take(json, number);
-    value = number != 0;
+    if (json == nullptr) return;
+    value = json->is_boolean() ? json->get<bool>() : json->get<double>() != 0;
 }
 
 }  // namespace

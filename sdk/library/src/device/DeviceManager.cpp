@@ -48,7 +48,8 @@ void DeviceManager::insert(uint32_t id, std::shared_ptr<Device> device) {
 /// A platform without a factory gives a Device without accesses and without a management-server client.
 std::shared_ptr<Device> DeviceManager::makeDevice(const DeviceInfo& info) {
     const auto factory = registry_.find(info.platform);
-    if (factory == registry_.end()) return std::make_shared<Device>(info, Device::AccessList{}, nullptr);
+    if (factory == registry_.end() || !factory->second)
+        return std::make_shared<Device>(info, Device::AccessList{}, nullptr);
     Device::AccessList accesses;
     for (const PciFunction& address : info.functions) {
         void* const handle = enumerator_->getDeviceAccessPtr(info.id, address.function);
