@@ -80,7 +80,7 @@ TEST(HpsHttpHelper, RefusesMoreLevelsOrKeysThanAnyAnswerHas) {
     const auto keyed = [](std::size_t keys) {  // All the same: they count as written.
         std::string text = R"({"a:{[":":\\\":[{")";
         for (std::size_t i = 1; i < keys; ++i)
-            text += R"(,"b":{"c":[]})";
+            text += R"(,"b\\":{"c":[]})";
         return text + "}";
     };
     const auto as_text = [](const std::string& text) { return R"({"data":)" + Json(text).dump() + "}"; };

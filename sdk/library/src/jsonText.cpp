@@ -12,17 +12,23 @@ namespace {
 
 constexpr std::size_t kReadBlock = 65536;
 
-/// The position of the quote that ends the string whose first quote is at `at`.
+/// The position of the quote that ends the string whose first quote is at `at`. Searching for quotes, and only
+/// then for what escapes them, is several times as fast as a look at each byte.
 std::size_t end_of_string(std::string_view text, std::size_t at) {
-    while (++at < text.size() && text[at] != '"') {
-        if (text[at] == '\\') ++at;
+    for (;;) {
+        const std::size_t quote = text.find('"', at + 1);
+        if (quote == std::string_view::npos) return text.size();
+        std::size_t first = quote;  // Of the backslashes before it; an even number escapes each other.
+        while (text[first - 1] == '\\')
+            --first;
+        if ((quote - first) % 2 == 0) return quote;
+        at = quote;
     }
-    return at;
 }
 
-/// Outside of strings every bracket is a level and every colon a key, so one look at each byte is exact for
-/// JSON. Of other texts it counts at least as much as the parser sees before it stops. Not the JSON library's
-/// own events: a second run of its lexer would take nearly as long as the parsing itself.
+/// Outside of strings every bracket is a level and every colon a key, so that counting them is exact for JSON.
+/// Of other texts it counts at least as much as the parser sees before it stops. Not the JSON library's own
+/// events: a second run of its lexer would take nearly as long as the parsing itself.
 void check_limits(std::string_view text) {
     std::array<std::size_t, kMostLevels + 1> keys{};  ///< At each level, of the object that is open there.
     std::size_t level = 0;
