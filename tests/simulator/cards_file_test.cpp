@@ -42,6 +42,8 @@ TEST(CardsFile, ThatIsWrongNamesTheKey) {
         {R"("identity": {"text": "12345678901234567890123456789012345678901234567890123456789012345"})",
          "identity.text: must have at most 64 characters"},
         {R"("functions": [{"number": 0}])", "functions[0].connection_type: missing"},
+        {R"("functions": [{"number": 0, "connection_type": 22, "pci_link": [1]}])",
+         "functions[0].pci_link: must have 2 numbers"},
         {R"("registers": {"6": {}})", R"(registers.6: BARs are "0" to "5")"},
         {R"("registers": {"0": {"0x1000000": 1}})",
          "registers.0.0x1000000: must be an offset inside a BAR of 16 MiB"},
@@ -64,7 +66,8 @@ TEST(CardsFile, ThatIsWrongNamesTheKey) {
 TEST(CardsFile, GivesItsKeysTheirMeaning) {
     const TemporaryDirectory directory;
     write_file(directory / "cards.json", R"({"cards": [{
-        "id": "0xFE", "bus": 9, "device": "0x1F", "functions": [{"number": 3, "connection_type": "22"}],
+        "id": "0xFE", "bus": 9, "device": "0x1F",
+        "functions": [{"number": 3, "connection_type": "22", "pci_link": [8, 3]}],
         "registers": {"5": {"0xFFFFF8": "0x123456789ABCDEF0"}}, "addresses": ["10.0.0.1", "255.255.255.255"],
         "tunnel": {"address": "10.1.2.3", "port": 65535}, "server": "external",
         "driver_faults": [{"selector": 5, "nth": 2, "status": "0xE00002D5", "delay_ms": 7, "reply_size": 0}]
@@ -73,7 +76,10 @@ TEST(CardsFile, GivesItsKeysTheirMeaning) {
     ASSERT_EQ(cards.size(), 2u);
     const kivsim::CardSettings& card = cards[0];
     EXPECT_EQ(std::tuple(card.id, card.bus, card.device), std::tuple(254, 9, 31));
-    EXPECT_EQ(std::tuple(card.functions.at(0).number, card.functions[0].connection_type), std::tuple(3, 22u));
+    const kivsim::FunctionSettings& function = card.functions.at(0);
+    EXPECT_EQ(
+        std::tuple(function.number, function.connection_type, function.pci_link[0], function.pci_link[1]),
+        std::tuple(3, 22u, 8, 3));
     ASSERT_EQ(card.registers.size(), 1u);  // In place of the believable ones.
     EXPECT_EQ(std::tuple(card.registers[0].bar, card.registers[0].offset, card.registers[0].value),
               std::tuple(5u, 0xFFFFF8u, 0x123456789ABCDEF0u));

@@ -17,7 +17,7 @@ struct IONotificationPort {
 
     const mach_port_t name;
     const CFRunLoopSourceRef source = new __CFRunLoopSource;
-    const kivplatform::Birthplace birthplace;
+    const kivplatform::Birthplace birthplace{};
 };
 
 namespace {

@@ -35,7 +35,7 @@ struct __CFRunLoop final : kivplatform::CfObject {
     Sources sources_of(CFRunLoopMode mode);
     bool handle_one(const Sources& sources, int wait_ms);
 
-    const kivplatform::Birthplace birthplace_;
+    const kivplatform::Birthplace birthplace_{};
     std::mutex mutex_;  ///< Guards the next two.
     std::vector<std::pair<CFRunLoopMode, std::shared_ptr<kivplatform::Channels>>> sources_;
     bool stopped_ = false;  ///< Of the innermost run.
