@@ -30,9 +30,9 @@ enum {
     KIV_LOG_LEVEL_INFO = 2,
     KIV_LOG_LEVEL_DEBUG = 3,
     /*
-     * A line of this level is always dropped. As a threshold it does not switch the log off: every other line
-     * is written. Only as the level of the very first open it switches off the back end, for the life of the
-     * process; a callback gets its lines even then.
+     * A line of this level is always dropped. As a threshold it does not switch the log off, but lets every
+     * line of the other levels through. Only as the level of the very first open it switches off the back
+     * end, for the life of the process; a callback gets its lines even then.
      */
     KIV_LOG_LEVEL_NONE = 4
 };
