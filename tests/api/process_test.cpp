@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "FoundCards.h"
+#include "Program.h"
 #include "Waiting.h"
 #include "kiv/kivDext.h"
 
@@ -169,25 +170,6 @@ namespace {
     std::exit(1);
 }
 
-[[noreturn]] void exit_in_the_midst_of_calls() {
-    RunningSimulator simulator;
-    if (scan() != KIV_OK) end_with(false);
-    static std::atomic<int> calls{0};
-    for (int i = 0; i < 8; ++i) {
-        std::thread([i] {
-            for (;; ++calls) {
-                if (i == 0) {
-                    scan();
-                } else {
-                    ask_everything(1);
-                }
-            }
-        }).detach();
-    }
-    wait_until([] { return calls > 20; });
-    std::exit(42);
-}
-
 /// On a thread of the library, where the exit handler would wait for its own thread.
 [[noreturn]] void exit_on_a_worker() {
     RunningSimulator simulator;
@@ -227,8 +209,11 @@ TEST_F(Exit, CountsAsACloseAlsoForCallsThatComeTooLate) {
 }
 
 TEST_F(Exit, NeitherCrashesNorHangsWhileOtherThreadsAreInCalls) {
-    for (int round = 0; round < 5; ++round)
-        EXPECT_EXIT(exit_in_the_midst_of_calls(), testing::ExitedWithCode(42), "");
+    RunningSimulator simulator;
+    for (int round = 0; round < 5; ++round) {
+        const Ended ended = run_program({EXIT_IN_CALLS_PROGRAM});
+        EXPECT_EQ(ended.status, 42) << ended.err;
+    }
 }
 
 TEST_F(Exit, MayComeInACallback) {
