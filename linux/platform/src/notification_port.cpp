@@ -10,13 +10,14 @@
 #include "run_loop.h"
 
 struct IONotificationPort {
-    explicit IONotificationPort(mach_port_t new_name) : name(new_name) {}
+    // Not by a default initialiser: there gcc 12 loses the memory when the source's own building throws.
+    explicit IONotificationPort(mach_port_t new_name) : name(new_name), source(new __CFRunLoopSource) {}
     ~IONotificationPort() { CFRelease(source); }
     IONotificationPort(const IONotificationPort&) = delete;
     IONotificationPort& operator=(const IONotificationPort&) = delete;
 
     const mach_port_t name;
-    const CFRunLoopSourceRef source = new __CFRunLoopSource;
+    const CFRunLoopSourceRef source;
     const kivplatform::Birthplace birthplace{};
 };
 
