@@ -48,16 +48,18 @@ extern "C" CURL* curl_easy_init() {
     return g_no_handles ? nullptr : reinterpret_cast<CURL* (*)()>(dlsym(RTLD_NEXT, "curl_easy_init"))();
 }
 
+/// Under libcurl's name, but with an integer for the option: an enumeration may not be the last named parameter.
+extern "C" CURLcode noted_setopt(CURL* handle, unsigned option, ...) __asm__("curl_easy_setopt");
+
 // Each option's value fills one register, so all of them pass as a pointer would.
-#undef curl_easy_setopt
-extern "C" CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
+CURLcode noted_setopt(CURL* handle, unsigned option, ...) {
     va_list arguments;
     va_start(arguments, option);
     void* const value = va_arg(arguments, void*);
     va_end(arguments);
     if (option == CURLOPT_TIMEOUT) g_time_limit = static_cast<long>(reinterpret_cast<intptr_t>(value));
     static const auto real =
-        reinterpret_cast<CURLcode (*)(CURL*, CURLoption, ...)>(dlsym(RTLD_NEXT, "curl_easy_setopt"));
+        reinterpret_cast<CURLcode (*)(CURL*, unsigned, ...)>(dlsym(RTLD_NEXT, "curl_easy_setopt"));
     return real(handle, option, value);
 }
 
