@@ -1,13 +1,14 @@
 // What the library's layers add to a register read: IDeviceAccess against the bare platform call. First with a
 // platform call that does nothing, so that only our code is timed, then with the simulator's driver process, beside
 // a bare round trip of the same bytes over a socket. Rounds run their variants forwards and backwards.
-#include <DeviceFactoryMacOS.h>
 #include <IOKit/IOKitLib.h>
-#include <Simulator.h>
 #include <dlfcn.h>
+#include <kiv/kivDriverService.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <wire.h>
+#include "Simulator.h"
+#include "driver/DeviceFactoryMacOS.h"
+#include "driver/wire.h"
 
 #include <algorithm>
 #include <chrono>
@@ -23,7 +24,7 @@
 #include <thread>
 #include <vector>
 
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
 
 namespace {
 
@@ -169,7 +170,7 @@ void measure_simulator() {
     setenv("KIVSIM_SOCKET", socket.c_str(), 1);
     g_no_driver = false;
     {
-        kivDriverClientList clients = kivDriverClient::enumerateDevices(kiv::wire::kServiceName);
+        kivDriverClientList clients = kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
         require(!clients.empty(), "no card");
         kiv::device::DeviceFactoryMacOS factory;
         const auto access = factory.createDeviceAccess(clients[0].get(), 0);
@@ -178,7 +179,7 @@ void measure_simulator() {
         io_iterator_t services = IO_OBJECT_NULL;
         io_connect_t connection = IO_OBJECT_NULL;
         require(
-            IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceNameMatching(kiv::wire::kServiceName),
+            IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceNameMatching(KIV_DRIVER_SERVICE_NAME),
                                          &services) == kIOReturnSuccess,
             "no services");
         const io_service_t service = IOIteratorNext(services);

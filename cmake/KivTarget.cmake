@@ -1,8 +1,8 @@
 # What every target of the project has in common.
 
-# kiv_target(<target>): warnings as errors, hidden symbols, the sanitizers of the build.
+# kiv_target(<target>): warnings (errors in our presets), hidden symbols, the sanitizers of the build.
 function(kiv_target target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
                                            $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
   set_target_properties(${target} PROPERTIES C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden
                                              VISIBILITY_INLINES_HIDDEN ON)

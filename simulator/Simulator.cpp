@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "DriverHalf.h"
-#include "ServerHalf.h"
-#include "VirtualCard.h"
+#include "card/VirtualCard.h"
+#include "driver/DriverHalf.h"
+#include "server/ServerHalf.h"
 
 namespace kivsim {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "CardSettings.h"
+#include "card/CardSettings.h"
 
 namespace kivsim {
 

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <typeinfo>
 
-#include "CapturedLog.h"
-#include "RunningSimulator.h"
+#include "support/CapturedLog.h"
+#include "support/RunningSimulator.h"
 
 using Json = nlohmann::ordered_json;
 using Lines = std::vector<std::string>;

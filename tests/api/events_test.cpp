@@ -1,6 +1,6 @@
 // Events over the whole path: a card changes, a poll sees it, callbacks hear of it.
-#include "FoundCards.h"
-#include "Waiting.h"
+#include "api/FoundCards.h"
+#include "support/Waiting.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Firmware images: their upload, the wait for the card to begin, and the choice of a slot.
-#include <Firmware.h>
+#include "card/Firmware.h"
 
-#include "FoundCards.h"
-#include "Waiting.h"
+#include "api/FoundCards.h"
+#include "support/Waiting.h"
 
 TEST(Flash, AnIdleCardGetsTheImageAndTheWaitForItsStartEndsWithSuccess) {
     const TemporaryDirectory directory;

@@ -4,8 +4,8 @@
 
 #include <stdexcept>
 
-#include "CapturedLog.h"
-#include "ConfigurationFile.h"
+#include "support/CapturedLog.h"
+#include "support/ConfigurationFile.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <thread>
 
-#include "FoundCards.h"
-#include "Program.h"
-#include "Waiting.h"
+#include "api/FoundCards.h"
 #include "kiv/kivDext.h"
+#include "support/Program.h"
+#include "support/Waiting.h"
 
 namespace {
 

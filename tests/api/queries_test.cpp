@@ -2,8 +2,8 @@
 #include <chrono>
 #include <thread>
 
-#include "FoundCards.h"
-#include "Waiting.h"
+#include "api/FoundCards.h"
+#include "support/Waiting.h"
 
 namespace {
 

@@ -7,11 +7,11 @@
 #include <future>
 #include <map>
 
-#include "CapturedLog.h"
-#include "LoopbackServer.h"
-#include "Program.h"
-#include "RunningSimulator.h"
-#include "Waiting.h"
+#include "support/CapturedLog.h"
+#include "support/LoopbackServer.h"
+#include "support/Program.h"
+#include "support/RunningSimulator.h"
+#include "support/Waiting.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "kiv_api.h"
+#include <kiv/kiv_api.h>
 #include "state.h"
 
 namespace {

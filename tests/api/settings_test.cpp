@@ -1,6 +1,6 @@
 // Network and PTP settings: the command that the card gets, and the configuration that keeps them.
-#include "ConfigurationFile.h"
-#include "FoundCards.h"
+#include "api/FoundCards.h"
+#include "support/ConfigurationFile.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <fstream>
 #include <string>
 
-#include "RunningSimulator.h"
-#include "Waiting.h"
+#include "support/RunningSimulator.h"
+#include "support/Waiting.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-#include "RunningSimulator.h"
+#include "support/RunningSimulator.h"
 
 namespace {
 

@@ -1,55 +1,60 @@
-"""Who may include whom: arrows between the rooms of the tree never point up.
+"""Who may include whom: arrows between the rooms of the tree point down, and an include line tells its room.
 
-usage: include_rules.py ROOT
+usage: include_rules.py ROOT              check the tree, and the picture in docs/architecture.md
+       include_rules.py ROOT --picture    print the picture
 """
 import pathlib
 import re
 import sys
 
-# A room: the files that are in it (first match wins).
-ROOMS = [
-    ("base", r"sdk/library/src/(kiv_export|kiv_json|kiv_types|kiv_version|vendor|guarded|jsonFields|jsonText|regularFile|"
-             r"libraryThread)\.(h|cpp)"),
-    ("thread", r"sdk/library/src/device/thread/"),
-    ("device interfaces", r"sdk/library/src/device/(IDevice\w+|DeviceInfo)\.h"),
-    ("device", r"sdk/library/src/device/"),
-    ("config", r"sdk/library/src/config/"),
-    ("log", r"sdk/library/src/log/"),
-    ("api", r"sdk/library/src/"),
-    ("thread manager", r"macOS/library/kivHpsClientKit/ThreadManager\."),
-    ("rest interface", r"macOS/library/kivHpsClientKit/IRestApiClient\.h"),
-    ("rest", r"macOS/library/kivHpsClientKit/"),
-    ("adapters", r"macOS/library/driver/Device\w+MacOS\."),
-    ("wire", r"macOS/library/driver/(wire|kivDriverService)\.h"),
-    ("driver client", r"macOS/library/driver/"),
-    ("driver process", r"linux/platform/include/kivplatform/"),
-    ("platform", r"linux/platform/"),
-    ("simulator", r"simulator/"),
-    ("kivctl", r"tools/kivctl/"),
-    ("examples", r"examples/"),
-]
-
-# What a room may include beside itself. Libraries stand in the same lists.
-ALLOWED = {
-    "base": ["nlohmann"],
-    "thread": ["base"],
-    "config": ["base", "nlohmann"],
-    "log": ["base", "spdlog", "fmt", "os"],
-    "thread manager": ["base"],
-    "rest interface": ["base", "rest"],
-    "rest": ["base", "log", "thread manager", "rest interface", "nlohmann", "curl"],
-    "device interfaces": ["base", "rest interface"],
-    "device": ["base", "device interfaces", "thread", "log", "rest interface", "nlohmann", "fmt", "CommonCrypto"],
-    "wire": [],
-    "driver client": ["base", "wire", "thread manager", "IOKit", "CoreFoundation", "mach", "pthread", "os"],
-    "adapters": ["base", "wire", "driver client", "device interfaces", "rest interface", "rest"],
-    "api": ["base", "device", "device interfaces", "thread", "config", "log", "adapters", "driver client"],
-    "driver process": [],
-    "platform": ["driver process", "IOKit", "CommonCrypto", "CoreFoundation", "mach", "pthread", "os"],
-    "simulator": ["wire", "driver process", "IOKit/IOReturn.h", "nlohmann", "httplib.h", "CLI"],
-    "kivctl": ["kiv/kiv_api.h", "kiv/kivLog.h", "nlohmann", "fmt", "CLI"],
-    "examples": ["kiv/kiv_api.h", "kiv/kivLog.h"],
+# A room: the files that are in it (first match wins), and what it may include beside itself. Libraries stand in the
+# same lists. The tests of a room may include whatever the room may, the room itself, and what tests share.
+# fmt: off
+ROOMS = {
+    "base":              (r"sdk/library/src/base/",                                 ["nlohmann"]),
+    "config":            (r"sdk/library/src/config/",                               ["base", "nlohmann"]),
+    "log":               (r"sdk/library/src/log/",                                  ["base", "spdlog", "fmt", "os"]),
+    "thread":            (r"sdk/library/src/device/thread/",                        ["base"]),
+    "device interfaces": (r"sdk/library/src/device/(IDevice\w+|DeviceInfo|DeviceFactoryRegistry)\.h",
+                          ["base", "rest interface"]),
+    "registers":         (r"sdk/library/src/device/registers\.h",                   []),
+    "device":            (r"sdk/library/src/device/",
+                          ["base", "device interfaces", "registers", "thread", "log", "rest interface", "nlohmann", "fmt",
+                           "CommonCrypto"]),
+    "platform seam":     (r"sdk/library/src/platform\.h",                           ["base", "device interfaces"]),
+    "api":               (r"sdk/library/src/",
+                          ["base", "device", "device interfaces", "thread", "config", "log", "platform seam"]),
+    "thread manager":    (r"macOS/library/kivHpsClientKit/ThreadManager\.",         ["base"]),
+    "rest interface":    (r"macOS/library/kivHpsClientKit/IRestApiClient\.h",       ["base", "rest"]),
+    "rest":              (r"macOS/library/kivHpsClientKit/",
+                          ["base", "log", "thread manager", "rest interface", "nlohmann", "curl"]),
+    "wire":              (r"macOS/library/driver/(wire|kivDriverService)\.h", []),
+    "adapters":          (r"macOS/library/driver/(Device\w+MacOS|DriverClients|platformMacOS|kivDext)\.",
+                          ["base", "driver client", "wire", "device interfaces", "platform seam", "rest interface", "rest"]),
+    "driver client":     (r"macOS/library/driver/",
+                          ["base", "wire", "registers", "thread manager", "IOKit", "CoreFoundation", "mach", "pthread",
+                           "os"]),
+    "driver process":    (r"linux/platform/include/kivplatform/",                   []),
+    "platform":          (r"linux/platform/",
+                          ["driver process", "IOKit", "CommonCrypto", "CoreFoundation", "mach", "pthread", "os"]),
+    "simulator common":  (r"simulator/common/",                                     ["driver process", "nlohmann"]),
+    "simulator card":    (r"simulator/card/",                   ["simulator common", "wire", "registers", "IOKit/IOReturn.h", "nlohmann"]),
+    "simulator driver":  (r"simulator/driver/",
+                          ["simulator common", "simulator card", "wire", "driver process", "IOKit/IOReturn.h", "nlohmann"]),
+    "simulator server":  (r"simulator/server/",  ["simulator common", "simulator card", "registers", "nlohmann", "httplib.h"]),
+    "simulator":         (r"simulator/",
+                          ["simulator common", "simulator card", "simulator driver", "simulator server", "driver process",
+                           "nlohmann", "CLI"]),
+    "kivctl":            (r"tools/kivctl/",                    ["kiv/kiv_api.h", "kiv/kivLog.h", "nlohmann", "fmt", "CLI"]),
+    "examples":          (r"examples/",                        ["kiv/kiv_api.h", "kiv/kivLog.h"]),
+    "test support":      (r"tests/support/",                   ["base", "log", "simulator", "simulator card", "nlohmann"]),
+    "benchmarks":        (r"benchmarks/",                      ["*"]),
+    "tests":             (r"tests/",                           ["*"]),
 }
+# fmt: on
+
+# The one arrow that runs back up: the interface inherits the client, as applications know it.
+INHERITED = ("rest interface", "rest")
 
 # One file each: the seams.
 EXCEPTIONS = {
@@ -59,63 +64,116 @@ EXCEPTIONS = {
     "examples/use_driver.cpp": ["kiv/kivDriverClient.h"],
 }
 ONLY_IN = {"curl": {"macOS/library/kivHpsClientKit/kivClient.cpp"}}
+# In the library the JSON library's header comes by this one, which makes its types those of the application.
+JSON_HEADER = "sdk/library/src/base/kiv_json.h"
 
 LIBRARIES = {"nlohmann", "spdlog", "fmt", "curl", "CLI", "httplib.h", "os", "IOKit", "CoreFoundation", "mach",
              "pthread", "CommonCrypto"}
+# Where private include lines start: an area's own files first.
+AREAS = ["sdk/library/src", "macOS/library", "linux/platform/src", "simulator", "tools/kivctl", "tests", "benchmarks"]
+CUSTOMERS = ("kivctl", "examples")
+TESTING = ("tests", "test support", "benchmarks")
 
 
 def room_of(path):
-    return next((room for room, pattern in ROOMS if re.match(pattern, path)), None)
+    return next((room for room, (pattern, _) in ROOMS.items() if re.match(pattern, path)), None)
+
+
+def floors():
+    """Rooms by their height above the ground; complains of a cycle."""
+    heights = {}
+
+    def height(room, below):
+        if room in below:
+            raise SystemExit(f"the allowed arrows run in a circle: {' -> '.join([*below, room])}")
+        if room not in heights:
+            arrows = [to for to in ROOMS[room][1] if to in ROOMS and (room, to) != INHERITED]
+            heights[room] = 1 + max((height(to, [*below, room]) for to in arrows), default=0)
+        return heights[room]
+
+    for room in ROOMS:
+        height(room, [])
+    heights.update({room: 1 + max(heights.values()) for room in CUSTOMERS})
+    return heights
+
+
+def picture():
+    """The rooms, the highest first, each with the arrows to rooms below it."""
+    heights = floors()
+    lines = []
+    for floor in range(max(heights.values()), 0, -1):
+        for room in (room for room in ROOMS if heights[room] == floor and room not in TESTING):
+            arrows = [to for to in ROOMS[room][1] if to in ROOMS]
+            marked = [f"{to} (inherits)" if (room, to) == INHERITED else to for to in arrows]
+            public = ["the public headers"] if room in CUSTOMERS else []
+            lines.append(f"{floor}  {room:<18}-> {', '.join(public + marked) or 'nothing of ours'}")
+    return "\n".join(lines)
+
+
+class Tree:
+    def __init__(self, root):
+        self.root = root
+        tops = ["sdk", "macOS", "linux", "simulator", "tools", "examples", "tests", "benchmarks"]
+        self.files = sorted(str(f.relative_to(root)) for top in tops for f in (root / top).rglob("*")
+                            if f.suffix in (".h", ".cpp", ".c"))
+        self.known = set(self.files)
+        self.product = {pathlib.Path(f).name: f for f in self.files if f.startswith(("sdk/", "macOS/"))}
+
+    def target_of(self, file, written, quoted):
+        """Room or library of an include; None for the standard library and the system, "?" for what is nowhere."""
+        if written.startswith("kiv/"):
+            if room_of(file) in CUSTOMERS:
+                return written
+            header = self.product.get(written[4:])
+            return room_of(header) if header else "?"
+        if written.startswith("kivplatform/"):
+            return "driver process"
+        if quoted:
+            own = [area for area in AREAS if file.startswith(area + "/")]
+            for area in own + AREAS:
+                if f"{area}/{written}" in self.known:
+                    return room_of(f"{area}/{written}")
+            return "?"
+        first = written.split("/")[0]
+        return written if written == "IOKit/IOReturn.h" else first if first in LIBRARIES else None
+
+    def complaints_of(self, file):
+        room = room_of(file)
+        if room is None:
+            yield f"{file}: is in no room"
+            return
+        text = (self.root / file).read_text()
+        if file.startswith(("sdk/", "macOS/")) and "__APPLE__" in text:
+            yield f"{file}: the build picks the platform, not the code"
+        allowed = ROOMS[room][1] + EXCEPTIONS.get(file, [])
+        for number, line in enumerate(text.splitlines(), 1):
+            include = re.match(r'\s*#\s*include\s*([<"])([^>"]+)[>"]', line)
+            if not include:
+                continue
+            target = self.target_of(file, include.group(2), include.group(1) == '"')
+            if include.group(2) == "nlohmann/json.hpp" and file.startswith(("sdk/", "macOS/")) and file != JSON_HEADER:
+                yield f"{file}:{number}: include <kiv/kiv_json.h> instead"
+            if target == "?":
+                yield f"{file}:{number}: {include.group(2)} is not the path from its area's root"
+            elif target in (None, room) or "*" in allowed:
+                continue
+            elif target not in allowed and target.split("/")[0] not in allowed:
+                yield f"{file}:{number}: {room} may not include {include.group(2)} ({target})"
+            elif file not in ONLY_IN.get(target, {file}):
+                yield f"{file}:{number}: {target} is for {', '.join(ONLY_IN[target])} only"
 
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    tops = ["sdk", "macOS", "linux", "simulator", "tools", "examples"]
-    files = sorted(str(f.relative_to(root)) for top in tops for f in (root / top).rglob("*") if f.suffix in
-                   (".h", ".cpp", ".c"))
-    by_name = {}
-    for file in files:
-        by_name.setdefault(pathlib.Path(file).name, []).append(file)
-    complaints = []
-
-    def target_of(file, written):
-        """Room or library of an include, or None for the standard library and the system."""
-        for candidate in by_name.get(pathlib.Path(written).name, []):
-            if candidate.endswith("/" + written) and not candidate.startswith("linux/platform/include/"):
-                return room_of(candidate)
-        if written.startswith("kivplatform/"):
-            return "driver process"
-        if written.startswith("kiv/") or written == "IOKit/IOReturn.h":
-            return written
-        first = written.split("/")[0]
-        return first if first in LIBRARIES else None
-
-    for file in files:
-        room = room_of(file)
-        if room is None:
-            complaints.append(f"{file}: is in no room")
-            continue
-        text = (root / file).read_text()
-        if file.startswith(("sdk/", "macOS/")) and "__APPLE__" in text:
-            complaints.append(f"{file}: the build picks the platform, not the code")
-        allowed = ALLOWED[room] + EXCEPTIONS.get(file, [])
-        for number, line in enumerate(text.splitlines(), 1):
-            include = re.match(r'\s*#\s*include\s*[<"]([^>"]+)[>"]', line)
-            if not include:
-                continue
-            target = target_of(file, include.group(1))
-            if target in (None, room):
-                continue
-            if target not in allowed and target.split("/")[0] not in allowed:
-                complaints.append(f"{file}:{number}: {room} may not include {include.group(1)} ({target})")
-            elif include.group(1) == "nlohmann/json.hpp" and file.startswith(("sdk/", "macOS/")) and \
-                    not file.endswith("/kiv_json.h"):
-                complaints.append(f"{file}:{number}: the JSON library's types are one with the application's "
-                                  "through kiv_json.h only")
-            elif file not in ONLY_IN.get(target, {file}):
-                complaints.append(f"{file}:{number}: {target} is for {', '.join(ONLY_IN[target])} only")
-    print("\n".join(complaints) or f"{len(files)} files follow the plan")
-    return 1 if complaints or not files else 0
+    if "--picture" in sys.argv:
+        print(picture())
+        return 0
+    tree = Tree(root)
+    complaints = [complaint for file in tree.files for complaint in tree.complaints_of(file)]
+    if picture() not in (root / "docs/architecture.md").read_text():
+        complaints.append("docs/architecture.md does not show the picture that --picture prints")
+    print("\n".join(complaints) or f"{len(tree.files)} files follow the plan")
+    return 1 if complaints or not tree.files else 0
 
 
 sys.exit(main())

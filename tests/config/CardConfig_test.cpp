@@ -1,13 +1,13 @@
 // The card configuration's file: what the model becomes, and what a text becomes.
-#include <CardConfig.h>
 #include <gtest/gtest.h>
+#include <kiv/CardConfig.h>
 
 #include <stdexcept>
 #include <string>
 #include <tuple>
 
-#include "ConfigurationFile.h"
-#include "TemporaryDirectory.h"
+#include "support/ConfigurationFile.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // What the card's texts become: addresses, masks, firmware identifiers, sensor values.
-#include <SystemMonitorData.h>
-#include <addressText.h>
 #include <gtest/gtest.h>
-#include <ipText.h>
+#include <kiv/SystemMonitorData.h>
+#include "base/addressText.h"
+#include "base/ipText.h"
 
 #include <stdexcept>
 #include <string>

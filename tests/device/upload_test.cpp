@@ -1,17 +1,17 @@
 // What a Device sends to its card's server when a file, or an address that it needs, cannot be had.
-#include <Device.h>
-#include <RestApiClient.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <kiv/Device.h>
+#include <kiv/RestApiClient.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <functional>
 
-#include "CapturedLog.h"
-#include "LoopbackServer.h"
-#include "TemporaryDirectory.h"
+#include "support/CapturedLog.h"
+#include "support/LoopbackServer.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "RunningSimulator.h"
-#include "kivClient.h"
+#include <kiv/kivClient.h>
+#include "support/RunningSimulator.h"
 
 /// The answer to a request for the first default card, or "STATUS".
 inline nlohmann::json control(RunningSimulator& simulator, const std::string& method,

@@ -1,4 +1,4 @@
-#include "FailingAllocations.h"
+#include "driver/FailingAllocations.h"
 
 #include <cstdlib>
 #include <new>

@@ -2,10 +2,10 @@
 
 #include <tuple>
 
-#include "DeviceEnumeratorMacOS.h"
-#include "DeviceFactoryMacOS.h"
-#include "RunningSimulator.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "driver/DeviceEnumeratorMacOS.h"
+#include "driver/DeviceFactoryMacOS.h"
+#include "support/RunningSimulator.h"
 
 namespace {
 
@@ -26,7 +26,8 @@ TEST(DriverEnumerator, ListsCardsInOrderOfFirstAppearanceAndSaysWhenThereIsNothi
     cards[1].functions = {{1, 23}};
     RunningSimulator simulator(cards);
     const std::string address = simulator->server_addresses()[0];
-    DeviceEnumeratorMacOS enumerator;
+    kiv::DriverClients clients;
+    DeviceEnumeratorMacOS enumerator(clients);
     const auto found = enumerator.enumerate();
     ASSERT_EQ(found.size(), 2u);
     EXPECT_EQ(std::tuple(found[0].platform, found[0].note, found[0].id, found[0].address),
@@ -49,7 +50,8 @@ TEST(DriverAccess, WorksOnItsFunctionOfTheCard) {
     auto cards = kivsim::default_cards();
     cards[1].functions[1].pci_link[0] = 8;  // Function 0 keeps 16 lanes.
     const RunningSimulator simulator(cards);
-    DeviceEnumeratorMacOS enumerator;
+    kiv::DriverClients clients;
+    DeviceEnumeratorMacOS enumerator(clients);
     enumerator.enumerate();
     const auto access = access_to(enumerator, 2, 1);
     EXPECT_EQ(access->open(), 0);
@@ -99,7 +101,8 @@ TEST(DriverAccess, GivesTheDriversFailuresAndOutlivesItsClient) {
     for (const uint32_t selector : {5u, 6u, 7u, 8u, 16u, 17u, 24u, 34u, 35u})
         cards[0].driver_faults.push_back({selector, {}, busy, 0, {}});
     const RunningSimulator simulator(cards);
-    DeviceEnumeratorMacOS enumerator;
+    kiv::DriverClients clients;
+    DeviceEnumeratorMacOS enumerator(clients);
     enumerator.enumerate();
     const auto old = access_to(enumerator, 1, 0);
     EXPECT_TRUE(old->isOpen());

@@ -1,17 +1,17 @@
 // Out of memory: whichever allocation fails, no connection, descriptor or memory is lost, and nothing ends the
 // process.
 #include <gtest/gtest.h>
-#include <wire.h>
+#include "driver/wire.h"
 
 #include <filesystem>
 #include <fstream>
 #include <new>
 
-#include "../platform/Services.h"
-#include "FailingAllocations.h"
-#include "RunningSimulator.h"
-#include "Waiting.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "driver/FailingAllocations.h"
+#include "platform/Services.h"
+#include "support/RunningSimulator.h"
+#include "support/Waiting.h"
 
 namespace {
 

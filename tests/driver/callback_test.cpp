@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "RunningSimulator.h"
-#include "Waiting.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "support/RunningSimulator.h"
+#include "support/Waiting.h"
 
 namespace {
 

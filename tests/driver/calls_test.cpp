@@ -5,9 +5,9 @@
 #include <functional>
 #include <tuple>
 
-#include "DriverLines.h"
-#include "RunningSimulator.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "driver/DriverLines.h"
+#include "support/RunningSimulator.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include <future>
 #include <new>
 
-#include "DriverLines.h"
-#include "RunningSimulator.h"
-#include "Waiting.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "driver/DriverLines.h"
+#include "support/RunningSimulator.h"
+#include "support/Waiting.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <tuple>
 
-#include "DriverLines.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "driver/DriverLines.h"
 
 namespace {
 

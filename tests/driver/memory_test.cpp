@@ -5,11 +5,11 @@
 #include <sstream>
 #include <thread>
 
-#include "ControlAddress.h"
-#include "DriverClients.h"
-#include "DriverLines.h"
-#include "kivDext.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDext.h>
+#include <kiv/kivDriverClient.h>
+#include "driver/ControlAddress.h"
+#include "driver/DriverClients.h"
+#include "driver/DriverLines.h"
 
 namespace {
 

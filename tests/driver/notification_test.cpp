@@ -11,12 +11,12 @@
 #include <set>
 #include <thread>
 
-#include "ControlAddress.h"
-#include "DriverLines.h"
-#include "Program.h"
-#include "Waiting.h"
-#include "kivDriverClient.h"
-#include "kiv_api.h"
+#include <kiv/kivDriverClient.h>
+#include <kiv/kiv_api.h>
+#include "driver/ControlAddress.h"
+#include "driver/DriverLines.h"
+#include "support/Program.h"
+#include "support/Waiting.h"
 
 namespace {
 

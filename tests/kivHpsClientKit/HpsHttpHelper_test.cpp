@@ -1,11 +1,11 @@
-#include "HpsHttpHelper.h"
+#include <kiv/HpsHttpHelper.h>
 
 #include <gtest/gtest.h>
 
-#include "CapturedLog.h"
-#include "HttpTexts.h"
-#include "TemporaryDirectory.h"
-#include "Waiting.h"
+#include "kivHpsClientKit/HttpTexts.h"
+#include "support/CapturedLog.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace {
 

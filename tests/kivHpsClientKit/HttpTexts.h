@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "LoopbackServer.h"
-#include "kivClient.h"
+#include <kiv/kivClient.h>
+#include "support/LoopbackServer.h"
 
 using Json = nlohmann::ordered_json;
 using Lines = std::vector<std::string>;

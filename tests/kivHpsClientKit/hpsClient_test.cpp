@@ -1,4 +1,4 @@
-#include "hpsClient.h"
+#include <kiv/hpsClient.h>
 
 #include <gtest/gtest.h>
 
@@ -8,10 +8,10 @@
 #include <thread>
 #include <tuple>
 
-#include "CapturedLog.h"
-#include "HttpTexts.h"
-#include "RestApiClient.h"
-#include "Waiting.h"
+#include <kiv/RestApiClient.h>
+#include "kivHpsClientKit/HttpTexts.h"
+#include "support/CapturedLog.h"
+#include "support/Waiting.h"
 
 using namespace std::chrono_literals;
 

@@ -1,4 +1,4 @@
-#include "kivClient.h"
+#include <kiv/kivClient.h>
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -15,10 +15,10 @@
 #include <new>
 #include <tuple>
 
-#include "CapturedLog.h"
-#include "HttpTexts.h"
-#include "TemporaryDirectory.h"
-#include "Waiting.h"
+#include "kivHpsClientKit/HttpTexts.h"
+#include "support/CapturedLog.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;

@@ -6,8 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ConfigurationFile.h"
-#include "Program.h"
+#include "support/ConfigurationFile.h"
+#include "support/Program.h"
 
 using Json = nlohmann::json;
 

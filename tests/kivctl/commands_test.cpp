@@ -7,9 +7,9 @@
 
 #include <algorithm>
 
-#include "Kivctl.h"
-#include "RunningSimulator.h"
-#include "Waiting.h"
+#include "kivctl/Kivctl.h"
+#include "support/RunningSimulator.h"
+#include "support/Waiting.h"
 
 namespace {
 

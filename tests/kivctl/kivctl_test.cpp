@@ -1,7 +1,7 @@
 // kivctl and the examples as a person runs them, against the simulator.
-#include "Kivctl.h"
-#include "LoopbackServer.h"
-#include "RunningSimulator.h"
+#include "kivctl/Kivctl.h"
+#include "support/LoopbackServer.h"
+#include "support/RunningSimulator.h"
 
 const char* const kKivctlProgram = KIVCTL_PROGRAM;
 

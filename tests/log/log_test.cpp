@@ -1,10 +1,10 @@
 // The log: what its lines look like in each sink, which are wanted, how long a callback may be called.
-#include <LogManager.h>
 #include <gtest/gtest.h>
-#include <kivLogDispatch.h>
+#include <kiv/LogManager.h>
 #include <spdlog/spdlog.h>
 #include <syslog.h>
 #include <unistd.h>
+#include "log/kivLogDispatch.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -14,8 +14,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "TemporaryDirectory.h"
-#include "Waiting.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace {
 std::string g_system_log;  ///< "<priority> text" of each line that the process gave to syslog.

@@ -1,6 +1,6 @@
 // The log without memory: an open that fails leaves nothing behind.
 #include <gtest/gtest.h>
-#include <kivLog.h>
+#include <kiv/kivLog.h>
 
 #include <atomic>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <wire.h>
+#include "driver/wire.h"
 
 #include <algorithm>
 #include <array>
@@ -7,9 +7,9 @@
 #include <string>
 #include <thread>
 
-#include "RunningSimulator.h"
-#include "Services.h"
-#include "Waiting.h"
+#include "platform/Services.h"
+#include "support/RunningSimulator.h"
+#include "support/Waiting.h"
 
 namespace {
 

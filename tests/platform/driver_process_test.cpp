@@ -4,10 +4,10 @@
 #include <csignal>
 #include <thread>
 
-#include "Program.h"
-#include "RunningSimulator.h"
-#include "Services.h"
-#include "Waiting.h"
+#include "platform/Services.h"
+#include "support/Program.h"
+#include "support/RunningSimulator.h"
+#include "support/Waiting.h"
 
 namespace {
 

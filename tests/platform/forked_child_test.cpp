@@ -3,15 +3,15 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <wire.h>
+#include "driver/wire.h"
 
 #include <atomic>
 #include <thread>
 #include <vector>
 
-#include "Program.h"
-#include "Services.h"
-#include "TemporaryDirectory.h"
+#include "platform/Services.h"
+#include "support/Program.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 

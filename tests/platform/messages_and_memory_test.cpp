@@ -13,9 +13,9 @@
 #include <functional>
 #include <thread>
 
-#include "Services.h"
-#include "TemporaryDirectory.h"
-#include "Waiting.h"
+#include "platform/Services.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "RunningSimulator.h"
-#include "Services.h"
+#include "platform/Services.h"
+#include "support/RunningSimulator.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
-#include <CardSettings.h>
 #include <gtest/gtest.h>
+#include "card/CardSettings.h"
 
 #include <tuple>
 
-#include "TemporaryDirectory.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 

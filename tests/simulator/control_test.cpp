@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "RunningSimulator.h"
-#include "kivClient.h"
-#include "kivDriverClient.h"
+#include <kiv/kivClient.h>
+#include <kiv/kivDriverClient.h>
+#include "support/RunningSimulator.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 #include <memory>
 #include <regex>
 
-#include "LoopbackServer.h"
-#include "Program.h"
-#include "TemporaryDirectory.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "support/LoopbackServer.h"
+#include "support/Program.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 

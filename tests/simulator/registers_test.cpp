@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "RunningSimulator.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "support/RunningSimulator.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "CapturedLog.h"
+#include "support/CapturedLog.h"
 
 #include <utility>
 

@@ -1,9 +1,9 @@
-#include "ConfigurationFile.h"
+#include "support/ConfigurationFile.h"
 
 #include <filesystem>
 #include <fstream>
 
-#include "TemporaryDirectory.h"
+#include "support/TemporaryDirectory.h"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-#include "RunningSimulator.h"
+#include "support/RunningSimulator.h"
 
 #include <cstdlib>
 #include <sstream>

@@ -3,15 +3,15 @@
 #ifndef KIV_TEST_RUNNING_SIMULATOR_H
 #define KIV_TEST_RUNNING_SIMULATOR_H
 
-#include <CardSettings.h>
-#include <Simulator.h>
+#include "Simulator.h"
+#include "card/CardSettings.h"
 
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "TemporaryDirectory.h"
+#include "support/TemporaryDirectory.h"
 
 class RunningSimulator {
   public:

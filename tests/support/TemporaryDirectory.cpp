@@ -1,4 +1,4 @@
-#include "TemporaryDirectory.h"
+#include "support/TemporaryDirectory.h"
 
 #include <cstdlib>
 #include <fstream>

@@ -1,4 +1,4 @@
-#include "DeviceAccessMacOS.h"
+#include "driver/DeviceAccessMacOS.h"
 
 namespace kiv::access {
 

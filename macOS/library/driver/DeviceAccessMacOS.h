@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "IDeviceAccess.h"
-#include "kivDriverClient.h"
+#include <kiv/IDeviceAccess.h>
+#include <kiv/kivDriverClient.h>
 
 namespace kiv::access {
 

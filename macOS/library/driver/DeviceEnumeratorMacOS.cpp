@@ -1,4 +1,4 @@
-#include "DeviceEnumeratorMacOS.h"
+#include "driver/DeviceEnumeratorMacOS.h"
 
 #include <arpa/inet.h>
 
@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "DriverClients.h"
-#include "wire.h"
+#include <kiv/kivDriverService.h>
+#include "driver/DriverClients.h"
 
 namespace kiv::device {
 
@@ -44,7 +44,7 @@ void add_function(std::vector<DeviceInfo>& cards, const kivDriverClient& client)
 }  // namespace
 
 std::vector<DeviceInfo> DeviceEnumeratorMacOS::enumerate() {
-    kivDriverClientList found = kivDriverClient::enumerateDevices(wire::kServiceName);
+    kivDriverClientList found = kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
     std::vector<DeviceInfo> cards;
     for (const auto& client : found)
         add_function(cards, *client);
@@ -52,16 +52,13 @@ std::vector<DeviceInfo> DeviceEnumeratorMacOS::enumerate() {
         std::puts("Fail open device");
         std::fflush(stdout);
     }
-    if (DriverClients* const clients = driver_clients())
-        clients->replace(&DriverClients::kivDev_, std::move(found));
+    clients_.replace(&DriverClients::kivDev_, std::move(found));
     return cards;
 }
 
 void* DeviceEnumeratorMacOS::getDeviceAccessPtr(unsigned id, unsigned function) {
-    DriverClients* const clients = driver_clients();
-    if (clients == nullptr) return nullptr;
-    const std::lock_guard lock(clients->mutex);
-    for (const auto& client : clients->kivDev_) {
+    const std::lock_guard lock(clients_.mutex);
+    for (const auto& client : clients_.kivDev_) {
         if (client->device_conf.device_index == static_cast<uint8_t>(id) &&
             client->boot_conf.function == static_cast<uint8_t>(function)) {
             return client.get();

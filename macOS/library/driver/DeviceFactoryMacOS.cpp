@@ -1,7 +1,7 @@
-#include "DeviceFactoryMacOS.h"
+#include "driver/DeviceFactoryMacOS.h"
 
-#include "DeviceAccessMacOS.h"
-#include "RestApiClient.h"
+#include <kiv/RestApiClient.h>
+#include "driver/DeviceAccessMacOS.h"
 
 namespace kiv::device {
 

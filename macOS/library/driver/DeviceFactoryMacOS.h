@@ -2,7 +2,7 @@
 #ifndef KIV_DEVICE_FACTORY_MACOS_H
 #define KIV_DEVICE_FACTORY_MACOS_H
 
-#include "IDeviceFactory.h"
+#include <kiv/IDeviceFactory.h>
 
 namespace kiv::device {
 

@@ -3,13 +3,13 @@
 #define KIV_DRIVER_CLIENTS_H
 
 #include <mutex>
-#include <utility>
 
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "platform.h"
 
 namespace kiv {
 
-struct DriverClients {
+struct DriverClients final : platform::Clients {
     std::mutex mutex;               ///< Guards the lists.
     kivDriverClientList kivDev_;    ///< What the last enumeration for the device layer found.
     kivDriverClientList g_clients;  ///< What kivDext_new() found.
@@ -19,12 +19,17 @@ struct DriverClients {
         const std::lock_guard lock(mutex);
         (this->*list).swap(fresh);
     }
+
+    void release() override {
+        replace(&DriverClients::kivDev_, {});
+        replace(&DriverClients::g_clients, {});
+    }
 };
 
-/// Those of this process; null when it must not use the driver: while it exits, and in a forked child of the
-/// process that has used it, whose lists and locks it inherited in whatever state. Defined with the state of
-/// the process.
-DriverClients* driver_clients();
+/// Those of this process, or null: see platform::clients_of_process().
+inline DriverClients* driver_clients() {
+    return static_cast<DriverClients*>(platform::clients_of_process());
+}
 
 }  // namespace kiv
 

@@ -1,11 +1,11 @@
-#include "driverLog.h"
+#include "driver/driverLog.h"
 
 #include <os/log.h>
 
 #include <cstdarg>
 #include <cstdio>
 
-#include "vendor.h"
+#include "base/vendor.h"
 
 void driver_log(int line, const char* format, ...) {
     if (!os_log_type_enabled(OS_LOG_DEFAULT, OS_LOG_TYPE_ERROR)) return;

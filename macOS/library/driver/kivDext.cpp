@@ -1,11 +1,11 @@
-#include "kivDext.h"
+#include <kiv/kivDext.h>
 
 #include <algorithm>
 #include <mutex>
 #include <utility>
 
-#include "DriverClients.h"
-#include "wire.h"
+#include <kiv/kivDriverService.h>
+#include "driver/DriverClients.h"
 
 using kiv::driver_clients;
 using kiv::DriverClients;
@@ -13,7 +13,7 @@ using kiv::DriverClients;
 int32_t kivDext_new() try {
     DriverClients* const clients = driver_clients();
     if (clients == nullptr) return 1;
-    kivDriverClientList found = kivDriverClient::enumerateDevices(kiv::wire::kServiceName);
+    kivDriverClientList found = kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
     const bool none = found.empty();
     clients->replace(&DriverClients::g_clients, std::move(found));
     return none ? 1 : 0;

@@ -7,7 +7,7 @@
 
 #include <stdint.h>
 
-#include "kiv_export.h"
+#include <kiv/kiv_export.h>
 
 /* Functions that take, and ignore, any arguments. */
 #if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 202311L)

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <type_traits>
 
-#include "driverLog.h"
-#include "kivDriverClient.h"
-#include "wire.h"
+#include <kiv/kivDriverClient.h>
+#include "driver/driverLog.h"
+#include "driver/wire.h"
 
 namespace wire = kiv::wire;
 

@@ -1,5 +1,5 @@
 // The connection: finding the driver's services, opening and closing.
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
 
 #include <IOKit/IOKitLib.h>
 
@@ -9,8 +9,8 @@
 #include <mutex>
 #include <thread>
 
-#include "driverLog.h"
-#include "wire.h"
+#include "driver/driverLog.h"
+#include "driver/wire.h"
 
 static_assert(kivDriverClient::pf0_st2110_id == kiv::wire::kFunctionSt2110);
 static_assert(kivDriverClient::pf1_cpeng_id == kiv::wire::kFunctionHps);

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "ThreadManager.h"
-#include "kivDriverService.h"
-#include "kiv_export.h"
+#include <kiv/ThreadManager.h>
+#include <kiv/kivDriverService.h>
+#include <kiv/kiv_export.h>
 
 class kivDriverClient;
 using kivDriverClientList = std::vector<std::shared_ptr<kivDriverClient>>;

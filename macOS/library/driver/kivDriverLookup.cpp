@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "driverLog.h"
-#include "kivDriverClient.h"
+#include <kiv/kivDriverClient.h>
+#include "driver/driverLog.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <iterator>
 #include <utility>
 
-#include "driverLog.h"
-#include "kivDriverClient.h"
-#include "wire.h"
+#include <kiv/kivDriverClient.h>
+#include "driver/driverLog.h"
+#include "driver/wire.h"
 
 namespace {
 

@@ -6,12 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "kivDriverService.h"
-
 namespace kiv::wire {
-
-/// Name of the driver extension's services.
-inline constexpr const char* kServiceName = KIV_DRIVER_SERVICE_NAME;
 
 /// Function ids: the type of the connection, and the client's key.
 inline constexpr uint8_t kFunctionSt2110 = 22;  ///< ST 2110 media function, PCI function 0.

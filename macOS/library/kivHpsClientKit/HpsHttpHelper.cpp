@@ -1,11 +1,11 @@
-#include "HpsHttpHelper.h"
+#include <kiv/HpsHttpHelper.h>
 
 #include <filesystem>
 #include <utility>
 
-#include "hpsLog.h"
-#include "jsonText.h"
-#include "kiv_json.h"
+#include <kiv/kiv_json.h>
+#include "base/jsonText.h"
+#include "kivHpsClientKit/hpsLog.h"
 
 using Json = nlohmann::ordered_json;
 

@@ -6,8 +6,8 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-#include "kivClient.h"
-#include "kiv_export.h"
+#include <kiv/kivClient.h>
+#include <kiv/kiv_export.h>
 
 /// Stateless; any thread. Nothing here throws for what a server sent.
 class KIV_API HpsHttpHelper {

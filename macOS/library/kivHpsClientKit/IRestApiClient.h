@@ -2,8 +2,8 @@
 #ifndef KIV_I_REST_API_CLIENT_H
 #define KIV_I_REST_API_CLIENT_H
 
-#include "hpsClient.h"
-#include "kiv_export.h"
+#include <kiv/hpsClient.h>
+#include <kiv/kiv_export.h>
 
 namespace kiv::rest {
 

@@ -1,4 +1,4 @@
-#include "RestApiClient.h"
+#include <kiv/RestApiClient.h>
 
 #include <iostream>
 

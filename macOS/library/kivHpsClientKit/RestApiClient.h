@@ -5,8 +5,8 @@
 #include <string>
 #include <utility>
 
-#include "IRestApiClient.h"
-#include "kiv_export.h"
+#include <kiv/IRestApiClient.h>
+#include <kiv/kiv_export.h>
 
 namespace kiv::rest {
 

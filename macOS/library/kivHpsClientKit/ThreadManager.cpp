@@ -1,8 +1,8 @@
-#include "ThreadManager.h"
+#include <kiv/ThreadManager.h>
 
 #include <chrono>
 
-#include "libraryThread.h"
+#include "base/libraryThread.h"
 
 namespace {
 thread_local const ThreadManager* t_current = nullptr;  ///< The manager whose thread this is.

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <thread>
 
-#include "kiv_export.h"
+#include <kiv/kiv_export.h>
 
 /// The owner starts the thread when all that it uses is built, and stops it with join_thread() before any of
 /// that goes: destroying a manager whose thread was not joined ends the process.

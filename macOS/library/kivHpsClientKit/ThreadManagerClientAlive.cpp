@@ -1,9 +1,9 @@
-#include "ThreadManagerClientAlive.h"
+#include "kivHpsClientKit/ThreadManagerClientAlive.h"
 
 #include <chrono>
 #include <utility>
 
-#include "hpsLog.h"
+#include "kivHpsClientKit/hpsLog.h"
 
 ThreadManagerClientAlive::ThreadManagerClientAlive(int32_t id, Callback registry, Callback keep_alive)
     : id_(id), registry_(std::move(registry)), keep_alive_(std::move(keep_alive)) {}

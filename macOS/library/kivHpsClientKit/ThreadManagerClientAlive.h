@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <functional>
 
-#include "ThreadManager.h"
+#include <kiv/ThreadManager.h>
 
 class ThreadManagerClientAlive final : public ThreadManager {
   public:

@@ -1,10 +1,10 @@
-#include "ThreadManagerClientPolling.h"
+#include "kivHpsClientKit/ThreadManagerClientPolling.h"
 
 #include <utility>
 
-#include "hpsLog.h"
-#include "jsonText.h"
-#include "kiv_json.h"
+#include <kiv/kiv_json.h>
+#include "base/jsonText.h"
+#include "kivHpsClientKit/hpsLog.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <functional>
 #include <string>
 
-#include "ThreadManager.h"
-#include "hpsRecords.h"
+#include <kiv/ThreadManager.h>
+#include <kiv/hpsRecords.h>
 
 class ThreadManagerClientPolling final : public ThreadManager {
   public:

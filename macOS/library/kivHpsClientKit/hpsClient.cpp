@@ -1,5 +1,5 @@
 // The connection: where the server is, and the background threads.
-#include "hpsClient.h"
+#include <kiv/hpsClient.h>
 
 #include <unistd.h>
 
@@ -9,11 +9,11 @@
 #include <thread>
 #include <utility>
 
-#include "ThreadManagerClientAlive.h"
-#include "ThreadManagerClientPolling.h"
-#include "hpsLog.h"
-#include "jsonFields.h"
-#include "jsonText.h"
+#include "base/jsonFields.h"
+#include "base/jsonText.h"
+#include "kivHpsClientKit/ThreadManagerClientAlive.h"
+#include "kivHpsClientKit/ThreadManagerClientPolling.h"
+#include "kivHpsClientKit/hpsLog.h"
 
 namespace {
 

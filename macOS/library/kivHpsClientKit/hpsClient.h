@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "hpsRecords.h"
-#include "kivClient.h"
-#include "kiv_export.h"
+#include <kiv/hpsRecords.h>
+#include <kiv/kivClient.h>
+#include <kiv/kiv_export.h>
 
 class ThreadManagerClientAlive;
 class ThreadManagerClientPolling;

@@ -2,12 +2,12 @@
 #include <cstdio>
 #include <utility>
 
-#include "HpsHttpHelper.h"
-#include "ThreadManagerClientPolling.h"
-#include "hpsClient.h"
-#include "hpsEndpoints.h"
-#include "jsonFields.h"
-#include "jsonText.h"
+#include <kiv/HpsHttpHelper.h>
+#include <kiv/hpsClient.h>
+#include "base/jsonFields.h"
+#include "base/jsonText.h"
+#include "kivHpsClientKit/ThreadManagerClientPolling.h"
+#include "kivHpsClientKit/hpsEndpoints.h"
 
 using Json = nlohmann::ordered_json;
 using hps::Method;

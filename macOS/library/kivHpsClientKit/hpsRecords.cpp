@@ -1,6 +1,6 @@
-#include "hpsRecords.h"
+#include <kiv/hpsRecords.h>
 
-#include "jsonFields.h"
+#include "base/jsonFields.h"
 
 namespace {
 

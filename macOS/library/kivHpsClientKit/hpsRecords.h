@@ -7,7 +7,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-#include "kiv_export.h"
+#include <kiv/kiv_export.h>
 
 /// One network interface of the card, as the card reports it.
 struct inteface_info {

@@ -1,4 +1,4 @@
-#include "kivClient.h"
+#include <kiv/kivClient.h>
 
 #include <curl/curl.h>
 
@@ -13,10 +13,10 @@
 #include <thread>
 #include <utility>
 
-#include "jsonText.h"
-#include "kivLogDispatch.h"
-#include "kiv_json.h"
-#include "regularFile.h"
+#include <kiv/kiv_json.h>
+#include "base/jsonText.h"
+#include "base/regularFile.h"
+#include "log/kivLogDispatch.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-#include "kiv_export.h"
+#include <kiv/kiv_export.h>
 
 /// Outcome of one request.
 struct HttpResult {

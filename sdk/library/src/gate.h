@@ -6,8 +6,8 @@
 #include <functional>
 #include <memory>
 
-#include "guarded.h"
-#include "kivLogDispatch.h"
+#include "base/guarded.h"
+#include "log/kivLogDispatch.h"
 #include "state.h"
 
 namespace kiv::api {

@@ -1,4 +1,4 @@
-#include "kiv_api.h"
+#include <kiv/kiv_api.h>
 
 #include <algorithm>
 #include <chrono>
@@ -6,8 +6,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/ipText.h"
 #include "gate.h"
-#include "ipText.h"
 
 using kiv::guarded;
 using kiv::api::call_device;

@@ -74,9 +74,9 @@
 
 #include <stdint.h>
 
-#include "kivLog.h"
-#include "kiv_types.h"
-#include "kiv_version.h"
+#include <kiv/kivLog.h>
+#include <kiv/kiv_types.h>
+#include <kiv/kiv_version.h>
 
 #ifdef __cplusplus
 extern "C" {

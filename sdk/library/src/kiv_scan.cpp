@@ -1,10 +1,8 @@
 // The scan, and the close that ends it.
 #include <memory>
 
-#include "DeviceEnumeratorMacOS.h"
-#include "DeviceFactoryMacOS.h"
+#include <kiv/kiv_api.h>
 #include "gate.h"
-#include "kiv_api.h"
 
 using kiv::guarded;
 
@@ -48,13 +46,12 @@ kiv_result_t append_card(Process& process, uint8_t id) {
 
 /// A manager that watches the cards of the machine, in the place of the former one.
 std::shared_ptr<device::DeviceManager> replace_manager(Process& process) {
-    device::DeviceFactoryRegistry registry;
-    registry["macOS"] = std::make_unique<device::DeviceFactoryMacOS>();
+    device::DeviceFactoryRegistry registry = platform::make_factories();
     // A callback under way may still ask the former manager: it ends before the manager does.
     if (const auto former = process.manager()) former->stop();
     process.exchange_manager(nullptr);
     auto manager =
-        std::make_shared<device::DeviceManager>(registry, std::make_unique<device::DeviceEnumeratorMacOS>());
+        std::make_shared<device::DeviceManager>(registry, platform::make_enumerator(*process.clients));
     process.exchange_manager(manager);
     manager->loadDevices();
     manager->start();

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "LogManager.h"
+#include <kiv/LogManager.h>
 
 namespace kiv::api {
 
@@ -68,8 +68,7 @@ void Process::end() noexcept try {
     // A callback under way may still ask the manager.
     if (const auto ending = manager()) ending->stop();
     exchange_manager(nullptr);
-    clients.replace(&DriverClients::kivDev_, {});
-    clients.replace(&DriverClients::g_clients, {});
+    clients->release();
 } catch (...) {
     // Out of memory, say: the rest ends with the process.
 }
@@ -97,7 +96,7 @@ Turn::~Turn() {
 
 }  // namespace kiv::api
 
-kiv::DriverClients* kiv::driver_clients() {
+kiv::platform::Clients* kiv::platform::clients_of_process() {
     api::Process& process = api::Process::instance();
-    return process.claim() ? &process.clients : nullptr;
+    return process.claim() ? process.clients.get() : nullptr;
 }

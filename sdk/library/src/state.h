@@ -11,10 +11,10 @@
 #include <thread>
 #include <vector>
 
-#include "CardConfig.h"
-#include "DeviceManager.h"
-#include "DriverClients.h"
-#include "kiv_types.h"
+#include <kiv/CardConfig.h>
+#include <kiv/DeviceManager.h>
+#include <kiv/kiv_types.h>
+#include "platform.h"
 
 namespace kiv::api {
 
@@ -51,7 +51,7 @@ class Process {
     config::CardConfig g_CardConfig;  ///< The host's card configuration.
     std::vector<kiv_scan_card_device_t> g_ScanInfo;              ///< Of the last scan; under the turn.
     std::vector<kiv_scan_card_device_internal_t> g_ScanInfo_in;  ///< Of all internal scans; under the turn.
-    DriverClients clients;
+    const std::unique_ptr<platform::Clients> clients = platform::make_clients();
 
   private:
     friend class Turn;

@@ -1,10 +1,10 @@
-#include "CardConfig.h"
+#include <kiv/CardConfig.h>
 
 #include <fstream>
 #include <stdexcept>
 
-#include "jsonFields.h"
-#include "jsonText.h"
+#include "base/jsonFields.h"
+#include "base/jsonText.h"
 
 namespace kiv::config {
 

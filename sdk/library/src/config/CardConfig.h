@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "kiv_export.h"
+#include <kiv/kiv_export.h>
 
 namespace kiv::config {
 

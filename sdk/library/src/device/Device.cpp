@@ -1,4 +1,4 @@
-#include "Device.h"
+#include <kiv/Device.h>
 
 #include <fmt/format.h>
 
@@ -10,12 +10,12 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "SystemMonitorData.h"
-#include "addressText.h"
-#include "deviceLog.h"
-#include "fileDigest.h"
-#include "regularFile.h"
-#include "statusRegister.h"
+#include <kiv/SystemMonitorData.h>
+#include "base/addressText.h"
+#include "base/regularFile.h"
+#include "device/deviceLog.h"
+#include "device/fileDigest.h"
+#include "device/statusRegister.h"
 
 namespace kiv::device {
 

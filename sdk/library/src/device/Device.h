@@ -11,11 +11,11 @@
 #include <utility>
 #include <vector>
 
-#include "DeviceInfo.h"
-#include "IDeviceAccess.h"
-#include "IRestApiClient.h"
-#include "kiv_export.h"
-#include "kiv_types.h"
+#include <kiv/DeviceInfo.h>
+#include <kiv/IDeviceAccess.h>
+#include <kiv/IRestApiClient.h>
+#include <kiv/kiv_export.h>
+#include <kiv/kiv_types.h>
 
 namespace kiv::device {
 

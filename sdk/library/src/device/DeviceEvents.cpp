@@ -2,10 +2,10 @@
 #include <cstring>
 #include <string>
 
-#include "Device.h"
-#include "SystemMonitorData.h"
-#include "deviceLog.h"
-#include "statusRegister.h"
+#include <kiv/Device.h>
+#include <kiv/SystemMonitorData.h>
+#include "device/deviceLog.h"
+#include "device/statusRegister.h"
 
 namespace kiv::device {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "IDeviceFactory.h"
+#include <kiv/IDeviceFactory.h>
 
 namespace kiv::device {
 

@@ -1,4 +1,4 @@
-#include "DeviceManager.h"
+#include <kiv/DeviceManager.h>
 
 #include <unordered_set>
 #include <utility>

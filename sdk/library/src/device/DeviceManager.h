@@ -9,12 +9,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Device.h"
-#include "DeviceFactoryRegistry.h"
-#include "IDeviceEnumerator.h"
-#include "PeriodicThreadPool.h"
-#include "Scheduler.h"
-#include "kiv_export.h"
+#include <kiv/Device.h>
+#include <kiv/DeviceFactoryRegistry.h>
+#include <kiv/IDeviceEnumerator.h>
+#include <kiv/PeriodicThreadPool.h>
+#include <kiv/Scheduler.h>
+#include <kiv/kiv_export.h>
 
 namespace kiv::device {
 

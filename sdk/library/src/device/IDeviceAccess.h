@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "kiv_export.h"
+#include <kiv/kiv_export.h>
 
 namespace kiv::access {
 

@@ -4,8 +4,8 @@
 
 #include <vector>
 
-#include "DeviceInfo.h"
-#include "kiv_export.h"
+#include <kiv/DeviceInfo.h>
+#include <kiv/kiv_export.h>
 
 namespace kiv::device {
 

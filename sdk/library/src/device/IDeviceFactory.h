@@ -5,9 +5,9 @@
 #include <memory>
 #include <string>
 
-#include "IDeviceAccess.h"
-#include "IRestApiClient.h"
-#include "kiv_export.h"
+#include <kiv/IDeviceAccess.h>
+#include <kiv/IRestApiClient.h>
+#include <kiv/kiv_export.h>
 
 namespace kiv::device {
 

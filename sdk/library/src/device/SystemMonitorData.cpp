@@ -1,10 +1,10 @@
-#include "SystemMonitorData.h"
+#include <kiv/SystemMonitorData.h>
 
 #include <iostream>
 #include <iterator>
 
-#include "jsonText.h"
-#include "kiv_json.h"
+#include <kiv/kiv_json.h>
+#include "base/jsonText.h"
 
 namespace kiv::device {
 

@@ -6,8 +6,8 @@
 #include <map>
 #include <string>
 
-#include "kiv_export.h"
-#include "kiv_types.h"
+#include <kiv/kiv_export.h>
+#include <kiv/kiv_types.h>
 
 namespace kiv::device {
 

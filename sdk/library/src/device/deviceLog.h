@@ -2,7 +2,7 @@
 #ifndef KIV_DEVICE_LOG_H
 #define KIV_DEVICE_LOG_H
 
-#include "kivLogDispatch.h"
+#include "log/kivLogDispatch.h"
 
 /// Writes one line at error level; `line` is the reporting statement's.
 template <typename... Args>

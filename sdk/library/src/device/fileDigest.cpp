@@ -1,9 +1,9 @@
-#include "fileDigest.h"
+#include "device/fileDigest.h"
 
 #include <CommonCrypto/CommonDigest.h>
 #include <fmt/format.h>
 
-#include "regularFile.h"
+#include "base/regularFile.h"
 
 // MD5 is deprecated as a protection; here it is the checksum that the card's server asks for.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"

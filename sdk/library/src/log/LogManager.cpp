@@ -1,4 +1,4 @@
-#include "LogManager.h"
+#include <kiv/LogManager.h>
 
 #include <spdlog/sinks/ansicolor_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
@@ -9,8 +9,8 @@
 #include <iostream>
 #include <utility>
 
-#include "os_log_sink.h"
-#include "vendor.h"
+#include "base/vendor.h"
+#include "log/os_log_sink.h"
 
 namespace kiv::log {
 

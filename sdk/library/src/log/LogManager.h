@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "kivLog.h"
+#include <kiv/kivLog.h>
 
 namespace spdlog {
 class logger;

@@ -1,4 +1,4 @@
-#include "kivLog.h"
+#include <kiv/kivLog.h>
 
 #include <spdlog/logger.h>
 
@@ -7,9 +7,9 @@
 #include <mutex>
 #include <thread>
 
-#include "LogManager.h"
-#include "guarded.h"
-#include "kivLogDispatch.h"
+#include <kiv/LogManager.h>
+#include "base/guarded.h"
+#include "log/kivLogDispatch.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 
 #include <stdint.h>
 
-#include "kiv_types.h"
+#include <kiv/kiv_types.h>
 
 #ifdef __cplusplus
 extern "C" {

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "kivLog.h"
+#include <kiv/kivLog.h>
 
 /// Formats `format` (with `{}` placeholders) and writes it when `level` is wanted; otherwise nothing is
 /// formatted. `file` is a path such as "sdk/library/src/kiv_api". A format that does not match its arguments

@@ -1,4 +1,4 @@
-#include "os_log_sink.h"
+#include "log/os_log_sink.h"
 
 #include <utility>
 

@@ -1,8 +1,8 @@
-#include "PeriodicThreadPool.h"
+#include <kiv/PeriodicThreadPool.h>
 
 #include <utility>
 
-#include "libraryThread.h"
+#include "base/libraryThread.h"
 
 namespace kiv::device::thread {
 

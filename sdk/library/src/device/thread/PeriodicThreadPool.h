@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "kiv_export.h"
+#include <kiv/kiv_export.h>
 
 namespace kiv::device::thread {
 

@@ -1,10 +1,10 @@
-#include "Scheduler.h"
+#include <kiv/Scheduler.h>
 
 #include <algorithm>
 #include <utility>
 #include <vector>
 
-#include "libraryThread.h"
+#include "base/libraryThread.h"
 
 namespace kiv::device::thread {
 

@@ -11,8 +11,8 @@
 #include <thread>
 #include <unordered_map>
 
-#include "PeriodicThreadPool.h"
-#include "kiv_export.h"
+#include <kiv/PeriodicThreadPool.h>
+#include <kiv/kiv_export.h>
 
 namespace kiv::device::thread {
 

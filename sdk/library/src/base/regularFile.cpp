@@ -1,0 +1,71 @@
+#include "base/regularFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <vector>
+
+namespace kiv {
+
+namespace {
+
+constexpr std::size_t kBlock = 65536;
+
+/// Not std::filesystem's: that one does not tell which file it is.
+bool look_at(const std::string& path, struct stat& state) {
+    return stat(path.c_str(), &state) == 0 && S_ISREG(state.st_mode);
+}
+
+}  // namespace
+
+std::optional<FileState> state_of_file(const std::string& path) {
+    struct stat state {};
+    if (!look_at(path, state)) return std::nullopt;
+    // The C structure has no name for fractions of a second that all platforms share.
+    std::error_code error;
+    const auto modified = std::filesystem::last_write_time(path, error);
+    if (error) return std::nullopt;
+    return FileState{state.st_dev, state.st_ino, state.st_size, modified};
+}
+
+RegularFile::RegularFile(const std::string& path) {
+    // Opening alone has effects on pipes and devices, so the look comes first. What took the file's place
+    // since then does not block either.
+    struct stat state {};
+    if (!look_at(path, state)) return;
+    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return;
+    if (fstat(file, &state) != 0 || !S_ISREG(state.st_mode)) {
+        close(file);
+        return;
+    }
+    file_ = file;
+    size_ = static_cast<std::size_t>(state.st_size);
+}
+
+RegularFile::~RegularFile() {
+    if (file_ >= 0) close(file_);
+}
+
+/// The system's own call: file streams of some standard libraries take a read error for the end of the file.
+bool RegularFile::read_all(const std::function<void(std::string_view block)>& take) {
+    std::vector<char> block(kBlock);
+    for (std::size_t taken = 0; taken <= size_;) {
+        // One byte more than there is to come: it would show that the file grows.
+        const ssize_t got = read(file_, block.data(), std::min(block.size(), size_ - taken + 1));
+        if (got == 0) return taken == size_;
+        if (got > 0) {
+            taken += static_cast<std::size_t>(got);
+            take({block.data(), static_cast<std::size_t>(got)});
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return false;
+}
+
+}  // namespace kiv

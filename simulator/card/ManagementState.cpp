@@ -1,0 +1,145 @@
+#include "card/ManagementState.h"
+
+#include <algorithm>
+
+namespace kivsim {
+
+namespace {
+
+Json believable_hwmon() {
+    struct Sensor {
+        const char* label;
+        int input;
+        int max;
+        int critical;
+    };
+    // clang-format off
+    constexpr Sensor kSensors[] = {
+        {"FPGA FABRIC Digital Temperature #5", 58, 95, 100},
+        {"Board Top Near FPGA Temperature",    47, 75, 85},
+        {"Board Bottom Near CVL Temperature",  45, 75, 85},
+        {"Board Rear Side Temperature",        39, 70, 80},
+        {"Board Front Side Temperature",       36, 70, 80},
+        {"QSFP1 Case Temperature",             41, 70, 75},
+        {"QSFP2 Case Temperature",             42, 70, 75},
+    };
+    // clang-format on
+    Json list = Json::array();
+    for (const Sensor& sensor : kSensors) {
+        list.push_back({{"label", sensor.label},
+                        {"input", sensor.input},
+                        {"max", sensor.max},
+                        {"critical", sensor.critical}});
+    }
+    list.push_back({{"label", "Board Power"}, {"input", 63}, {"max", 75}});
+    return list;
+}
+
+Json believable_master() {
+    return Json::parse(R"({
+        "currentUtcOffset": 37, "currentUtcOffsetValid": 1, "eth_num": 0,
+        "grandmasterClockQuality": {"clockAccuracy": 33, "clockClass": 6, "offsetScaledLogVariance": 20061},
+        "grandmasterIdentity": "00:1d:c1:ff:fe:12:34:56",
+        "grandmasterPriority1": 128, "grandmasterPriority2": 128, "leap59": 0, "leap61": 0,
+        "logMinDelayReqInterval": -3, "logSyncInterval": -3, "parentIpAddr": "192.168.10.1",
+        "parentPortIdentity": {"clockIdentity": "00:1d:c1:ff:fe:12:34:56", "portNumber": 1},
+        "stepsRemoved": 1, "timeSource": 32, "two_step_mode": 1})");
+}
+
+Json believable_management() {
+    return Json::parse(R"({
+        "currentLocalOffset": 32400,
+        "daylightSaving": {"curr_dst": 0, "dst_at_next_discontinuity": 0, "dst_at_prev_jam_event": 0},
+        "defaultSystemFrameRate": {"denominator": 1001, "numerator": 30000},
+        "jumpSeconds": 0, "leapSecondJump": 0, "masterLockingStatus": 4, "previousJamLocalOffset": 32400,
+        "timeAddressFlags": {"color_frame": 0, "drop_frame": 1},
+        "timeOfNextJam": 1767193237, "timeOfNextJump": 0, "timeOfPreviousJam": 1767106837})");
+}
+
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> pieces(1);
+    for (const char c : text) {
+        if (c == separator) {
+            pieces.emplace_back();
+        } else {
+            pieces.back() += c;
+        }
+    }
+    return pieces;
+}
+
+bool is_integer(const std::string& text) {
+    const std::size_t start = text.starts_with("-") ? 1 : 0;
+    return text.size() > start && text.size() < 12 &&
+           std::all_of(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(),
+                       [](char c) { return c >= '0' && c <= '9'; });
+}
+
+/// "ADDRESS/PREFIX" into the interface of that name.
+bool set_address(std::vector<InterfaceSettings>& interfaces, const char* name, const std::string& text) {
+    const std::vector<std::string> parts = split(text, '/');
+    in_addr parsed{};
+    if (parts.size() != 2 || inet_pton(AF_INET, parts[0].c_str(), &parsed) != 1 || !is_integer(parts[1]))
+        return false;
+    const int prefix = std::stoi(parts[1].substr(0, 3));
+    if (prefix < 0 || prefix > 32) return false;
+    for (InterfaceSettings& entry : interfaces) {
+        if (entry.if_name != name) continue;
+        entry.ip_addr = parts[0];
+        entry.netmask = dotted(prefix == 0 ? 0 : 0xFFFFFFFFu << (32 - prefix));
+    }
+    return true;
+}
+
+}  // namespace
+
+ManagementState::ManagementState(const CardSettings& settings)
+    : interfaces(settings.interfaces),
+      hwmon(believable_hwmon()),
+      ptp_master(believable_master()),
+      ptp_management(believable_management()),
+      firmware(std::chrono::milliseconds(std::max(1u, settings.flash_ms)),
+               "card " + std::to_string(settings.id)),
+      faults(settings.http_faults),
+      wrapping(settings.wrapping),
+      log("management server started\n") {}
+
+std::string reconfigure(std::vector<InterfaceSettings>& interfaces, const std::string& command) {
+    struct Group {
+        const char* name;
+        const char* if_name;  ///< Of the interface whose address comes first, or null.
+        std::size_t values;
+    };
+    constexpr Group kGroups[] = {{"macethP", "maceth0", 4},
+                                 {"macethS", "maceth1", 4},
+                                 {"macptp", nullptr, 5},
+                                 {"mactun", "mactun", 3}};
+    std::vector<InterfaceSettings> changed = interfaces;
+    std::vector<std::string> words = split(command, ' ');
+    if (words.size() > 1 && words.back().empty()) words.pop_back();
+    for (const std::string& word : words) {
+        const std::size_t equals = word.find('=');
+        const auto group = std::find_if(std::begin(kGroups), std::end(kGroups), [&](const Group& candidate) {
+            return equals != std::string::npos && word.substr(0, equals) == candidate.name;
+        });
+        if (group == std::end(kGroups)) return "unknown group in \"" + word + "\"";
+        std::vector<std::string> values = split(word.substr(equals + 1), ',');
+        if (values.size() != group->values) return std::string(group->name) + " needs other values";
+        std::size_t first_number = 0;
+        if (group->if_name != nullptr) {
+            if (!set_address(changed, group->if_name, values[0]))
+                return std::string(group->name) + " has no address";
+            first_number = 1;
+        }
+        if (word.starts_with("mactun=") && values.back().ends_with("us"))
+            values.back().resize(values.back().size() - 2);
+        for (std::size_t i = first_number; i < values.size(); ++i) {
+            if (!is_integer(values[i]))
+                return std::string(group->name) + ": \"" + values[i] + "\" is no number";
+        }
+    }
+    interfaces = std::move(changed);
+    return "";
+}
+
+}  // namespace kivsim

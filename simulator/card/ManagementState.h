@@ -1,0 +1,48 @@
+/// What a card's management server knows and changes.
+#ifndef KIVSIM_MANAGEMENT_STATE_H
+#define KIVSIM_MANAGEMENT_STATE_H
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "card/CardSettings.h"
+#include "card/Firmware.h"
+
+namespace kivsim {
+
+struct Membership {
+    int64_t pid = 0;
+    std::string dst_ip_addr;
+    std::string if_name;
+    std::string ssm_source_addr;
+    bool operator==(const Membership&) const = default;
+};
+
+/// Not synchronised: its card locks.
+struct ManagementState {
+    explicit ManagementState(const CardSettings& settings);
+
+    std::vector<InterfaceSettings> interfaces;
+    Json hwmon;       ///< Sensors, as reported.
+    Json ptp_master;  ///< The two PTP documents, as reported.
+    Json ptp_management;
+    std::vector<Membership> memberships;
+    std::map<int64_t, std::chrono::steady_clock::time_point>
+        alive;  ///< Registered processes and when they expire.
+    Firmware firmware;
+    std::vector<HttpFault> faults;
+    Wrapping wrapping;
+    std::string log;  ///< Lines of the card's own log.
+};
+
+/// Carries out "macethP=ADDRESS/PREFIX,VLAN,TTL,TOS macethS=... macptp=A,B,C,D,E
+/// mactun=ADDRESS/PREFIX,VLAN,TIME" on the interface list. Returns an empty text, or why the command is
+/// refused; then nothing changes.
+std::string reconfigure(std::vector<InterfaceSettings>& interfaces, const std::string& command);
+
+}  // namespace kivsim
+
+#endif

@@ -1,0 +1,112 @@
+#include "common/LocalSocket.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+namespace kivsim {
+
+namespace {
+
+sockaddr_un address_of(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error(path + ": longer than a socket's path can be");
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return address;
+}
+
+/// Makes way for a socket at `path`: removes one whose process is gone. Throws when anything else is there.
+void make_way(const std::string& path, const sockaddr_un& address) {
+    struct stat found {};
+    if (lstat(path.c_str(), &found) != 0) return;
+    if (!S_ISSOCK(found.st_mode)) throw std::runtime_error(path + ": exists and is not a socket");
+    const Descriptor probe = checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0), "socket");
+    if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        throw std::runtime_error(path + ": another simulator serves this socket");
+    }
+    if (errno != ECONNREFUSED) throw std::runtime_error(path + ": somebody else serves this socket");
+    unlink(path.c_str());
+}
+
+}  // namespace
+
+Descriptor checked(int fd, const std::string& what) {
+    if (fd < 0) throw std::runtime_error(what + ": " + std::strerror(errno));
+    return Descriptor(fd);
+}
+
+Descriptor listening_socket(const std::string& path) {
+    const sockaddr_un address = address_of(path);
+    make_way(path, address);
+    Descriptor listener =
+        checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
+    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        chmod(path.c_str(), 0600) != 0 || listen(listener.get(), SOMAXCONN) != 0) {
+        throw std::runtime_error(path + ": " + std::strerror(errno));
+    }
+    return listener;
+}
+
+Descriptor spare_descriptor() {
+    return Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare) {
+    Descriptor accepted(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | flags));
+    if (accepted || (errno != EMFILE && errno != ENFILE)) return accepted;
+    spare.reset();
+    Descriptor(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    spare = spare_descriptor();
+    return accepted;
+}
+
+ssize_t receive_message_from(int socket, std::vector<std::byte>& room, Descriptor& descriptor) {
+    iovec part{room.data(), room.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))];
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t size = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+    if (size < 0) return size;
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+        for (std::size_t at = 0; at + sizeof(int) <= header->cmsg_len - CMSG_LEN(0); at += sizeof(int)) {
+            int fd = -1;
+            std::memcpy(&fd, CMSG_DATA(header) + at, sizeof fd);
+            Descriptor received(fd);
+            if (!descriptor) descriptor = std::move(received);
+        }
+    }
+    return size;
+}
+
+bool send_message_to(int socket, const std::vector<std::byte>& bytes, int descriptor) {
+    iovec part{const_cast<std::byte*>(bytes.data()), bytes.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    if (descriptor >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* const header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    }
+    return sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
+}  // namespace kivsim

@@ -1,0 +1,349 @@
+#include "driver/DriverHalf.h"
+
+#include <IOKit/IOReturn.h>
+#include <kivplatform/driver_protocol.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <random>
+#include <utility>
+
+#include <kiv/kivDriverService.h>
+#include "common/LocalSocket.h"
+#include "driver/selectors.h"
+
+namespace kivsim {
+
+namespace {
+
+// Numbers of the epoll entries that are no clients.
+constexpr uint64_t kListener = 0;
+constexpr uint64_t kStop = ~uint64_t{0};
+constexpr uint64_t kWake = kStop - 1;
+
+/// Messages that a stream without pauses sends before others get their turn.
+constexpr int kBatch = 1000;
+
+/// How long to wait for a program that is far behind before looking again.
+constexpr std::chrono::milliseconds kRoomPause{100};
+
+/// Upper half random, so that a service listed by another driver process is not taken for one of ours.
+uint64_t fresh_entries() {
+    return uint64_t{std::random_device{}()} << 32 | 1;
+}
+
+std::vector<std::byte> reply_message(int32_t status, const void* payload, std::size_t size) {
+    kivplatform_reply header{};
+    header.status = status;
+    std::vector<std::byte> message(sizeof header + size);
+    std::memcpy(message.data(), &header, sizeof header);
+    if (size != 0) std::memcpy(message.data() + sizeof header, payload, size);
+    return message;
+}
+
+}  // namespace
+
+DriverHalf::DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::string socket_path,
+                       const std::string& trace_path)
+    : first_entry_(fresh_entries()), socket_path_(std::move(socket_path)) {
+    for (const auto& card : cards) {
+        for (const FunctionSettings& function : card->settings().functions) {
+            services_.push_back({card, function,
+                                 "card " + std::to_string(card->settings().id) + " function " +
+                                     std::to_string(function.number)});
+        }
+    }
+    for (const auto& card : cards) {
+        if (card->settings().interrupt_ms != 0) timers_[card.get()] = Clock::now();
+    }
+    listen_on(socket_path_);
+    try {
+        trace_ = std::make_unique<Trace>(
+            trace_path);  // Now that the socket is ours: no other simulator writes there.
+    } catch (...) {
+        unlink(socket_path_.c_str());
+        throw;
+    }
+    for (const auto& card : cards) {
+        const std::lock_guard lock(card->mutex);
+        card->wake_driver = [this] {
+            const uint64_t one = 1;
+            [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof one);
+        };
+    }
+    cards_ = std::move(cards);
+    thread_ = std::thread([this] { serve(); });
+}
+
+DriverHalf::~DriverHalf() {
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof one);
+    thread_.join();
+    unlink(socket_path_.c_str());
+    for (const auto& card : cards_) {
+        const std::lock_guard lock(card->mutex);
+        card->wake_driver = nullptr;
+    }
+}
+
+void DriverHalf::listen_on(const std::string& path) {
+    listener_ = listening_socket(path);
+    epoll_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll");
+    stop_ = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
+    wake_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
+    watch(listener_.get(), kListener);
+    watch(stop_.get(), kStop);
+    watch(wake_.get(), kWake);
+}
+
+void DriverHalf::watch(int fd, uint64_t number) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = number;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
+}
+
+void DriverHalf::serve() {
+    for (bool more = false;;) {
+        epoll_event events[64];
+        const int count = epoll_wait(epoll_.get(), events, std::size(events), more ? 0 : next_wait());
+        send_late_replies();
+        for (int i = 0; i < count; ++i) {
+            const uint64_t number = events[i].data.u64;
+            if (number == kStop) return;
+            if (number == kListener) {
+                accept_client();
+            } else if (number == kWake) {
+                uint64_t times = 0;
+                [[maybe_unused]] const ssize_t got = read(wake_.get(), &times, sizeof times);
+            } else if ((number & MessageChannels::kEpollBit) != 0) {
+                channels_.flush(number & ~MessageChannels::kEpollBit);
+            } else {
+                serve_client(number);
+            }
+        }
+        more = send_messages();
+    }
+}
+
+void DriverHalf::accept_client() {
+    Client client;
+    client.socket = accept_or_refuse(listener_.get(), SOCK_NONBLOCK, spare_);
+    if (!client.socket) return;
+    client.number = next_client_++;
+    watch(client.socket.get(), client.number);
+    clients_.emplace(client.number, std::move(client));
+}
+
+void DriverHalf::serve_client(uint64_t number) {
+    const auto found = clients_.find(number);
+    if (found == clients_.end()) return;
+    std::vector<std::byte> message(sizeof(kivplatform_request) + KIVPLATFORM_MESSAGE_SIZE);
+    Request request;
+    const ssize_t size = receive_message_from(found->second.socket.get(), message, request.descriptor);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (size < static_cast<ssize_t>(sizeof(kivplatform_request))) {
+        hang_up(number);
+        return;
+    }
+    std::memcpy(&request.header, message.data(), sizeof request.header);
+    request.payload = std::span(message).first(static_cast<std::size_t>(size)).subspan(sizeof request.header);
+    if (request.header.kind == KIVPLATFORM_MAP && found->second.service != nullptr) {
+        send_mapping(found->second, request.header.number);
+        return;
+    }
+    Clock::duration delay{};
+    std::vector<std::byte> reply = answer(found->second, request, delay);
+    if (delay > Clock::duration::zero()) {
+        late_.emplace(Clock::now() + delay, LateReply{number, std::move(reply)});
+    } else {
+        send_reply(number, reply);
+    }
+}
+
+std::vector<std::byte> DriverHalf::answer(Client& client, Request& request, Clock::duration& delay) {
+    if (request.header.kind == KIVPLATFORM_LIST) return answer_list(request.payload);
+    if (request.header.kind == KIVPLATFORM_OPEN) {
+        return reply_message(open_service(client, request.header.entry, request.header.number), nullptr, 0);
+    }
+    if (client.service == nullptr) return reply_message(kIOReturnNotOpen, nullptr, 0);
+    if (request.header.kind == KIVPLATFORM_CLOSE) {
+        close_service(client);
+        return reply_message(kIOReturnSuccess, nullptr, 0);
+    }
+    if (request.header.kind == KIVPLATFORM_CALL || request.header.kind == KIVPLATFORM_CALL_ASYNC)
+        return answer_call(client, request, delay);
+    return reply_message(kIOReturnUnsupported, nullptr, 0);
+}
+
+std::vector<std::byte> DriverHalf::answer_list(std::span<const std::byte> name) {
+    std::vector<uint64_t> entries;
+    if (std::string_view(reinterpret_cast<const char*>(name.data()), name.size()) ==
+        KIV_DRIVER_SERVICE_NAME) {
+        for (std::size_t i = 0; i < services_.size(); ++i) {
+            if (services_[i].card->is_present()) entries.push_back(first_entry_ + i);
+        }
+    }
+    return reply_message(kIOReturnSuccess, entries.data(), entries.size() * sizeof(uint64_t));
+}
+
+std::vector<std::byte> DriverHalf::answer_call(Client& client, Request& request, Clock::duration& delay) {
+    VirtualCard& card = *client.service->card;
+    const uint32_t selector = request.header.number;
+    const DriverFault fault = card.next_fault(selector);
+    delay = std::chrono::milliseconds(fault.delay_ms);
+    std::vector<std::byte> output;
+    int32_t status = card.is_present() ? fault.status : kIOReturnNotAttached;
+    if (status == 0 && request.header.kind == KIVPLATFORM_CALL_ASYNC) {
+        status = selector != kiv::wire::kRegisterInterruptAsyncCallback ? kIOReturnUnsupported
+                 : request.descriptor                                   ? kIOReturnSuccess
+                                                                        : kIOReturnBadArgument;
+        if (status == 0) {
+            channels_.add(client.number, std::move(request.descriptor));
+            const std::lock_guard lock(card.mutex);
+            card.driver.connections[client.number].takes_messages = true;
+        }
+    } else if (status == 0) {
+        status =
+            run_selector(card, client.service->function, client.number, selector, request.payload, output);
+    }
+    if (fault.reply_size && *fault.reply_size < output.size()) output.resize(*fault.reply_size);
+    trace_->call(client.number, client.service->name, selector, request.payload, status, output);
+    return reply_message(status, output.data(), output.size());
+}
+
+void DriverHalf::send_mapping(Client& client, uint32_t type) {
+    SelectedMemory memory{};
+    if (type != 0 || !client.service->card->is_present() ||
+        !selected_memory(*client.service->card, client.number, memory)) {
+        send_reply(client.number, reply_message(kIOReturnBadArgument, nullptr, 0));
+        return;
+    }
+    const kivplatform_mapping mapping{memory.offset, memory.size};
+    send_reply(client.number, reply_message(kIOReturnSuccess, &mapping, sizeof mapping), memory.descriptor);
+}
+
+int32_t DriverHalf::open_service(Client& client, uint64_t entry, uint32_t type) {
+    if (client.service != nullptr) return kIOReturnBusy;
+    if (entry < first_entry_ || entry - first_entry_ >= services_.size()) return kIOReturnNoDevice;
+    const Service& service = services_[entry - first_entry_];
+    if (!service.card->is_present()) return kIOReturnNoDevice;
+    const int32_t status = type == service.function.connection_type ? kIOReturnSuccess : kIOReturnUnsupported;
+    trace_->open(client.number, service.name, type, status);
+    if (status != kIOReturnSuccess) return status;
+    client.service = &service;
+    const std::lock_guard lock(service.card->mutex);
+    service.card->driver.connections[client.number].function = service.function.number;
+    return status;
+}
+
+void DriverHalf::close_service(Client& client) {
+    trace_->close(client.number, client.service->name);
+    channels_.remove(client.number);
+    const Service& service = *std::exchange(client.service, nullptr);
+    const std::lock_guard lock(service.card->mutex);
+    service.card->driver.end(client.number);
+}
+
+void DriverHalf::send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor) {
+    const auto client = clients_.find(number);
+    if (client != clients_.end() && !send_message_to(client->second.socket.get(), reply, descriptor))
+        hang_up(number);
+}
+
+void DriverHalf::send_late_replies() {
+    while (!late_.empty() && late_.begin()->first <= Clock::now()) {
+        const LateReply due = std::move(late_.begin()->second);
+        late_.erase(late_.begin());
+        send_reply(due.client, due.message);
+    }
+}
+
+/// Milliseconds until the next late reply or message, rounded up; -1 when there is none.
+int DriverHalf::next_wait() {
+    std::optional<Clock::time_point> next;
+    const auto consider = [&](Clock::time_point time) { next = next ? std::min(*next, time) : time; };
+    if (!late_.empty()) consider(late_.begin()->first);
+    for (const auto& [card, due] : timers_)
+        consider(due);
+    for (const auto& card : cards_) {
+        const std::lock_guard lock(card->mutex);
+        const Clock::time_point room =
+            waits_for_room(*card) ? Clock::now() + kRoomPause : Clock::time_point{};
+        for (const MessageStream& stream : card->driver.streams)
+            consider(std::max(stream.due, room));
+    }
+    if (!next) return -1;
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
+    return static_cast<int>(std::clamp<int64_t>(wait.count(), 0, 60'000));
+}
+
+/// Whether a program that takes the card's messages is far behind.
+bool DriverHalf::waits_for_room(const VirtualCard& card) {
+    for (const auto& [number, connection] : card.driver.connections) {
+        if (channels_.is_full(number)) return true;
+    }
+    return false;
+}
+
+bool DriverHalf::has_listener(const VirtualCard& card) const {
+    const auto& connections = card.driver.connections;
+    return !card.removed && std::any_of(connections.begin(), connections.end(),
+                                        [&](const auto& entry) { return channels_.has(entry.first); });
+}
+
+void DriverHalf::send_message(VirtualCard& card, std::span<const uint64_t> arguments) {
+    for (const auto& [number, connection] : card.driver.connections)
+        channels_.send(number, arguments);
+}
+
+/// Sends what is due. True when there is more to send at once.
+bool DriverHalf::send_messages() {
+    const Clock::time_point now = Clock::now();
+    for (auto& [card, due] : timers_) {
+        const std::lock_guard lock(card->mutex);
+        if (now < due) continue;
+        due = now + std::chrono::milliseconds(card->settings().interrupt_ms);
+        if (card->removed) continue;
+        for (const auto& [number, connection] : card->driver.connections) {
+            for (const uint32_t interrupt : connection.interrupts) {
+                if (channels_.is_full(number)) break;  // Interrupts do not pile up.
+                const uint64_t arguments[] = {interrupt, ++card->driver.interrupt_count, tai_ns()};
+                channels_.send(number, arguments);
+            }
+        }
+    }
+    bool more = false;
+    for (const auto& card : cards_) {
+        const std::lock_guard lock(card->mutex);
+        if (!has_listener(*card)) card->driver.streams.clear();
+        for (MessageStream& stream : card->driver.streams) {
+            for (int sent = 0; stream.left != 0 && stream.due <= now && !waits_for_room(*card); ++sent) {
+                if (sent == kBatch) {
+                    more = true;
+                    break;
+                }
+                send_message(*card, stream.arguments);
+                if (!stream.arguments.empty()) ++stream.arguments.front();
+                --stream.left;
+                stream.due += stream.pause;
+            }
+        }
+        std::erase_if(card->driver.streams, [](const MessageStream& stream) { return stream.left == 0; });
+    }
+    return more;
+}
+
+void DriverHalf::hang_up(uint64_t number) {
+    const auto client = clients_.find(number);
+    if (client == clients_.end()) return;
+    if (client->second.service != nullptr) close_service(client->second);
+    clients_.erase(client);
+}
+
+}  // namespace kivsim

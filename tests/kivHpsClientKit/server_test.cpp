@@ -1,0 +1,151 @@
+// The management server of a virtual card, as the client sees it.
+#include <curl/curl.h>
+#include <unistd.h>
+
+#include "card/Firmware.h"
+#include "kivHpsClientKit/CardServer.h"
+#include "support/Waiting.h"
+
+namespace {
+
+using Results = std::vector<int32_t>;
+
+/// What the JSON library itself says of a text.
+std::string parse_error_of(const std::string& text) try {
+    return Json::parse(text).dump();
+} catch (const Json::parse_error& error) {
+    return error.what();
+}
+
+struct hpsServer : testing::Test {
+    hpsServer() {
+        EXPECT_EQ(card.open(client, false), 0);
+        log.again();
+    }
+    std::string slots() {
+        std::string one, two;
+        const int32_t result = client.get_firmware_info(one, two);
+        return words(result, one, two);
+    }
+    static std::string refusal(const std::string& reason) {
+        return "HTTP status=400, body={\"data\":{\"error\":" + Json(reason).dump() + "}}";
+    }
+    CapturedLog log;
+    CardServer card;
+    hpsClient client;
+    const TemporaryDirectory directory;
+};
+
+TEST_F(hpsServer, MembershipsBelongToProcesses) {
+    const std::string own = "[" + std::to_string(getpid()) + "]: 239.0.0.1\n", other = "[7]: 239.0.0.1\n";
+    const hps_igmp any{"239.0.0.1", "maceth0", ""}, one{"239.0.0.1", "maceth0", "10.0.0.1"};
+    const char* const foreign =
+        R"({"settings":[{"pid":7,"dst_ip_addr":"239.0.0.1","if_name":"maceth0","ssm_source_addr":""}]})";
+    EXPECT_EQ((Results{client.igmp_join(any), client.igmp_join(one), client.igmp_join(any)}), Results(3, 0));
+    EXPECT_TRUE(client.http_post("/hps/control/igmp", foreign).success);
+    EXPECT_EQ(client.get_igmp_list(), own + own + other);
+    EXPECT_EQ(client.igmp_leave(any), 0);
+    EXPECT_EQ(client.get_igmp_list(), own + other);
+    EXPECT_EQ(client.igmp_leave(one), 0);
+    EXPECT_EQ(client.get_igmp_list(), other);
+}
+
+TEST_F(hpsServer, AReconfigurationChangesTheInterfacesOrNothing) {
+    EXPECT_EQ(client.reconfig_network("macethP=10.1.2.3/20,0,64,0 macptp=0,1,-2,3,4"), 0);
+    EXPECT_EQ(client.reconfig_network("macethP=10.9.9.9/24,0,64,0 eth0=1"), -1);
+    EXPECT_EQ(client.reconfig_network("macethS=10.9.9.9/33,0,64,0"), -1);
+    EXPECT_EQ(client.start_tcpdump("eth0", 3), -1);
+    EXPECT_EQ(log.take(), (Lines{refusal("unknown group in \"eth0=1\""), refusal("macethS has no address"),
+                                 refusal("no interface \"eth0\"")}));
+    std::vector<inteface_info> list;
+    EXPECT_EQ(client.get_interface_info(list), 0);
+    EXPECT_EQ(words(list[0].if_name, list[0].ip_addr, list[0].netmask), "maceth0 10.1.2.3 255.255.240.0 ");
+    EXPECT_EQ(words(list[1].if_name, list[1].ip_addr, list[2].if_name), "maceth1 192.168.20.11 mactun ");
+    EXPECT_EQ((Results{client.start_tcpdump("mactun", 3), client.get_log_tmp(directory / "log")}),
+              Results(2, 0));
+    EXPECT_TRUE(read_file(directory / "log").ends_with("macptp=0,1,-2,3,4\ncapture on mactun for 3 s\n"));
+}
+
+TEST_F(hpsServer, AnUpdateWritesTheSlotThatDoesNotBootNext) {
+    const std::string file = directory / "fw.bin", next = "[Next Boot Image]",
+                      first = kivsim::md5_of("card 1");
+    const std::string bytes = std::string("\r\n--\0", 5) + std::string(3u << 20, '\xA5');
+    const std::string md5 = kivsim::md5_of(bytes);
+    write_file(file, bytes);
+    EXPECT_EQ(client.fw_start(true, ""), -1);
+    const Stopwatch watch;
+    EXPECT_EQ(client.fw_upload(file), 0);
+    EXPECT_LT(watch.elapsed().count(), 1000) << "asks for the body";
+    EXPECT_EQ(client.fw_start(true, std::string(32, '0')), -1);
+    EXPECT_EQ(log.take(), (Lines{refusal("no image was uploaded"), refusal("the image's MD5 is " + md5)}));
+    EXPECT_EQ(client.get_fw_status(), "idle");
+    EXPECT_EQ(client.fw_start(true, md5), 0);
+    Lines phases{client.get_fw_status()};
+    EXPECT_EQ((Results{client.fw_upload(file), client.fw_start(true, ""), client.fw_switch(1)}),
+              Results(3, -1));
+    EXPECT_EQ(log.take(), Lines(3, refusal("a write is under way")));
+    EXPECT_EQ(slots(), words(0, first, next, kivsim::md5_of("factory image")));
+    EXPECT_TRUE(wait_until([&] {
+        if (const std::string now = client.get_fw_status(); now != phases.back()) phases.push_back(now);
+        return phases.back() == "idle";
+    }));
+    EXPECT_EQ(phases, (Lines{"erasing", "writing", "verifying", "idle"}));
+    EXPECT_EQ(slots(), words(0, first, next, md5));
+    EXPECT_EQ((Results{client.fw_switch(1), client.fw_switch(2)}), (Results{0, -1}));
+    EXPECT_EQ(log.take(), Lines{refusal("images are 0 and 1")});
+    EXPECT_EQ((Results{client.fw_upload(file), client.fw_start(true, ""), client.fw_start(false, "")}),
+              Results(3, 0));
+    EXPECT_EQ(client.get_fw_status() + slots(), "idle" + words(0, first, md5, next)) << "an update cancelled";
+}
+
+TEST_F(hpsServer, ItsControlAddressShowsRegistrationsAndChangesAnswers) {
+    EXPECT_EQ((Results{client.registry_alive(1234), client.registry_alive(56)}), Results(2, 0));
+    EXPECT_EQ((Results{client.keep_alive(56), client.keep_alive(99)}), (Results{0, -1}));
+    EXPECT_EQ(log.take(), Lines{"HTTP not found"});
+    const std::string own = R"(200 {"id":1,"server":"127.0.0.1:)" + card.port();
+    EXPECT_TRUE(card.control("GET").starts_with(own + R"(","alive":[56,1234],"faults":0,"driver":{)"));
+    const std::string line =
+        R"({"card":1,"method":"PATCH","path":"/api/v1.0/alive/56","body":"null","status":200,)";
+    EXPECT_NE(card.log().find(line + R"("answer":"{\"data\":\"ok\"}"})" + "\n"), std::string::npos);
+    card.control("PATCH", "", {{"hwmon", Json::parse("[{}]")}});
+    for (const auto& [wrapping, body] :
+         {std::pair("text", R"({"data":"[{}]"})"), {"none", "[{}]"}, {"object", R"({"data":[{}]})"}}) {
+        EXPECT_EQ(card.control("PATCH", "", {{"wrapping", wrapping}}), "200 \"ok\"");
+        EXPECT_EQ(client.http_get("/hps/hwmon/info").body, body);
+        EXPECT_EQ(client.get_fw_status(), "idle");
+    }
+    EXPECT_EQ(card.control("PATCH", "", {{"wrap", 1}}), R"(400 {"error":"request: wrap: unknown key"})");
+    EXPECT_EQ(card.control("POST", "/faults", {{"nth", 1}}), R"(400 {"error":"request: path: missing"})");
+}
+
+TEST_F(hpsServer, FailsAsAsked) {
+    const std::string empty = curl_easy_strerror(CURLE_GOT_NOTHING),
+                      cut = curl_easy_strerror(CURLE_PARTIAL_FILE);
+    const std::string failed = "network error", over = "HTTP Network error: retry over";
+    // clang-format off
+    const std::tuple<Json, std::string, Lines> cases[] = {
+        {{{"cut", "before"}}, "", {empty, failed, empty, failed, empty, failed, over}},
+        {{{"cut", "inside"}}, "", {cut, failed, cut, failed, cut, failed, over}},
+        {{{"cut", "inside"}, {"nth", 1}}, "idle", {cut, failed}},
+        {{{"cut", "before"}, {"nth", 2}}, "idle", {}}, {{{"method", "POST"}, {"status", 503}}, "idle", {}},
+        {{{"body", "7 8"}}, "", {"invalid json response", "JSON parse error: " + parse_error_of("7 8"), "body=[7 8]"}},
+        {{{"status", 503}}, "", {"HTTP Server error status=503, msg=http status 503"}},
+        {{{"patch", "burning"}}, "burning", {}}, {{{"delay_ms", 300}}, "idle", {}},
+    };
+    // clang-format on
+    for (auto [fault, status, lines] : cases) {
+        const Stopwatch watch;
+        fault["path"] = "/hps/firmware/status";
+        EXPECT_EQ(card.control("POST", "/faults", fault), "200 \"ok\"");
+        EXPECT_EQ(client.get_fw_status(), status) << fault;
+        EXPECT_GE(watch.elapsed().count(), fault.value("delay_ms", 0));
+        EXPECT_EQ(log.take(), lines) << fault;
+        EXPECT_EQ(card.control("DELETE", "/faults"), "200 \"ok\"");
+        EXPECT_EQ(client.get_fw_status(), "idle");
+    }
+    card.control("POST", "/faults", {{"path", "/hps/ptp/master"}, {"patch", {{"leap61", nullptr}}}});
+    PtpMaster master;
+    EXPECT_THROW(client.get_ptp_master(master), Json::out_of_range);
+}
+
+}  // namespace
