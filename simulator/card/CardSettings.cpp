@@ -1,22 +1,25 @@
 #include "card/CardSettings.h"
 
 #include <arpa/inet.h>
-#include "driver/wire.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <utility>
 
 #include "card/BarMemory.h"
 #include "common/ConfigNode.h"
+#include "device/registers.h"
+#include "driver/wire.h"
 
 namespace kivsim {
 
 namespace {
 
 using Node = ConfigNode;
+namespace registers = kiv::registers;
 namespace wire = kiv::wire;
 
 void take_identity(const Node& node, CardSettings& card) {
@@ -158,28 +161,30 @@ CardSettings believable_card(uint8_t id) {
     card.bus = static_cast<uint8_t>(3 + id);
     card.functions = {{0, wire::kFunctionSt2110}, {1, wire::kFunctionHps}};
     const uint64_t serial = 0x20260000u + id;
-    card.registers = {
-        {0, 0x00, 0x4B49562D32313130u},
-        {0, 0x08, 0x0002000000010000u},
-        {0, 0x10, 0x5354323131300000u | id},
-        {0, 0x18, serial},
-        {0, 0x38, 1},
-        {0, 0x140, 0x1C0},  // Both links, PTP state 0.
+    const std::pair<registers::Register, uint64_t> values[] = {
+        {registers::kIdentity0, 0x4B49562D32313130u},
+        {registers::kIdentity1, 0x0002000000010000u},
+        {registers::kCardWord, 0x5354323131300000u | id},
+        {registers::kIdentity3, serial},
+        {registers::kReadable, 1},
+        {registers::kStatus, 0x1C0},  // Both links, PTP state 0.
         // Port 0 and port 1: reference, and two counters of which 0.5 reference is full load.
-        {1, 0x21430, 100'000'000},
-        {1, 0x21460, 21'250'000},
-        {1, 0x214A0, 5'000'000},
-        {1, 0x31830, 100'000'000},
-        {1, 0x31860, 20'000'000},
-        {1, 0x318E0, 2'500'000},
+        {registers::kReference0, 100'000'000},
+        {registers::kCounterA0, 21'250'000},
+        {registers::kCounterB0, 5'000'000},
+        {registers::kReference1, 100'000'000},
+        {registers::kCounterA1, 20'000'000},
+        {registers::kCounterB1, 2'500'000},
         // Transmit and receive streams.
-        {1, 0x20004, 0x02000010},
-        {1, 0x20404, 32},
-        {1, 0x20804, 16},
-        {1, 0x30004, 0x02000010},
-        {1, 0x30404, 32},
-        {1, 0x30804, 16},
+        {registers::kTxControl, 0x02000010},
+        {registers::kTxReg404, 32},
+        {registers::kTxReg804, 16},
+        {registers::kRxControl, 0x02000010},
+        {registers::kRxReg404, 32},
+        {registers::kRxReg804, 16},
     };
+    for (const auto& [where, value] : values)
+        card.registers.push_back({where.bar, where.offset, value});
     card.addresses[0] = 0xC0A80A00u + 10 + id;
     card.addresses[1] = 0xC0A81400u + 10 + id;
     card.tunnel_address = 0x7F000001u;

@@ -8,9 +8,13 @@
 #include <string>
 #include <string_view>
 
+#include "device/registers.h"
+
 namespace kivsim {
 
 namespace {
+
+namespace registers = kiv::registers;
 
 Answer json_answer(int status, const Json& json) {
     return {status, json.dump(4) + "\n"};
@@ -107,8 +111,6 @@ Json descriptions(const std::vector<std::shared_ptr<VirtualCard>>& cards) {
     return list;
 }
 
-constexpr uint64_t kStatusOffset = 0x140;
-
 /// Puts links into bits 6 and 7 of the status register, and the PTP state, 0, 1 or 3, into bits 8, 9 and 10, of
 /// which null sets none. True when one of the two is given.
 bool change_status(const ConfigNode& node, uint64_t& status) {
@@ -119,16 +121,16 @@ bool change_status(const ConfigNode& node, uint64_t& status) {
         const Json& links = node.at("links").json();
         if (!links.is_array() || links.size() != 2 || !links[0].is_boolean() || !links[1].is_boolean())
             node.at("links").complain("must be two of true and false");
-        put(6, links[0].get<bool>());
-        put(7, links[1].get<bool>());
+        put(registers::kStatusLink0, links[0].get<bool>());
+        put(registers::kStatusLink1, links[1].get<bool>());
     }
     if (node.has("ptp_state")) {
         const Json& state = node.at("ptp_state").json();
         if (!state.is_null() && state != 0 && state != 1 && state != 3)
             node.at("ptp_state").complain("must be 0, 1, 3 or null");
-        put(8, state == 0);
-        put(9, state == 1);
-        put(10, state == 3);
+        put(registers::kStatusPtp0, state == 0);
+        put(registers::kStatusPtp1, state == 1);
+        put(registers::kStatusPtp3, state == 3);
     }
     return node.has("links") || node.has("ptp_state");
 }
@@ -173,7 +175,7 @@ void change(VirtualCard& card, const ConfigNode& node) {
     auto links = card.driver.pci_links;
     auto use = card.driver.use_resource;
     uint64_t status = 0;
-    card.bars.read(0, kStatusOffset, status);
+    card.bars.read(registers::kStatus.bar, registers::kStatus.offset, status);
     if (node.has("pci_link")) change_links(node.at("pci_link"), links);
     if (node.has("resources")) {
         const ConfigNode resources = node.at("resources");
@@ -187,7 +189,7 @@ void change(VirtualCard& card, const ConfigNode& node) {
         apply();
     card.driver.pci_links = links;
     card.driver.use_resource = use;
-    if (new_status) card.bars.write(0, kStatusOffset, status);
+    if (new_status) card.bars.write(registers::kStatus.bar, registers::kStatus.offset, status);
 }
 
 Answer answer_for(VirtualCard& card, const std::string& what, const HttpRequest& request) {

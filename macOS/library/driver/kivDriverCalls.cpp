@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include <kiv/kivDriverClient.h>
+#include "device/registers.h"
 #include "driver/driverLog.h"
 #include "driver/wire.h"
 
@@ -282,8 +283,8 @@ int32_t kivDriverClient::get_anc_info(uint64_t* a, uint64_t* b) {
 
 bool kivDriverClient::is_hpq_anc_enable() {
     uint32_t value = 0;
-    read_pci32(register_bar_, 0x0C, &value);
-    return (value >> 29 & 1) != 0;
+    read_pci32(register_bar_, kiv::registers::kAncMode.offset, &value);
+    return (value >> kiv::registers::kAncHighPriority & 1) != 0;
 }
 
 int32_t kivDriverClient::register_process_data(bool flag, uint8_t number, uint16_t value, uint32_t data) {

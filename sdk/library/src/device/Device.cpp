@@ -15,18 +15,23 @@
 #include "base/regularFile.h"
 #include "device/deviceLog.h"
 #include "device/fileDigest.h"
+#include "device/registers.h"
 #include "device/statusRegister.h"
 
 namespace kiv::device {
 
+/// What tells of the transmit or of the receive streams.
+struct StreamRegisters {
+    registers::Register control, reg_404, reg_804;
+    int32_t (access::IDeviceAccess::*resources)(uint8_t&, uint8_t&, uint8_t&);
+};
+
 namespace {
 
-constexpr uint8_t kIdentityBar = 0;
-constexpr uint8_t kStatusBar = 0;
-constexpr uint64_t kStatusOffset = 0x140;
-constexpr uint8_t kMediaBar = 1;
-constexpr uint64_t kTransmitBlock = 0x20000;
-constexpr uint64_t kReceiveBlock = 0x30000;
+constexpr StreamRegisters kTransmit{registers::kTxControl, registers::kTxReg404, registers::kTxReg804,
+                                    &access::IDeviceAccess::getTxUseResourceData};
+constexpr StreamRegisters kReceive{registers::kRxControl, registers::kRxReg404, registers::kRxReg804,
+                                   &access::IDeviceAccess::getRxUseResourceData};
 constexpr uint32_t kLinkSpeedGbps = 100;
 
 /// At most 17 characters and a terminator.
@@ -78,26 +83,27 @@ access::IDeviceAccess* Device::access(uint32_t function) const {
     return nullptr;
 }
 
-bool Device::read_status(uint64_t& status) const {
-    access::IDeviceAccess* const function_1 = access(1);
-    return function_1 != nullptr && function_1->readRegister64(kStatusBar, kStatusOffset, status) == 0;
+bool Device::read_register(const registers::Register& where, uint32_t& value) const {
+    access::IDeviceAccess* const function = access(where.function);
+    return function != nullptr &&
+           function->readRegister32(static_cast<uint8_t>(where.bar), where.offset, value) == 0;
 }
 
-bool Device::read_register(uint64_t offset, uint32_t& value) const {
-    access::IDeviceAccess* const function_0 = access(0);
-    return function_0 != nullptr && function_0->readRegister32(kMediaBar, offset, value) == 0;
+bool Device::read_register(const registers::Register& where, uint64_t& value) const {
+    access::IDeviceAccess* const function = access(where.function);
+    return function != nullptr &&
+           function->readRegister64(static_cast<uint8_t>(where.bar), where.offset, value) == 0;
 }
 
 // ---- Queries ----------------------------------------------------------------------------------------------
 
 kiv_result_t Device::get_card_info(kiv_card_info_t& info) {
-    access::IDeviceAccess* const function_0 = access(0);
-    if (function_0 == nullptr) return KIV_ERR_FAILED;
-    // The fifth register only has to be readable.
-    constexpr uint64_t kOffsets[] = {0x00, 0x08, 0x10, 0x18, 0x38};
-    uint64_t words[std::size(kOffsets)] = {};
-    for (std::size_t i = 0; i < std::size(kOffsets); ++i) {
-        if (function_0->readRegister64(kIdentityBar, kOffsets[i], words[i]) != 0) return KIV_ERR_FAILED;
+    constexpr registers::Register kRead[] = {registers::kIdentity0, registers::kIdentity1,
+                                             registers::kCardWord, registers::kIdentity3,
+                                             registers::kReadable};
+    uint64_t words[std::size(kRead)] = {};
+    for (std::size_t i = 0; i < std::size(kRead); ++i) {
+        if (!read_register(kRead[i], words[i])) return KIV_ERR_FAILED;
     }
     info.reg_00 = words[0];
     info.reg_08 = words[1];
@@ -158,15 +164,14 @@ kiv_result_t Device::get_media_net_config(kiv_net_config_t& config) {
 
 kiv_result_t Device::get_net_status(kiv_net_status_t& status) {
     uint64_t bits = 0;
-    if (!read_status(bits)) return KIV_ERR_FAILED;
-    if (bit(bits, 6)) status.link_up_0 = 1;
-    if (bit(bits, 7)) status.link_up_1 = 1;
+    if (!read_register(registers::kStatus, bits)) return KIV_ERR_FAILED;
+    if (bit(bits, registers::kStatusLink0)) status.link_up_0 = 1;
+    if (bit(bits, registers::kStatusLink1)) status.link_up_1 = 1;
 
     constexpr struct {
-        uint64_t reference;
-        uint64_t counter_a;
-        uint64_t counter_b;
-    } kCounters[] = {{0x21430, 0x21460, 0x214A0}, {0x31830, 0x31860, 0x318E0}};
+        registers::Register reference, counter_a, counter_b;
+    } kCounters[] = {{registers::kReference0, registers::kCounterA0, registers::kCounterB0},
+                     {registers::kReference1, registers::kCounterA1, registers::kCounterB1}};
     double load_a[2];
     double load_b[2];
     for (std::size_t port = 0; port < std::size(kCounters); ++port) {
@@ -193,7 +198,7 @@ kiv_result_t Device::get_ptp_config(kiv_ptp_config_t& config) {
 
 kiv_result_t Device::get_ptp_status(kiv_ptp_status_t& status) {
     uint64_t bits = 0;
-    if (!read_status(bits)) return KIV_ERR_FAILED;
+    if (!read_register(registers::kStatus, bits)) return KIV_ERR_FAILED;
     if (const std::optional<uint32_t> state = ptp_state(bits)) status.state = *state;
     access::IDeviceAccess* const function_0 = access(0);
     uint64_t tai = 0;
@@ -225,33 +230,31 @@ kiv_result_t Device::get_epoch_and_2point(uint64_t& a, uint64_t& b, uint64_t& c)
 }
 
 kiv_result_t Device::get_tx_stream_status(kiv_tx_stream_status_t& status) {
-    return get_stream_status(kTransmitBlock, status, true);
+    return get_stream_status(kTransmit, status);
 }
 
 kiv_result_t Device::get_rx_stream_status(kiv_rx_stream_status_t& status) {
-    return get_stream_status(kReceiveBlock, status, false);
+    return get_stream_status(kReceive, status);
 }
 
-kiv_result_t Device::get_stream_status(uint64_t block, kiv_stream_status_t& status, bool transmit) {
+kiv_result_t Device::get_stream_status(const StreamRegisters& from, kiv_stream_status_t& status) {
     uint32_t control = 0;
     uint32_t reg_404 = 0;
     uint32_t reg_804 = 0;
-    if (!read_register(block + 0x004, control) || !read_register(block + 0x404, reg_404) ||
-        !read_register(block + 0x804, reg_804)) {
+    if (!read_register(from.control, control) || !read_register(from.reg_404, reg_404) ||
+        !read_register(from.reg_804, reg_804)) {
         return KIV_ERR_FAILED;
     }
     access::IDeviceAccess& function_0 = *access(0);
     kiv_stream_status_t read{};
-    const int32_t failed =
-        transmit ? function_0.getTxUseResourceData(read.resource_0, read.resource_1, read.resource_2)
-                 : function_0.getRxUseResourceData(read.resource_0, read.resource_1, read.resource_2);
+    const int32_t failed = (function_0.*from.resources)(read.resource_0, read.resource_1, read.resource_2);
     if (failed != 0) {
-        if (transmit) std::cout << "getTxUseResourceData" << std::endl;
+        if (&from == &kTransmit) std::cout << "getTxUseResourceData" << std::endl;
         return KIV_ERR_FAILED;
     }
     read.control = static_cast<uint8_t>(control);
-    read.control_bit_25 = bit(control, 25);
-    read.control_bit_26 = bit(control, 26);
+    read.control_bit_25 = bit(control, registers::kStreamBit25);
+    read.control_bit_26 = bit(control, registers::kStreamBit26);
     read.reg_404 = static_cast<uint8_t>(reg_404);
     read.reg_804 = static_cast<uint8_t>(reg_804);
     status = read;

@@ -17,7 +17,13 @@
 #include <kiv/kiv_export.h>
 #include <kiv/kiv_types.h>
 
+namespace kiv::registers {
+struct Register;
+}
+
 namespace kiv::device {
+
+struct StreamRegisters;
 
 /// Operations return KIV_OK or a result code; a getter writes only the fields that its comment names. What
 /// the management server sends in a wrong shape throws.
@@ -118,9 +124,9 @@ class KIV_API Device {
 
   private:
     access::IDeviceAccess* access(uint32_t function) const;
-    bool read_status(uint64_t& status) const;
-    bool read_register(uint64_t offset, uint32_t& value) const;
-    kiv_result_t get_stream_status(uint64_t block, kiv_stream_status_t& status, bool transmit);
+    bool read_register(const registers::Register& where, uint32_t& value) const;
+    bool read_register(const registers::Register& where, uint64_t& value) const;
+    kiv_result_t get_stream_status(const StreamRegisters& from, kiv_stream_status_t& status);
     bool poll_ptp(uint64_t status);
     bool poll_link(uint64_t status);
 

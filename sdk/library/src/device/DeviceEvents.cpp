@@ -41,7 +41,7 @@ void Device::notifyCallbacks(kiv_event_type_t type, const void* data) {
 bool Device::poll_1sec() {
     const std::lock_guard lock(mutex_);
     uint64_t status = 0;
-    if (!read_status(status)) return false;
+    if (!read_register(registers::kStatus, status)) return false;
     const bool ptp_notified = isEventEnabled(KIV_EVENT_PTP) && poll_ptp(status);
     const bool link_notified = isEventEnabled(KIV_EVENT_LINK) && poll_link(status);
     return ptp_notified || link_notified;
@@ -58,7 +58,7 @@ bool Device::poll_ptp(uint64_t status) {
 
 /// A change counts as notified even when nobody listens.
 bool Device::poll_link(uint64_t status) {
-    const uint8_t now[2] = {bit(status, 6), bit(status, 7)};
+    const uint8_t now[2] = {bit(status, registers::kStatusLink0), bit(status, registers::kStatusLink1)};
     const kiv_event_link_t event{now[0] != last_link_[0], now[0], now[1] != last_link_[1], now[1]};
     if (event.port_0_changed == 0 && event.port_1_changed == 0) return false;
     std::memcpy(last_link_, now, sizeof last_link_);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "device/registers.h"
+
 namespace kiv::device {
 
 inline bool bit(uint64_t value, unsigned number) {
@@ -13,9 +15,9 @@ inline bool bit(uint64_t value, unsigned number) {
 
 /// PTP state of a status register: of its three bits the lowest that is set counts.
 inline std::optional<uint32_t> ptp_state(uint64_t status) {
-    if (bit(status, 8)) return 0;
-    if (bit(status, 9)) return 1;
-    if (bit(status, 10)) return 3;
+    if (bit(status, registers::kStatusPtp0)) return 0;
+    if (bit(status, registers::kStatusPtp1)) return 1;
+    if (bit(status, registers::kStatusPtp3)) return 3;
     return std::nullopt;
 }
 
