@@ -12,6 +12,13 @@
 #include "support/Program.h"
 #include "support/Waiting.h"
 
+/// Asked by the leak checker at exit. In a forked child it would take for leaks what only the stacks of threads
+/// point at that are not there.
+extern "C" int __lsan_is_turned_off() {
+    static const pid_t checked = getpid();
+    return getpid() != checked;
+}
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -77,6 +84,7 @@ class Callers {
 }  // namespace
 
 TEST(ForkedChild, GetsErrorsAndEndsAtOnceWhileItsParentGoesOn) {
+    __lsan_is_turned_off();  // Remembers this process.
     FoundCards cards;
     ASSERT_EQ(kivDext_new(), 0);
     std::atomic<int> wrong{0};

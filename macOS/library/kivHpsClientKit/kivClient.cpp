@@ -29,7 +29,12 @@ constexpr const char* kBoundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW";
 /// libcurl counts its initialisations, but not every build of it does so under a lock. Never destroyed:
 /// clients may end late in the process's exit.
 std::mutex& curl_mutex() {
-    static std::mutex& instance = *new std::mutex;
+    // One initialisation stays for ever. A new one after the last client had gone, in a thread that is in a call
+    // while the process exits, would use a TLS library that has ended.
+    static std::mutex& instance = *[] {
+        curl_global_init(CURL_GLOBAL_ALL);
+        return new std::mutex;
+    }();
     return instance;
 }
 
