@@ -53,7 +53,6 @@ HttpResult hpsClient::send(Request request) const {
     return request(*http);
 }
 
-/// Upload and download take the local file's path as a body text.
 HttpResult hpsClient::request(const hps::Endpoint& endpoint, const Json& body,
                               const std::string& suffix) const {
     return send([&](HttpClient& http) -> HttpResult {
@@ -67,10 +66,6 @@ HttpResult hpsClient::request(const hps::Endpoint& endpoint, const Json& body,
                 return http.patch(path, body);
             case Method::Delete:
                 return http.del(path, body);
-            case Method::Upload:
-                return http.upload(path, body.get<std::string>());
-            case Method::Download:
-                return http.download(path, body.get<std::string>());
         }
         return {};
     });
@@ -96,7 +91,7 @@ HttpResult hpsClient::http_get(const std::string& path) {
 }
 
 HttpResult hpsClient::http_get(const std::string& path, const std::string& file_path) {
-    return request({Method::Download, ""}, file_path, path);
+    return send([&](HttpClient& http) { return http.download(path, file_path); });
 }
 
 HttpResult hpsClient::http_post(const std::string& path) {
@@ -108,7 +103,7 @@ HttpResult hpsClient::http_post(const std::string& path, const std::string& body
 }
 
 HttpResult hpsClient::http_post_file(const std::string& path, const std::string& file_path) {
-    return request({Method::Upload, ""}, file_path, path);
+    return send([&](HttpClient& http) { return http.upload(path, file_path); });
 }
 
 HttpResult hpsClient::http_patch(const std::string& path) {
@@ -221,7 +216,7 @@ int32_t hpsClient::start_tcpdump(const std::string& if_name, uint32_t seconds) {
 }
 
 int32_t hpsClient::get_log_tmp(const std::string& file_path) {
-    return command(hps::kLog, file_path);
+    return status_of(HpsHttpHelper::handle(http_get(hps::kLogPath, file_path)));
 }
 
 // ---- PTP ----------------------------------------------------------------------------------------------
@@ -270,7 +265,7 @@ int32_t hpsClient::keep_alive(int32_t id) {
 // ---- Firmware -----------------------------------------------------------------------------------------
 
 int32_t hpsClient::fw_upload(const std::string& file_path) {
-    return command(hps::kFwUpload, file_path);
+    return status_of(HpsHttpHelper::handle(http_post_file(hps::kFwUploadPath, file_path)));
 }
 
 int32_t hpsClient::fw_start(bool start, const std::string& md5) {
