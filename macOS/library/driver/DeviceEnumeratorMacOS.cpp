@@ -48,11 +48,12 @@ std::vector<DeviceInfo> DeviceEnumeratorMacOS::enumerate() {
     std::vector<DeviceInfo> cards;
     for (const auto& client : found)
         add_function(cards, *client);
-    if (found.empty()) {
+    const bool none = found.empty();
+    clients_.replace(&DriverClients::kivDev_, std::move(found));
+    if (none) {
         std::puts("Fail open device");
         std::fflush(stdout);
     }
-    clients_.replace(&DriverClients::kivDev_, std::move(found));
     return cards;
 }
 

@@ -14,10 +14,15 @@ struct DriverClients final : platform::Clients {
     kivDriverClientList kivDev_;    ///< What the last enumeration for the device layer found.
     kivDriverClientList g_clients;  ///< What kivDext_new() found.
 
-    /// Puts `fresh` in place of `list`; those that go take leave of the driver without the lock.
+    /// Puts `fresh` in place of `list`. Those that go take leave of the driver now, also when a call of another thread
+    /// still has a share of one: the driver takes a later leave for the whole process.
     void replace(kivDriverClientList DriverClients::*list, kivDriverClientList fresh) {
-        const std::lock_guard lock(mutex);
-        (this->*list).swap(fresh);
+        {
+            const std::lock_guard lock(mutex);
+            (this->*list).swap(fresh);
+        }
+        for (const auto& client : fresh)
+            client->close();
     }
 
     void release() override {
@@ -27,8 +32,8 @@ struct DriverClients final : platform::Clients {
 };
 
 /// Those of this process, or null: see platform::clients_of_process().
-inline DriverClients* driver_clients() {
-    return static_cast<DriverClients*>(platform::clients_of_process());
+inline DriverClients* driver_clients(bool to_connect) {
+    return static_cast<DriverClients*>(platform::clients_of_process(to_connect));
 }
 
 }  // namespace kiv

@@ -11,7 +11,7 @@ using kiv::driver_clients;
 using kiv::DriverClients;
 
 int32_t kivDext_new() try {
-    DriverClients* const clients = driver_clients();
+    DriverClients* const clients = driver_clients(true);
     if (clients == nullptr) return 1;
     kivDriverClientList found = kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
     const bool none = found.empty();
@@ -22,7 +22,7 @@ int32_t kivDext_new() try {
 }
 
 uint16_t kivDext_get_selected_ptp_card() try {
-    DriverClients* const shared = driver_clients();
+    DriverClients* const shared = driver_clients(false);
     if (shared == nullptr) return 0;
     const std::lock_guard lock(shared->mutex);
     const kivDriverClientList& clients = shared->g_clients;

@@ -49,6 +49,7 @@ kiv_result_t kiv_configure_save() {
 
 kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
     return guarded([&]() -> kiv_result_t {
+        if (Process::instance().inherited()) return KIV_ERR_NOT_OPENED;
         if (message == nullptr) return null_argument();
         kivLog_dispatch(level, kApiSource, 528, message);
         return KIV_OK;
@@ -59,8 +60,9 @@ kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
 
 kiv_result_t kiv_get_id_selected_ptp_card(uint8_t* device_id) {
     return guarded([&]() -> kiv_result_t {
-        if (device_id == nullptr) return null_argument();
         Process& process = Process::instance();
+        if (process.inherited()) return KIV_ERR_NOT_OPENED;
+        if (device_id == nullptr) return null_argument();
         const auto manager = process.manager();
         if (!manager) return process.over() ? KIV_ERR_NOT_OPENED : KIV_ERR_FAILED;
         for (const auto& device : manager->allDevices()) {

@@ -53,19 +53,21 @@
  *
  *    The library's threads block all signals but those that report a fault of the thread itself (SIGSEGV and
  *    its like). A program that a callback starts inherits this signal mask.
- * 8. Versions. Records grow only with a new major version of the library. kiv_version.h tells the version of
+ * 8. Versions. Records grow only with a new major version of the library, while that is 0 also with a minor one. kiv_version.h tells the version of
  *    the headers, kiv_get_sw_version that of the library.
- * 9. Processes. After a fork only the process that made the first scan may use the library. In a child of it
- *    the calls for cards, kiv_open, kiv_scan, kiv_scan_internal, kiv_close and kiv_configure_save return
- *    KIV_ERR_NOT_OPENED, and kivDext_new returns 1. A child may always exit, or execute another program. A
- *    process that has not scanned yet may fork first, and scan in the child.
+ * 9. Processes. After a fork only the process that made the first scan, or called kivDext_new first, may use
+ *    the library. In a child of it the calls for cards, kiv_open, kiv_scan, kiv_scan_internal, kiv_close,
+ *    kiv_configure_save and kiv_log_print return KIV_ERR_NOT_OPENED, and kivDext_new returns 1; call no other
+ *    function there, and none of kivLog.h. A child may exit, or execute another program. A process that has
+ *    not scanned yet may fork first, and scan in the child.
  *
  *    exit(), and so the return from main, counts as a close: it ends the library's threads and callbacks.
  *    Calls for cards and scans that come later return KIV_ERR_NOT_OPENED; a late kiv_close has nothing left
- *    to do. Called on a worker thread of the library or inside a scan, exit() does not wait for what would be
- *    its own thread, and for the scan or close of another thread it waits a second at most: then all that
- *    ends with the process. The TLS and HTTP libraries have exit handlers of their own. A request that
- *    another thread has under way at exit is in their hands: end such threads first.
+ *    to do. It waits about 10 seconds at most, for callbacks, requests and driver calls under way; for the
+ *    scan or close of another thread, and when it is called on a worker thread of the library, one second.
+ *    What has not ended then, and a scan inside which exit() is called, ends with the process. The TLS and
+ *    HTTP libraries have exit handlers of their own. A request that another thread has under way at exit is
+ *    in their hands: end such threads first.
  *
  *    After dlclose the library stays loaded.
  */

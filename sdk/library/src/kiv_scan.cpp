@@ -48,7 +48,7 @@ kiv_result_t append_card(Process& process, uint8_t id) {
 std::shared_ptr<device::DeviceManager> replace_manager(Process& process) {
     device::DeviceFactoryRegistry registry = platform::make_factories();
     // A callback under way may still ask the former manager: it ends before the manager does.
-    if (const auto former = process.manager()) former->stop();
+    if (const auto former = process.present_manager()) former->stop();
     process.exchange_manager(nullptr);
     auto manager =
         std::make_shared<device::DeviceManager>(registry, platform::make_enumerator(*process.clients));
@@ -59,7 +59,6 @@ std::shared_ptr<device::DeviceManager> replace_manager(Process& process) {
 }
 
 kiv_result_t _scan(Process& process, kiv_scan_t& scan) {
-    if (!process.claim()) return KIV_ERR_NOT_OPENED;
     process.g_ScanInfo.clear();
     const auto cards = replace_manager(process)->allDevices();
     for (const auto& card : cards) {
@@ -97,7 +96,7 @@ kiv_result_t scan_internal(Process& process, kiv_scan_internal_t& out) {
 }
 
 kiv_result_t close(Process& process) {
-    const auto manager = process.manager();
+    const auto manager = process.present_manager();
     if (manager) {
         manager->stop();
         // The stop has released every card: what is left to close ends with the cards themselves.
@@ -116,16 +115,20 @@ kiv_result_t close(Process& process) {
 /// the result; `late` is the result when the process ends.
 template <typename Body>
 kiv_result_t in_turn(kiv_result_t refused, kiv_result_t late, Body body) {
-    if (device::thread::PeriodicThreadPool::onWorkerThread()) return refused;
     Process& process = Process::instance();
+    if (process.inherited()) return KIV_ERR_NOT_OPENED;
+    if (device::thread::PeriodicThreadPool::onWorkerThread()) return refused;
     const api::Turn turn(process);
     if (turn) return body(process);
-    return process.inherited() ? KIV_ERR_NOT_OPENED : process.over() ? late : refused;
+    return process.over() ? late : refused;
 }
 
 template <typename Record, typename Body>
 kiv_result_t scan_in_turn(Record* record, Body body) noexcept {
     return guarded([&] {
+        // Before all else, the log too: in a forked child locks may be held for ever. A scan claims the process before
+        // its turn, or a child forked in between would not know that the turn is the parent's.
+        if (!Process::instance().claim()) return KIV_ERR_NOT_OPENED;
         if (record == nullptr) return api::null_argument();
         return in_turn(KIV_ERR_FAILED, KIV_ERR_NOT_OPENED,
                        [&](Process& process) { return body(process, *record); });

@@ -28,9 +28,10 @@ std::unique_ptr<device::IDeviceEnumerator> make_enumerator(Clients& clients);
 device::DeviceFactoryRegistry make_factories();
 
 /// The clients of this process; null when it must not use the driver: while it exits, and in a forked child of the
-/// process that has used it, which inherited them in whatever state. Defined with the state of the process, for entry
+/// process that has used it, which inherited them in whatever state. `to_connect` makes this process the one that uses
+/// it. Defined with the state of the process, for entry
 /// points that belong to the platform.
-Clients* clients_of_process();
+Clients* clients_of_process(bool to_connect);
 
 }  // namespace kiv::platform
 

@@ -4,16 +4,20 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <utility>
 
 #include <kiv/LogManager.h>
+#include "base/libraryThread.h"
 
 namespace kiv::api {
 
 namespace {
 
-/// How long the exit waits for a scan or close of another thread, which may wait for a driver that hangs.
+/// How long the exit waits: for a scan or close of another thread, and for what waits for the exit itself; and for
+/// callbacks and requests under way, of which a request alone may take 7 seconds.
 constexpr std::chrono::seconds kPatience{1};
+constexpr std::chrono::seconds kLongPatience{10};
 
 }  // namespace
 
@@ -41,7 +45,11 @@ bool Process::claim() noexcept {
 }
 
 std::shared_ptr<device::DeviceManager> Process::manager() {
-    if (inherited()) return nullptr;
+    if (inherited() || (ended_ && !device::thread::PeriodicThreadPool::onWorkerThread())) return nullptr;
+    return present_manager();
+}
+
+std::shared_ptr<device::DeviceManager> Process::present_manager() {
     const std::lock_guard lock(mutex_);
     return g_DeviceManager;
 }
@@ -52,25 +60,37 @@ std::shared_ptr<device::DeviceManager> Process::exchange_manager(
     return std::exchange(g_DeviceManager, std::move(fresh));
 }
 
-/// The exit handler. On a thread of the library, or in the midst of a scan or close, it would wait for
-/// itself: then everything ends with the process.
+/// For the exit handler. False when the turn is the caller's own, or another thread's for too long.
+bool Process::wait_for_turn() {
+    std::unique_lock lock(mutex_);
+    turn_is_free_.notify_all();
+    if (turn_ == std::this_thread::get_id()) return false;
+    const auto free = [this] { return turn_ == std::thread::id(); };
+    return turn_is_free_.wait_until(lock, std::chrono::steady_clock::now() + kPatience, free);
+}
+
+/// The exit handler. What cannot be ended in time ends with the process: a thread that the exit itself runs on, one
+/// that waits for a driver that hangs.
 void Process::end() noexcept try {
-    if (inherited()) return;
-    {
-        std::unique_lock lock(mutex_);
-        ended_ = true;
-        turn_is_free_.notify_all();
-        if (turn_ == std::this_thread::get_id() || device::thread::PeriodicThreadPool::onWorkerThread())
-            return;
-        const auto free = [this] { return turn_ == std::thread::id(); };
-        if (!turn_is_free_.wait_until(lock, std::chrono::steady_clock::now() + kPatience, free)) return;
-    }
-    // A callback under way may still ask the manager.
-    if (const auto ending = manager()) ending->stop();
-    exchange_manager(nullptr);
-    clients->release();
+    ended_ = true;
+    if (owner_ == 0 || inherited() || !wait_for_turn()) return;
+    std::promise<void> done;
+    const auto is_done = done.get_future();
+    const bool on_worker = device::thread::PeriodicThreadPool::onWorkerThread();
+    start_library_thread([this, done = std::move(done)]() mutable {
+        try {
+            // A callback under way may still ask the manager.
+            if (const auto ending = present_manager()) ending->stop();
+            exchange_manager(nullptr);
+            clients->release();
+        } catch (...) {
+            // Out of memory, say: the rest ends with the process.
+        }
+        done.set_value();
+    }).detach();
+    is_done.wait_until(std::chrono::steady_clock::now() + (on_worker ? kPatience : kLongPatience));
 } catch (...) {
-    // Out of memory, say: the rest ends with the process.
+    // No thread to be had: as above.
 }
 
 Turn::Turn(Process& process) : process_(process) {
@@ -96,7 +116,8 @@ Turn::~Turn() {
 
 }  // namespace kiv::api
 
-kiv::platform::Clients* kiv::platform::clients_of_process() {
+kiv::platform::Clients* kiv::platform::clients_of_process(bool to_connect) {
     api::Process& process = api::Process::instance();
-    return process.claim() ? process.clients.get() : nullptr;
+    if (to_connect ? !process.claim() : process.over()) return nullptr;
+    return process.clients.get();
 }

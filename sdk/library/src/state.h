@@ -41,8 +41,12 @@ class Process {
     /// Makes this process the one that looks for cards; false when it must not.
     bool claim() noexcept;
 
-    /// A share of the present manager, which keeps it for as long as a call needs it; empty without one.
+    /// A share of the present manager, which keeps it for as long as a call needs it. Empty without one, in a
+    /// forked child, and once the exit handler has begun, but for callbacks that it waits for.
     std::shared_ptr<device::DeviceManager> manager();
+
+    /// The same for those who end or replace it.
+    std::shared_ptr<device::DeviceManager> present_manager();
 
     /// Puts another manager, or none, in its place and gives the former one.
     std::shared_ptr<device::DeviceManager> exchange_manager(std::shared_ptr<device::DeviceManager> fresh);
@@ -58,6 +62,7 @@ class Process {
 
     Process();
     void end() noexcept;
+    bool wait_for_turn();
 
     std::mutex mutex_;  ///< Guards the next three.
     std::shared_ptr<device::DeviceManager>

@@ -47,7 +47,9 @@ void check_limits(std::string_view text) {
                 if (level > 0) --level;
                 break;
             case ':':
-                if (++keys[level] > kMostKeys) throw LimitError("more than 1000 keys in one object");
+                // At level 0 no object is open: the parser ends there by itself.
+                if (level > 0 && ++keys[level] > kMostKeys)
+                    throw LimitError("more than 1000 keys in one object");
                 break;
             default:
                 break;

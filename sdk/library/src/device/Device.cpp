@@ -266,7 +266,8 @@ kiv_result_t Device::get_stream_status(const StreamRegisters& from, kiv_stream_s
 kiv_result_t Device::reconfig_net_work(const kiv_net_config_t& net, const kiv_ptp_config_t& ptp) {
     uint32_t tunnel = 0;
     uint32_t ignored = 0;
-    if (get_tun_config(tunnel, ignored) != KIV_OK) return KIV_ERR_FAILED;
+    // 0 is what a driver says that was never told, or could not be asked.
+    if (get_tun_config(tunnel, ignored) != KIV_OK || tunnel == 0) return KIV_ERR_FAILED;
     const kiv_net_port_0_t& p = net.port_0;
     const kiv_net_port_1_t& s = net.port_1;
     // port_params: TOS of both ports, then TTL of both. The first two PTP numbers are unsigned on the wire.

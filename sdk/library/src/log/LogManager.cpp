@@ -5,6 +5,7 @@
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <utility>
@@ -19,6 +20,7 @@ namespace {
 constexpr const char* kPattern = "[%^%l%$] [%#] %v";
 constexpr std::size_t kFileSize = 10485760;
 constexpr std::size_t kFileCount = 5;
+constexpr std::chrono::seconds kPatience{1};
 
 using Console = spdlog::sinks::ansicolor_stdout_sink<spdlog::details::console_mutex>;
 using File = spdlog::sinks::rotating_file_sink<std::mutex>;
@@ -99,7 +101,12 @@ LogManager::LogManager() {
     // Touched before the handler is registered, spdlog's registry ends after it: from then on nobody may use
     // it.
     spdlog::default_logger();
-    std::atexit([] { getInstance().exiting_ = true; });
+    std::atexit([] {
+        LogManager& manager = getInstance();
+        manager.exiting_ = true;
+        // An init under way ends first; in a forked child it may be a thread that is not there.
+        if (manager.mutex_.try_lock_for(kPatience)) manager.mutex_.unlock();
+    });
 }
 
 void LogManager::init(const LogConfig& config) {
@@ -115,8 +122,14 @@ void LogManager::init(const LogConfig& config) {
     // The pattern for the logger too: should one of these steps fail, nothing is kept and the next call
     // begins anew.
     logger->set_pattern(kPattern, spdlog::pattern_time_type::local);
-    spdlog::set_pattern(kPattern, spdlog::pattern_time_type::local);
+    const auto former = spdlog::default_logger();
     spdlog::set_default_logger(logger);
+    try {
+        spdlog::set_pattern(kPattern, spdlog::pattern_time_type::local);
+    } catch (...) {
+        spdlog::set_default_logger(former);
+        throw;
+    }
     logger_ = std::move(logger);
     ready_.store(logger_.get(), std::memory_order_release);
 }
