@@ -1,6 +1,8 @@
 #include <IOKit/IOKitLib.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <future>
@@ -156,6 +158,37 @@ TEST(DriverConnection, ToADriverThatHasGoneFailsAndEnds) {
     EXPECT_EQ(client->close(), -1);
     EXPECT_TRUE(client->isOpen());
     client.reset();
+}
+
+/// A forked child inherits a client in the midst of its life, as a static object may be, and destroys it.
+TEST(DriverConnection, IsLeftAloneInAForkedChild) {
+    RunningSimulator simulator;
+    kivDriverClientList list = clients();
+    auto client = list.at(0);
+    ASSERT_EQ(client->open(true), 0);
+    auto* const last = new kivDriverClientList{std::move(list)};
+    for (int round = 0; round < 10; ++round) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            uint64_t address = 0;
+            uint64_t size = 0;
+            bool refused = client->map_pci(1, &address, &size) == -1 && client->unmap(address) == -1 &&
+                           client->open(true) == -1 && client->close() == -1;
+            refused = refused && client->read_pci64(0, 0, &address) != 0;
+            client->set_callback({});
+            client.reset();
+            delete last;
+            _exit(refused ? 42 : 1);
+        }
+        int status = 0;
+        ASSERT_TRUE(wait_until([&] { return waitpid(child, &status, WNOHANG) == child; })) << "it hangs";
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 42) << status;
+    }
+    uint64_t value = 0;
+    EXPECT_EQ(client->read_pci64(0, 0, &value), 0);
+    EXPECT_EQ(client->close(), 0);
+    delete last;
 }
 
 }  // namespace

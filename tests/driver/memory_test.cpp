@@ -219,6 +219,8 @@ TEST(DriverMemory, OfOneIdIsTakenInTheOrderOfItsAllocation) {
     for (const uint32_t depth : {1u, 2u})
         EXPECT_EQ(client->allocate_buffer(3, 4096, depth), depth == 1 ? 0 : kBadArgument)
             << "the first block counts";
+    ASSERT_EQ(client->get_buffer(3, buffer), 0);
+    EXPECT_TRUE(is_mapped(buffer.infos[0].mapped_address)) << "the failed one took its memory along";
     EXPECT_EQ(client->allocate_buffer(3, 4096, 1), 0);
     EXPECT_EQ(client->allocate_buffer(4, 4096, 1), 0);
     EXPECT_EQ(client->free_buffer(9), -1);
@@ -286,7 +288,7 @@ TEST(Dext, CountsFunctionsAndLeavesOthersConnectionsAlone) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(kivDext_new(), 0);
     EXPECT_EQ(kivDext_get_selected_ptp_card(), 4) << "none is selected";
-    kivDriverClientList& found = kiv::driver_clients()->g_clients;
+    kivDriverClientList& found = kiv::driver_clients(false)->g_clients;
     found[0]->device_conf.ptp_selected = 0xFE;
     found[2]->device_conf.ptp_selected = 0x01;
     EXPECT_EQ(kivDext_get_selected_ptp_card(), 2) << "bit 0 is the selection";

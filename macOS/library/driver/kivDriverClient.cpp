@@ -2,6 +2,7 @@
 #include <kiv/kivDriverClient.h>
 
 #include <IOKit/IOKitLib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -71,12 +72,17 @@ kivDriverClientList kivDriverClient::enumerateDevices(const char* name) {
     return clients;
 }
 
-kivDriverClient::kivDriverClient(uint8_t func_id, uint32_t connect) : func_id_(func_id), connect_(connect) {
+kivDriverClient::kivDriverClient(uint8_t func_id, uint32_t connect)
+    : func_id_(func_id), connect_(connect), process_id_(getpid()) {
     load_boot_conf(boot_conf);
     get_device_conf(device_conf);
 }
 
 kivDriverClient::~kivDriverClient() {
+    if (inherited()) {
+        abandon_thread();
+        return;
+    }
     try {
         close();
     } catch (...) {
@@ -85,7 +91,12 @@ kivDriverClient::~kivDriverClient() {
     if (const uint32_t connect = connect_.exchange(0)) IOServiceClose(connect);
 }
 
+bool kivDriverClient::inherited() const {
+    return process_id_ != getpid();
+}
+
 int32_t kivDriverClient::open(bool interrupts) {
+    if (inherited()) return -1;
     if (!interrupts || on_own_thread()) return init();
     const std::lock_guard lock(lifecycle_mutex_);
     const int32_t status = init();
@@ -97,7 +108,7 @@ int32_t kivDriverClient::open(bool interrupts) {
 }
 
 int32_t kivDriverClient::close() {
-    if (connect_ == 0 || on_own_thread()) return -1;
+    if (connect_ == 0 || inherited() || on_own_thread()) return -1;
     const std::lock_guard lock(lifecycle_mutex_);
     if (connect_ == 0) return -1;
     stop_notifications();

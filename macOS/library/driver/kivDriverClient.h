@@ -103,7 +103,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// Takes over an open connection and reads both configurations; what cannot be read is zero.
     kivDriverClient(uint8_t func_id, uint32_t connect);
 
-    /// As close(), but the connection always ends. Throws nothing.
+    /// As close(), but the connection always ends. Throws nothing. In a forked child it leaves connection and
+    /// thread, which are the parent's, alone.
     ~kivDriverClient() override;
 
     /// Announces this process to the driver. With `interrupts` it also maps the ANC memories and starts the
@@ -269,9 +270,10 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     struct Mapping {
         Memory memory;
         uint64_t address;
+        bool operator==(const Mapping&) const = default;
     };
     int32_t select(uint32_t connect, const Memory& memory);
-    int32_t map_memory(const Memory& memory, uint64_t* address, uint64_t* size);
+    int32_t map_memory(const Memory& memory, uint64_t* address, uint64_t* size, bool* is_new = nullptr);
     void forget_selection();
     void release(const dextBuffer& buffer);
 
@@ -284,6 +286,7 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     void end_of_thread();
 
     bool same_card(const kivDriverClient& other) const;
+    bool inherited() const;
 
     [[maybe_unused]] uint64_t unknown_ = 0x0002000000010000;
     uint32_t register_bar_ = 1;  ///< BAR of the ANC mode register.
@@ -305,6 +308,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     mutable std::mutex buffer_mutex_;  ///< Taken before `selection_mutex_`.
     std::vector<dextBuffer> buffers_;  ///< In allocation order; guarded by `buffer_mutex_`, as the next.
     buffer_info anc_buffers_[4] = {};
+    const int32_t
+        process_id_;  ///< The process that made the client: a forked child must not touch its locks.
 
   public:
     boot_conf_t boot_conf{};      ///< Read at creation.

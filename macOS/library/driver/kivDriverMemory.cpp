@@ -36,7 +36,10 @@ int32_t kivDriverClient::select(uint32_t connect, const Memory& memory) {
     return status;
 }
 
-int32_t kivDriverClient::map_memory(const Memory& memory, uint64_t* address, uint64_t* size) try {
+/// `is_new`: whether the memory was not mapped before.
+int32_t kivDriverClient::map_memory(const Memory& memory, uint64_t* address, uint64_t* size,
+                                    bool* is_new) try {
+    if (inherited()) return -1;
     const std::lock_guard lock(selection_mutex_);
     // Only now: close() may have come while this waited.
     const uint32_t connect = connected();
@@ -51,9 +54,11 @@ int32_t kivDriverClient::map_memory(const Memory& memory, uint64_t* address, uin
                                                       &mapped_at, &mapped_size, kIOMapAnywhere);
     if (mapped != kIOReturnSuccess) return mapped;
     // A memory that is at another address now is another one of the same name: the one before cannot be selected.
+    const Mapping fresh{memory, mapped_at};
+    if (is_new != nullptr) *is_new = std::find(mappings_.begin(), mappings_.end(), fresh) == mappings_.end();
     std::erase_if(mappings_,
                   [&](const Mapping& each) { return each.memory == memory || each.address == mapped_at; });
-    mappings_.push_back({memory, mapped_at});
+    mappings_.push_back(fresh);
     if (address != nullptr) *address = mapped_at;
     if (size != nullptr) *size = mapped_size;
     return 0;
@@ -71,6 +76,7 @@ int32_t kivDriverClient::map_pci(uint32_t bar, uint64_t* address, uint64_t* size
 
 /// The platform undoes the mapping of the memory that is selected, at whatever address.
 int32_t kivDriverClient::unmap(uint64_t address) {
+    if (inherited()) return -1;
     const std::lock_guard lock(selection_mutex_);
     const uint32_t connect = connected();
     if (connect == 0) return -1;
@@ -88,6 +94,7 @@ int32_t kivDriverClient::unmap(uint64_t address) {
 
 /// After a call that changes which memory a selection stands for.
 void kivDriverClient::forget_selection() {
+    if (inherited()) return;
     const std::lock_guard lock(selection_mutex_);
     selected_.reset();
 }
@@ -103,13 +110,17 @@ int32_t kivDriverClient::allocate_buffer(uint32_t id, uint32_t elm_size, uint32_
         return -1;
     }
     dextBuffer buffer{id, depth, {}};
+    std::vector<uint64_t> mapped;  // By this call: another buffer of this id may use the same memory.
     int32_t status = 0;
     try {
         for (uint32_t index = 0; index < depth && status == 0; ++index) {
             buffer_info& info = buffer.infos.emplace_back();
+            uint64_t& fresh = mapped.emplace_back(0);
+            bool is_new = false;
             status = get_iobus_address(id, index, &info.bus_address);
-            if (status == 0) status = map_iomemory(id, index, &info.mapped_address, &info.mapped_size);
-            if (status != 0) buffer.infos.pop_back();
+            if (status == 0)
+                status = map_memory({kBlock, id, index, 0}, &info.mapped_address, &info.mapped_size, &is_new);
+            if (is_new) fresh = info.mapped_address;
         }
         if (status == 0) {
             buffers_.push_back(std::move(buffer));
@@ -118,7 +129,9 @@ int32_t kivDriverClient::allocate_buffer(uint32_t id, uint32_t elm_size, uint32_
     } catch (const std::bad_alloc&) {
         status = -1;
     }
-    release(buffer);
+    for (const uint64_t address : mapped)
+        if (address != 0) unmap(address);
+    iofree(id);
     return status;
 }
 

@@ -148,6 +148,7 @@ void kivDriverClient::notify(void** args, uint32_t numArgs) noexcept try {
 }
 
 void kivDriverClient::set_callback(std::function<void(const InterruptEvent&)> callback) {
+    if (inherited()) return;
     auto fresh = callback
                      ? std::make_shared<const std::function<void(const InterruptEvent&)>>(std::move(callback))
                      : nullptr;

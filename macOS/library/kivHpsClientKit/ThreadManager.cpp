@@ -50,6 +50,10 @@ void ThreadManager::join_thread() {
     if (!on_own_thread() && thread_.joinable()) thread_.join();
 }
 
+void ThreadManager::abandon_thread() {
+    if (thread_.joinable()) thread_.detach();
+}
+
 bool ThreadManager::set_running() {
     const std::lock_guard lock(mutex);
     running = !stop_requested;

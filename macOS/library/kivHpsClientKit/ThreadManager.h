@@ -40,6 +40,9 @@ class KIV_API ThreadManager {
     /// For run_thread(), before a step that takes time: whether a stop was requested.
     bool stopping();
 
+    /// Lets go of the thread without waiting: in a forked child, where it is not.
+    void abandon_thread();
+
     /// Whether the caller is the manager's own thread.
     bool on_own_thread() const;
 

@@ -48,6 +48,12 @@ bool has_port_address(const Json& device, const std::string& ipaddr) {
 hpsClient::hpsClient() : process_id_(getpid()) {}
 
 hpsClient::~hpsClient() {
+    if (process_id_ != getpid()) {
+        // A forked child: the threads are the parent's, and the managers' locks may be held here for ever.
+        static_cast<void>(alive_.release());
+        static_cast<void>(new std::shared_ptr(std::move(polling_)));
+        return;
+    }
     if (alive_) alive_->join_thread();
     if (polling_) polling_->join_thread();
 }
