@@ -8,8 +8,8 @@
 #include <new>
 
 #include <kiv/kivDriverClient.h>
-#include "driver/FailingAllocations.h"
 #include "platform/Services.h"
+#include "support/FailingAllocations.h"
 #include "support/RunningSimulator.h"
 #include "support/Waiting.h"
 

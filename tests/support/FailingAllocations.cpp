@@ -1,4 +1,4 @@
-#include "driver/FailingAllocations.h"
+#include "support/FailingAllocations.h"
 
 #include <cstdlib>
 #include <new>
