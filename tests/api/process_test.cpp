@@ -189,7 +189,17 @@ namespace {
     end_with(false);
 }
 
-/// Likewise.
+/// A poll waits for a driver process that hangs.
+[[noreturn]] void exit_beside_a_hung_poll() {
+    kivsim::CardSettings card = kivsim::believable_card(1);
+    card.driver_faults = {{6, 6, 0, 60000, {}}};  // The scan reads five registers, the first poll the sixth.
+    RunningSimulator simulator({card});
+    if (scan() != KIV_OK) end_with(false);
+    std::this_thread::sleep_for(milliseconds(1600));
+    std::exit(42);
+}
+
+/// On a thread that has the turn of scans.
 [[noreturn]] void exit_in_a_scan() {
     const kiv_log_config_t config{KIV_LOG_LEVEL_ERROR};
     const kiv_log_callback_t ends = [](auto...) { std::exit(42); };
@@ -222,6 +232,12 @@ TEST_F(Exit, NeitherCrashesNorHangsWhileOtherThreadsAreInCalls) {
         const Ended ended = run_program({EXIT_IN_CALLS_PROGRAM});
         EXPECT_EQ(ended.status, 42) << ended.err;
     }
+}
+
+TEST_F(Exit, IsNotHeldUpByADriverThatHangs) {
+    const Stopwatch watch;
+    EXPECT_EXIT(exit_beside_a_hung_poll(), testing::ExitedWithCode(42), "");
+    EXPECT_LT(watch.elapsed(), seconds(30));
 }
 
 TEST_F(Exit, MayComeInACallback) {
