@@ -8,6 +8,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
+#include <mutex>
+#include <thread>
 #include <utility>
 
 #include "base/vendor.h"
@@ -20,7 +22,8 @@ namespace {
 constexpr const char* kPattern = "[%^%l%$] [%#] %v";
 constexpr std::size_t kFileSize = 10485760;
 constexpr std::size_t kFileCount = 5;
-constexpr std::chrono::seconds kPatience{1};
+constexpr int kMostTries = 1000;
+constexpr std::chrono::milliseconds kBetweenTries{1};
 
 using Console = spdlog::sinks::ansicolor_stdout_sink<spdlog::details::console_mutex>;
 using File = spdlog::sinks::rotating_file_sink<std::mutex>;
@@ -104,8 +107,12 @@ LogManager::LogManager() {
     std::atexit([] {
         LogManager& manager = getInstance();
         manager.exiting_ = true;
-        // An init under way ends first; in a forked child it may be a thread that is not there.
-        if (manager.mutex_.try_lock_for(kPatience)) manager.mutex_.unlock();
+        // An init under way ends first; in a forked child it may be a thread that is not there. (Tries, as the race
+        // checker does not know the timed locks.)
+        for (int tried = 0; tried < kMostTries; ++tried) {
+            if (const std::unique_lock lock(manager.mutex_, std::try_to_lock); lock.owns_lock()) return;
+            std::this_thread::sleep_for(kBetweenTries);
+        }
     });
 }
 

@@ -54,7 +54,7 @@ class KIV_API LogManager {
     LogManager();
     ~LogManager() = default;
 
-    std::timed_mutex mutex_;  ///< One init at a time; guards `logger_`.
+    std::mutex mutex_;  ///< One init at a time; guards `logger_`.
     std::shared_ptr<spdlog::logger> logger_;
     std::atomic<spdlog::logger*> ready_{nullptr};  ///< `logger_`, once it is complete.
     std::atomic<bool> exiting_{false};             ///< The process exits: spdlog's registry goes.
