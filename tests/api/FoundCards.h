@@ -3,18 +3,14 @@
 #define KIV_TEST_FOUND_CARDS_H
 
 #include <gtest/gtest.h>
-#include <kiv/kivClient.h>
 #include <kiv/kiv_api.h>
 
-#include <algorithm>
 #include <cstring>
 #include <typeinfo>
 
 #include "support/CapturedLog.h"
+#include "support/Lines.h"
 #include "support/RunningSimulator.h"
-
-using Json = nlohmann::ordered_json;
-using Lines = std::vector<std::string>;
 
 struct FoundCards {
     explicit FoundCards(std::vector<kivsim::CardSettings> cards = {kivsim::believable_card(1)})
@@ -28,10 +24,9 @@ struct FoundCards {
     ~FoundCards() { kiv_close(); }
 
     /// Asks the control address: "PATCH" replaces members of a card, "POST" and "DELETE" are for its faults.
-    void control(const std::string& method, int id, const std::string& body) {
-        HttpClient client("http://" + simulator->control_address() + "/cards/" + std::to_string(id));
+    void control(const std::string& method, unsigned id, const std::string& body) {
         const std::string path = method == "PATCH" ? "" : "/faults";
-        EXPECT_EQ(client.perform(method, path, body, "application/json", 5).status, 200) << body;
+        EXPECT_EQ(simulator.control(method, path, body, id).status, 200) << body;
     }
 
     /// "METHOD path body" of the requests since the last call, with paths below "/api/v1.0/hps/"; of an
@@ -39,21 +34,16 @@ struct FoundCards {
     Lines take_requests() {
         Lines fresh;
         for (const auto all = simulator.requests(); seen < all.size(); ++seen) {
-            const std::string method = all[seen]["method"], path = all[seen]["path"],
-                              body = all[seen]["body"];
-            const bool shown = !body.empty() && !path.ends_with("upload");
-            fresh.push_back(method + " " + path.substr(14) + (shown ? " " + body : ""));
+            const CardRequest& request = all[seen];
+            const bool shown = !request.body.empty() && !request.path.ends_with("upload");
+            fresh.push_back(request.method + " " + request.path.substr(14) +
+                            (shown ? " " + request.body : ""));
         }
         return fresh;
     }
 
     /// Calls so far of a service: "card 1 function 1" is asked by polls, and for links and PTP state.
-    auto driver_calls(const std::string& service) const {
-        const auto trace = simulator.trace();
-        return std::count_if(trace.begin(), trace.end(), [&](const auto& event) {
-            return event["event"] == "call" && event["service"] == service;
-        });
-    }
+    std::size_t driver_calls(const std::string& service) const { return simulator.selectors(service).size(); }
 
     /// The last line logged since the last call.
     std::string log_end() {

@@ -9,8 +9,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 constexpr const char* kPath = "/Library/Application Support/Velmora/config/hps_boot.json";
 
 std::string open_error() {

@@ -7,8 +7,9 @@
 #include <cstdlib>
 #include <thread>
 
+#include <kiv/kivDext.h>
 #include "api/FoundCards.h"
-#include "kiv/kivDext.h"
+#include "support/DriverFault.h"
 #include "support/Program.h"
 #include "support/Waiting.h"
 
@@ -192,7 +193,8 @@ namespace {
 /// A poll waits for a driver process that hangs.
 [[noreturn]] void exit_beside_a_hung_poll() {
     kivsim::CardSettings card = kivsim::believable_card(1);
-    card.driver_faults = {{6, 6, 0, 60000, {}}};  // The scan reads five registers, the first poll the sixth.
+    // The scan reads five registers, the first poll the sixth.
+    card.driver_faults = {fault(wire::kReadPci64).nth(6).delay_ms(60000)};
     RunningSimulator simulator({card});
     if (scan() != KIV_OK) end_with(false);
     std::this_thread::sleep_for(milliseconds(1600));
@@ -205,7 +207,7 @@ namespace {
     const kiv_log_callback_t ends = [](auto...) { std::exit(42); };
     kivLog_open(&config, KIV_LOG_SINK_CALLBACK, ends, nullptr);
     kivsim::CardSettings card = kivsim::believable_card(1);
-    card.driver_faults = {{24, {}, -1, 0, {}}};
+    card.driver_faults = {fault(wire::kInit).status(-1)};
     RunningSimulator simulator({card});
     scan();  // Logs that the card does not open.
     end_with(false);

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "api/FoundCards.h"
+#include "support/DriverFault.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -170,8 +171,13 @@ TEST(Queries, WriteJustTheFieldsThatTheyHave) {
 TEST(Queries, LeaveWhatTheyDidNotGetToWhenTheDriverFails) {
     auto card = kivsim::believable_card(1);
     // 32-bit reads are counted: the last of the links' six, then of the streams' three.
-    card.driver_faults = {{5, 6, -1, 0, {}},   {5, 9, -1, 0, {}},   {5, 12, -1, 0, {}}, {16, 1, -1, 0, {}},
-                          {17, {}, -7, 0, {}}, {34, {}, -1, 0, {}}, {35, {}, -1, 0, {}}};
+    card.driver_faults = {fault(wire::kReadPci32).nth(6).status(-1),
+                          fault(wire::kReadPci32).nth(9).status(-1),
+                          fault(wire::kReadPci32).nth(12).status(-1),
+                          fault(wire::kGetPtpEpochTime).nth(1).status(-1),
+                          fault(wire::kGetPtpEpochTimeAndSystemTime).status(-7),
+                          fault(wire::kGetUseResourceData).status(-1),
+                          fault(wire::kGetPciLinkInfo).status(-1)};
     FoundCards cards({card});
     expect_record(kiv_get_net_status, KIV_ERR_FAILED, [](auto& s) { s.link_up_0 = s.link_up_1 = 1; });
     testing::internal::CaptureStdout();

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "support/CapturedLog.h"
+#include "support/DriverFault.h"
 #include "support/LoopbackServer.h"
 #include "support/Program.h"
 #include "support/RunningSimulator.h"
@@ -16,10 +17,6 @@
 namespace {
 
 using kivsim::CardSettings;
-using Lines = std::vector<std::string>;
-
-constexpr unsigned kReadPci64 = 6;
-constexpr unsigned kInit = 24;
 
 /// A card whose management server is somewhere else.
 CardSettings card_with_server(uint8_t id, uint16_t port) {
@@ -72,7 +69,7 @@ TEST_F(Scan, GivesOneRecordForEachCard) {
         EXPECT_EQ(card.ip_address_1, 0xC0A8140Au + id);
     }
     // Every function is opened once, after all of them were found.
-    EXPECT_EQ(simulator.calls(kInit).size(), 4u);
+    EXPECT_EQ(simulator.calls(wire::kInit).size(), 4u);
 }
 
 TEST_F(Scan, WithoutCardsIsASuccessThatMakesTheManagerActive) {
@@ -126,7 +123,7 @@ TEST_F(Scan, FailsWithAllOfItsCardsWhenOneDoesNotOpen) {
          card_with_server(5, no_interfaces.port()),
          {"Fail HTTP request url=" + no_interfaces.url() + "/api/v1.0", "[5]Open Fail"}},
         {"interface list of a wrong type", card_with_server(5, wrong_type.port()), {"[5]Open Fail"}},
-        {"driver refuses", card_with_fault(5, {kInit, {}, -1, 0, {}}), {"[5]Open Fail"}},
+        {"driver refuses", card_with_fault(5, fault(wire::kInit).status(-1)), {"[5]Open Fail"}},
         {"no function 0, so no server address", no_function_0, {"[5]Open Fail"}},
     };
     for (const Case& c : cases) {
@@ -149,10 +146,8 @@ TEST_F(Scan, FailsWhenACardDoesNotGiveItsRecord) {
         R"({"data":{"interfaces":[{"if_name":"maceth0","ip_addr":"10.0.0.1","netmask":"none","hw_addr":""}]}})");
     LoopbackServer falls_silent({good, LoopbackServer::http(503, "busy")});
     LoopbackServer turns_bad({good, bad_mask});
-    kivsim::DriverFault unreadable;
-    unreadable.selector = kReadPci64;
-    unreadable.status = -536870212;  // 0xE00002BC
-    unreadable.nth = 5;              // The last of the five registers, whose value is not even used.
+    // The last of the five registers, whose value is not even used.
+    const fault unreadable = fault(wire::kReadPci64).nth(5).status(-1);
     const std::pair<CardSettings, Lines> cases[] = {
         {card_with_server(5, falls_silent.port()),
          {"HTTP Server error status=503, msg=http status 503", "Fail get_interface_info",
@@ -197,12 +192,7 @@ TEST_F(Scan, ReplacesTheCardsOfTheOneBefore) {
     EXPECT_EQ(scan.devices[0].device_id, 4);
     // The connections of the first scan of this process are closed: each opened one is, but for the living
     // two.
-    long open = 0;
-    for (const auto& event : simulator->trace()) {
-        if (event["event"] == "open" && event["status"] == "0x00000000") ++open;
-        if (event["event"] == "close") --open;
-    }
-    EXPECT_EQ(open, 2);
+    EXPECT_EQ(simulator->open_connections(), 2);
 }
 
 TEST_F(Scan, OfTheInternalKindKeepsTheTunnelsOfTheFirst) {

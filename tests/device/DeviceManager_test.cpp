@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
 #include "support/Waiting.h"
 
@@ -21,8 +22,6 @@ using kiv::device::DeviceFactoryMacOS;
 using kiv::device::DeviceFactoryRegistry;
 using kiv::device::DeviceManager;
 using std::chrono::milliseconds;
-
-constexpr unsigned kReadPci64 = 6;
 
 struct Scheduled {
     std::function<void()> task;
@@ -91,13 +90,13 @@ TEST_F(Manager, PollsWhatItScheduledUntilItStops) {
     const uint64_t task = manager.scheduleDevicePoll(1, milliseconds(1), &kiv::device::Device::poll_1sec);
     EXPECT_EQ(task, 3u) << "an unknown id takes no number";
     manager.start();
-    EXPECT_TRUE(wait_until([&] { return simulator.calls(kReadPci64).size() >= 3; }));
+    EXPECT_TRUE(wait_until([&] { return simulator.calls(wire::kReadPci64).size() >= 3; }));
     manager.cancelTask(task);
     manager.stop();
     EXPECT_FALSE(manager.exists(1));
-    const std::size_t reads = simulator.calls(kReadPci64).size();
+    const std::size_t reads = simulator.calls(wire::kReadPci64).size();
     manager.stop();
-    EXPECT_EQ(simulator.calls(kReadPci64).size(), reads);
+    EXPECT_EQ(simulator.calls(wire::kReadPci64).size(), reads);
 }
 
 TEST_F(Manager, HasTheStatusReadEverySecondAndTheSensorsEveryMinute) {
@@ -109,16 +108,15 @@ TEST_F(Manager, HasTheStatusReadEverySecondAndTheSensorsEveryMinute) {
     manager.getDevice(1)->enableEvent(KIV_EVENT_HWMON);
     const auto sensor_requests = [&] {
         const auto all = simulator.requests();
-        return std::count_if(all.begin(), all.end(), [](const auto& request) {
-            return request["path"] == "/api/v1.0/hps/hwmon/info";
-        });
+        return std::count_if(all.begin(), all.end(),
+                             [](const auto& request) { return request.path == "/api/v1.0/hps/hwmon/info"; });
     };
     std::string polls;
     for (const auto& [task, period] : g_scheduled) {
-        const auto reads = simulator.calls(kReadPci64).size();
+        const auto reads = simulator.calls(wire::kReadPci64).size();
         const auto requests = sensor_requests();
         task();
-        if (simulator.calls(kReadPci64).size() > reads) polls += "status ";
+        if (simulator.calls(wire::kReadPci64).size() > reads) polls += "status ";
         if (sensor_requests() > requests) polls += "sensors ";
         polls += std::to_string(period.count()) + " ";
     }

@@ -9,6 +9,8 @@
 #include <future>
 
 #include "support/CapturedLog.h"
+#include "support/DriverFault.h"
+#include "support/Lines.h"
 #include "support/LoopbackServer.h"
 #include "support/RunningSimulator.h"
 #include "support/Waiting.h"
@@ -18,7 +20,6 @@ namespace {
 using kiv::device::Device;
 using kiv::device::DeviceEnumeratorMacOS;
 using kiv::device::DeviceFactoryMacOS;
-using Lines = std::vector<std::string>;
 
 constexpr uint64_t kLink0 = 1 << 6;
 constexpr uint64_t kLink1 = 1 << 7;
@@ -211,7 +212,7 @@ TEST(DevicePoll, DoesNotHoldUpTheEventsWhileItAsksForTheSensors) {
 TEST(Device, ReadsAllIdentityRegistersBeforeItWritesOne) {
     kivsim::CardSettings settings = kivsim::believable_card(6);
     for (const uint32_t nth : {1u, 3u, 6u, 10u, 15u})  // The first register, then the second, and so on.
-        settings.driver_faults.push_back({6, nth, -1, 0, {}});
+        settings.driver_faults.push_back(fault(wire::kReadPci64).nth(nth).status(-1));
     RunningSimulator simulator({settings});
     OneCard card;
     kiv_card_info_t info{};
@@ -223,7 +224,7 @@ TEST(Device, ReadsAllIdentityRegistersBeforeItWritesOne) {
 
 TEST(Device, WithAnUnreadableStatusRegisterFailsThoughTheLoadsAndTheTimeCouldBeRead) {
     kivsim::CardSettings settings = kivsim::believable_card(6);
-    settings.driver_faults.push_back({6, {}, -1, 0, {}});  // The 64-bit reads: nothing else is read so.
+    settings.driver_faults.push_back(fault(wire::kReadPci64).status(-1));  // Nothing else is read so.
     RunningSimulator simulator({settings});
     OneCard card;
     const auto leaves_untouched = [&](auto query, auto record) {

@@ -1,3 +1,4 @@
+#include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -5,6 +6,7 @@
 #include <kiv/kivDriverClient.h>
 #include "driver/DeviceEnumeratorMacOS.h"
 #include "driver/DeviceFactoryMacOS.h"
+#include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
 
 namespace {
@@ -55,7 +57,7 @@ TEST(DriverAccess, WorksOnItsFunctionOfTheCard) {
     enumerator.enumerate();
     const auto access = access_to(enumerator, 2, 1);
     EXPECT_EQ(access->open(), 0);
-    EXPECT_EQ(simulator.trace().back()["service"], "card 2 function 1");
+    EXPECT_EQ(simulator.trace().back().service, "card 2 function 1");
     uint32_t word = 0;
     uint64_t value = 0;
     EXPECT_EQ(access->writeRegister64(4, 0x200, 0x0102030405060708), 0);
@@ -97,16 +99,17 @@ void expect_all(IDeviceAccess& access, int32_t status) {
 
 TEST(DriverAccess, GivesTheDriversFailuresAndOutlivesItsClient) {
     auto cards = kivsim::default_cards();
-    const auto busy = static_cast<int32_t>(0xE00002D5);
-    for (const uint32_t selector : {5u, 6u, 7u, 8u, 16u, 17u, 24u, 34u, 35u})
-        cards[0].driver_faults.push_back({selector, {}, busy, 0, {}});
+    for (const auto selector :
+         {wire::kReadPci32, wire::kReadPci64, wire::kWritePci32, wire::kWritePci64, wire::kGetPtpEpochTime,
+          wire::kGetPtpEpochTimeAndSystemTime, wire::kInit, wire::kGetUseResourceData, wire::kGetPciLinkInfo})
+        cards[0].driver_faults.push_back(fault(selector).status(kIOReturnBusy));
     const RunningSimulator simulator(cards);
     kiv::DriverClients clients;
     DeviceEnumeratorMacOS enumerator(clients);
     enumerator.enumerate();
     const auto old = access_to(enumerator, 1, 0);
     EXPECT_TRUE(old->isOpen());
-    expect_all(*old, busy);
+    expect_all(*old, kIOReturnBusy);
     enumerator.enumerate();  // New clients.
     const auto none = access_to(enumerator, 99, 0);
     for (IDeviceAccess* const access : {old.get(), none.get()}) {

@@ -1,3 +1,4 @@
+#include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 
 #include <kiv/kivDriverClient.h>
 #include "driver/DriverLines.h"
+#include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
 
 namespace {
@@ -14,7 +16,6 @@ namespace {
 using Client = kivDriverClient;
 using Values = std::vector<uint64_t>;
 
-constexpr int32_t kBusy = static_cast<int32_t>(0xE00002D5);
 constexpr uint64_t kOld = 0xEEEEEEEEEEEEEEEE;  ///< In every byte of a result before the call.
 
 /// A wire number, little-endian, as the trace writes bytes.
@@ -92,62 +93,62 @@ std::vector<Operation> operations() {
     static uint64_t descriptors[] = {0x1111, 0x2222, 0x3333, 0x4444444444444444};
     // clang-format off
     return {
-        {24, process, {}, true, only([](auto& c) { return c.init(); })},
-        {4, "", {{0, 2}, {2, 2}, {4, 2}}, false,
+        {wire::kInit, process, {}, true, only([](auto& c) { return c.init(); })},
+        {wire::kGetVersion, "", {{0, 2}, {2, 2}, {4, 2}}, false,
             giving<uint16_t, 3>([](auto& c, auto& v) { return c.get_version_dext(v[0], v[1], v[2]); })},
-        {7, pci_access(2, 0x10, 0xCAFE0001, 0), {}, true,
+        {wire::kWritePci32, pci_access(2, 0x10, 0xCAFE0001, 0), {}, true,
             only([](auto& c) { return c.write_pci32(2, 0x10, 0xCAFE0001); })},
-        {8, pci_access(3, 0xFFFFF8, 0, 0xCAFE000200000003), {}, true,
+        {wire::kWritePci64, pci_access(3, 0xFFFFF8, 0, 0xCAFE000200000003), {}, true,
             only([](auto& c) { return c.write_pci64(3, 0xFFFFF8, 0xCAFE000200000003); })},
-        {5, pci_access(2, 0x10, 0, 0), {{16, 4}}, true,
+        {wire::kReadPci32, pci_access(2, 0x10, 0, 0), {{16, 4}}, true,
             giving<uint32_t, 1>([](auto& c, auto& v) { return c.read_pci32(2, 0x10, v); })},
-        {6, pci_access(3, 0xFFFFF8, 0, 0), {{24, 8}}, true,
+        {wire::kReadPci64, pci_access(3, 0xFFFFF8, 0, 0), {{24, 8}}, true,
             giving<uint64_t, 1>([](auto& c, auto& v) { return c.read_pci64(3, 0xFFFFF8, v); })},
-        {5, pci_access(2, 0x10, 0xCAFE0004, 0), {}, true,
+        {wire::kReadPci32, pci_access(2, 0x10, 0xCAFE0004, 0), {}, true,
             only([](auto& c) { return c.write_pci32_test(2, 0x10, 0xCAFE0004); })},
-        {10, le(0, 16) + u32(7) + u32(4096) + u32(3) + u32(0), {}, true,
+        {wire::kIoMalloc, le(0, 16) + u32(7) + u32(4096) + u32(3) + u32(0), {}, true,
             only([](auto& c) { return c.iomalloc(7, 4096, 3); })},
-        {14, u32(7) + u32(2) + u64(0), {{8, 8}}, true,
+        {wire::kGetIoBusAddress, u32(7) + u32(2) + u64(0), {{8, 8}}, true,
             giving<uint64_t, 1>([](auto& c, auto& v) { return c.get_iobus_address(7, 2, v); })},
-        {11, le(0, 16) + u32(7) + le(0, 12), {}, true, only([](auto& c) { return c.iofree(7); })},
-        {16, "", {{24, 8}}, true,
+        {wire::kIoFree, le(0, 16) + u32(7) + le(0, 12), {}, true, only([](auto& c) { return c.iofree(7); })},
+        {wire::kGetPtpEpochTime, "", {{24, 8}}, true,
             giving<uint64_t, 1>([](auto& c, auto& v) { return c.get_ptp_epoch_time(v); })},
-        {17, "", {{0, 8}, {8, 8}, {16, 8}}, true,
+        {wire::kGetPtpEpochTimeAndSystemTime, "", {{0, 8}, {8, 8}, {16, 8}}, true,
             giving<uint64_t, 3>([](auto& c, auto& v) {
                 return c.get_ptp_epoch_time_and_system_time(v[0], v[1], v[2]); })},
-        {18, u32(0xFFFFFFFF) + u32(2), {}, true, only([](auto& c) { return c.reset(-1, 2); })},
-        {19, "", {}, true, only([](auto& c) { return c.reset_buffer(); })},
-        {20, u32(0x80000001), {}, true, only([](auto& c) { return c.enable_interrupt(0x80000001); })},
-        {21, u32(0x80000001), {}, true, only([](auto& c) { return c.disable_interrupt(0x80000001); })},
-        {26, "", {{0, 8}, {8, 8}, {24, 8}, {32, 8}, {40, 8}, {48, 8}, {56, 8}, {64, 8}}, false,
+        {wire::kReset, u32(0xFFFFFFFF) + u32(2), {}, true, only([](auto& c) { return c.reset(-1, 2); })},
+        {wire::kResetBuffer, "", {}, true, only([](auto& c) { return c.reset_buffer(); })},
+        {wire::kEnableInterrupt, u32(0x80000001), {}, true, only([](auto& c) { return c.enable_interrupt(0x80000001); })},
+        {wire::kDisableInterrupt, u32(0x80000001), {}, true, only([](auto& c) { return c.disable_interrupt(0x80000001); })},
+        {wire::kLoadBootConf, "", {{0, 8}, {8, 8}, {24, 8}, {32, 8}, {40, 8}, {48, 8}, {56, 8}, {64, 8}}, false,
             giving<uint64_t, 8>([](auto& c, auto& v) {
                 Client::boot_conf_t conf;
                 std::memset(&conf, 0xEE, sizeof conf);
                 const int32_t status = c.load_boot_conf(conf);
                 std::memcpy(v, &conf, sizeof v);
                 return status; })},
-        {27, u32(1) + u32(2) + u64(0x1111) + u64(0x2222) + u64(0x3333) + u64(0x4444444444444444) + le(0, 4048),
+        {wire::kSetDescriptorAnc, u32(1) + u32(2) + u64(0x1111) + u64(0x2222) + u64(0x3333) + u64(0x4444444444444444) + le(0, 4048),
             {}, true, only([](auto& c) { return c.set_descriptor_anc(true, two, descriptors); })},
-        {28, u8(1) + le(0, 3) + u32(0x23456789) + u16(0xABCD) + le(0, 2), {}, true,
+        {wire::kControlAnc, u8(1) + le(0, 3) + u32(0x23456789) + u16(0xABCD) + le(0, 2), {}, true,
             only([](auto& c) { return c.control_anc({1, 0x23456789, 0xABCD}); })},
-        {29, "", {{0, 8}, {8, 8}}, false,
+        {wire::kGetAncInfo, "", {{0, 8}, {8, 8}}, false,
             giving<uint64_t, 2>([](auto& c, auto& v) { return c.get_anc_info(&v[0], &v[1]); })},
-        {30, u8(9) + le(0, 3) + u32(0x0A000001) + u32(0x0A000002) + u32(0x0A000003) + u16(0x1F90) + u8(1) + u8(0),
+        {wire::kSetDeviceConf, u8(9) + le(0, 3) + u32(0x0A000001) + u32(0x0A000002) + u32(0x0A000003) + u16(0x1F90) + u8(1) + u8(0),
             {}, true,
             only([](auto& c) {
                 return c.set_device_conf({9, {0x0A000001, 0x0A000002}, 0x0A000003, 0x51F90, 1}); })},
-        {31, "", {{0, 1}, {4, 4}, {8, 4}, {12, 4}, {16, 2}}, false, device_conf},
-        {32, process + u32(1) + u32(0xFE) + u16(0xFFFE) + u16(0) + u32(0xFFFFFFFE), {}, true,
+        {wire::kGetDeviceConf, "", {{0, 1}, {4, 4}, {8, 4}, {12, 4}, {16, 2}}, false, device_conf},
+        {wire::kRegisterProcessData, process + u32(1) + u32(0xFE) + u16(0xFFFE) + u16(0) + u32(0xFFFFFFFE), {}, true,
             only([](auto& c) { return c.register_process_data(true, 0xFE, 0xFFFE, 0xFFFFFFFE); })},
-        {33, process + u32(0) + u32(0xFE) + u16(0xFFFE) + u16(0) + u32(0), {}, true,
+        {wire::kUnregisterProcessData, process + u32(0) + u32(0xFE) + u16(0xFFFE) + u16(0) + u32(0), {}, true,
             only([](auto& c) { return c.unregister_process_data(false, 0xFE, 0xFFFE); })},
-        {34, "", {{0, 2}, {2, 2}, {4, 2}, {6, 2}, {8, 2}, {10, 2}}, false,
+        {wire::kGetUseResourceData, "", {{0, 2}, {2, 2}, {4, 2}, {6, 2}, {8, 2}, {10, 2}}, false,
             giving<uint16_t, 6>([](auto& c, auto& v) {
                 return c.get_use_resource_data(reinterpret_cast<Client::use_resource&>(v)); })},
-        {35, "", {{0, 1}, {1, 1}}, false,
+        {wire::kGetPciLinkInfo, "", {{0, 1}, {1, 1}}, false,
             giving<uint8_t, 2>([](auto& c, auto& v) {
                 return c.get_pci_link_info(reinterpret_cast<Client::pci_link_info&>(v)); })},
-        {25, process, {}, true, only([](auto& c) { return c.deinit(); })},
+        {wire::kDeinit, process, {}, true, only([](auto& c) { return c.deinit(); })},
     };
     // clang-format on
 }
@@ -160,7 +161,7 @@ TEST(DriverCalls, SendTheirBytesAndFindTheirResultsInTheReplyHoweverShort) {
     for (const uint32_t longest : {4096u, 50u, 17u, 3u, 0u}) {
         auto cards = kivsim::default_cards();
         for (uint32_t selector = 0; selector < 64; ++selector)
-            cards[0].driver_faults.push_back({selector, {}, 0, 0, longest});
+            cards[0].driver_faults.push_back(fault(selector).reply_size(longest));
         const RunningSimulator simulator(cards);
         const auto client = first_client();
         size_t events = simulator.trace().size();
@@ -170,11 +171,11 @@ TEST(DriverCalls, SendTheirBytesAndFindTheirResultsInTheReplyHoweverShort) {
             EXPECT_EQ(operation.run(*client, values), 0);
             const auto trace = simulator.trace();
             ASSERT_EQ(trace.size(), ++events);
-            EXPECT_EQ(trace.back()["selector"], operation.selector);
-            EXPECT_EQ(trace.back()["input"], operation.input);
+            EXPECT_EQ(trace.back().selector, operation.selector);
+            EXPECT_EQ(trace.back().input, operation.input);
             Values expected;
             for (const Field& field : operation.results)
-                expected.push_back(field.in(trace.back()["reply"]));
+                expected.push_back(field.in(trace.back().reply));
             EXPECT_EQ(values, expected);
         }
     }
@@ -183,7 +184,7 @@ TEST(DriverCalls, SendTheirBytesAndFindTheirResultsInTheReplyHoweverShort) {
 TEST(DriverCalls, ThatFailGiveTheStatusAndNoResults) {
     auto cards = kivsim::default_cards();
     for (uint32_t selector = 0; selector < 64; ++selector)
-        cards[0].driver_faults.push_back({selector, {}, kBusy, 0, {}});
+        cards[0].driver_faults.push_back(fault(selector).status(kIOReturnBusy));
     const RunningSimulator simulator(cards);
     DriverLines lines;
     const auto clients = Client::enumerateDevices("kivPCIService");
@@ -196,19 +197,19 @@ TEST(DriverCalls, ThatFailGiveTheStatusAndNoResults) {
         for (const Field& field : operation.results)
             expected.push_back(operation.zeroed ? 0 : kOld >> (64 - 8 * field.width));
         Values values;
-        EXPECT_EQ(operation.run(failing, values), kBusy);
+        EXPECT_EQ(operation.run(failing, values), kIOReturnBusy);
         EXPECT_EQ(values, expected);
         EXPECT_EQ(lines.take(), Lines{});
         EXPECT_EQ(operation.run(closed, values), -1);
         EXPECT_EQ(lines.take(), Lines{"Not Initialized"});
     }
     EXPECT_FALSE(failing.is_hpq_anc_enable());
-    EXPECT_TRUE(simulator.trace().back()["status"] == "0xe00002d5") << "a call on a closed client";
+    EXPECT_TRUE(simulator.trace().back().status == "0xe00002d5") << "a call on a closed client";
 }
 
 TEST(DriverCalls, CheckTheirArgumentsInTheirOrder) {
     auto cards = kivsim::default_cards();
-    cards[0].driver_faults = {{16, 2, kBusy, 0, {}}};
+    cards[0].driver_faults = {fault(wire::kGetPtpEpochTime).nth(2).status(kIOReturnBusy)};
     const RunningSimulator simulator(cards);
     DriverLines lines;
     const auto open = first_client();
@@ -225,7 +226,7 @@ TEST(DriverCalls, CheckTheirArgumentsInTheirOrder) {
         {[](Client& c) { return c.read_pci32(0, 0, nullptr); }, bad, false, -1},
         {[](Client& c) { return c.get_iobus_address(0, 0, nullptr); }, {"Bad arugment"}, false, -1},
         {time, bad, true, -1},
-        {time, {}, true, kBusy},
+        {time, {}, true, kIOReturnBusy},
         {[](Client& c) { return c.get_anc_info(nullptr, nullptr); }, {}, true, 0},
         {set(~0u, nullptr), {"Over size max=255 now=4294967295"}, false, -1},
         {set(255, descriptors), {"Over size max=255 now=255"}, false, -1},
@@ -242,7 +243,7 @@ TEST(DriverCalls, CheckTheirArgumentsInTheirOrder) {
         events += sent ? 1 : 0;
         EXPECT_EQ(simulator.trace().size(), events);
     }
-    EXPECT_EQ(simulator.calls(27).back()["input"],
+    EXPECT_EQ(simulator.calls(wire::kSetDescriptorAnc).back().input,
               u32(0) + u32(254) + le(0, 16 * 254 - 8) + u64(0x0102030405060708) + le(0, 16));
 }
 

@@ -10,6 +10,7 @@
 
 #include <kiv/kivDriverClient.h>
 #include "driver/DriverLines.h"
+#include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
 #include "support/Waiting.h"
 
@@ -37,8 +38,6 @@ kern_return_t IOConnectCallStructMethod(mach_port_t connection, uint32_t selecto
 
 namespace {
 
-constexpr int32_t kBusy = static_cast<int32_t>(0xE00002D5);
-
 kivDriverClientList clients() {
     return kivDriverClient::enumerateDevices("kivPCIService");
 }
@@ -47,9 +46,9 @@ kivDriverClientList clients() {
 std::string story_of(const RunningSimulator& simulator) {
     std::string story;
     for (const auto& event : simulator.trace()) {
-        std::string word = event["event"];
-        if (word == "call") word = std::to_string(event["selector"].get<unsigned>());
-        if (word == "open") word += " " + std::to_string(event["type"].get<unsigned>());
+        std::string word = event.event;
+        if (word == "call") word = std::to_string(event.selector);
+        if (word == "open") word += " " + std::to_string(event.type);
         story += (story.empty() ? "" : ", ") + word;
     }
     return story;
@@ -103,8 +102,8 @@ TEST(DriverConnection, OpensAndClosesOnce) {
 TEST(DriverConnection, StaysWhenTheDriverRefusesTheLeaveButEndsWithTheClient) {
     for (const bool for_ever : {false, true}) {
         auto cards = one_service();
-        cards[0].driver_faults = {{25, 1, kBusy, 0, {}}};
-        if (for_ever) cards[0].driver_faults[0].nth.reset();
+        fault leave = fault(wire::kDeinit).status(kIOReturnBusy);
+        cards[0].driver_faults = {for_ever ? leave : leave.nth(1)};
         const RunningSimulator simulator(cards);
         auto client = clients().at(0);
         EXPECT_EQ(client->close(), -1);
@@ -122,7 +121,7 @@ TEST(DriverConnection, EndsWithTheClientAlsoWhenTakingLeaveThrows) {
     const RunningSimulator simulator(one_service());
     auto client = clients().at(0);
     ASSERT_EQ(client->open(true), 0);
-    g_throwing = 25;
+    g_throwing = wire::kDeinit;
     client.reset();
     g_throwing = 0;
     EXPECT_TRUE(story_of(simulator).ends_with(", close"));
@@ -133,7 +132,7 @@ TEST(DriverConnection, ThatHasClosedIsNotUsedByAMappingThatWaited) {
     const auto client = clients().at(0);
     std::promise<void> gate;
     g_gate = gate.get_future().share();
-    g_held = 13;
+    g_held = wire::kSelectMemory;
     const auto map = [&] { return client->map_pci(1, nullptr, nullptr); };
     auto first = std::async(std::launch::async, map);
     ASSERT_TRUE(wait_until([] { return g_waiting == 1; }));
@@ -141,7 +140,7 @@ TEST(DriverConnection, ThatHasClosedIsNotUsedByAMappingThatWaited) {
     auto closing = std::async(std::launch::async, [&] { return client->close(); });
     EXPECT_TRUE(wait_until([&] { return !client->isOpen(); }));
     gate.set_value();
-    EXPECT_EQ(first.get(), 0x10000003);
+    EXPECT_EQ(first.get(), MACH_SEND_INVALID_DEST);
     EXPECT_EQ(second.get(), -1);
     EXPECT_EQ(closing.get(), 0);
     EXPECT_EQ(g_waiting, 1) << "calls with the handle that is closed";
@@ -153,7 +152,7 @@ TEST(DriverConnection, ToADriverThatHasGoneFailsAndEnds) {
     auto client = clients().at(0);
     simulator.stop();
     uint32_t value = 1;
-    EXPECT_EQ(client->read_pci32(0, 0, &value), 0x10000003);
+    EXPECT_EQ(client->read_pci32(0, 0, &value), MACH_SEND_INVALID_DEST);
     EXPECT_EQ(value, 0u);
     EXPECT_EQ(client->close(), -1);
     EXPECT_TRUE(client->isOpen());

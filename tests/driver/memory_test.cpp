@@ -1,4 +1,6 @@
 // DMA memory, BARs and the ANC memories in this process.
+#include <IOKit/IOKitLib.h>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <cstring>
@@ -7,15 +9,13 @@
 
 #include <kiv/kivDext.h>
 #include <kiv/kivDriverClient.h>
-#include "driver/ControlAddress.h"
 #include "driver/DriverClients.h"
 #include "driver/DriverLines.h"
+#include "support/DriverFault.h"
+#include "support/Json.h"
+#include "support/RunningSimulator.h"
 
 namespace {
-
-constexpr int32_t kBadArgument = static_cast<int32_t>(0xE00002C2);
-constexpr int32_t kBusy = static_cast<int32_t>(0xE00002D5);
-constexpr int32_t kNotFound = static_cast<int32_t>(0xE00002F0);
 
 kivDriverClientList clients() {
     return kivDriverClient::enumerateDevices("kivPCIService");
@@ -38,14 +38,9 @@ int mappings() {
     return count;
 }
 
-/// The selectors of the calls so far, behind the first `skip`.
-std::vector<unsigned> selectors(const RunningSimulator& simulator, size_t skip) {
-    std::vector<unsigned> found;
-    for (const auto& event : simulator.trace()) {
-        if (event["event"] == "call") found.push_back(event["selector"]);
-    }
-    found.erase(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(skip));
-    return found;
+/// What the control address shows of the first card's driver.
+Json shown(const RunningSimulator& simulator) {
+    return parsed(simulator.control("GET").body)["driver"];
 }
 
 }  // namespace
@@ -70,12 +65,12 @@ TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
     EXPECT_EQ(size, 8192u);
     std::memcpy(at(buffer.infos[2].mapped_address), "\x12\x34", 2);
     EXPECT_EQ(at(address)[1], 0x34);
-    EXPECT_EQ(control(simulator, "GET", "/memory/7/2").get<std::string>().substr(0, 6), "123400");
+    EXPECT_EQ(simulator.control("GET", "/memory/7/2").body.substr(0, 7), "\"123400");
     uint64_t again = 0;
     EXPECT_EQ(two.map_iomemory(7, 2, &again, nullptr), 0);
     EXPECT_EQ(again, address);
-    EXPECT_EQ(two.map_iomemory(7, 3, &again, nullptr), kBadArgument);
-    EXPECT_EQ(two.map_iomemory(8, 0, &again, nullptr), kNotFound);
+    EXPECT_EQ(two.map_iomemory(7, 3, &again, nullptr), kIOReturnBadArgument);
+    EXPECT_EQ(two.map_iomemory(8, 0, &again, nullptr), kIOReturnNotFound);
 
     ASSERT_EQ(two.map_pci(1, &address, &size), 0);
     EXPECT_EQ(size, 16u << 20);
@@ -86,16 +81,16 @@ TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
     EXPECT_EQ(value, word);
     EXPECT_EQ(one.write_pci32(1, 0x44, 9), 0);
     EXPECT_EQ(at(address)[0x44], 9);
-    EXPECT_EQ(two.map_pci(6, nullptr, nullptr), kBadArgument);
-    const auto selections = simulator.calls(13);
-    EXPECT_EQ(selections[3]["input"],
+    EXPECT_EQ(two.map_pci(6, nullptr, nullptr), kIOReturnBadArgument);
+    const auto selections = simulator.calls(wire::kSelectMemory);
+    EXPECT_EQ(selections[3].input,
               "01000000"
               "00000000"
               "07000000"
               "02000000"
               "00000000")
         << "block 7, element 2";
-    EXPECT_EQ(selections[7]["input"],
+    EXPECT_EQ(selections[7].input,
               "01000000"
               "01000000"
               "00000000"
@@ -113,9 +108,9 @@ TEST(DriverMemory, IsUndoneAtTheAddressWhateverWasSelectedSince) {
     RunningSimulator simulator;
     const auto client = clients().at(0);
     const auto expect_unmap = [&](uint64_t address, int32_t status, size_t selections) {
-        const size_t before = simulator.calls(13).size();
+        const size_t before = simulator.calls(wire::kSelectMemory).size();
         EXPECT_EQ(client->unmap(address), status);
-        EXPECT_EQ(simulator.calls(13).size() - before, selections);
+        EXPECT_EQ(simulator.calls(wire::kSelectMemory).size() - before, selections);
     };
     uint64_t element[2] = {};
     uint64_t bar = 0;
@@ -127,17 +122,17 @@ TEST(DriverMemory, IsUndoneAtTheAddressWhateverWasSelectedSince) {
     expect_unmap(element[0], 0, 1);
     EXPECT_TRUE(!is_mapped(element[0]) && is_mapped(element[1]) && is_mapped(bar));
     for (const uint64_t unknown : {element[0], bar + 4096, uint64_t{0}})
-        expect_unmap(unknown, kBadArgument, 0);
+        expect_unmap(unknown, kIOReturnBadArgument, 0);
 
     ASSERT_EQ(client->map_pci(1, &again, nullptr), 0);
     EXPECT_EQ(again, bar);
     expect_unmap(bar, 0, 0);
-    expect_unmap(bar, kBadArgument, 0);
+    expect_unmap(bar, kIOReturnBadArgument, 0);
     EXPECT_EQ(mappings(), 1);
 
     ASSERT_EQ(client->map_iomemory(7, 1, &again, nullptr), 0);
     EXPECT_EQ(again, element[1]);
-    EXPECT_EQ(client->map_pci(6, nullptr, nullptr), kBadArgument)
+    EXPECT_EQ(client->map_pci(6, nullptr, nullptr), kIOReturnBadArgument)
         << "what is selected now is anybody's guess";
     expect_unmap(element[1], 0, 1);
     EXPECT_EQ(mappings(), 0);
@@ -151,8 +146,8 @@ TEST(DriverMemory, ThatWasFreedIsNotTakenForItsSuccessor) {
     ASSERT_EQ(client->iomalloc(7, 4096, 1), 0);
     ASSERT_EQ(client->map_iomemory(7, 0, &first, nullptr), 0);
     ASSERT_EQ(client->iofree(7), 0);
-    EXPECT_EQ(client->unmap(first), kNotFound);
-    EXPECT_EQ(client->unmap(first), kBadArgument);
+    EXPECT_EQ(client->unmap(first), kIOReturnNotFound);
+    EXPECT_EQ(client->unmap(first), kIOReturnBadArgument);
     for (uint64_t* const address : {&first, &second}) {
         ASSERT_EQ(client->iomalloc(7, 4096, 1), 0);
         ASSERT_EQ(client->map_iomemory(7, 0, address, nullptr), 0);
@@ -160,7 +155,7 @@ TEST(DriverMemory, ThatWasFreedIsNotTakenForItsSuccessor) {
             ASSERT_EQ(client->iofree(7), 0);
         }
     }
-    EXPECT_EQ(client->unmap(first), kBadArgument);
+    EXPECT_EQ(client->unmap(first), kIOReturnBadArgument);
     EXPECT_TRUE(is_mapped(second));
     EXPECT_EQ(client->unmap(second), 0);
     EXPECT_FALSE(is_mapped(second));
@@ -174,10 +169,13 @@ TEST(DriverMemory, OfBuffersIsUnmappedBeforeItIsFreed) {
     ASSERT_EQ(client->allocate_buffer(3, 4096, 2), 0);
     ASSERT_EQ(client->allocate_buffer(4, 4096, 1), 0);
     EXPECT_EQ(mappings(), 3);
-    const size_t before = selectors(simulator, 0).size();
+    const auto before = static_cast<std::ptrdiff_t>(simulator.selectors().size());
     EXPECT_EQ(client->free_buffer(), 0);
     EXPECT_EQ(mappings(), 0);
-    EXPECT_EQ(selectors(simulator, before), (std::vector<unsigned>{13, 13, 11, 13, 11}));
+    const std::vector<uint32_t> all = simulator.selectors();
+    EXPECT_EQ(std::vector(all.begin() + before, all.end()),
+              (std::vector<uint32_t>{wire::kSelectMemory, wire::kSelectMemory, wire::kIoFree,
+                                     wire::kSelectMemory, wire::kIoFree}));
 
     ASSERT_EQ(client->allocate_buffer(3, 4096, 1), 0);
     uint64_t bar = 0;
@@ -188,21 +186,23 @@ TEST(DriverMemory, OfBuffersIsUnmappedBeforeItIsFreed) {
 }
 
 TEST(DriverMemory, IsAllocatedWholeOrNotAtAll) {
-    for (const unsigned selector : {13u, 14u}) {
+    for (const auto selector : {wire::kSelectMemory, wire::kGetIoBusAddress}) {
+        const bool selects = selector == wire::kSelectMemory;
         auto cards = kivsim::default_cards();
-        cards[0].driver_faults = {{selector, selector == 13 ? 5 : 4, kBusy, 0, {}}};
+        cards[0].driver_faults = {fault(selector).nth(selects ? 5 : 4).status(kIOReturnBusy)};
         RunningSimulator simulator(cards);
         const auto client = clients().at(0);
         dextBuffer buffer{};
         uint64_t bar = 0;
         EXPECT_EQ(client->map_pci(1, &bar, nullptr), 0);
-        EXPECT_EQ(client->allocate_buffer(3, 4096, 8), kBusy);
+        EXPECT_EQ(client->allocate_buffer(3, 4096, 8), kIOReturnBusy);
         EXPECT_EQ(client->get_buffer(3, buffer), -1);
-        EXPECT_EQ(simulator.calls(14).size(), 4u);
-        EXPECT_EQ(simulator.calls(13).size(), selector == 13 ? 8u : 7u) << "three are selected again";
+        EXPECT_EQ(simulator.calls(wire::kGetIoBusAddress).size(), 4u);
+        EXPECT_EQ(simulator.calls(wire::kSelectMemory).size(), selects ? 8u : 7u)
+            << "three are selected again";
         EXPECT_TRUE(mappings() == 1 && is_mapped(bar)) << "what is in use stays";
-        EXPECT_EQ(simulator.calls(11).size(), 1u);
-        EXPECT_EQ(control(simulator, "GET")["driver"]["memory"].size(), 4u) << "only the driver's own";
+        EXPECT_EQ(simulator.calls(wire::kIoFree).size(), 1u);
+        EXPECT_EQ(shown(simulator)["memory"].size(), 4u) << "only the driver's own";
     }
     RunningSimulator simulator;
     const auto client = clients().at(0);
@@ -217,7 +217,7 @@ TEST(DriverMemory, OfOneIdIsTakenInTheOrderOfItsAllocation) {
     const auto client = clients().at(0);
     dextBuffer buffer{};
     for (const uint32_t depth : {1u, 2u})
-        EXPECT_EQ(client->allocate_buffer(3, 4096, depth), depth == 1 ? 0 : kBadArgument)
+        EXPECT_EQ(client->allocate_buffer(3, 4096, depth), depth == 1 ? 0 : kIOReturnBadArgument)
             << "the first block counts";
     ASSERT_EQ(client->get_buffer(3, buffer), 0);
     EXPECT_TRUE(is_mapped(buffer.infos[0].mapped_address)) << "the failed one took its memory along";
@@ -229,7 +229,7 @@ TEST(DriverMemory, OfOneIdIsTakenInTheOrderOfItsAllocation) {
     EXPECT_TRUE(kivDriverClient::isAddressValid(buffer.infos[0].mapped_address));
     EXPECT_EQ(client->free_buffer(), 0);
     EXPECT_EQ(client->get_buffer(4, buffer), -1);
-    EXPECT_EQ(control(simulator, "GET")["driver"]["memory"].size(), 4u);
+    EXPECT_EQ(shown(simulator)["memory"].size(), 4u);
     EXPECT_FALSE(kivDriverClient::isAddressValid(~uint64_t{0}));
 }
 
@@ -265,17 +265,16 @@ TEST(DriverMemory, OfTheAncEngineIsMappedByOpenAndItsRecordsReachTheCard) {
     uint64_t descriptor[2] = {0x0102, 0x03};
     EXPECT_EQ(client->set_descriptor_anc(true, count, descriptor), 0);
     EXPECT_EQ(client->control_anc({1, 2, 3}), 0);
-    const auto shown = control(simulator, "GET")["driver"];
-    EXPECT_EQ(shown["anc"], nlohmann::json::parse(
-                                R"({"direction": true, "descriptors": "02010000000000000300000000000000",
+    const Json driver = shown(simulator);
+    EXPECT_EQ(driver["anc"], parsed(
+                                 R"({"direction": true, "descriptors": "02010000000000000300000000000000",
                                     "control": [1, 2, 3]})"));
-    EXPECT_EQ(shown["connections"][0]["announced"], 1);
-    EXPECT_EQ(shown["connections"][0]["messages"], true);
+    EXPECT_EQ(driver["connections"][0]["announced"], 1);
+    EXPECT_EQ(driver["connections"][0]["messages"], true);
     EXPECT_EQ(client->register_process_data(true, 2, 3, 4), 0);
     EXPECT_EQ(client->register_process_data(false, 2, 3, 5), 0);
     EXPECT_EQ(client->unregister_process_data(true, 2, 3), 0);
-    EXPECT_EQ(control(simulator, "GET")["driver"]["connections"][0]["process_data"],
-              nlohmann::json::parse("[[[0, 2, 3], 5]]"));
+    EXPECT_EQ(shown(simulator)["connections"][0]["process_data"], parsed("[[[0, 2, 3], 5]]"));
     EXPECT_EQ(client->close(), 0);
     EXPECT_EQ(client->get_anc_buffer(0).mapped_address, 0u);
 }
@@ -293,8 +292,8 @@ TEST(Dext, CountsFunctionsAndLeavesOthersConnectionsAlone) {
     found[2]->device_conf.ptp_selected = 0x01;
     EXPECT_EQ(kivDext_get_selected_ptp_card(), 2) << "bit 0 is the selection";
     EXPECT_EQ(kivDext_new(), 0);
-    EXPECT_EQ(control(simulator, "GET")["driver"]["connections"].size(), 3u);
-    EXPECT_EQ(control(simulator, "GET")["driver"]["connections"][0]["announced"], 1);
+    EXPECT_EQ(shown(simulator)["connections"].size(), 3u);
+    EXPECT_EQ(shown(simulator)["connections"][0]["announced"], 1);
     setenv("KIVSIM_SOCKET", "/nonexistent/socket", 1);
     EXPECT_EQ(kivDext_new(), 1);
     EXPECT_EQ(kivDext_get_selected_ptp_card(), 0);

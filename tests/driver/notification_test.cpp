@@ -2,6 +2,7 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <IOKit/IOKitLib.h>
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <atomic>
@@ -13,9 +14,11 @@
 
 #include <kiv/kivDriverClient.h>
 #include <kiv/kiv_api.h>
-#include "driver/ControlAddress.h"
 #include "driver/DriverLines.h"
+#include "support/DriverFault.h"
+#include "support/Json.h"
 #include "support/Program.h"
+#include "support/RunningSimulator.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -46,8 +49,6 @@ CFRunLoopSourceRef IONotificationPortGetRunLoopSource(IONotificationPortRef port
 }
 
 namespace {
-
-using Json = nlohmann::json;
 
 std::shared_ptr<kivDriverClient> first_client() {
     return kivDriverClient::enumerateDevices("kivPCIService").at(0);
@@ -85,18 +86,23 @@ class Received {
     std::set<std::thread::id> threads_;
 };
 
-std::vector<unsigned> selectors(const RunningSimulator& simulator) {
-    std::vector<unsigned> found;
-    for (const auto& event : simulator.trace())
-        if (event["event"] == "call" && event["service"] == "card 1 function 0")
-            found.push_back(event["selector"]);
-    return found;
+/// Registrations for messages that the driver has seen.
+std::vector<DriverEvent> registrations(const RunningSimulator& simulator) {
+    return simulator.calls(wire::kRegisterInterruptAsyncCallback);
+}
+
+/// Has the driver send a message with these arguments so many times; status of the answer.
+int send(const RunningSimulator& simulator, const std::string& arguments, uint64_t count = 1) {
+    return simulator
+        .control("POST", "/messages",
+                 R"({"arguments": )" + arguments + R"(, "count": )" + std::to_string(count) + "}")
+        .status;
 }
 
 /// Opens with interrupts, and waits until the driver knows where messages go.
 bool open_for_messages(kivDriverClient& client, const RunningSimulator& simulator) {
-    const std::size_t before = simulator.calls(22).size();
-    return client.open(true) == 0 && wait_until([&] { return simulator.calls(22).size() > before; });
+    const std::size_t before = registrations(simulator).size();
+    return client.open(true) == 0 && wait_until([&] { return registrations(simulator).size() > before; });
 }
 
 }  // namespace
@@ -105,13 +111,19 @@ TEST(DriverNotification, StartsAndEndsWithOpenAndClose) {
     RunningSimulator simulator;
     const auto client = first_client();
     EXPECT_EQ(client->open(true), 0);
-    EXPECT_TRUE(wait_until([&] { return simulator.calls(22).size() == 1; }));
+    EXPECT_TRUE(wait_until([&] { return registrations(simulator).size() == 1; }));
     EXPECT_EQ(client->open(true), 0) << "the thread that runs stays";
     EXPECT_EQ(client->close(), 0);
-    const std::vector<unsigned> expected = {26, 31, 24, 14, 13, 13, 14, 13, 13,
-                                            22, 24, 14, 13, 13, 14, 13, 13, 25};
-    EXPECT_EQ(selectors(simulator), expected);
-    EXPECT_EQ(simulator.calls(22)[0]["input"], "");
+    using namespace wire;
+    // clang-format off
+    const std::vector<uint32_t> expected = {
+        kLoadBootConf, kGetDeviceConf, kInit,
+        kGetIoBusAddress, kSelectMemory, kSelectMemory, kGetIoBusAddress, kSelectMemory, kSelectMemory,
+        kRegisterInterruptAsyncCallback, kInit,
+        kGetIoBusAddress, kSelectMemory, kSelectMemory, kGetIoBusAddress, kSelectMemory, kSelectMemory, kDeinit};
+    // clang-format on
+    EXPECT_EQ(simulator.selectors("card 1 function 0"), expected);
+    EXPECT_EQ(registrations(simulator)[0].input, "");
     EXPECT_EQ(client->open(true), -1);
 }
 
@@ -120,11 +132,12 @@ TEST(DriverNotification, DeliversEveryNumberOfArgumentsOnItsThread) {
     const auto client = first_client();
     Received received(*client);
     ASSERT_TRUE(open_for_messages(*client, simulator));
-    const Json sixteen = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, ~uint64_t{0}};
-    for (const Json& arguments : {Json::array(), Json{~uint64_t{0} - 1}, Json{7, 8, 9}, sixteen})
-        EXPECT_EQ(control(simulator, "POST", "/messages", {{"arguments", arguments}}), "ok");
-    for (const Json& arguments : {Json{1, 2}, Json(std::vector<int>(17, 1))})
-        EXPECT_EQ(control(simulator, "POST", "/messages", {{"arguments", arguments}}), "400");
+    for (const char* const arguments :
+         {"[]", "[18446744073709551614]", "[7, 8, 9]",
+          "[1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 18446744073709551615]"})
+        EXPECT_EQ(send(simulator, arguments), 200);
+    for (const char* const arguments : {"[1, 2]", "[1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1]"})
+        EXPECT_EQ(send(simulator, arguments), 400);
     ASSERT_TRUE(received.reach(3));
     const auto events = received.events();
     ASSERT_EQ(events.size(), 3u) << "a message without arguments is none";
@@ -146,7 +159,7 @@ TEST(DriverNotification, LosesAndReordersNothing) {
     std::atomic<uint64_t> in_order = 0;
     client->set_callback([&](const InterruptEvent& event) { in_order += event.word[0] == in_order; });
     ASSERT_TRUE(open_for_messages(*client, simulator));
-    control(simulator, "POST", "/messages", {{"arguments", {0, 1, 2}}, {"count", kMessages}});
+    send(simulator, "[0, 1, 2]", kMessages);
     EXPECT_TRUE(wait_until([&] { return in_order == kMessages; }, std::chrono::seconds(50))) << in_order;
     EXPECT_EQ(client->close(), 0);
 }
@@ -162,7 +175,7 @@ TEST(DriverNotification, AProgramThatDoesNotReadHoldsOthersUpForAWhileOnly) {
     good->set_callback([&](const InterruptEvent& event) { in_order += event.word[0] == in_order; });
     ASSERT_TRUE(open_for_messages(*stuck, simulator));
     ASSERT_TRUE(open_for_messages(*good, simulator));
-    control(simulator, "POST", "/messages", {{"arguments", {0}}, {"count", kMessages}});
+    send(simulator, "[0]", kMessages);
     EXPECT_TRUE(wait_until([&] { return in_order == kMessages; })) << in_order;
     gate.set_value();
     EXPECT_EQ(stuck->close(), 0);
@@ -182,14 +195,14 @@ TEST(DriverNotification, TheCallbackMayThrowReplaceItselfAndTryToClose) {
         throw 1;
     });
     ASSERT_TRUE(open_for_messages(*client, simulator));
-    control(simulator, "POST", "/messages", {{"arguments", {5}}, {"count", 3}});
+    send(simulator, "[5]", 3);
     ASSERT_TRUE(wait_until([&] { return closed == -1; }));
     EXPECT_TRUE(client->isOpen());
     EXPECT_EQ(client->reset_buffer(), 0);
     client->set_callback(nullptr);
     ASSERT_NE(later, nullptr);
     EXPECT_LE(later->count(), 2u);
-    control(simulator, "POST", "/messages", {{"arguments", {5}}});
+    send(simulator, "[5]");
     EXPECT_EQ(client->close(), 0);
 }
 
@@ -203,7 +216,7 @@ TEST(DriverNotification, EnabledInterruptsComeByTheCardsOwnTimer) {
     ASSERT_EQ(client->enable_interrupt(4), 0);
     ASSERT_TRUE(received.reach(3));
     ASSERT_EQ(client->disable_interrupt(4), 0);
-    EXPECT_EQ(control(simulator, "GET")["driver"]["connections"][0]["interrupts"], Json::array());
+    EXPECT_EQ(parsed(simulator.control("GET").body)["driver"]["connections"][0]["interrupts"], Json::array());
     const auto events = received.events();
     for (std::size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(events[i].word[0], 4u);
@@ -214,7 +227,7 @@ TEST(DriverNotification, EnabledInterruptsComeByTheCardsOwnTimer) {
 
 TEST(DriverNotification, EachFailureIsSaidAndLeavesAClientThatCanTryAgain) {
     auto cards = kivsim::default_cards();
-    cards[0].driver_faults = {{22, 1, static_cast<int32_t>(0xE00002D5), 0, {}}};
+    cards[0].driver_faults = {fault(wire::kRegisterInterruptAsyncCallback).nth(1).status(kIOReturnBusy)};
     RunningSimulator simulator(cards);
     const auto client = first_client();
     Received received(*client);
@@ -232,7 +245,7 @@ TEST(DriverNotification, EachFailureIsSaidAndLeavesAClientThatCanTryAgain) {
         EXPECT_EQ(said, Lines{text});
     }
     EXPECT_TRUE(open_for_messages(*client, simulator));
-    control(simulator, "POST", "/messages", {{"arguments", {5}}});
+    send(simulator, "[5]");
     EXPECT_TRUE(received.reach(1));
     EXPECT_EQ(client->close(), 0);
 }
@@ -276,7 +289,7 @@ TEST(DriverNotification, OutlivesTheDriverProcess) {
     });
     running->send_signal(SIGKILL);
     ASSERT_EQ(calls.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    EXPECT_EQ(status, 0x10000003);
+    EXPECT_EQ(status, MACH_SEND_INVALID_DEST);
     EXPECT_EQ(client->close(), -1) << "nobody takes the leave";
     running = start();
     kiv_scan_t scan{};

@@ -5,15 +5,14 @@
 #include <gtest/gtest.h>
 #include "Simulator.h"
 
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include <kiv/hpsClient.h>
 #include "support/CapturedLog.h"
+#include "support/ControlAddress.h"
+#include "support/Json.h"
+#include "support/Lines.h"
 #include "support/TemporaryDirectory.h"
-
-using Json = nlohmann::ordered_json;
-using Lines = std::vector<std::string>;
 
 template <typename... Values>
 std::string words(const Values&... values) {
@@ -33,9 +32,8 @@ class CardServer {
 
     /// Asks the control address: status and JSON of the answer.
     std::string control(const std::string& method, const std::string& path = "", const Json& body = {}) {
-        HttpClient client("http://" + simulator_.control_address() + "/cards/1");
-        const HttpResult result = client.perform(method, path, body.dump(), "application/json", 2);
-        return std::to_string(result.status) + " " + Json::parse(result.body).dump();
+        const ControlAnswer answer = ask_control(simulator_.control_address(), method, path, text_of(body));
+        return std::to_string(answer.status) + " " + text_of(parsed(answer.body));
     }
 
     /// The requests so far, whole, and the methods of those whose path below the base path starts so.

@@ -12,13 +12,13 @@ namespace {
 /// handle_json's payload, the order of its keys included, or the caller's value, kept.
 std::string payload(const HttpResult& result) {
     Json out = "kept";
-    return HpsHttpHelper::handle_json(result, out) ? out.dump() : "failure " + out.dump();
+    return HpsHttpHelper::handle_json(result, out) ? text_of(out) : "failure " + text_of(out);
 }
 
 /// The log of a body that is not JSON.
 Lines parse_error(const std::string& body) {
     try {
-        return {"valid: " + Json::parse(body).dump()};
+        return {"valid: " + text_of(parsed(body))};
     } catch (const Json::exception& error) {
         return {std::string("JSON parse error: ") + error.what(), "body=[" + body + "]"};
     }
@@ -83,7 +83,7 @@ TEST(HpsHttpHelper, RefusesMoreLevelsOrKeysThanAnyAnswerHas) {
             text += R"(,"b\\":{"c":[]})";
         return text + "}";
     };
-    const auto as_text = [](const std::string& text) { return R"({"data":)" + Json(text).dump() + "}"; };
+    const auto as_text = [](const std::string& text) { return R"({"data":)" + text_of(text) + "}"; };
     std::string objects = "[" + keyed(1000);
     for (int i = 0; i < 20'000; ++i)
         objects += R"(,{},{"key":0})";

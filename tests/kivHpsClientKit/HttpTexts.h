@@ -4,15 +4,12 @@
 
 #include <curl/curl.h>
 
-#include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
 
 #include <kiv/kivClient.h>
+#include "support/Json.h"
+#include "support/Lines.h"
 #include "support/LoopbackServer.h"
-
-using Json = nlohmann::ordered_json;
-using Lines = std::vector<std::string>;
 
 /// "success 200 [body]", "failure 404 [body] error".
 inline std::string text(const HttpResult& result) {

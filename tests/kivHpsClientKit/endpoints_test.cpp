@@ -82,7 +82,7 @@ TEST(hpsEndpoints, EachSendsItsRequestAndReadsThePayloadHoweverWrapped) {
     const std::string image = directory / "fw.bin", log = directory / "log";
     write_file(image, "\r\nimage");
     const std::string json = "application/json|", line = "------WebKitFormBoundary7MA4YWxkTrZu0gW";
-    const std::string document = R"({"z":{"b":[1,"2"]},"a":1.50})", printed = Json::parse(document).dump(4);
+    const std::string document = R"({"z":{"b":[1,"2"]},"a":1.50})", printed = parsed(document).dump(4);
     // clang-format off
     const std::string form = "multipart/form-data; boundary=" + line.substr(2) + "|" + line + "\r\nContent-Disposition: form-data; name=\"file\"; "
         "filename=\"fw.bin\"\r\nContent-Type: application/octet-stream\r\n\r\n\r\nimage\r\n" + line + "--\r\n";
@@ -117,10 +117,10 @@ TEST(hpsEndpoints, EachSendsItsRequestAndReadsThePayloadHoweverWrapped) {
     for (const auto& [call, method, path, carried, payload, wanted, failed] : rows) {
         SCOPED_TRACE(method + path);
         const bool reads = !payload.empty();
-        const Json value = reads ? Json::parse(payload) : Json("ok");
-        const auto good = [](const Json& body) { return LoopbackServer::http(200, body.dump()); };
-        Connection to({good({{"data", value}}), good({{"data", value.dump()}}), good(value),
-                       LoopbackServer::http(404, value.dump()), LoopbackServer::http(299, "OK")});
+        const Json value = reads ? parsed(payload) : Json("ok");
+        const auto good = [](const Json& body) { return LoopbackServer::http(200, text_of(body)); };
+        Connection to({good({{"data", value}}), good({{"data", text_of(value)}}), good(value),
+                       LoopbackServer::http(404, text_of(value)), LoopbackServer::http(299, "OK")});
         for (int wrapping = 0; wrapping < 3; ++wrapping) {
             EXPECT_EQ(call(to.client), wanted) << wrapping;
             EXPECT_EQ(to.sent(), method + " /api/v1.0" + path + " HTTP/1.1|" + carried);
@@ -139,7 +139,7 @@ TEST(hpsEndpoints, EachSendsItsRequestAndReadsThePayloadHoweverWrapped) {
 
 /// What a call gives for a payload, or the kind of error that it raises.
 std::string outcome(const Call& call, const Json& payload) try {
-    Connection to({LoopbackServer::http(200, Json{{"data", payload}}.dump())});
+    Connection to({LoopbackServer::http(200, text_of({{"data", payload}}))});
     return call(to.client);
 } catch (const Json::out_of_range&) {
     return "out_of_range";
@@ -163,12 +163,12 @@ TEST(hpsEndpoints, PayloadsOfOtherShapesAreLeftAloneOrRaise) {
     // clang-format on
     EXPECT_EQ(hpsClient::convert2string(3232235786u), "192.168.1.10");
     for (const auto& [call, payload, wanted] : rows)
-        EXPECT_EQ(outcome(call, Json::parse(payload)), wanted) << payload;
+        EXPECT_EQ(outcome(call, parsed(payload)), wanted) << payload;
 }
 
 TEST(hpsEndpoints, ThePtpRecordsNeedEveryKeyInItsType) {
     for (const auto& [call, text] : {std::pair(kMasterRecord, kMaster), {kManagementRecord, kManagement}}) {
-        const Json whole = Json::parse(text);
+        const Json whole = parsed(text);
         const Json leaves = whole.flatten();
         std::vector<Json::json_pointer> keys;
         for (const auto& leaf : leaves.items()) {

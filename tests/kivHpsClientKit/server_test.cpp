@@ -12,7 +12,7 @@ using Results = std::vector<int32_t>;
 
 /// What the JSON library itself says of a text.
 std::string parse_error_of(const std::string& text) try {
-    return Json::parse(text).dump();
+    return text_of(parsed(text));
 } catch (const Json::parse_error& error) {
     return error.what();
 }
@@ -28,7 +28,7 @@ struct hpsServer : testing::Test {
         return words(result, one, two);
     }
     static std::string refusal(const std::string& reason) {
-        return "HTTP status=400, body={\"data\":{\"error\":" + Json(reason).dump() + "}}";
+        return "HTTP status=400, body={\"data\":{\"error\":" + text_of(reason) + "}}";
     }
     CapturedLog log;
     CardServer card;
@@ -107,7 +107,7 @@ TEST_F(hpsServer, ItsControlAddressShowsRegistrationsAndChangesAnswers) {
     const std::string line =
         R"({"card":1,"method":"PATCH","path":"/api/v1.0/alive/56","body":"null","status":200,)";
     EXPECT_NE(card.log().find(line + R"("answer":"{\"data\":\"ok\"}"})" + "\n"), std::string::npos);
-    card.control("PATCH", "", {{"hwmon", Json::parse("[{}]")}});
+    card.control("PATCH", "", {{"hwmon", parsed("[{}]")}});
     for (const auto& [wrapping, body] :
          {std::pair("text", R"({"data":"[{}]"})"), {"none", "[{}]"}, {"object", R"({"data":[{}]})"}}) {
         EXPECT_EQ(card.control("PATCH", "", {{"wrapping", wrapping}}), "200 \"ok\"");

@@ -74,8 +74,7 @@ TEST_F(hpsThreads, TheDigestTakesTheKeysThatAreThere) {
     };
     // clang-format on
     for (const auto& [master, management, wanted] : cases) {
-        const Json documents{{"ptp_master", Json::parse(master)},
-                             {"ptp_management", Json::parse(management)}};
+        const Json documents{{"ptp_master", parsed(master)}, {"ptp_management", parsed(management)}};
         EXPECT_EQ(card.control("PATCH", "", documents), "200 \"ok\"");
         start();
         EXPECT_EQ(digest(*client), wanted);
@@ -103,7 +102,7 @@ INSTANTIATE_TEST_SUITE_P(, hpsThreadsFailing, testing::Range(0, 4));
 TEST_P(hpsThreadsFailing, ADocumentThatCannotBeHadOrReadEndsThePollingOnly) {
     auto [document, fault, lines] = kFailures[GetParam()];
     Json whole{{"path", document}, {"nth", 1}};
-    whole.update(Json::parse(fault));
+    whole.update(parsed(fault));
     EXPECT_EQ(card.control("POST", "/faults", whole), "200 \"ok\"");
     const Stopwatch watch;
     start();

@@ -4,12 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include "support/ConfigurationFile.h"
+#include "support/Json.h"
 #include "support/Program.h"
-
-using Json = nlohmann::json;
 
 extern const char* const kKivctlProgram;
 
@@ -29,7 +26,7 @@ class Kivctl : public testing::Test {
         words.push_back("--json");
         const Ended ended = run(words);
         EXPECT_EQ(ended.status, 0) << ended.err;
-        return Json::parse(ended.out, nullptr, false);
+        return ended.status == 0 ? parsed(ended.out) : Json();
     }
 
     ConfigurationFile configuration_;

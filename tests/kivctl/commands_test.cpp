@@ -1,6 +1,5 @@
 // The commands for one card, and the examples beside them, against the simulator.
 #include <fcntl.h>
-#include <httplib.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -26,9 +25,8 @@ class KivctlCard : public Kivctl {
     }
 
     void change(const Json& members) {
-        httplib::Client client("http://" + simulator_.control_address());
-        const auto answer = client.Patch("/cards/1", members.dump(), "application/json");
-        ASSERT_TRUE(answer && answer->status == 200) << (answer ? answer->body : "no answer");
+        const ControlAnswer answer = ask_control(simulator_.control_address(), "PATCH", "", text_of(members));
+        ASSERT_EQ(answer.status, 200) << answer.body;
     }
 
     /// The last reconfiguration that the card's server was asked for.
@@ -81,12 +79,12 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
          R"([{"id": 1, "announce_receipt_timeout": 3, "domain": 127, "log_announce_interval": -2,
               "log_delay_req_interval": -3, "unicast_delay_req": false, "tos": [46, 46], "ttl": [64, 64]}])"}};
     for (const auto& [words, document] : kDocuments)
-        EXPECT_EQ(json_of(words), Json::parse(document)) << words[0];
+        EXPECT_EQ(json_of(words), parsed(document)) << words[0];
 
     const Json status = json_of({"status", "1"});
     EXPECT_EQ(status["sensors"].size(), 7u);
     EXPECT_EQ(status["sensors"][6],
-              Json::parse(R"({"name": "QSFP2 case", "input": 42, "max": 70, "critical": 75})"));
+              parsed(R"({"name": "QSFP2 case", "input": 42, "max": 70, "critical": 75})"));
     EXPECT_EQ(status["board_power"], 63);
     EXPECT_NE(run({"status", "1"}).out.find("\nBoard rear       39   70   80\n"), std::string::npos);
 
@@ -95,10 +93,10 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
     EXPECT_GT(time["epoch"], 0);
 
     Json ptp = json_of({"ptp", "1"});
-    EXPECT_EQ(ptp["config"]["ttl"], Json::parse("[64, 64]"));
+    EXPECT_EQ(ptp["config"]["ttl"], parsed("[64, 64]"));
     EXPECT_GT(ptp["status"]["tai_time"], 0);
     ptp["status"].erase("tai_time");
-    EXPECT_EQ(ptp["status"], Json::parse(R"({"state": 0, "utc_offset": 37, "utc_offset_valid": true,
+    EXPECT_EQ(ptp["status"], parsed(R"({"state": 0, "utc_offset": 37, "utc_offset_valid": true,
         "grandmaster": "0x001DC1FFFE123456", "selected_source": null})"));
     EXPECT_NE(run({"ptp", "1"}).out.find("\nSelected as PTP source  not known\n"), std::string::npos);
 }
@@ -112,14 +110,14 @@ TEST_F(KivctlCard, LeavesOutWhatIsNotKnown) {
             {"registers", {{"1", {{"0x21430", 0}, {"0x214A0", 0}}}}}});
 
     EXPECT_EQ(json_of({"link", "1"})["ports"][0],
-              Json::parse(R"({"port": 0, "link": "down", "load_a": null, "load_b": null})"));
+              parsed(R"({"port": 0, "link": "down", "load_a": null, "load_b": null})"));
     EXPECT_EQ(run({"link", "1"}).out,
               "PORT  LINK  LOAD A %  LOAD B %\n"
               "0     down  -         -\n"
               "1     up    40.00     5.00\n");
     const Json ptp = json_of({"ptp", "1"});
     EXPECT_TRUE(ptp["status"]["state"].is_null());
-    EXPECT_EQ(ptp["config"]["ttl"], Json::parse("[null, null]"));
+    EXPECT_EQ(ptp["config"]["ttl"], parsed("[null, null]"));
     EXPECT_EQ(ptp["config"]["domain"], 200);
     EXPECT_NE(run({"config", "show"}).out.find("yes      -, -  -, -\n"), std::string::npos);
 
@@ -146,14 +144,14 @@ TEST_F(KivctlCard, PtpSetChangesOnlyWhatIsGivenAndSavesOnlyOnDemand) {
     EXPECT_NE(saved.err.find("saved in the card configuration"), std::string::npos) << saved.err;
     EXPECT_EQ(last_reconfiguration(),
               "macethP=10.9.8.7/30,0,64,1 macethS=10.1.2.3/8,0,2,46 macptp=127,-2,5,1,1 ");
-    const Json file = Json::parse(configuration_.read());
+    const Json file = parsed(configuration_.read());
     EXPECT_EQ(file["devices"][0]["maceth0"]["ip_addr"], "10.9.8.7");
     EXPECT_EQ(file["ptp"]["announceReceiptTimeout"], 5);
 
-    configuration_.write(file.dump());
-    EXPECT_EQ(json_of({"config", "save"}), Json::parse(R"({"saved": true})"));
-    EXPECT_EQ(Json::parse(configuration_.read()), file);
-    EXPECT_NE(configuration_.read(), file.dump());
+    configuration_.write(text_of(file));
+    EXPECT_EQ(json_of({"config", "save"}), parsed(R"({"saved": true})"));
+    EXPECT_EQ(parsed(configuration_.read()), file);
+    EXPECT_NE(configuration_.read(), text_of(file));
 }
 
 TEST_F(KivctlCard, FlashWriteTellsItsPhasesUntilTheCardIsIdle) {
@@ -219,20 +217,20 @@ TEST_F(KivctlCard, WatchPrintsChangesUntilASignal) {
     Program json(kivctl({"watch", "--json"}));
     Program text(kivctl({"watch", "1"}));
     EXPECT_EQ(text.read_line().substr(23), "  card 1    link   port 0 up, port 1 up");
-    Json event = Json::parse(json.read_line(), nullptr, false);
+    Json event = parsed(json.read_line());
     EXPECT_EQ(event["time"].get<std::string>().size(), std::string("2000-01-01T00:00:00.000Z").size());
     EXPECT_EQ(event["card"], 1);
 
     change({{"links", {true, false}}});
     EXPECT_EQ(text.read_line().substr(23), "  card 1    link   port 1 down");
-    event = Json::parse(json.read_line(), nullptr, false);
-    EXPECT_EQ(event["ports"], Json::parse(R"([{"port": 0, "changed": false, "link": "up"},
+    event = parsed(json.read_line());
+    EXPECT_EQ(event["ports"], parsed(R"([{"port": 0, "changed": false, "link": "up"},
                                               {"port": 1, "changed": true, "link": "down"}])"));
     change({{"ptp_state", 3}});
     EXPECT_EQ(text.read_line().substr(23), "  card 1    ptp    state 3");
-    event = Json::parse(json.read_line(), nullptr, false);
+    event = parsed(json.read_line());
     event.erase("time");
-    EXPECT_EQ(event, Json::parse(R"({"card": 1, "event": "ptp", "state": 3})"));
+    EXPECT_EQ(event, parsed(R"({"card": 1, "event": "ptp", "state": 3})"));
 
     json.send_signal(SIGINT);
     text.send_signal(SIGTERM);

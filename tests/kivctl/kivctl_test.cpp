@@ -17,13 +17,12 @@ TEST_F(Kivctl, ScanAgreesWithTheCardsFile) {
 
     const Ended json = run({"scan", "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_EQ(
-        Json::parse(json.out),
-        Json::parse(R"([{"id": 3, "card_word": "0x5354323131300003", "ports": ["172.16.0.1", "172.16.1.1"],
+    EXPECT_EQ(parsed(json.out),
+              parsed(R"([{"id": 3, "card_word": "0x5354323131300003", "ports": ["172.16.0.1", "172.16.1.1"],
                                "server": ")" +
-                    servers[1] + R"("}, {"id": 200, "card_word": "0x1122334455667788",
+                     servers[1] + R"("}, {"id": 200, "card_word": "0x1122334455667788",
                                "ports": ["10.9.8.7", "10.9.8.6"], "server": ")" +
-                    servers[0] + R"("}])"));
+                     servers[0] + R"("}])"));
 
     const Ended table = run({"scan"});
     EXPECT_EQ(table.status, 0);
@@ -38,7 +37,7 @@ TEST_F(Kivctl, InfoShowsOneCard) {
     RunningSimulator simulator;
     const Ended json = run({"info", "2", "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_EQ(Json::parse(json.out), Json::parse(R"({"id": 2,
+    EXPECT_EQ(parsed(json.out), parsed(R"({"id": 2,
         "registers": {"0x00": "0x4B49562D32313130", "0x08": "0x0002000000010000", "0x10": "0x5354323131300002",
                       "0x18": "0x0000000020260002"},
         "ports": [{"mac_address": "02:4b:56:00:02:00", "link_speed_gbps": 100, "ip_address": "192.168.10.12",

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "support/Lines.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Waiting.h"
 
@@ -39,7 +40,6 @@ namespace {
 
 using kiv::log::LogConfig;
 using std::chrono::milliseconds;
-using Lines = std::vector<std::string>;
 
 /// "level text" of each line that a callback got.
 void keep(kiv_log_level_t level, const char* message, void* lines) {

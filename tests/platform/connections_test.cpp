@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include "driver/wire.h"
 
 #include <algorithm>
 #include <array>
@@ -8,12 +7,11 @@
 #include <thread>
 
 #include "platform/Services.h"
+#include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
 #include "support/Waiting.h"
 
 namespace {
-
-namespace wire = kiv::wire;
 
 template <typename Bytes>
 std::string hex(const Bytes& bytes, size_t size) {
@@ -59,8 +57,8 @@ TEST(PlatformConnections, ACallCarriesItsBytesAndTakesWhatFits) {
     };
     // clang-format on
     auto cards = kivsim::default_cards();
-    cards[0].driver_faults = {{wire::kGetPtpEpochTime, {}, 0, 0, 5},
-                              {wire::kGetAncInfo, {}, kIOReturnNotReady, 0, {}}};
+    cards[0].driver_faults = {fault(wire::kGetPtpEpochTime).reply_size(5),
+                              fault(wire::kGetAncInfo).status(kIOReturnNotReady)};
     const RunningSimulator simulator(cards);
     const io_connect_t connect = open_first();
 
@@ -85,9 +83,9 @@ TEST(PlatformConnections, ACallCarriesItsBytesAndTakesWhatFits) {
             continue;
         }
         ASSERT_EQ(traced.size(), traced_before + 1);
-        EXPECT_EQ(traced.back()["input"], hex(input, row.input_size));
+        EXPECT_EQ(traced.back().input, hex(input, row.input_size));
         if (row.produced != 0) {
-            EXPECT_EQ(traced.back()["reply"], hex(output, row.produced));
+            EXPECT_EQ(traced.back().reply, hex(output, row.produced));
         }
     }
 
@@ -96,7 +94,7 @@ TEST(PlatformConnections, ACallCarriesItsBytesAndTakesWhatFits) {
 
 TEST(PlatformConnections, AStalledCallBlocksNobodyAndEndsWithItsConnection) {
     auto cards = kivsim::default_cards();
-    cards[0].driver_faults = {{wire::kGetPtpEpochTime, {}, 0, 60000, {}}};
+    cards[0].driver_faults = {fault(wire::kGetPtpEpochTime).delay_ms(60000)};
     const RunningSimulator simulator(cards);
     const io_connect_t stalled = open_first();
     const io_connect_t other = open_first();

@@ -1,3 +1,4 @@
+#include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
 #include "card/CardSettings.h"
 
@@ -88,7 +89,7 @@ TEST(CardsFile, GivesItsKeysTheirMeaning) {
               std::tuple(0x0A000001u, 0xFFFFFFFFu, 0x0A010203u, 65535, true));
     const kivsim::DriverFault& fault = card.driver_faults.at(0);
     EXPECT_EQ(std::tuple(fault.selector, fault.nth, fault.status, fault.delay_ms, fault.reply_size),
-              std::tuple(5u, 2u, static_cast<int32_t>(0xE00002D5), 7u, 0u));
+              std::tuple(5u, 2u, kIOReturnBusy, 7u, 0u));
     // The interfaces that are left out tell of the addresses.
     EXPECT_EQ(card.interfaces.at(1).ip_addr, "255.255.255.255");
     EXPECT_EQ(cards[1].interfaces.at(2).ip_addr, "127.0.0.1");

@@ -1,17 +1,18 @@
+#include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
 
 #include <kiv/kivClient.h>
 #include <kiv/kivDriverClient.h>
+#include "support/Json.h"
 #include "support/RunningSimulator.h"
 
 namespace {
 
 TEST(Control, RefusesABadValueAndTakesACardOutOfItsSlotAndBack) {
     RunningSimulator simulator;
-    HttpClient control("http://" + simulator->control_address());
     const auto patch = [&](const std::string& body) {
-        const HttpResult result = control.perform("PATCH", "/cards/1", body, "application/json", 5);
-        return std::to_string(result.status) + " " + nlohmann::json::parse(result.body).dump();
+        const ControlAnswer answer = simulator.control("PATCH", "", body);
+        return std::to_string(answer.status) + " " + text_of(parsed(answer.body));
     };
     // clang-format off
     const std::pair<const char*, const char*> rows[] = {
@@ -36,7 +37,7 @@ TEST(Control, RefusesABadValueAndTakesACardOutOfItsSlotAndBack) {
     for (const bool back : {false, true}) {
         EXPECT_EQ(patch(back ? R"({"removed": false})" : R"({"removed": true, "links": [true, false]})"),
                   R"(200 "ok")");
-        EXPECT_EQ(clients[0]->read_pci64(0, 0x140, &value), back ? 0 : static_cast<int32_t>(0xE00002D9));
+        EXPECT_EQ(clients[0]->read_pci64(0, 0x140, &value), back ? 0 : kIOReturnNotAttached);
         EXPECT_EQ(kivDriverClient::enumerateDevices("kivPCIService").size(), back ? 4u : 2u);
         EXPECT_EQ(server.get("/api/v1.0/hps/hwmon/info").success, back);
     }

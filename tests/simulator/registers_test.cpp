@@ -1,3 +1,4 @@
+#include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
 
 #include <kiv/kivDriverClient.h>
@@ -5,7 +6,6 @@
 
 namespace {
 
-constexpr int32_t kBadArgument = static_cast<int32_t>(0xE00002C2);
 constexpr uint64_t kEnd = 16u << 20;  ///< Of every BAR.
 
 TEST(SimulatedCards, ShareMemoryBetweenTheirFunctions) {
@@ -34,12 +34,12 @@ TEST(SimulatedCards, ShareMemoryBetweenTheirFunctions) {
     }
     const std::pair<uint32_t, uint64_t> outside[] = {{6, 0}, {~0u, 0}, {0, kEnd - 3}, {0, ~uint64_t{0} - 7}};
     for (const auto& [bar, offset] : outside) {
-        EXPECT_EQ(one.read_pci32(bar, offset, &word), kBadArgument) << offset;
-        EXPECT_EQ(one.write_pci32(bar, offset, 1), kBadArgument) << offset;
-        EXPECT_EQ(one.read_pci64(bar, offset, &value), kBadArgument) << offset;
-        EXPECT_EQ(one.write_pci64(bar, offset, 1), kBadArgument) << offset;
+        EXPECT_EQ(one.read_pci32(bar, offset, &word), kIOReturnBadArgument) << offset;
+        EXPECT_EQ(one.write_pci32(bar, offset, 1), kIOReturnBadArgument) << offset;
+        EXPECT_EQ(one.read_pci64(bar, offset, &value), kIOReturnBadArgument) << offset;
+        EXPECT_EQ(one.write_pci64(bar, offset, 1), kIOReturnBadArgument) << offset;
     }
-    EXPECT_EQ(one.read_pci64(0, kEnd - 7, &value), kBadArgument);
+    EXPECT_EQ(one.read_pci64(0, kEnd - 7, &value), kIOReturnBadArgument);
 }
 
 }  // namespace

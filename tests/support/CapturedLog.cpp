@@ -14,7 +14,7 @@ void CapturedLog::again() {
     kivLog_open(&config_, KIV_LOG_SINK_CALLBACK, &CapturedLog::receive, this);
 }
 
-std::vector<std::string> CapturedLog::take() {
+Lines CapturedLog::take() {
     const std::lock_guard lock(mutex_);
     return std::exchange(lines_, {});
 }

@@ -5,8 +5,8 @@
 #include <kiv/kivLog.h>
 
 #include <mutex>
-#include <string>
-#include <vector>
+
+#include "support/Lines.h"
 
 /// A configured management-server client sends lines back to the back end (it reopens the log): call again()
 /// then.
@@ -21,14 +21,14 @@ class CapturedLog {
     void again();
 
     /// The texts so far, and with them none.
-    std::vector<std::string> take();
+    Lines take();
 
   private:
     static void receive(kiv_log_level_t level, const char* message, void* self);
 
     const kiv_log_config_t config_;
     std::mutex mutex_;
-    std::vector<std::string> lines_;
+    Lines lines_;
 };
 
 #endif

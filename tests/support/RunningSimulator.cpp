@@ -3,6 +3,22 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "support/Json.h"
+
+namespace {
+
+/// One object for each line of a file.
+template <typename Make>
+auto objects_of(const std::string& file, Make make) {
+    std::vector<decltype(make(Json()))> objects;
+    std::istringstream lines(read_file(file));
+    for (std::string line; std::getline(lines, line);)
+        objects.push_back(make(parsed(line)));
+    return objects;
+}
+
+}  // namespace
+
 RunningSimulator::RunningSimulator(std::vector<kivsim::CardSettings> cards) {
     setenv("KIVSIM_SOCKET", socket_path().c_str(), 1);
     simulator_ = std::make_unique<kivsim::Simulator>(cards, socket_path(), directory_ / "trace",
@@ -11,18 +27,41 @@ RunningSimulator::RunningSimulator(std::vector<kivsim::CardSettings> cards) {
 
 RunningSimulator::~RunningSimulator() = default;
 
-std::vector<nlohmann::json> RunningSimulator::lines_of(const char* file) const {
-    std::vector<nlohmann::json> events;
-    std::istringstream lines(read_file(directory_ / file));
-    for (std::string line; std::getline(lines, line);)
-        events.push_back(nlohmann::json::parse(line));
-    return events;
+std::vector<DriverEvent> RunningSimulator::trace() const {
+    return objects_of(directory_ / "trace", [](const Json& line) {
+        const auto text = [&](const char* key) { return line.value(key, std::string()); };
+        const auto number = [&](const char* key) { return line.value(key, 0u); };
+        return DriverEvent{text("event"), text("service"), number("type"), number("selector"),
+                           text("input"), text("status"),  text("reply")};
+    });
 }
 
-std::vector<nlohmann::json> RunningSimulator::calls(unsigned selector) const {
-    std::vector<nlohmann::json> found;
-    for (auto& event : trace()) {
-        if (event["event"] == "call" && event["selector"] == selector) found.push_back(event);
+std::vector<CardRequest> RunningSimulator::requests() const {
+    return objects_of(directory_ / "requests", [](const Json& line) {
+        return CardRequest{line.at("method"), line.at("path"), line.at("body")};
+    });
+}
+
+std::vector<DriverEvent> RunningSimulator::calls(uint32_t selector) const {
+    std::vector<DriverEvent> found = trace();
+    std::erase_if(found, [=](const DriverEvent& e) { return e.event != "call" || e.selector != selector; });
+    return found;
+}
+
+std::vector<uint32_t> RunningSimulator::selectors(const std::string& service) const {
+    std::vector<uint32_t> found;
+    for (const DriverEvent& event : trace()) {
+        if (event.event == "call" && (service.empty() || event.service == service))
+            found.push_back(event.selector);
     }
     return found;
+}
+
+int RunningSimulator::open_connections() const {
+    int open = 0;
+    for (const DriverEvent& event : trace()) {
+        if (event.event == "open" && event.status == "0x00000000") ++open;
+        if (event.event == "close") --open;
+    }
+    return open;
 }

@@ -6,12 +6,31 @@
 #include "Simulator.h"
 #include "card/CardSettings.h"
 
+#include <cstdint>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "support/ControlAddress.h"
 #include "support/TemporaryDirectory.h"
+
+/// One line of the driver's trace (see docs/simulator.md).
+struct DriverEvent {
+    std::string event;    ///< "open", "call" or "close".
+    std::string service;  ///< "card 1 function 0".
+    uint32_t type = 0;    ///< Of an opened connection.
+    uint32_t selector = 0;
+    std::string input;   ///< Two hexadecimal digits a byte.
+    std::string status;  ///< "0xe00002d5"
+    std::string reply;
+};
+
+/// A request that a management server answered.
+struct CardRequest {
+    std::string method;
+    std::string path;
+    std::string body;
+};
 
 class RunningSimulator {
   public:
@@ -25,20 +44,30 @@ class RunningSimulator {
     /// Ends the driver process and the servers, as a crash would; connections find nobody.
     void stop() { simulator_.reset(); }
 
-    /// Every driver event so far, in order (see Trace.h for the keys).
-    std::vector<nlohmann::json> trace() const { return lines_of("trace"); }
+    /// Asks the control address about a card, see ask_control().
+    ControlAnswer control(const std::string& method, const std::string& path = "",
+                          const std::string& body = "", unsigned id = 1) const {
+        return ask_control(simulator_->control_address(), method, path, body, id);
+    }
+
+    /// Every driver event so far, in order.
+    std::vector<DriverEvent> trace() const;
 
     /// The trace's calls of one selector.
-    std::vector<nlohmann::json> calls(unsigned selector) const;
+    std::vector<DriverEvent> calls(uint32_t selector) const;
 
-    /// Every answered request to the management servers so far: card, method, path, body, status, answer.
-    std::vector<nlohmann::json> requests() const { return lines_of("requests"); }
+    /// The selectors of all calls, in order; of one service when that is said.
+    std::vector<uint32_t> selectors(const std::string& service = "") const;
+
+    /// Connections that the driver has now.
+    int open_connections() const;
+
+    /// Every answered request to the management servers so far.
+    std::vector<CardRequest> requests() const;
 
     std::string socket_path() const { return directory_ / "driver.sock"; }
 
   private:
-    std::vector<nlohmann::json> lines_of(const char* file) const;
-
     TemporaryDirectory directory_;
     std::unique_ptr<kivsim::Simulator> simulator_;
 };
