@@ -156,6 +156,7 @@ TEST_F(Scan, FailsWhenACardDoesNotGiveItsRecord) {
         {card_with_fault(5, unreadable), {"[5]kiv_get_card_info in kiv_scan"}},
     };
     for (const auto& [card, expected] : cases) {
+        SCOPED_TRACE(testing::PrintToString(expected));
         RunningSimulator simulator({card});
         testing::internal::CaptureStdout();  // The open has sent the log back to its back end.
         setenv("OS_ACTIVITY_DT_MODE", "1", 1);

@@ -222,20 +222,25 @@ TEST(DriverCalls, CheckTheirArgumentsInTheirOrder) {
     };
     const auto time = [](Client& c) { return c.get_ptp_epoch_time(nullptr); };
     const Lines bad = {"Bad Arugment"};
-    const std::tuple<std::function<int32_t(Client&)>, Lines, bool, int32_t> rows[] = {
-        {[](Client& c) { return c.read_pci32(0, 0, nullptr); }, bad, false, -1},
-        {[](Client& c) { return c.get_iobus_address(0, 0, nullptr); }, {"Bad arugment"}, false, -1},
-        {time, bad, true, -1},
-        {time, {}, true, kIOReturnBusy},
-        {[](Client& c) { return c.get_anc_info(nullptr, nullptr); }, {}, true, 0},
-        {set(~0u, nullptr), {"Over size max=255 now=4294967295"}, false, -1},
-        {set(255, descriptors), {"Over size max=255 now=255"}, false, -1},
-        {set(1, nullptr), bad, false, -1},
-        {set(0, nullptr), {}, true, 0},
-        {set(254, descriptors), {}, true, 0},
+    const std::tuple<const char*, std::function<int32_t(Client&)>, Lines, bool, int32_t> rows[] = {
+        {"read", [](Client& c) { return c.read_pci32(0, 0, nullptr); }, bad, false, -1},
+        {"bus address",
+         [](Client& c) { return c.get_iobus_address(0, 0, nullptr); },
+         {"Bad arugment"},
+         false,
+         -1},
+        {"time", time, bad, true, -1},
+        {"failing time", time, {}, true, kIOReturnBusy},
+        {"ANC info", [](Client& c) { return c.get_anc_info(nullptr, nullptr); }, {}, true, 0},
+        {"2^32-1 descriptors", set(~0u, nullptr), {"Over size max=255 now=4294967295"}, false, -1},
+        {"255 descriptors", set(255, descriptors), {"Over size max=255 now=255"}, false, -1},
+        {"no place", set(1, nullptr), bad, false, -1},
+        {"no descriptors", set(0, nullptr), {}, true, 0},
+        {"254 descriptors", set(254, descriptors), {}, true, 0},
     };
     size_t events = simulator.trace().size();
-    for (const auto& [run, said, sent, status] : rows) {
+    for (const auto& [what, run, said, sent, status] : rows) {
+        SCOPED_TRACE(what);
         EXPECT_EQ(run(*open), status);
         EXPECT_EQ(lines.take(), said);
         EXPECT_EQ(run(*closed), -1);

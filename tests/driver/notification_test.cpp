@@ -238,6 +238,7 @@ TEST(DriverNotification, EachFailureIsSaidAndLeavesAClientThatCanTryAgain) {
         {Failing::Source, "Failed to get run loop for application."},
         {Failing::Nothing, "Failed ExternalMethodType_RegisterInterruptAsyncCallback"}};
     for (const auto& [failing, text] : rows) {
+        SCOPED_TRACE(text);
         g_failing = failing;
         EXPECT_EQ(client->open(true), 0);
         Lines said;

@@ -1,6 +1,5 @@
 // The management server of a virtual card, as the client sees it.
 #include <curl/curl.h>
-#include <unistd.h>
 
 #include "card/Firmware.h"
 #include "kivHpsClientKit/CardServer.h"
@@ -35,20 +34,6 @@ struct hpsServer : testing::Test {
     hpsClient client;
     const TemporaryDirectory directory;
 };
-
-TEST_F(hpsServer, MembershipsBelongToProcesses) {
-    const std::string own = "[" + std::to_string(getpid()) + "]: 239.0.0.1\n", other = "[7]: 239.0.0.1\n";
-    const hps_igmp any{"239.0.0.1", "maceth0", ""}, one{"239.0.0.1", "maceth0", "10.0.0.1"};
-    const char* const foreign =
-        R"({"settings":[{"pid":7,"dst_ip_addr":"239.0.0.1","if_name":"maceth0","ssm_source_addr":""}]})";
-    EXPECT_EQ((Results{client.igmp_join(any), client.igmp_join(one), client.igmp_join(any)}), Results(3, 0));
-    EXPECT_TRUE(client.http_post("/hps/control/igmp", foreign).success);
-    EXPECT_EQ(client.get_igmp_list(), own + own + other);
-    EXPECT_EQ(client.igmp_leave(any), 0);
-    EXPECT_EQ(client.get_igmp_list(), own + other);
-    EXPECT_EQ(client.igmp_leave(one), 0);
-    EXPECT_EQ(client.get_igmp_list(), other);
-}
 
 TEST_F(hpsServer, AReconfigurationChangesTheInterfacesOrNothing) {
     EXPECT_EQ(client.reconfig_network("macethP=10.1.2.3/20,0,64,0 macptp=0,1,-2,3,4"), 0);

@@ -191,7 +191,8 @@ TEST_F(KivctlCard, FlashWriteTellsItsPhasesUntilTheCardIsIdle) {
 
 TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminal) {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+    if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0)
+        GTEST_SKIP() << "this machine gives no pseudo-terminal";
     const std::string name = ptsname(terminal);
     const int other_end = open(name.c_str(), O_RDWR | O_NOCTTY);  // Until what was written is read.
     const Ended ended = run_program(
