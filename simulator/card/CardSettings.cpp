@@ -1,7 +1,5 @@
 #include "card/CardSettings.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -9,6 +7,7 @@
 #include <set>
 #include <utility>
 
+#include "base/ipText.h"
 #include "card/BarMemory.h"
 #include "common/ConfigNode.h"
 #include "device/registers.h"
@@ -77,9 +76,9 @@ std::vector<InterfaceSettings> believable_interfaces(const CardSettings& card) {
         std::snprintf(text, sizeof text, "02:4b:56:00:%02x:%02x", unsigned{card.id}, last);
         return std::string(text);
     };
-    return {{"maceth0", dotted(card.addresses[0]), "255.255.255.0", mac(0)},
-            {"maceth1", dotted(card.addresses[1]), "255.255.255.0", mac(1)},
-            {"mactun", dotted(card.tunnel_address), "255.255.255.252", mac(2)}};
+    return {{"maceth0", uint32ToIp(card.addresses[0]), "255.255.255.0", mac(0)},
+            {"maceth1", uint32ToIp(card.addresses[1]), "255.255.255.0", mac(1)},
+            {"mactun", uint32ToIp(card.tunnel_address), "255.255.255.252", mac(2)}};
 }
 
 void take_tunnel(const Node& node, CardSettings& card) {
@@ -125,14 +124,6 @@ CardSettings card_of(const Node& node) {
 }
 
 }  // namespace
-
-std::string dotted(uint32_t address) {
-    in_addr network{};
-    network.s_addr = htonl(address);
-    char text[INET_ADDRSTRLEN] = {};
-    inet_ntop(AF_INET, &network, text, sizeof text);
-    return text;
-}
 
 std::vector<RegisterSettings> registers_of(const Node& node) {
     std::vector<RegisterSettings> registers;

@@ -74,9 +74,6 @@ CardSettings believable_card(uint8_t id);
 /// Two cards.
 std::vector<CardSettings> default_cards();
 
-/// Dotted text of an address.
-std::string dotted(uint32_t address);
-
 }  // namespace kivsim
 
 #endif

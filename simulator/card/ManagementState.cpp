@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "base/ipText.h"
+
 namespace kivsim {
 
 namespace {
@@ -86,7 +88,7 @@ bool set_address(std::vector<InterfaceSettings>& interfaces, const char* name, c
     for (InterfaceSettings& entry : interfaces) {
         if (entry.if_name != name) continue;
         entry.ip_addr = parts[0];
-        entry.netmask = dotted(prefix == 0 ? 0 : 0xFFFFFFFFu << (32 - prefix));
+        entry.netmask = bitCountToNetmask(prefix);
     }
     return true;
 }

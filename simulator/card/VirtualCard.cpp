@@ -3,6 +3,8 @@
 #include <limits>
 #include <utility>
 
+#include "base/ipText.h"
+
 namespace kivsim {
 
 namespace {
@@ -44,7 +46,7 @@ void VirtualCard::set_tunnel_port(uint16_t port) {
 }
 
 std::string VirtualCard::server_address() const {
-    return dotted(settings_.tunnel_address) + ":" + std::to_string(settings_.tunnel_port);
+    return uint32ToIp(settings_.tunnel_address) + ":" + std::to_string(settings_.tunnel_port);
 }
 
 DriverFault VirtualCard::next_fault(uint32_t selector) {

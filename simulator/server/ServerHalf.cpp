@@ -18,6 +18,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/ipText.h"
 #include "server/control.h"
 
 namespace kivsim {
@@ -201,7 +202,7 @@ uint16_t ServerHalf::add_site(Answering handler, uint32_t host, uint16_t port, c
     if (!listener || setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(listener.get(), generic, size) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
         getsockname(listener.get(), generic, &size) != 0) {
-        throw std::runtime_error(name + ", server " + dotted(host) + ":" + std::to_string(port) + ": " +
+        throw std::runtime_error(name + ", server " + uint32ToIp(host) + ":" + std::to_string(port) + ": " +
                                  std::strerror(errno));
     }
     epoll_event event{};

@@ -1,7 +1,5 @@
 #include "driver/DeviceEnumeratorMacOS.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
@@ -9,6 +7,7 @@
 #include <utility>
 
 #include <kiv/kivDriverService.h>
+#include "base/ipText.h"
 #include "driver/DriverClients.h"
 
 namespace kiv::device {
@@ -18,11 +17,7 @@ namespace {
 /// "a.b.c.d:port" of the card's management server; only PCI function 0 knows it.
 std::string server_address(const kivDriverClient& client) {
     if (client.boot_conf.function != 0) return {};
-    in_addr address{};
-    address.s_addr = htonl(client.device_conf.tun);
-    char text[INET_ADDRSTRLEN] = {};
-    inet_ntop(AF_INET, &address, text, sizeof text);
-    return std::string(text) + ":" + std::to_string(client.device_conf.port);
+    return uint32ToIp(client.device_conf.tun) + ":" + std::to_string(client.device_conf.port);
 }
 
 /// Adds a PCI function to its card's entry, or the card with its first function.

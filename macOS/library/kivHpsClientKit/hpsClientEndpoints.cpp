@@ -1,9 +1,9 @@
 // The endpoints: what each operation sends, and what it reads.
-#include <cstdio>
 #include <utility>
 
 #include <kiv/HpsHttpHelper.h>
 #include <kiv/hpsClient.h>
+#include "base/ipText.h"
 #include "base/jsonFields.h"
 #include "base/jsonText.h"
 #include "kivHpsClientKit/ThreadManagerClientPolling.h"
@@ -291,8 +291,5 @@ int32_t hpsClient::fw_switch(uint8_t image) {
 }
 
 std::string hpsClient::convert2string(uint32_t address) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%u.%u.%u.%u", address >> 24, address >> 16 & 255, address >> 8 & 255,
-                  address & 255);
-    return text;
+    return uint32ToIp(address);
 }
