@@ -39,8 +39,9 @@ void make_way(const std::string& path, const sockaddr_un& address) {
 }  // namespace
 
 Descriptor checked(int fd, const std::string& what) {
-    if (fd < 0) throw std::runtime_error(what + ": " + std::strerror(errno));
-    return Descriptor(fd);
+    Descriptor owner = kivplatform::above_standard(fd);
+    if (!owner) throw std::runtime_error(what + ": " + std::strerror(errno));
+    return owner;
 }
 
 Descriptor listening_socket(const std::string& path) {
@@ -60,7 +61,8 @@ Descriptor spare_descriptor() {
 }
 
 Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare) {
-    Descriptor accepted(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | flags));
+    Descriptor accepted =
+        kivplatform::above_standard(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | flags));
     if (accepted || (errno != EMFILE && errno != ENFILE)) return accepted;
     spare.reset();
     Descriptor(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)).reset();
@@ -70,43 +72,12 @@ Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare) {
 
 ssize_t receive_message_from(int socket, std::vector<std::byte>& room, Descriptor& descriptor) {
     iovec part{room.data(), room.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))];
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    const ssize_t size = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
-    if (size < 0) return size;
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
-        for (std::size_t at = 0; at + sizeof(int) <= header->cmsg_len - CMSG_LEN(0); at += sizeof(int)) {
-            int fd = -1;
-            std::memcpy(&fd, CMSG_DATA(header) + at, sizeof fd);
-            Descriptor received(fd);
-            if (!descriptor) descriptor = std::move(received);
-        }
-    }
-    return size;
+    return kivplatform::receive_message(socket, {&part, 1}, &descriptor);
 }
 
 bool send_message_to(int socket, const std::vector<std::byte>& bytes, int descriptor) {
     iovec part{const_cast<std::byte*>(bytes.data()), bytes.size()};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    if (descriptor >= 0) {
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        cmsghdr* const header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-    }
-    return sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    return kivplatform::send_message(socket, {&part, 1}, descriptor);
 }
 
 }  // namespace kivsim

@@ -7,7 +7,8 @@
 
 namespace kivsim {
 
-SharedMemory::SharedMemory(uint64_t size) : file_(memfd_create("kivsim", MFD_CLOEXEC | MFD_ALLOW_SEALING)) {
+SharedMemory::SharedMemory(uint64_t size)
+    : file_(kivplatform::above_standard(memfd_create("kivsim", MFD_CLOEXEC | MFD_ALLOW_SEALING))) {
     if (file_ && ftruncate(file_.get(), static_cast<off_t>(size)) != 0) file_.reset();
     // A program that mapped it may rely on its size.
     if (file_) fcntl(file_.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW);

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "common/Descriptor.h"
+#include "common/LocalSocket.h"
 
 namespace kivsim {
 

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "card/VirtualCard.h"
-#include "common/Descriptor.h"
 #include "common/LocalSocket.h"
 #include "common/Trace.h"
 #include "driver/MessageChannels.h"

@@ -10,7 +10,7 @@
 #include <span>
 #include <vector>
 
-#include "common/Descriptor.h"
+#include "common/LocalSocket.h"
 
 namespace kivsim {
 

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "card/VirtualCard.h"
-#include "common/Descriptor.h"
 #include "common/LocalSocket.h"
 #include "server/endpoints.h"
 

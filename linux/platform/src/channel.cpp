@@ -37,7 +37,7 @@ std::shared_ptr<Channel> Channel::create(IOAsyncCallback function, void* context
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return nullptr;
     Descriptor near_end = above_standard(ends[0]);
     far_end = above_standard(ends[1]);
-    if (near_end.number() < 0 || far_end.number() < 0) return nullptr;
+    if (!near_end || !far_end) return nullptr;
     return std::shared_ptr<Channel>(new Channel(function, context, std::move(near_end)));
 }
 

@@ -3,13 +3,12 @@
 #define KIVPLATFORM_CHANNEL_H
 
 #include <IOKit/IOKitLib.h>
+#include <kivplatform/descriptor.h>
 
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <vector>
-
-#include "descriptor.h"
 
 namespace kivplatform {
 
@@ -21,7 +20,7 @@ class Channel {
     /// A channel, with the driver process's end in `far_end`; null when there is no descriptor to be had.
     static std::shared_ptr<Channel> create(IOAsyncCallback function, void* context, Descriptor& far_end);
 
-    int descriptor() const { return socket_.number(); }
+    int descriptor() const { return socket_.get(); }
 
     /// Receives one message and calls the function with it; `events` is what poll() said. A message that
     /// fits no callback is dropped.
@@ -47,7 +46,7 @@ class Waker {
     void wake() const;
     void clear() const;
     /// -1 when the process had no descriptor left: then a loop has to look from time to time.
-    int descriptor() const { return event_.number(); }
+    int descriptor() const { return event_.get(); }
 
   private:
     const Descriptor event_;

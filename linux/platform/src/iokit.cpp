@@ -270,7 +270,7 @@ kern_return_t IOConnectCallAsyncStructMethod(mach_port_t connection, uint32_t se
     request.kind = KIVPLATFORM_CALL_ASYNC;
     request.number = selector;
     const kern_return_t status =
-        call(*found, request, {input, input_size, output, output_size}, far_end.number());
+        call(*found, request, {input, input_size, output, output_size}, far_end.get());
     if (status != kIOReturnSuccess) return status;
     return found->add(channel, port) ? kIOReturnSuccess : MACH_SEND_INVALID_DEST;
 } catch (const std::bad_alloc&) {

@@ -13,7 +13,7 @@ namespace kivplatform {
 namespace {
 
 bool is_sealed(const Descriptor& file) {
-    const int seals = fcntl(file.number(), F_GET_SEALS);
+    const int seals = fcntl(file.get(), F_GET_SEALS);
     return seals >= 0 && (seals & F_SEAL_SHRINK) != 0;
 }
 
@@ -40,7 +40,7 @@ std::vector<Mappings::Mapping>::iterator Mappings::find(const Mapping& memory) {
 kern_return_t Mappings::map(const Descriptor& file, const kivplatform_mapping& bytes,
                             mach_vm_address_t& address) {
     struct stat found {};
-    if (fstat(file.number(), &found) != 0 || !within_file(bytes, found, is_sealed(file)))
+    if (fstat(file.get(), &found) != 0 || !within_file(bytes, found, is_sealed(file)))
         return kIOReturnBadArgument;
     const Mapping wanted{found.st_dev, found.st_ino, bytes.offset, bytes.size, nullptr};
 
@@ -50,7 +50,7 @@ kern_return_t Mappings::map(const Descriptor& file, const kivplatform_mapping& b
     if (same == mappings_.end()) {
         mappings_.push_back(wanted);  // Before the memory is mapped: out of memory nothing may be left over.
         same = std::prev(mappings_.end());
-        same->address = mmap(nullptr, bytes.size, PROT_READ | PROT_WRITE, MAP_SHARED, file.number(),
+        same->address = mmap(nullptr, bytes.size, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(),
                              static_cast<off_t>(bytes.offset));
         if (same->address == MAP_FAILED) {
             mappings_.pop_back();
@@ -63,7 +63,7 @@ kern_return_t Mappings::map(const Descriptor& file, const kivplatform_mapping& b
 
 kern_return_t Mappings::unmap(const Descriptor& file, const kivplatform_mapping& bytes) {
     struct stat status {};
-    if (fstat(file.number(), &status) != 0) return kIOReturnBadArgument;
+    if (fstat(file.get(), &status) != 0) return kIOReturnBadArgument;
     const std::lock_guard lock(mutex_);
     const auto found = find({status.st_dev, status.st_ino, bytes.offset, bytes.size, nullptr});
     if (found == mappings_.end()) return kIOReturnBadArgument;

@@ -3,13 +3,12 @@
 #define KIVPLATFORM_MEMORY_H
 
 #include <IOKit/IOTypes.h>
+#include <kivplatform/descriptor.h>
 #include <kivplatform/driver_protocol.h>
 #include <sys/types.h>
 
 #include <mutex>
 #include <vector>
-
-#include "descriptor.h"
 
 namespace kivplatform {
 

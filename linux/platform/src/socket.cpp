@@ -16,34 +16,6 @@
 
 namespace kivplatform {
 
-namespace {
-
-/// What travels beside a message: a descriptor, and by its alignment perhaps a second one.
-union DescriptorRoom {
-    char bytes[CMSG_SPACE(sizeof(int))];
-    cmsghdr alignment;
-};
-
-/// Takes all descriptors that came with a message; none of them is kept unless it was exactly one.
-Descriptor only_descriptor(msghdr& message) {
-    Descriptor found;
-    std::size_t count = 0;
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
-        for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= header->cmsg_len; at += sizeof(int)) {
-            int number = -1;
-            std::memcpy(&number, CMSG_DATA(header) + at, sizeof number);
-            found = above_standard(number);  // The one before is closed.
-            ++count;
-        }
-    }
-    const bool is_one = count == 1 && (message.msg_flags & MSG_CTRUNC) == 0;
-    return is_one ? std::move(found) : Descriptor();
-}
-
-}  // namespace
-
 std::shared_ptr<Conversation> Conversation::start(kern_return_t& status) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -53,7 +25,7 @@ std::shared_ptr<Conversation> Conversation::start(kern_return_t& status) {
 
     status = kIOReturnNoResources;
     Descriptor owner = above_standard(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    const int fd = owner.number();
+    const int fd = owner.get();
     if (fd < 0) return nullptr;
     std::shared_ptr<Conversation> conversation(new Conversation(std::move(owner)));
     int result = 0;
@@ -80,66 +52,36 @@ kern_return_t Conversation::ask(const kivplatform_request& request, const void* 
 void Conversation::end() {
     std::unique_lock lock(turn_, std::try_to_lock);
     if (!lock.owns_lock()) {
-        shutdown(socket_.number(), SHUT_RDWR);
+        shutdown(socket_.get(), SHUT_RDWR);
         lock.lock();
         ended_ = true;
         return;
     }
     // A driver process that does not answer may not keep the program from closing.
     const timeval patience{1, 0};
-    setsockopt(socket_.number(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    setsockopt(socket_.number(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     kivplatform_request request{};
     request.kind = KIVPLATFORM_CLOSE;
     std::size_t produced = 0;
     if (send(request, nullptr, 0, -1)) receive({}, produced, nullptr);
     ended_ = true;
-    shutdown(socket_.number(), SHUT_RDWR);
+    shutdown(socket_.get(), SHUT_RDWR);
 }
 
 bool Conversation::send(const kivplatform_request& request, const void* payload, std::size_t size,
                         int descriptor) {
-    iovec parts[2] = {{const_cast<kivplatform_request*>(&request), sizeof request},
-                      {const_cast<void*>(payload), size}};
-    DescriptorRoom beside{};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = size == 0 ? 1 : 2;
-    if (descriptor >= 0) {
-        message.msg_control = &beside;
-        message.msg_controllen = sizeof beside;
-        cmsghdr* const header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof descriptor);
-        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-    }
-    ssize_t done = 0;
-    do {
-        done = sendmsg(socket_.number(), &message, MSG_NOSIGNAL);
-    } while (done < 0 && errno == EINTR);
-    return done >= 0;
+    iovec parts[] = {{const_cast<kivplatform_request*>(&request), sizeof request},
+                     {const_cast<void*>(payload), size}};
+    return send_message(socket_.get(), parts, descriptor);
 }
 
 kern_return_t Conversation::receive(std::span<std::byte> room, std::size_t& produced, Descriptor* received) {
     kivplatform_reply reply{};
-    iovec parts[2] = {{&reply, sizeof reply}, {room.data(), room.size()}};
-    DescriptorRoom beside{};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = 2;
-    // Without room for descriptors the system drops those that come along.
-    if (received != nullptr) {
-        message.msg_control = &beside;
-        message.msg_controllen = sizeof beside;
-    }
-    ssize_t done = 0;
-    do {
-        done = recvmsg(socket_.number(), &message, MSG_CMSG_CLOEXEC);
-    } while (done < 0 && errno == EINTR);
-    if (done >= 0 && received != nullptr) *received = only_descriptor(message);
+    iovec parts[] = {{&reply, sizeof reply}, {room.data(), room.size()}};
+    const ssize_t done = receive_message(socket_.get(), parts, received);
+    if (done < 0 && errno == EMSGSIZE) return kIOReturnBadArgument;
     if (done < static_cast<ssize_t>(sizeof reply)) return MACH_SEND_INVALID_DEST;
-    if ((message.msg_flags & MSG_TRUNC) != 0) return kIOReturnBadArgument;
     produced = static_cast<std::size_t>(done) - sizeof reply;
     return reply.status;
 }

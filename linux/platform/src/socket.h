@@ -2,6 +2,7 @@
 #ifndef KIVPLATFORM_SOCKET_H
 #define KIVPLATFORM_SOCKET_H
 
+#include <kivplatform/descriptor.h>
 #include <kivplatform/driver_protocol.h>
 #include <mach/mach_types.h>
 
@@ -10,8 +11,6 @@
 #include <mutex>
 #include <span>
 #include <utility>
-
-#include "descriptor.h"
 
 namespace kivplatform {
 
