@@ -5,25 +5,27 @@
 
 #include <kiv/kiv_json.h>
 #include "base/jsonText.h"
-#include "kivHpsClientKit/hpsLog.h"
+#include "log/kivLogDispatch.h"
 
+using kiv::kHpsSource;
+using kiv::log_error;
 using Json = nlohmann::ordered_json;
 
 bool HpsHttpHelper::handle(const HttpResult& result) {
     if (result.success) return true;
     const int64_t status = result.status;
     if (status == 0) {
-        hps_log_error(__LINE__, "HTTP Network error: {}", result.error);
+        log_error(kHpsSource, "HTTP Network error: {}", result.error);
     } else if (status >= 500) {
-        hps_log_error(__LINE__, "HTTP Server error status={}, msg={}", status, result.error);
+        log_error(kHpsSource, "HTTP Server error status={}, msg={}", status, result.error);
     } else if (status == 401 || status == 403) {
-        hps_log_error(__LINE__, "HTTP Auth error status={}", status);
+        log_error(kHpsSource, "HTTP Auth error status={}", status);
     } else if (status == 404) {
-        hps_log_error(__LINE__, "HTTP not found");
+        log_error(kHpsSource, "HTTP not found");
     } else if (result.body.empty()) {
-        hps_log_error(__LINE__, "HTTP status={}, no body", status);
+        log_error(kHpsSource, "HTTP status={}, no body", status);
     } else {
-        hps_log_error(__LINE__, "HTTP status={}, body={}", status, result.body);
+        log_error(kHpsSource, "HTTP status={}, body={}", status, result.body);
     }
     return false;
 }
@@ -44,8 +46,8 @@ bool HpsHttpHelper::handle_json(const HttpResult& result, Json& out) {
         }
         return true;
     } catch (const std::exception& error) {
-        hps_log_error(__LINE__, "JSON parse error: {}", error.what());
-        hps_log_error(__LINE__, "body=[{}]", result.body);
+        log_error(kHpsSource, "JSON parse error: {}", error.what());
+        log_error(kHpsSource, "body=[{}]", result.body);
         return false;
     }
 }
@@ -54,6 +56,6 @@ bool HpsHttpHelper::handle_download(const HttpResult& result, const std::string&
     if (!handle(result)) return false;
     std::error_code ignored;
     if (std::filesystem::exists(std::filesystem::status(file_path, ignored))) return true;
-    hps_log_error(__LINE__, "Download file not exist: {}", file_path);
+    log_error(kHpsSource, "Download file not exist: {}", file_path);
     return false;
 }

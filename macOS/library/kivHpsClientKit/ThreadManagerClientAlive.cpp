@@ -3,14 +3,17 @@
 #include <chrono>
 #include <utility>
 
-#include "kivHpsClientKit/hpsLog.h"
+#include "log/kivLogDispatch.h"
+
+using kiv::kHpsSource;
+using kiv::log_error;
 
 ThreadManagerClientAlive::ThreadManagerClientAlive(int32_t id, Callback registry, Callback keep_alive)
     : id_(id), registry_(std::move(registry)), keep_alive_(std::move(keep_alive)) {}
 
 void ThreadManagerClientAlive::run_thread() {
     if (!registry_ || !keep_alive_) {
-        hps_log_error(__LINE__, "function null");
+        log_error(kHpsSource, "function null");
         return;
     }
     if (stopping()) return;

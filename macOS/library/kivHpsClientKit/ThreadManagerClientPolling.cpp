@@ -4,7 +4,10 @@
 
 #include <kiv/kiv_json.h>
 #include "base/jsonText.h"
-#include "kivHpsClientKit/hpsLog.h"
+#include "log/kivLogDispatch.h"
+
+using kiv::kHpsSource;
+using kiv::log_error;
 
 namespace {
 
@@ -17,7 +20,7 @@ bool readable(const char* format, Read read) {
         read();
         return true;
     } catch (const std::exception& error) {
-        hps_log_error(__LINE__, format, error.what());
+        log_error(kHpsSource, format, error.what());
         return false;
     }
 }
@@ -32,7 +35,7 @@ ThreadManagerClientPolling::ThreadManagerClientPolling(uint16_t period, Callback
 
 void ThreadManagerClientPolling::run_thread() {
     if (!master_ || !management_) {
-        hps_log_error(__LINE__, "function null");
+        log_error(kHpsSource, "function null");
         return;
     }
     if (!set_running()) return;
@@ -51,12 +54,12 @@ bool ThreadManagerClientPolling::poll(hps_ptp_sm& fresh) {
     std::string management_text;
     if (stopping()) return false;
     if (master_(master_text) != 0) {
-        hps_log_error(__LINE__, "Fail get_ptp_master");
+        log_error(kHpsSource, "Fail get_ptp_master");
         return false;
     }
     if (stopping()) return false;
     if (management_(management_text) != 0) {
-        hps_log_error(__LINE__, "Fail get_ptp_management");
+        log_error(kHpsSource, "Fail get_ptp_management");
         return false;
     }
     Json master;

@@ -13,7 +13,10 @@
 #include "base/jsonText.h"
 #include "kivHpsClientKit/ThreadManagerClientAlive.h"
 #include "kivHpsClientKit/ThreadManagerClientPolling.h"
-#include "kivHpsClientKit/hpsLog.h"
+#include "log/kivLogDispatch.h"
+
+using kiv::kHpsSource;
+using kiv::log_error;
 
 namespace {
 
@@ -121,8 +124,9 @@ int32_t hpsClient::open_matching(const std::string& config_path, bool start_thre
         }
         return _open_config(start_threads);
     }
-    hps_log_error(__LINE__, complaint, wanted);
-    hps_log_error(__LINE__, "Invalid JSON format={}", config_path);
+    log_error(kHpsSource, complaint, wanted);
+    // Also when the file is good JSON without the card: docs/oddities.md.
+    log_error(kHpsSource, "Invalid JSON format={}", config_path);
     return -1;
 }
 
@@ -135,7 +139,7 @@ int32_t hpsClient::_open_config(bool start_threads) {
         url = base_url_;
     }
     if (get_interface_info() != 0) {
-        hps_log_error(__LINE__, "Fail HTTP request url={}", url);
+        log_error(kHpsSource, "Fail HTTP request url={}", url);
         return -1;
     }
     const kiv_log_config_t log_config{KIV_LOG_LEVEL_INFO};
@@ -161,6 +165,6 @@ void hpsClient::setting_thread() {
     alive_->start_thread();
     polling->start_thread();
     if (!polling->wait_first_request(kFirstRequestLimit)) {
-        hps_log_error(__LINE__, "Fail setting_thread not done first request");
+        log_error(kHpsSource, "Fail setting_thread not done first request");
     }
 }

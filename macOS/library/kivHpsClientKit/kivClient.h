@@ -71,7 +71,6 @@ class KIV_API HttpClient {
     struct Request;
     HttpResult repeat(const Request& request);
     HttpResult attempt(const Request& request);
-    static void log_error(const std::string& message);
 
     std::string base_url_;
     int32_t timeout_ = 2;            ///< Seconds.

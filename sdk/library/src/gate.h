@@ -14,7 +14,7 @@ namespace kiv::api {
 
 /// Logs and returns the code for a null pointer that was required.
 inline kiv_result_t null_argument() {
-    kivLog_dispatch(KIV_LOG_LEVEL_ERROR, kApiSource, __LINE__, "Argument is NULL");
+    log_error(kApiSource, "Argument is NULL");
     return KIV_ERR_NULL_ARGUMENT;
 }
 

@@ -9,14 +9,21 @@
 #include "gate.h"
 
 using kiv::guarded;
+using kiv::kApiSource;
 using kiv::api::call_device;
 using kiv::api::command_device;
-using kiv::api::kApiSource;
 using kiv::api::null_argument;
 using kiv::api::Process;
 using kiv::api::query_device;
 using kiv::config::CardConfig;
 using kiv::device::Device;
+
+namespace {
+
+/// Of the application's lines, which log readers tell by it: docs/oddities.md.
+constexpr int kApplicationLine = 528;
+
+}  // namespace
 
 // ---- Life cycle -----------------------------------------------------------------------------------------
 
@@ -51,7 +58,7 @@ kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
     return guarded([&]() -> kiv_result_t {
         if (Process::instance().inherited()) return KIV_ERR_NOT_OPENED;
         if (message == nullptr) return null_argument();
-        kivLog_dispatch(level, kApiSource, 528, message);
+        kivLog_dispatch(level, kApiSource, kApplicationLine, message);
         return KIV_OK;
     });
 }

@@ -10,7 +10,6 @@ namespace kiv {
 
 namespace {
 
-using api::kApiSource;
 using api::Process;
 using device::Device;
 
@@ -24,20 +23,16 @@ bool open_card(Device& card) {
            }) == KIV_OK;
 }
 
-void log_card(uint8_t id, int line, const char* format) {
-    kivLog_dispatch(KIV_LOG_LEVEL_ERROR, kApiSource, line, format, unsigned{id});
-}
-
 /// Asks the card for its record and appends it to the list of found cards.
 kiv_result_t append_card(Process& process, uint8_t id) {
     kiv_card_info_t info{};
     if (kiv_get_card_info(id, &info) != KIV_OK) {
-        log_card(id, __LINE__, "[{}]kiv_get_card_info in kiv_scan");
+        log_error(kApiSource, "[{}]kiv_get_card_info in kiv_scan", unsigned{id});
         return KIV_ERR_FAILED;
     }
     kiv_net_config_t net{};
     if (kiv_get_media_net_config(id, &net) != KIV_OK) {
-        log_card(id, __LINE__, "[{}]kiv_get_media_net_config in kiv_scan");
+        log_error(kApiSource, "[{}]kiv_get_media_net_config in kiv_scan", unsigned{id});
         return KIV_ERR_FAILED;
     }
     process.g_ScanInfo.push_back({id, info.reg_10, net.port_0.ip_address_0, net.port_1.ip_address_1});
@@ -63,7 +58,8 @@ kiv_result_t _scan(Process& process, kiv_scan_t& scan) {
     const auto cards = replace_manager(process)->allDevices();
     for (const auto& card : cards) {
         if (open_card(*card)) continue;
-        log_card(card->info().id, __LINE__, "[{}]Open Fail");
+        // The whole scan fails, and the manager stays: docs/oddities.md.
+        log_error(kApiSource, "[{}]Open Fail", unsigned{card->info().id});
         return KIV_ERR_FAILED;
     }
     for (const auto& card : cards) {

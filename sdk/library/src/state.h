@@ -18,9 +18,6 @@
 
 namespace kiv::api {
 
-/// Source of every log line of the C interface.
-inline constexpr const char* kApiSource = "sdk/library/src/kiv_api";
-
 /// One object, never destroyed: other threads may be in calls while the process exits. Its members stand in
 /// the order of their lives. At exit a handler ends the manager, and with it all callbacks, then the driver
 /// clients.

@@ -13,10 +13,10 @@
 #include <kiv/SystemMonitorData.h>
 #include "base/addressText.h"
 #include "base/regularFile.h"
-#include "device/deviceLog.h"
 #include "device/fileDigest.h"
 #include "device/registers.h"
 #include "device/statusRegister.h"
+#include "log/kivLogDispatch.h"
 
 namespace kiv::device {
 
@@ -123,12 +123,12 @@ kiv_result_t Device::get_card_info(kiv_card_info_t& info) {
 kiv_result_t Device::get_card_status(kiv_card_status_t& status) {
     std::string json;
     if (!rest_ || rest_->get_hwmon_info(json, true) != 0) {
-        device_log_error(__LINE__, "Fail get_hwmon_info");
+        log_error(kDeviceSource, "Fail get_hwmon_info");
         return KIV_ERR_REST;
     }
     SystemMonitorData data;
     if (!parse_json_to_struct_cpp(json, data)) {
-        device_log_error(__LINE__, "Fail parse_json_to_struct_cpp");
+        log_error(kDeviceSource, "Fail parse_json_to_struct_cpp");
         return KIV_ERR_FAILED;
     }
     for (std::size_t i = 0; i < std::size(status.sensor); ++i) {
@@ -147,7 +147,7 @@ kiv_result_t Device::get_card_status(kiv_card_status_t& status) {
 kiv_result_t Device::get_media_net_config(kiv_net_config_t& config) {
     std::vector<inteface_info> interfaces;
     if (!rest_ || rest_->get_interface_info(interfaces) != 0) {
-        device_log_error(__LINE__, "Fail get_interface_info");
+        log_error(kDeviceSource, "Fail get_interface_info");
         return KIV_ERR_REST;
     }
     for (const inteface_info& entry : interfaces) {
@@ -281,7 +281,7 @@ kiv_result_t Device::reconfig_net_work(const kiv_net_config_t& net, const kiv_pt
                     static_cast<uint8_t>(ptp.global_params[0]), ptp.enabled, ptp.global_params[3],
                     hpsClient::convert2string(tunnel));
     if (!rest_ || rest_->reconfig_network(command) != 0) {
-        device_log_error(__LINE__, "Fail reconfig_network");
+        log_error(kDeviceSource, "Fail reconfig_network");
         return KIV_ERR_REST;
     }
     const std::lock_guard lock(ptp_mutex_);

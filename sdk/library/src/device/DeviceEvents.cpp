@@ -4,8 +4,8 @@
 
 #include <kiv/Device.h>
 #include <kiv/SystemMonitorData.h>
-#include "device/deviceLog.h"
 #include "device/statusRegister.h"
+#include "log/kivLogDispatch.h"
 
 namespace kiv::device {
 
@@ -74,7 +74,7 @@ bool Device::poll_60sec() {
     }
     std::string json;
     if (!rest_ || rest_->get_hwmon_info(json, true) != 0) {
-        device_log_error(__LINE__, "Fail get_hwmon_info");
+        log_error(kDeviceSource, "Fail get_hwmon_info");
         return true;
     }
     SystemMonitorData data;

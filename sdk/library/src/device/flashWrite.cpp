@@ -9,7 +9,6 @@ namespace kiv::device {
 
 namespace {
 
-constexpr const char* kSource = "sdk/library/src/kiv_api";
 constexpr kiv_flash_status_t kIdle = 0;
 constexpr kiv_flash_status_t kBusy = 1;
 constexpr int kStartAttempts = 10;
@@ -33,11 +32,11 @@ kiv_result_t write_flash_image(Device& device, const char* path) {
     const kiv_result_t asked = device.get_flash_write_status(status);
     if (asked != KIV_OK) return asked;
     if (status != kIdle) {
-        kivLog_dispatch(KIV_LOG_LEVEL_ERROR, kSource, __LINE__, "Can't write now. Status={}", status);
+        log_error(kApiSource, "Can't write now. Status={}", status);
         return KIV_ERR_BUSY;
     }
     if (path == nullptr) {
-        kivLog_dispatch(KIV_LOG_LEVEL_ERROR, kSource, __LINE__, "Argument is NULL");
+        log_error(kApiSource, "Argument is NULL");
         return KIV_ERR_NULL_ARGUMENT;
     }
     const kiv_result_t uploaded = device.upload_image(path);

@@ -18,6 +18,7 @@ using kiv::log::LogConfig;
 using kiv::log::LogManager;
 
 constexpr const char* kSource = "sdk/library/src/log/kivLog";
+constexpr int kBusyLine = 198;  // Log readers know it: docs/oddities.md.
 constexpr int kCloseAttempts = 100;
 constexpr std::chrono::microseconds kClosePause{1000};
 
@@ -93,7 +94,8 @@ kiv_result_t kivLog_close() {
     // The line's text is the source path: past this interface's threshold, the logger's own level still
     // applies.
     if (spdlog::logger* logger = LogManager::getInstance().getLogger()) {
-        logger->log(spdlog::source_loc{kSource, 198, ""}, spdlog::level::err, spdlog::string_view_t(kSource));
+        logger->log(spdlog::source_loc{kSource, kBusyLine, ""}, spdlog::level::err,
+                    spdlog::string_view_t(kSource));
     }
     return KIV_ERR_LOG_BUSY;
 }

@@ -28,4 +28,27 @@ void kivLog_dispatch(kiv_log_level_t level, const char* file, int line, std::str
     if (sink == KIV_LOG_SINK_DEFAULT) kivLog_dispatch_spdlog(level, file, line, text.c_str());
 }
 
+namespace kiv {
+
+/// Who writes: the paths that lines carry.
+inline constexpr const char* kApiSource = "sdk/library/src/kiv_api";
+inline constexpr const char* kDeviceSource = "sdk/library/src/device/Device";
+inline constexpr const char* kHpsSource = "macOS/library/kivHpsClientKit/hpsClient";
+inline constexpr const char* kHttpSource = "macOS/library/kivHpsClientKit/kivClient";
+
+/// A format text, and the line where it becomes one: that of the reporting statement.
+struct LogFormat {
+    LogFormat(const char* format, int at = __builtin_LINE()) : text(format), line(at) {}
+    const char* text;
+    int line;
+};
+
+/// Writes one line at error level.
+template <typename... Args>
+void log_error(const char* source, LogFormat format, const Args&... args) {
+    kivLog_dispatch(KIV_LOG_LEVEL_ERROR, source, format.line, format.text, args...);
+}
+
+}  // namespace kiv
+
 #endif
