@@ -48,6 +48,9 @@ struct dextBuffer {
 /// Driver calls return 0, the platform's status when the call fails, or -1, with a line in the platform log,
 /// when the client is closed or an argument is bad. Results are 0 when a call fails, unless said otherwise.
 ///
+/// Memory: enumerateDevices(), set_callback(), get_buffer() and get_SiblingDevice() throw std::bad_alloc when
+/// there is none left. The others do not: a mapping then fails with kIOReturnNoMemory (0xE00002BD).
+///
 /// Threads: everything may be called from any thread at once, the settings of `boot_conf` and `device_conf`
 /// apart. A call that meets close() fails, as on a closed client or with the platform's status. Calls wait
 /// for as long as the driver takes: they do not return while its process hangs. The last reference to a
@@ -145,7 +148,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     void get_version(uint16_t& major, uint16_t& minor, uint16_t& patch) const;
     int32_t get_version_dext(uint16_t& major, uint16_t& minor, uint16_t& patch);  ///< Untouched on failure.
 
-    /// Registers, 0 on failure but on a closed client; `offset` in bytes from the start of the BAR.
+    /// Registers; `offset` in bytes from the start of the BAR. A value is 0 when the call fails, and
+    /// untouched on a closed client.
     int32_t read_pci32(uint32_t bar, uint64_t offset, uint32_t* value);
     int32_t read_pci64(uint32_t bar, uint64_t offset, uint64_t* value);
     int32_t write_pci32(uint32_t bar, uint64_t offset, uint32_t value);
@@ -156,7 +160,7 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// DMA memory of the driver: `depth` elements of `elm_size` bytes under `id`.
     int32_t iomalloc(uint32_t id, uint32_t elm_size, uint32_t depth);
     int32_t iofree(uint32_t id);
-    int32_t get_iobus_address(uint32_t id, uint32_t index, uint64_t* address);
+    int32_t get_iobus_address(uint32_t id, uint32_t index, uint64_t* address);  ///< Untouched if closed.
 
     /// Maps an element of DMA memory, or a BAR, for reading and writing. The same memory mapped again is at the
     /// same address, and unmap() ends it for all who use it. Pointers may be null; untouched on failure.
@@ -170,6 +174,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// mapping that could not be undone lasts until the client is closed.
     int32_t unmap(uint64_t address);
 
+    /// 0 on every failure, also on a closed client. A null `time` is noticed after the call, if that
+    /// succeeds.
     int32_t get_ptp_epoch_time(uint64_t* time);
     int32_t get_ptp_epoch_time_and_system_time(uint64_t& a, uint64_t& b, uint64_t& c);
 
@@ -192,7 +198,9 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     int32_t init_anc_buffer();
 
     /// Element 0 of the ANC memory `number`, 0 to 3, in the order of `boot_conf.memory_ids`: zeros for what
-    /// init_anc_buffer() has not reached. The last two have no bus address.
+    /// init_anc_buffer() has not reached since the client was opened, and for any other number. The last two
+    /// have no bus address. An address that unmap() has undone is still given, until init_anc_buffer() maps
+    /// the memory again or the client is closed.
     buffer_info get_anc_buffer(unsigned number) const;
 
     int32_t register_process_data(bool flag, uint8_t number, uint16_t value, uint32_t data);
@@ -202,9 +210,9 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
 
     // ---- Buffers: DMA memory with all its elements mapped. A client that is closed has forgotten them. ---
 
-    /// Allocates and maps; all or nothing. -1 when the driver refuses the memory, else the status of the
-    /// element that failed. Ids are the caller's, and should be its own: buffers of one id may be the same
-    /// memory at the same addresses, and the first counts.
+    /// Allocates and maps; all or nothing. -1 when the driver refuses the memory or there is none left for
+    /// the record of the buffer, else the status of the element that failed. Ids are the caller's, and should
+    /// be its own: buffers of one id may be the same memory at the same addresses, and the first counts.
     int32_t allocate_buffer(uint32_t id, uint32_t elm_size, uint32_t depth);
 
     /// A copy of the buffer; -1, with `out` untouched, when there is none, as after close().

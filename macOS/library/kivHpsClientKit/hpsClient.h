@@ -48,15 +48,19 @@ class KIV_API hpsClient {
     std::string get_address() const;  ///< Address of the server, dotted IPv4.
 
     /// Uses the server at `ip` and the decimal `port_text`, and asks it for the card's interfaces. -1 for an
-    /// empty `ip` (nothing changes) and when the server does not answer. Throws std::invalid_argument or
-    /// std::out_of_range when `port_text` is not a number. On success the library's log is set to level info
-    /// and its back end; then, with `start_threads`, setting_thread() is called.
+    /// empty `ip` (nothing changes), and when the server gives no list of interfaces: no answer, a status
+    /// other than 200 to 299, or an answer that is not JSON or has no "interfaces" (the client uses that
+    /// server all the same). Throws std::invalid_argument or std::out_of_range when `port_text` does not
+    /// begin with a number; get_address() gives the new `ip` then, and requests still go to the former
+    /// server. On success the library's log is set to level info and its back end; then, with
+    /// `start_threads`, setting_thread() is called.
     int32_t open_config(const std::string& ip, const std::string& port_text, bool start_threads);
 
     /// The same for the card that the configuration file at `config_path` describes: by a host interface
     /// through which its server is reached ("hps_access"."ifnames"), or by the address of a media port. The
-    /// first card that matches is taken. -1 also when the file cannot be opened or no card matches; JSON
-    /// errors are thrown, and std::runtime_error for more than 100 levels, 1000 keys in one object or 64 MiB.
+    /// first card that matches is taken. -1 also for an empty path, a file that cannot be opened, and when no
+    /// card matches: nothing changes then. JSON errors are thrown, and std::runtime_error for more than 100
+    /// levels, 1000 keys in one object or 64 MiB.
     int32_t open_config_ifname(const std::string& config_path, bool start_threads, const std::string& ifname);
     int32_t open_config_ipaddr(const std::string& config_path, bool start_threads, const std::string& ipaddr);
 
@@ -110,7 +114,8 @@ class KIV_API hpsClient {
     int32_t get_ptp_master(PtpMaster& master);
     int32_t get_ptp_management(PtpManagement& management);
 
-    /// The digest that the background thread keeps. No request. -1 when that thread does not run.
+    /// The digest that the background thread keeps. No request. -1 when that thread does not run. The
+    /// spelling stays: docs/oddities.md.
     int32_t get_hps_ptp_sm_backgroud(hps_ptp_sm& out);
 
     // ---- Registration of a process --------------------------------------------------------------------

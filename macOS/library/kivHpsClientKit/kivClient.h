@@ -27,8 +27,10 @@ struct HttpResult {
 ///
 /// Log lines go to kivLog.h: there are none before kivLog_open or kiv_open.
 ///
-/// Threads: several may send at once, while none changes the settings. A request blocks its caller for at
-/// most the number of attempts times (time limit + pause).
+/// Threads: several may send at once, while none changes the settings. A request blocks its caller until it
+/// is answered. Each attempt without an answer takes up to the time limit, and then the pause, also after the
+/// last one. Longer: without a time limit, while a host name is looked up (libcurl may not count that), and
+/// while a file is read or written.
 class KIV_API HttpClient {
   public:
     /// `base_url` is put before every path as it stands.

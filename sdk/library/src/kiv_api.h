@@ -138,6 +138,10 @@ KIV_API kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message);
  * waited for (rule 6). On success `scan` lists the cards. Their order has no meaning, and may differ from
  * scan to scan. No card is a success with count 0; then "Fail open device" is printed on standard output.
  *
+ * A later scan connects to the driver anew. Then it takes leave of the driver on the connections of the scan
+ * before, and announces the process again. The leave may end the announcement of the whole process: a
+ * kivDriverClient that the application keeps open calls its init() again after the scan.
+ *
  * KIV_ERR_NULL_ARGUMENT for null. KIV_ERR_FAILED when a card cannot be opened or does not give its identity
  * and addresses (the log says which): no card is listed then; those opened before it answer calls, others may
  * not.

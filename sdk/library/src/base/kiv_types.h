@@ -25,7 +25,10 @@ extern "C" {
 
 /* ---- Result codes ------------------------------------------------------------------------------------ */
 
-/* Result of every entry point: 0, or a failure with 0xC1 in the top byte and a code number in the third. */
+/*
+ * Result of every entry point: 0, or a failure with 0xC1 in bits 24 to 31 and a code number in bits 8 to 15.
+ * kiv_get_epoch_and_2point also gives statuses of the driver.
+ */
 typedef uint32_t kiv_result_t;
 
 /* clang-format off */
@@ -89,7 +92,8 @@ typedef struct kiv_sw_version_t {
 
 /* One QSFP port in kiv_card_info_t. */
 typedef struct kiv_card_port_t {
-    /* "xx:xx:xx:xx:xx:xx" and a terminator; untouched when the card does not list the port. */
+    /* As the card writes it, "xx:xx:xx:xx:xx:xx", at most 17 characters and a terminator; untouched when the
+     * card does not list the port. */
     char mac_address[20];
     uint32_t link_speed_gbps; /* Gbit/s, always 100. */
 } kiv_card_port_t;
@@ -107,7 +111,7 @@ typedef struct kiv_card_info_t {
 /* Media network settings of port 0 (392 bytes). */
 typedef struct kiv_net_port_0_t {
     uint32_t ip_address_0;    /* IPv4, host order, first octet in the most significant byte. */
-    uint32_t prefix_length_0; /* Leading one bits of the netmask, 0 to 32. */
+    uint32_t prefix_length_0; /* One bits of the netmask, 0 to 32; a query counts them wherever they are. */
     uint8_t vlan_enable;      /* Non-zero: the port uses a VLAN. */
     uint8_t filler_9[7];
     uint16_t vlan_id; /* VLAN id in the low 12 bits. */
@@ -143,10 +147,11 @@ typedef struct kiv_net_status_t {
 
 /* PTP (IEEE 1588) settings. */
 typedef struct kiv_ptp_config_t {
-    int8_t global_params[4]; /* announceReceiptTimeout, domainNumber, logAnnounceInterval,
-                                logDelayReqInterval. */
-    uint8_t enabled;         /* Unicast delay requests: non-zero is on. */
-    uint8_t port_params[4];  /* maceth0.tos, maceth1.tos, maceth0.ttl, maceth1.ttl. */
+    /* announceReceiptTimeout (announce intervals) and domainNumber, both sent as unsigned numbers: -1 is 255;
+     * logAnnounceInterval and logDelayReqInterval (powers of 2, in seconds). */
+    int8_t global_params[4];
+    uint8_t enabled;        /* Unicast delay requests: non-zero is on. */
+    uint8_t port_params[4]; /* maceth0.tos, maceth1.tos, maceth0.ttl, maceth1.ttl. */
 } kiv_ptp_config_t;
 
 /* PTP state of a card. */
@@ -197,10 +202,10 @@ typedef struct kiv_sensor_t {
 /* Temperatures, power and PCI link of a card. */
 typedef struct kiv_card_status_t {
     kiv_sensor_t
-        sensor[7]; /* FPGA fabric; board: near FPGA, near CVL, rear, front; QSFP1 case; QSFP2 case. */
-    uint32_t board_power;
-    uint8_t pci_link_b;  /* Second value of the driver's PCI link query. */
-    uint32_t pci_link_a; /* First value of the driver's PCI link query. */
+        sensor[7];        /* FPGA fabric; board: near FPGA, near CVL, rear, front; QSFP1 case; QSFP2 case. */
+    uint32_t board_power; /* In the card's own unit; 0 when the card does not report it. */
+    uint8_t pci_link_b;   /* Second value of the driver's PCI link query. */
+    uint32_t pci_link_a;  /* First value of the driver's PCI link query. */
 } kiv_card_status_t;
 
 /* One card found by a scan. */
