@@ -94,7 +94,7 @@ int32_t DeviceAccessMacOS::getLinkStatus(uint8_t& a, uint8_t& b) {
         kivDriverClient::pci_link_info link{};
         const int32_t status = client.get_pci_link_info(link);
         if (status != 0) return status;
-        a = link.value[1];
+        a = link.value[1];  // The second first: docs/oddities.md.
         b = link.value[0];
         return 0;
     });

@@ -31,6 +31,7 @@ wire::PciAccess pci_access(uint32_t bar, uint64_t offset) {
     return access;
 }
 
+/// Spelt so here, and otherwise in get_iobus_address(): docs/oddities.md.
 int32_t bad_argument(int line) {
     driver_log(line, "Bad Arugment\n");
     return -1;
@@ -113,6 +114,7 @@ int32_t kivDriverClient::get_device_conf(device_conf_t& conf) {
     std::memcpy(conf.ip, reply.ip, sizeof conf.ip);
     conf.tun = reply.tun;
     conf.port = reply.port;
+    // `ptp_selected` is sent but never read back: docs/oddities.md.
     return 0;
 }
 
@@ -170,6 +172,7 @@ int32_t kivDriverClient::write_pci32_test(uint32_t bar, uint64_t offset, uint32_
     wire::PciAccess request = pci_access(bar, offset);
     request.data32 = value;
     wire::PciAccess reply;
+    // A read, whatever the name says: docs/oddities.md.
     const int32_t status = call(wire::kReadPci32, &request, &reply);
     if (status != 0) return status;
     std::printf("device index=%u address=%016" PRIX64 "\n", bar, offset);
@@ -215,7 +218,7 @@ int32_t kivDriverClient::get_ptp_epoch_time(uint64_t* time) {
         if (time != nullptr) *time = 0;
         return status;
     }
-    if (time == nullptr) return bad_argument(__LINE__);
+    if (time == nullptr) return bad_argument(__LINE__);  // Only now: docs/oddities.md.
     *time = reply.time;
     return 0;
 }
@@ -253,6 +256,7 @@ int32_t kivDriverClient::set_descriptor_anc(bool direction, uint32_t& count, uin
     if (connected() == 0) return -1;
     const uint32_t number = count;  // Another thread may change it.
     if (number > wire::kAncSlots - 1) {
+        // The numbers stay, though one slot less is accepted: docs/oddities.md.
         driver_log(__LINE__, "Over size max=%u now=%u\n", wire::kAncSlots, number);
         return -1;
     }

@@ -33,6 +33,7 @@ Client by_function_id(const kivDriverClientList& list, uint8_t device_id, uint8_
 Client by_address(const kivDriverClientList& list, uint32_t ip0, uint32_t ip1, uint32_t tun) {
     return first(list, [&](const kivDriverClient& client) {
         const auto& conf = client.device_conf;
+        // Zero addresses match too: docs/oddities.md.
         return conf.ip[0] == ip0 || conf.ip[1] == ip1 || conf.tun == tun;
     });
 }
@@ -42,6 +43,7 @@ Client by_address(const kivDriverClientList& list, uint32_t ip0, uint32_t ip1, u
 std::shared_ptr<kivDriverClient> kivDriverClient::get_class_sptr_iterator(kivDriverClientList& list,
                                                                           uint8_t index, uint8_t func_id) {
     Client found = by_ordinal(list, index, func_id);
+    // The name that log readers know: docs/oddities.md.
     if (!found) driver_log(__LINE__, "Fail get_class_ptr_array index=%u func_id=%u\n", index, func_id);
     return found;
 }
@@ -109,7 +111,7 @@ kivDriverClientList kivDriverClient::get_SiblingDevice(kivDriverClientList& list
         driver_log(__LINE__, "Fail get_SiblingDevice index=%u func_id=%u\n", index, func_id);
         return {};
     }
-    // The anchor stands first and once more at its own place.
+    // The anchor stands first and once more at its own place: docs/oddities.md.
     kivDriverClientList siblings{anchor};
     for (const Client& client : list) {
         if (client->same_card(*siblings.back())) siblings.push_back(client);

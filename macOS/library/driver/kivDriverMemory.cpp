@@ -105,6 +105,7 @@ int32_t kivDriverClient::allocate_buffer(uint32_t id, uint32_t elm_size, uint32_
     const std::lock_guard lock(buffer_mutex_);
     const int32_t allocated = iomalloc(id, elm_size, depth);
     if (allocated != 0) {
+        // Without a line end: docs/oddities.md.
         driver_log(__LINE__, "fail iomalloc=%08X elm_size=%u buffer_depth=%u",
                    static_cast<unsigned>(allocated), elm_size, depth);
         return -1;
@@ -147,7 +148,7 @@ int32_t kivDriverClient::free_buffer(uint32_t id) {
     const std::lock_guard lock(buffer_mutex_);
     const auto found = find_buffer(buffers_, id);
     if (found == buffers_.end()) return -1;
-    iofree(id);
+    iofree(id);  // The elements stay mapped, unlike below: docs/oddities.md.
     buffers_.erase(found);
     return 0;
 }

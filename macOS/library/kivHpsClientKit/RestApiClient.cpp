@@ -18,6 +18,7 @@ int32_t RestApiClient::close() {
 std::pair<std::string, std::string> split_ip_port(const std::string& text) {
     const std::size_t colon = text.find(':');
     if (colon == std::string::npos) {
+        // Not in the library's log: docs/oddities.md.
         std::cerr << "Error: Colon ':' not found in string." << std::endl;
         return {};
     }

@@ -42,7 +42,7 @@ void ThreadManagerClientPolling::run_thread() {
     const ClearRunning at_the_end(*this);
     for (;;) {
         hps_ptp_sm fresh;
-        if (!poll(fresh)) return;
+        if (!poll(fresh)) return;  // For good: docs/oddities.md.
         keep(fresh);
         if (!wait_awhile(std::chrono::seconds(period_))) return;
     }

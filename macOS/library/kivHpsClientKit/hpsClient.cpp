@@ -142,11 +142,12 @@ int32_t hpsClient::_open_config(bool start_threads) {
         log_error(kHpsSource, "Fail HTTP request url={}", url);
         return -1;
     }
+    // Undoes the application's own log settings, and stays: docs/oddities.md.
     const kiv_log_config_t log_config{KIV_LOG_LEVEL_INFO};
     kivLog_open(&log_config, KIV_LOG_SINK_DEFAULT, nullptr, nullptr);
     if (start_threads) {
         setting_thread();
-        std::this_thread::sleep_for(std::chrono::nanoseconds(1000));
+        std::this_thread::sleep_for(std::chrono::nanoseconds(1000));  // Not milliseconds: docs/oddities.md.
     }
     return 0;
 }

@@ -143,6 +143,7 @@ int32_t hpsClient::get_interface_info() {
 int32_t hpsClient::get_interface_info(std::vector<inteface_info>& list) {
     Json payload;
     if (!fetch(hps::kNetworks, payload) || !payload.is_object() || !payload.contains("interfaces")) return -1;
+    // The list is not emptied before: docs/oddities.md.
     for (Json& entry : payload["interfaces"]) {
         list.push_back({entry["if_name"].get<std::string>(), entry["ip_addr"].get<std::string>(),
                         entry["netmask"].get<std::string>(), entry["hw_addr"].get<std::string>()});
@@ -269,6 +270,7 @@ int32_t hpsClient::fw_upload(const std::string& file_path) {
 }
 
 int32_t hpsClient::fw_start(bool start, const std::string& md5) {
+    // Cards expect this spelling: docs/oddities.md.
     return command(hps::kFwStart, Json{{"start", start}, {"md5hush", md5}});
 }
 

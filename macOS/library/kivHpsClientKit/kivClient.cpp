@@ -209,6 +209,7 @@ HttpResult HttpClient::repeat(const Request& request) {
         } catch (const std::exception& error) {
             complain(error.what());
         }
+        // After the last attempt too: docs/oddities.md.
         if (retry_interval_ms_ >= 1)
             std::this_thread::sleep_for(std::chrono::milliseconds(retry_interval_ms_));
     }

@@ -32,6 +32,7 @@ kiv_result_t kiv_open(const kiv_log_config_t* log_config) {
     if (process.inherited()) return KIV_ERR_NOT_OPENED;
     kivLog_open(log_config, KIV_LOG_SINK_DEFAULT, nullptr, nullptr);
     const std::string path = CardConfig::getPath();
+    // What this throws, and the save below, reaches the application: docs/oddities.md.
     CardConfig fresh = CardConfig::load_from_file(path);
     {
         const std::lock_guard lock(process.config_mutex);

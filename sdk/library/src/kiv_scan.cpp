@@ -86,7 +86,7 @@ kiv_result_t scan_internal(Process& process, kiv_scan_internal_t& out) {
     }
     out.count = scan.count;
     out.devices = process.g_ScanInfo.data();
-    // Never emptied: the start of the list holds the values of the first internal scan of the process.
+    // Never emptied: the start of the list holds the values of the first internal scan (docs/oddities.md).
     out.internal = process.g_ScanInfo_in.data();
     return KIV_OK;
 }
@@ -95,7 +95,8 @@ kiv_result_t close(Process& process) {
     const auto manager = process.present_manager();
     if (manager) {
         manager->stop();
-        // The stop has released every card: what is left to close ends with the cards themselves.
+        // The stop has released every card: what is left to close ends with the cards themselves
+        // (docs/oddities.md).
         for (const auto& card : manager->allDevices()) {
             for (const auto& access : card->accesses())
                 access->close();

@@ -29,7 +29,7 @@ uint64_t hex(const char* digits) {
 }  // namespace
 
 uint32_t ip_string_to_uint32(const std::string& text) {
-    if (std::count(text.begin(), text.end(), '.') != 3) return 0;
+    if (std::count(text.begin(), text.end(), '.') != 3) return 0;  // In silence: docs/oddities.md.
     std::istringstream in(text);
     in.imbue(std::locale::classic());
     uint32_t address = 0;
@@ -50,6 +50,7 @@ int netmaskToBitCount(const std::string& text) {
     std::istringstream in(text);
     int bits = 0;
     for (std::string piece; std::getline(in, piece, '.');) {
+        // Contiguous or not: docs/oddities.md.
         bits += std::popcount(static_cast<uint8_t>(std::stoi(piece)));
     }
     return bits;

@@ -80,6 +80,7 @@ CardConfig CardConfig::load_from_file(const std::string& path) {
     } catch (const Json::parse_error& error) {
         throw not_parsed(error);
     } catch (const std::exception& error) {
+        // Without the path: docs/oddities.md.
         throw std::runtime_error(std::string("Error during JSON deserialization: ") + error.what());
     }
 }

@@ -98,6 +98,7 @@ bool Device::read_register(const registers::Register& where, uint64_t& value) co
 // ---- Queries ----------------------------------------------------------------------------------------------
 
 kiv_result_t Device::get_card_info(kiv_card_info_t& info) {
+    // The last one's value is dropped: docs/oddities.md.
     constexpr registers::Register kRead[] = {registers::kIdentity0, registers::kIdentity1,
                                              registers::kCardWord, registers::kIdentity3,
                                              registers::kReadable};
@@ -165,6 +166,7 @@ kiv_result_t Device::get_media_net_config(kiv_net_config_t& config) {
 kiv_result_t Device::get_net_status(kiv_net_status_t& status) {
     uint64_t bits = 0;
     if (!read_register(registers::kStatus, bits)) return KIV_ERR_FAILED;
+    // A link that is down is not written: docs/oddities.md.
     if (bit(bits, registers::kStatusLink0)) status.link_up_0 = 1;
     if (bit(bits, registers::kStatusLink1)) status.link_up_1 = 1;
 
@@ -249,6 +251,7 @@ kiv_result_t Device::get_stream_status(const StreamRegisters& from, kiv_stream_s
     kiv_stream_status_t read{};
     const int32_t failed = (function_0.*from.resources)(read.resource_0, read.resource_1, read.resource_2);
     if (failed != 0) {
+        // Only this one, and on standard output: docs/oddities.md.
         if (&from == &kTransmit) std::cout << "getTxUseResourceData" << std::endl;
         return KIV_ERR_FAILED;
     }
@@ -270,6 +273,7 @@ kiv_result_t Device::reconfig_net_work(const kiv_net_config_t& net, const kiv_pt
     if (get_tun_config(tunnel, ignored) != KIV_OK || tunnel == 0) return KIV_ERR_FAILED;
     const kiv_net_port_0_t& p = net.port_0;
     const kiv_net_port_1_t& s = net.port_1;
+    // The tunnel's numbers are fixed, and a blank ends the command: docs/oddities.md.
     // port_params: TOS of both ports, then TTL of both. The first two PTP numbers are unsigned on the wire.
     const std::string command =
         fmt::format("macethP={} macethS={} macptp={},{},{},{},{} mactun={}/30,0,100us ",

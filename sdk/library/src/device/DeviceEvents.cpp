@@ -47,7 +47,7 @@ bool Device::poll_1sec() {
     return ptp_notified || link_notified;
 }
 
-/// A change counts as notified only when somebody was called.
+/// A change counts as notified only when somebody was called: docs/oddities.md.
 bool Device::poll_ptp(uint64_t status) {
     const uint32_t state = ptp_state(status).value_or(0);
     if (state == last_ptp_state_) return false;
@@ -56,7 +56,7 @@ bool Device::poll_ptp(uint64_t status) {
     return !callbacks_.empty();
 }
 
-/// A change counts as notified even when nobody listens.
+/// A change counts as notified even when nobody listens: docs/oddities.md.
 bool Device::poll_link(uint64_t status) {
     const uint8_t now[2] = {bit(status, registers::kStatusLink0), bit(status, registers::kStatusLink1)};
     const kiv_event_link_t event{now[0] != last_link_[0], now[0], now[1] != last_link_[1], now[1]};
@@ -78,12 +78,13 @@ bool Device::poll_60sec() {
         return true;
     }
     SystemMonitorData data;
-    parse_json_to_struct_cpp(json, data);
+    parse_json_to_struct_cpp(json, data);  // Unreadable is all zeros, and so an alarm: docs/oddities.md.
 
     kiv_event_hwmon_t event{};
     bool alarm = false;
     for (std::size_t i = 0; i < std::size(event.entry); ++i) {
         event.entry[i].sensor = data.sensors[i];
+        // Not `critical`: docs/oddities.md.
         event.entry[i].alarm = data.sensors[i].input >= data.sensors[i].max;
         alarm = alarm || event.entry[i].alarm != 0;
     }

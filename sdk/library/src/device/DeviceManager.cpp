@@ -86,8 +86,8 @@ void DeviceManager::cancelTask(uint64_t task) {
 }
 
 void DeviceManager::removeDevice(int id, thread::Scheduler& scheduler) {
-    // The device id serves as the key here, on purpose: the polls of a removed card are not looked up by
-    // their own numbers, they find the Device gone at their next run.
+    // The device id serves as the key here (docs/oddities.md): the polls of a removed card are not looked up
+    // by their own numbers, they find the Device gone at their next run.
     if (const auto task = tasks_.find(static_cast<uint64_t>(id)); task != tasks_.end()) {
         scheduler.cancel(task->second);
         tasks_.erase(task);

@@ -35,6 +35,7 @@ kiv_result_t write_flash_image(Device& device, const char* path) {
         log_error(kApiSource, "Can't write now. Status={}", status);
         return KIV_ERR_BUSY;
     }
+    // After the state of the card: docs/oddities.md.
     if (path == nullptr) {
         log_error(kApiSource, "Argument is NULL");
         return KIV_ERR_NULL_ARGUMENT;

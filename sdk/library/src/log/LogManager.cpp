@@ -39,10 +39,11 @@ spdlog::sink_ptr make_file(const LogConfig& config) {
 }
 
 spdlog::sink_ptr make_syslog() {
+    // The name stays: docs/oddities.md.
     return std::make_shared<Syslog>("AppName", LOG_PID, LOG_USER, true);
 }
 
-/// The category is required but not passed on: the sink writes under an empty one.
+/// The category is required but not passed on: the sink writes under an empty one (docs/oddities.md).
 spdlog::sink_ptr make_os_log(const LogConfig& config) {
     if (config.os_log_subsystem.empty() || config.os_log_category.empty()) {
         std::cerr << "os_log sink requires 'os_log_subsystem' and 'os_log_category' in config.\n";

@@ -56,6 +56,7 @@ class CallbackInProgress {
 
 kiv_result_t open(const kiv_log_config_t* config, kiv_log_sink_t sink, Callback callback,
                   LogConfig& back_end) {
+    // Without a configuration nothing of the rest is taken either: docs/oddities.md.
     if (config != nullptr) {
         {
             const std::lock_guard lock(state().mutex);
@@ -91,8 +92,8 @@ kiv_result_t kivLog_close() {
         std::this_thread::sleep_for(kClosePause);
     }
     if (state().callbacks_in_progress == 0) return KIV_OK;
-    // The line's text is the source path: past this interface's threshold, the logger's own level still
-    // applies.
+    // The line's text is the source path (docs/oddities.md): past this interface's threshold, the logger's
+    // own level still applies.
     if (spdlog::logger* logger = LogManager::getInstance().getLogger()) {
         logger->log(spdlog::source_loc{kSource, kBusyLine, ""}, spdlog::level::err,
                     spdlog::string_view_t(kSource));

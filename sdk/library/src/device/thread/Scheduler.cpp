@@ -70,6 +70,7 @@ void Scheduler::runLoop() {
         } catch (...) {
             // Out of memory while handing jobs over: the runs of this pass are lost, the timer goes on.
         }
+        // Nothing wakes it early: docs/oddities.md.
         if (sleep >= milliseconds(1)) std::this_thread::sleep_for(sleep);
     }
 }
@@ -84,7 +85,7 @@ milliseconds Scheduler::pass() {
             if (job.cancelled) continue;
             if (now >= job.nextRun) {
                 ready.emplace_back(job.task, job.pool);
-                job.nextRun = due(now, job.interval);
+                job.nextRun = due(now, job.interval);  // Not from when it was due: docs/oddities.md.
             }
             sleep = std::min(sleep, std::chrono::duration_cast<milliseconds>(job.nextRun - now));
         }

@@ -22,7 +22,8 @@ struct ScheduledTask {
     std::chrono::milliseconds interval{0};
     std::chrono::steady_clock::time_point nextRun;
     uint64_t id = 0;
-    bool cancelled = false;  ///< Skipped by the timer when set. cancel() removes the job instead.
+    /// Skipped by the timer when set. Nothing sets it, cancel() removes the job: docs/oddities.md.
+    bool cancelled = false;
     std::shared_ptr<PeriodicThreadPool> pool;
 };
 
