@@ -40,10 +40,9 @@ void kivDriverClient::start_notifications() {
 
 /// With `lifecycle_mutex_` held; returns when the thread has ended, if there was one.
 void kivDriverClient::stop_notifications() {
+    request_stop();
     {
         std::unique_lock lock(mutex);
-        running = false;
-        stop_requested = true;
         while (notifying_) {
             // A stop that comes just before the loop runs is lost.
             if (run_loop_ != nullptr) CFRunLoopStop(run_loop_);
@@ -57,7 +56,6 @@ void kivDriverClient::stop_notifications() {
 
 void kivDriverClient::end_of_thread() {
     const std::lock_guard lock(mutex);
-    running = false;
     notifying_ = false;
     condition.notify_all();
 }
@@ -68,6 +66,7 @@ void kivDriverClient::run_thread() {
         ~AtEnd() { client.end_of_thread(); }
     };
     const AtEnd at_end{*this};
+    const ClearRunning clear_running(*this);
     pthread_set_qos_class_self_np(QOS_CLASS_USER_INTERACTIVE, 0);
     const CFRunLoopRef run_loop = CFRunLoopGetCurrent();
     CFRetain(run_loop);

@@ -41,17 +41,19 @@ void ThreadManager::notify_all() {
 }
 
 void ThreadManager::join_thread() {
-    {
-        const std::lock_guard lock(mutex);
-        running = false;
-        stop_requested = true;
-    }
+    request_stop();
     notify_all();
     if (!on_own_thread() && thread_.joinable()) thread_.join();
 }
 
 void ThreadManager::abandon_thread() {
     if (thread_.joinable()) thread_.detach();
+}
+
+void ThreadManager::request_stop() {
+    const std::lock_guard lock(mutex);
+    running = false;
+    stop_requested = true;
 }
 
 bool ThreadManager::set_running() {

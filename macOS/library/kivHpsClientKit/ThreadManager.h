@@ -37,6 +37,9 @@ class KIV_API ThreadManager {
     /// For run_thread(): sets `running`, unless a stop was requested; then false.
     bool set_running();
 
+    /// Asks the thread to stop, as join_thread() does, but neither wakes it nor waits for its end.
+    void request_stop();
+
     /// For run_thread(), before a step that takes time: whether a stop was requested.
     bool stopping();
 
@@ -65,7 +68,7 @@ class KIV_API ThreadManager {
     std::mutex mutex;  ///< Guards `running`, `wake` and `stop_requested`.
     std::condition_variable condition;
     bool wake = false;            ///< Set by notify_all(); the thread clears it after each wait.
-    bool stop_requested = false;  ///< Set by join_thread(), cleared by start_thread().
+    bool stop_requested = false;  ///< Set by request_stop(), cleared by start_thread().
 
   private:
     std::thread thread_;
