@@ -1,4 +1,4 @@
-"""The library's sources compile with libc++, the standard library of macOS.
+"""The library's sources compile with libc++, the standard library of macOS, and hold the locks that they say.
 
 usage: libcxx.py ROOT INCLUDE_PATH (separated by ':')
 """
@@ -22,6 +22,7 @@ def main():
 
     def compile_one(source):
         command = [COMPILER, "-std=c++20", "-stdlib=libc++", "-fsyntax-only", "-Wall", "-Wextra", "-Werror",
+                   "-Wthread-safety", "-D_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS",
                    "-DSPDLOG_FMT_EXTERNAL", "-DSPDLOG_COMPILED_LIB", *flags, "-isystem", str(platform), str(source)]
         return source, subprocess.run(command, capture_output=True, text=True)
 

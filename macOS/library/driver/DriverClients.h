@@ -5,14 +5,17 @@
 #include <mutex>
 
 #include <kiv/kivDriverClient.h>
+#include <kiv/threadSafety.h>
 #include "platform.h"
 
 namespace kiv {
 
 struct DriverClients final : platform::Clients {
-    std::mutex mutex;               ///< Guards the lists.
-    kivDriverClientList kivDev_;    ///< What the last enumeration for the device layer found.
-    kivDriverClientList g_clients;  ///< What kivDext_new() found.
+    std::mutex mutex;
+    /// What the last enumeration for the device layer found.
+    kivDriverClientList kivDev_ KIV_GUARDED_BY(mutex);
+    /// What kivDext_new() found.
+    kivDriverClientList g_clients KIV_GUARDED_BY(mutex);
 
     /// Puts `fresh` in place of `list`. Those that go take leave of the driver now, also when a call of another thread
     /// still has a share of one: the driver takes a later leave for the whole process.

@@ -25,11 +25,11 @@ uint16_t kivDext_get_selected_ptp_card() try {
     DriverClients* const shared = driver_clients(false);
     if (shared == nullptr) return 0;
     const std::lock_guard lock(shared->mutex);
-    const kivDriverClientList& clients = shared->g_clients;
-    const auto selected = std::find_if(clients.begin(), clients.end(), [](const auto& client) {
+    const auto first = shared->g_clients.begin();
+    const auto selected = std::find_if(first, shared->g_clients.end(), [](const auto& client) {
         return (client->device_conf.ptp_selected & 1) != 0;
     });
-    return static_cast<uint16_t>(selected - clients.begin());
+    return static_cast<uint16_t>(selected - first);
 } catch (...) {
     return 0;
 }

@@ -15,6 +15,7 @@
 #include <kiv/ThreadManager.h>
 #include <kiv/kivDriverService.h>
 #include <kiv/kiv_export.h>
+#include <kiv/threadSafety.h>
 
 class kivDriverClient;
 using kivDriverClientList = std::vector<std::shared_ptr<kivDriverClient>>;
@@ -280,7 +281,7 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
         uint64_t address;
         bool operator==(const Mapping&) const = default;
     };
-    int32_t select(uint32_t connect, const Memory& memory);
+    int32_t select(uint32_t connect, const Memory& memory) KIV_REQUIRES(selection_mutex_);
     int32_t map_memory(const Memory& memory, uint64_t* address, uint64_t* size, bool* is_new = nullptr);
     void forget_selection();
     void release(const dextBuffer& buffer);
@@ -289,8 +290,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     bool register_callback(__CFRunLoop* run_loop);
     static void callbak_dext(void* refcon, int32_t result, void** args, uint32_t numArgs);
     void notify(void** args, uint32_t numArgs) noexcept;
-    void start_notifications();
-    void stop_notifications();
+    void start_notifications() KIV_REQUIRES(lifecycle_mutex_);
+    void stop_notifications() KIV_REQUIRES(lifecycle_mutex_);
     void end_of_thread();
 
     bool same_card(const kivDriverClient& other) const;
@@ -302,20 +303,25 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     uint8_t func_id_;
     std::atomic<uint32_t> connect_;  ///< Connection handle; 0 when closed.
 
-    std::mutex lifecycle_mutex_;       ///< Serialises open and close; not taken on the notification thread.
-    uint32_t notify_port_ = 0;         ///< Guarded by `mutex`, as the next two.
-    __CFRunLoop* run_loop_ = nullptr;  ///< The notification thread's, retained; released after its join.
-    bool notifying_ = false;           ///< The notification thread is started and has not returned.
+    std::mutex lifecycle_mutex_;  ///< Serialises open and close; not taken on the notification thread.
+    uint32_t notify_port_ KIV_GUARDED_BY(mutex) = 0;
+    /// The notification thread's, retained; released after its join.
+    __CFRunLoop* run_loop_ KIV_GUARDED_BY(mutex) = nullptr;
+    /// The notification thread is started and has not returned.
+    bool notifying_ KIV_GUARDED_BY(mutex) = false;
 
-    std::recursive_mutex callback_mutex_;  ///< Held while the callback runs.
-    std::shared_ptr<const std::function<void(const InterruptEvent&)>> callback_;  ///< Guarded by it.
+    kiv::RecursiveMutex callback_mutex_;  ///< Held while the callback runs.
+    std::shared_ptr<const std::function<void(const InterruptEvent&)>> callback_
+        KIV_GUARDED_BY(callback_mutex_);
 
-    std::mutex selection_mutex_;      ///< Selecting a memory and what is done with it are one step.
-    std::optional<Memory> selected_;  ///< What the driver has selected, if known; guarded by it, as the next.
-    std::vector<Mapping> mappings_;   ///< At most one of each memory, and of each address.
-    mutable std::mutex buffer_mutex_;  ///< Taken before `selection_mutex_`.
-    std::vector<dextBuffer> buffers_;  ///< In allocation order; guarded by `buffer_mutex_`, as the next.
-    buffer_info anc_buffers_[4] = {};
+    std::mutex selection_mutex_;  ///< Selecting a memory and what is done with it are one step.
+    /// What the driver has selected, if known.
+    std::optional<Memory> selected_ KIV_GUARDED_BY(selection_mutex_);
+    /// At most one of each memory, and of each address.
+    std::vector<Mapping> mappings_ KIV_GUARDED_BY(selection_mutex_);
+    mutable std::mutex buffer_mutex_;                                ///< Taken before `selection_mutex_`.
+    std::vector<dextBuffer> buffers_ KIV_GUARDED_BY(buffer_mutex_);  ///< In allocation order.
+    buffer_info anc_buffers_[4] KIV_GUARDED_BY(buffer_mutex_) = {};
     const int32_t
         process_id_;  ///< The process that made the client: a forked child must not touch its locks.
 

@@ -26,7 +26,7 @@ auto find_buffer(auto& buffers, uint32_t id) {
 
 }  // namespace
 
-/// With `selection_mutex_` held. After a failure the driver may have selected this or that.
+/// After a failure the driver may have selected this or that.
 int32_t kivDriverClient::select(uint32_t connect, const Memory& memory) {
     selected_.reset();
     const wire::MemorySelection selection{1, {}, memory.kind, memory.id, memory.index, memory.bar};

@@ -20,7 +20,7 @@ constexpr std::chrono::milliseconds kBetweenStops{1};
 
 }  // namespace
 
-/// With `lifecycle_mutex_` held. A thread that could not register has returned: it gets a successor.
+/// A thread that could not register has returned: it gets a successor.
 void kivDriverClient::start_notifications() {
     {
         const std::lock_guard lock(mutex);
@@ -38,11 +38,11 @@ void kivDriverClient::start_notifications() {
     }
 }
 
-/// With `lifecycle_mutex_` held; returns when the thread has ended, if there was one.
+/// Returns when the thread has ended, if there was one.
 void kivDriverClient::stop_notifications() {
     request_stop();
     {
-        std::unique_lock lock(mutex);
+        kiv::UniqueLock lock(mutex);
         while (notifying_) {
             // A stop that comes just before the loop runs is lost.
             if (run_loop_ != nullptr) CFRunLoopStop(run_loop_);

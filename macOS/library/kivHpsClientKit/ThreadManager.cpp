@@ -72,8 +72,9 @@ bool ThreadManager::on_own_thread() const {
 }
 
 bool ThreadManager::wait_awhile(std::chrono::milliseconds time) {
-    std::unique_lock lock(mutex);
-    condition.wait_until(lock, std::chrono::steady_clock::now() + time, [this] { return wake; });
+    kiv::UniqueLock lock(mutex);
+    condition.wait_until(lock, std::chrono::steady_clock::now() + time,
+                         [this]() KIV_REQUIRES(mutex) { return wake; });
     wake = false;
     return running;
 }

@@ -11,6 +11,7 @@
 
 #include <kiv/ThreadManager.h>
 #include <kiv/hpsRecords.h>
+#include <kiv/threadSafety.h>
 
 class ThreadManagerClientPolling final : public ThreadManager {
   public:
@@ -36,7 +37,7 @@ class ThreadManagerClientPolling final : public ThreadManager {
     const uint16_t period_;
     std::atomic<bool> first_request_{false};  ///< Set once, after the first complete poll.
     std::condition_variable first_request_condition_;
-    hps_ptp_sm digest_;  ///< Guarded by the manager's mutex.
+    hps_ptp_sm digest_ KIV_GUARDED_BY(mutex);
     const Callback master_;
     const Callback management_;
 };

@@ -13,6 +13,7 @@
 #include <kiv/hpsRecords.h>
 #include <kiv/kivClient.h>
 #include <kiv/kiv_export.h>
+#include <kiv/threadSafety.h>
 
 class ThreadManagerClientAlive;
 class ThreadManagerClientPolling;
@@ -175,15 +176,16 @@ class KIV_API hpsClient {
 
     const int32_t process_id_;  ///< Identity towards the card.
 
-    mutable std::mutex mutex_;  ///< Guards all below; never held during a request.
-    std::string ip_address_;
-    int32_t port_ = 0;
-    std::string base_url_;
-    std::shared_ptr<HttpClient>
-        http_;  ///< Shared with the requests under way; empty before the first configuration.
-    std::unique_ptr<ThreadManagerClientAlive> alive_;
-    std::shared_ptr<ThreadManagerClientPolling> polling_;  ///< Shared with the readers of its digest.
-    std::vector<inteface_info> interfaces_;
+    mutable std::mutex mutex_;  ///< Never held during a request.
+    std::string ip_address_ KIV_GUARDED_BY(mutex_);
+    int32_t port_ KIV_GUARDED_BY(mutex_) = 0;
+    std::string base_url_ KIV_GUARDED_BY(mutex_);
+    /// Shared with the requests under way; empty before the first configuration.
+    std::shared_ptr<HttpClient> http_ KIV_GUARDED_BY(mutex_);
+    std::unique_ptr<ThreadManagerClientAlive> alive_ KIV_GUARDED_BY(mutex_);
+    /// Shared with the readers of its digest.
+    std::shared_ptr<ThreadManagerClientPolling> polling_ KIV_GUARDED_BY(mutex_);
+    std::vector<inteface_info> interfaces_ KIV_GUARDED_BY(mutex_);
 };
 
 #endif

@@ -62,10 +62,10 @@ std::shared_ptr<device::DeviceManager> Process::exchange_manager(
 
 /// For the exit handler. False when the turn is the caller's own, or another thread's for too long.
 bool Process::wait_for_turn() {
-    std::unique_lock lock(mutex_);
+    UniqueLock lock(mutex_);
     turn_is_free_.notify_all();
     if (turn_ == std::this_thread::get_id()) return false;
-    const auto free = [this] { return turn_ == std::thread::id(); };
+    const auto free = [this]() KIV_REQUIRES(mutex_) { return turn_ == std::thread::id(); };
     return turn_is_free_.wait_until(lock, std::chrono::steady_clock::now() + kPatience, free);
 }
 
@@ -96,10 +96,11 @@ void Process::end() noexcept try {
 Turn::Turn(Process& process) : process_(process) {
     if (process_.over()) return;
     const auto self = std::this_thread::get_id();
-    std::unique_lock lock(process_.mutex_);
+    UniqueLock lock(process_.mutex_);
     if (process_.turn_ == self) return;
-    process_.turn_is_free_.wait(lock,
-                                [this] { return process_.turn_ == std::thread::id() || process_.ended_; });
+    process_.turn_is_free_.wait(lock, [this]() KIV_REQUIRES(process_.mutex_) {
+        return process_.turn_ == std::thread::id() || process_.ended_;
+    });
     if (process_.ended_) return;
     process_.turn_ = self;
     granted_ = true;

@@ -14,6 +14,7 @@
 #include <kiv/CardConfig.h>
 #include <kiv/DeviceManager.h>
 #include <kiv/kiv_types.h>
+#include <kiv/threadSafety.h>
 #include "platform.h"
 
 namespace kiv::api {
@@ -48,8 +49,9 @@ class Process {
     /// Puts another manager, or none, in its place and gives the former one.
     std::shared_ptr<device::DeviceManager> exchange_manager(std::shared_ptr<device::DeviceManager> fresh);
 
-    std::mutex config_mutex;          ///< Guards `g_CardConfig`, which calls for several cards share.
-    config::CardConfig g_CardConfig;  ///< The host's card configuration.
+    std::mutex config_mutex;
+    /// The host's card configuration, which calls for several cards share.
+    config::CardConfig g_CardConfig KIV_GUARDED_BY(config_mutex);
     std::vector<kiv_scan_card_device_t> g_ScanInfo;              ///< Of the last scan; under the turn.
     std::vector<kiv_scan_card_device_internal_t> g_ScanInfo_in;  ///< Of all internal scans; under the turn.
     const std::unique_ptr<platform::Clients> clients = platform::make_clients();
@@ -61,10 +63,10 @@ class Process {
     void end() noexcept;
     bool wait_for_turn();
 
-    std::mutex mutex_;  ///< Guards the next three.
-    std::shared_ptr<device::DeviceManager>
-        g_DeviceManager;    ///< Empty until the first scan, and after a close.
-    std::thread::id turn_;  ///< Thread that scans or closes.
+    std::mutex mutex_;
+    /// Empty until the first scan, and after a close.
+    std::shared_ptr<device::DeviceManager> g_DeviceManager KIV_GUARDED_BY(mutex_);
+    std::thread::id turn_ KIV_GUARDED_BY(mutex_);  ///< Thread that scans or closes.
     std::condition_variable turn_is_free_;
     std::atomic<pid_t> owner_{0};     ///< The process that looked for cards; 0 before.
     std::atomic<bool> ended_{false};  ///< The exit handler has begun. Set under `mutex_`.

@@ -16,6 +16,7 @@
 #include <kiv/IRestApiClient.h>
 #include <kiv/kiv_export.h>
 #include <kiv/kiv_types.h>
+#include <kiv/threadSafety.h>
 
 namespace kiv::registers {
 struct Register;
@@ -110,9 +111,9 @@ class KIV_API Device {
     void enableEvent(kiv_event_type_t type);
     void disableEvent(kiv_event_type_t type);
 
-    /// Used by the polls, which hold the Device mutex.
-    bool isEventEnabled(kiv_event_type_t type) const;
-    void notifyCallbacks(kiv_event_type_t type, const void* data);
+    /// Used by the polls.
+    bool isEventEnabled(kiv_event_type_t type) const KIV_REQUIRES(mutex_);
+    void notifyCallbacks(kiv_event_type_t type, const void* data) KIV_REQUIRES(mutex_);
 
     /// Reads the status register and raises KIV_EVENT_PTP and KIV_EVENT_LINK for what changed since it was
     /// last seen (at first: no link, PTP state 0). True when it notified.
@@ -127,21 +128,21 @@ class KIV_API Device {
     bool read_register(const registers::Register& where, uint32_t& value) const;
     bool read_register(const registers::Register& where, uint64_t& value) const;
     kiv_result_t get_stream_status(const StreamRegisters& from, kiv_stream_status_t& status);
-    bool poll_ptp(uint64_t status);
-    bool poll_link(uint64_t status);
+    bool poll_ptp(uint64_t status) KIV_REQUIRES(mutex_);
+    bool poll_link(uint64_t status) KIV_REQUIRES(mutex_);
 
     const DeviceInfo info_;
     const AccessList accesses_;  ///< In the order of `info_.functions`.
     const std::unique_ptr<rest::IRestApiClient> rest_;
 
     std::mutex ptp_mutex_;
-    std::optional<kiv_ptp_config_t> ptp_saved_;  ///< Last applied; guarded by `ptp_mutex_`.
+    std::optional<kiv_ptp_config_t> ptp_saved_ KIV_GUARDED_BY(ptp_mutex_);  ///< Last applied.
 
-    std::mutex mutex_;  ///< Guards all below; held while callbacks run.
-    std::vector<std::pair<kiv_event_callback_t, void*>> callbacks_;
-    std::unordered_set<kiv_event_type_t> enabled_events_;
-    uint8_t last_link_[2] = {0, 0};
-    uint32_t last_ptp_state_ = 0;
+    std::mutex mutex_;  ///< Held while callbacks run.
+    std::vector<std::pair<kiv_event_callback_t, void*>> callbacks_ KIV_GUARDED_BY(mutex_);
+    std::unordered_set<kiv_event_type_t> enabled_events_ KIV_GUARDED_BY(mutex_);
+    uint8_t last_link_[2] KIV_GUARDED_BY(mutex_) = {0, 0};
+    uint32_t last_ptp_state_ KIV_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace kiv::device

@@ -27,14 +27,17 @@ void DeviceManager::loadDevices() {
     for (const DeviceInfo& info : enumerator_->enumerate()) {
         const uint32_t id = info.id;
         seen.insert(id);
-        if (devices_.contains(id)) continue;
+        if (exists(id)) continue;
         insert(id, makeDevice(info));
         scheduleDevicePoll(id, kShortPoll, &Device::poll_1sec);
         scheduleDevicePoll(id, kLongPoll, &Device::poll_60sec);
     }
     std::vector<uint32_t> gone;
-    for (const auto& [id, device] : devices_) {
-        if (!seen.contains(id)) gone.push_back(id);
+    {
+        const std::lock_guard lock(mutex_);
+        for (const auto& [id, device] : devices_) {
+            if (!seen.contains(id)) gone.push_back(id);
+        }
     }
     for (const uint32_t id : gone)
         removeDevice(static_cast<int>(id), scheduler_);

@@ -15,6 +15,7 @@
 #include <kiv/PeriodicThreadPool.h>
 #include <kiv/Scheduler.h>
 #include <kiv/kiv_export.h>
+#include <kiv/threadSafety.h>
 
 namespace kiv::device {
 
@@ -64,8 +65,8 @@ class KIV_API DeviceManager {
     std::shared_ptr<Device> makeDevice(const DeviceInfo& info);
     void insert(uint32_t id, std::shared_ptr<Device> device);
 
-    std::unordered_map<uint32_t, std::shared_ptr<Device>> devices_;
-    std::mutex mutex_;  ///< Guards changes of `devices_`, and the lookups of threads other than the owner.
+    std::unordered_map<uint32_t, std::shared_ptr<Device>> devices_ KIV_GUARDED_BY(mutex_);
+    std::mutex mutex_;
     DeviceFactoryRegistry& registry_;
     std::unique_ptr<IDeviceEnumerator> enumerator_;
     thread::Scheduler scheduler_;

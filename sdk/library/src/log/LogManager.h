@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <kiv/kivLog.h>
+#include <kiv/threadSafety.h>
 
 namespace spdlog {
 class logger;
@@ -54,8 +55,8 @@ class KIV_API LogManager {
     LogManager();
     ~LogManager() = default;
 
-    std::mutex mutex_;  ///< One init at a time; guards `logger_`.
-    std::shared_ptr<spdlog::logger> logger_;
+    std::mutex mutex_;  ///< One init at a time.
+    std::shared_ptr<spdlog::logger> logger_ KIV_GUARDED_BY(mutex_);
     std::atomic<spdlog::logger*> ready_{nullptr};  ///< `logger_`, once it is complete.
     std::atomic<bool> exiting_{false};             ///< The process exits: spdlog's registry goes.
 };

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include <kiv/LogManager.h>
+#include <kiv/threadSafety.h>
 #include "base/guarded.h"
 #include "log/kivLogDispatch.h"
 
@@ -33,8 +34,8 @@ struct LogState {
     std::atomic<kiv_log_sink_t> sink{KIV_LOG_SINK_DEFAULT};
     std::atomic<uint32_t> callbacks_in_progress{0};
 
-    std::mutex mutex;  ///< Guards `callback`: function and user data change together.
-    Callback callback;
+    std::mutex mutex;
+    Callback callback KIV_GUARDED_BY(mutex);  ///< Function and user data change together.
 };
 
 /// Never destroyed: threads of the application may still log while the process exits.

@@ -69,8 +69,10 @@ void PeriodicThreadPool::workerLoop(State& state) {
     while (state.running) {
         std::function<void()> task;
         {
-            std::unique_lock lock(state.mutex);
-            state.cv.wait(lock, [&state] { return !state.tasks.empty() || !state.running; });
+            UniqueLock lock(state.mutex);
+            state.cv.wait(lock, [&state]() KIV_REQUIRES(state.mutex) {
+                return !state.tasks.empty() || !state.running;
+            });
             if (state.tasks.empty()) return;
             task = std::move(state.tasks.front());
             state.tasks.pop_front();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <kiv/kiv_export.h>
+#include <kiv/threadSafety.h>
 
 namespace kiv::device::thread {
 
@@ -44,8 +45,8 @@ class KIV_API PeriodicThreadPool {
   private:
     /// Shared with the workers, so that one of them may release the pool itself.
     struct State {
-        std::deque<std::function<void()>> tasks;
-        std::mutex mutex;  ///< Guards `tasks`.
+        std::deque<std::function<void()>> tasks KIV_GUARDED_BY(mutex);
+        std::mutex mutex;
         std::condition_variable cv;
         std::atomic<bool> running{true};  ///< Cleared under the mutex.
     };
@@ -53,7 +54,7 @@ class KIV_API PeriodicThreadPool {
     void ask_to_end();
     void join_workers();
 
-    std::vector<std::thread> threads_;
+    std::vector<std::thread> threads_ KIV_GUARDED_BY(join_mutex_);
     std::mutex join_mutex_;  ///< One thread at a time joins the workers. No worker waits for it.
     const std::shared_ptr<State> state_ = std::make_shared<State>();
 };

@@ -13,6 +13,7 @@
 
 #include <kiv/PeriodicThreadPool.h>
 #include <kiv/kiv_export.h>
+#include <kiv/threadSafety.h>
 
 namespace kiv::device::thread {
 
@@ -61,10 +62,9 @@ class KIV_API Scheduler {
 
     std::atomic<bool> running_{false};
     std::thread worker_;
-    std::mutex
-        mutex_;  ///< Guards `tasks_` and `nextId_`; never held while posting, sleeping or destroying a job.
-    std::unordered_map<uint64_t, ScheduledTask> tasks_;
-    uint64_t nextId_ = 1;
+    std::mutex mutex_;  ///< Never held while posting, sleeping or destroying a job.
+    std::unordered_map<uint64_t, ScheduledTask> tasks_ KIV_GUARDED_BY(mutex_);
+    uint64_t nextId_ KIV_GUARDED_BY(mutex_) = 1;
 };
 
 }  // namespace kiv::device::thread
