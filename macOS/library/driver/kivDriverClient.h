@@ -266,7 +266,7 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     int32_t send(uint32_t selector, const In& input);
     template <typename Out>
     int32_t receive(uint32_t selector, Out& output);
-    uint32_t connected() const;
+    KIV_LOCAL uint32_t connected() const;
 
     /// What the driver can be told to select for mapping: an element of a memory block, or a BAR.
     struct Memory {
@@ -281,21 +281,22 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
         uint64_t address;
         bool operator==(const Mapping&) const = default;
     };
-    int32_t select(uint32_t connect, const Memory& memory) KIV_REQUIRES(selection_mutex_);
-    int32_t map_memory(const Memory& memory, uint64_t* address, uint64_t* size, bool* is_new = nullptr);
-    void forget_selection();
-    void release(const dextBuffer& buffer);
+    KIV_LOCAL int32_t select(uint32_t connect, const Memory& memory) KIV_REQUIRES(selection_mutex_);
+    KIV_LOCAL int32_t map_memory(const Memory& memory, uint64_t* address, uint64_t* size,
+                                 bool* is_new = nullptr);
+    KIV_LOCAL void forget_selection();
+    KIV_LOCAL void release(const dextBuffer& buffer);
 
     void run_thread() override;
-    bool register_callback(__CFRunLoop* run_loop);
-    static void callbak_dext(void* refcon, int32_t result, void** args, uint32_t numArgs);
-    void notify(void** args, uint32_t numArgs) noexcept;
-    void start_notifications() KIV_REQUIRES(lifecycle_mutex_);
-    void stop_notifications() KIV_REQUIRES(lifecycle_mutex_);
-    void end_of_thread();
+    KIV_LOCAL bool register_callback(__CFRunLoop* run_loop);
+    KIV_LOCAL static void callbak_dext(void* refcon, int32_t result, void** args, uint32_t numArgs);
+    KIV_LOCAL void notify(void** args, uint32_t numArgs) noexcept;
+    KIV_LOCAL void start_notifications() KIV_REQUIRES(lifecycle_mutex_);
+    KIV_LOCAL void stop_notifications() KIV_REQUIRES(lifecycle_mutex_);
+    KIV_LOCAL void end_of_thread();
 
-    bool same_card(const kivDriverClient& other) const;
-    bool inherited() const;
+    KIV_LOCAL bool same_card(const kivDriverClient& other) const;
+    KIV_LOCAL bool inherited() const;
 
     [[maybe_unused]] uint64_t unknown_ = 0x0002000000010000;
     uint32_t register_bar_ = 1;  ///< BAR of the ANC mode register.

@@ -168,11 +168,13 @@ class KIV_API hpsClient {
     int32_t open_matching(const std::string& config_path, bool start_threads, Matches matches,
                           const char* complaint, const std::string& wanted);
 
-    HttpResult request(const hps::Endpoint& endpoint, const Json& body, const std::string& suffix = {}) const;
-    bool fetch(const hps::Endpoint& endpoint, Json& payload) const;
-    int32_t command(const hps::Endpoint& endpoint, const Json& body, const std::string& suffix = {}) const;
-    int32_t fetch_text(const hps::Endpoint& endpoint, std::string& text) const;
-    Json igmp_body(const hps_igmp& igmp) const;
+    KIV_LOCAL HttpResult request(const hps::Endpoint& endpoint, const Json& body,
+                                 const std::string& suffix = {}) const;
+    KIV_LOCAL bool fetch(const hps::Endpoint& endpoint, Json& payload) const;
+    KIV_LOCAL int32_t command(const hps::Endpoint& endpoint, const Json& body,
+                              const std::string& suffix = {}) const;
+    KIV_LOCAL int32_t fetch_text(const hps::Endpoint& endpoint, std::string& text) const;
+    KIV_LOCAL Json igmp_body(const hps_igmp& igmp) const;
 
     const int32_t process_id_;  ///< Identity towards the card.
 

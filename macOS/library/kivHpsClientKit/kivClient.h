@@ -71,8 +71,8 @@ class KIV_API HttpClient {
 
   private:
     struct Request;
-    HttpResult repeat(const Request& request);
-    HttpResult attempt(const Request& request);
+    KIV_LOCAL HttpResult repeat(const Request& request);
+    KIV_LOCAL HttpResult attempt(const Request& request);
 
     std::string base_url_;
     int32_t timeout_ = 2;            ///< Seconds.

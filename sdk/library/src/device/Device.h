@@ -124,12 +124,12 @@ class KIV_API Device {
     bool poll_60sec();
 
   private:
-    access::IDeviceAccess* access(uint32_t function) const;
-    bool read_register(const registers::Register& where, uint32_t& value) const;
-    bool read_register(const registers::Register& where, uint64_t& value) const;
-    kiv_result_t get_stream_status(const StreamRegisters& from, kiv_stream_status_t& status);
-    bool poll_ptp(uint64_t status) KIV_REQUIRES(mutex_);
-    bool poll_link(uint64_t status) KIV_REQUIRES(mutex_);
+    KIV_LOCAL access::IDeviceAccess* access(uint32_t function) const;
+    KIV_LOCAL bool read_register(const registers::Register& where, uint32_t& value) const;
+    KIV_LOCAL bool read_register(const registers::Register& where, uint64_t& value) const;
+    KIV_LOCAL kiv_result_t get_stream_status(const StreamRegisters& from, kiv_stream_status_t& status);
+    KIV_LOCAL bool poll_ptp(uint64_t status) KIV_REQUIRES(mutex_);
+    KIV_LOCAL bool poll_link(uint64_t status) KIV_REQUIRES(mutex_);
 
     const DeviceInfo info_;
     const AccessList accesses_;  ///< In the order of `info_.functions`.

@@ -62,8 +62,8 @@ class KIV_API DeviceManager {
     std::vector<std::shared_ptr<Device>> allDevices();
 
   private:
-    std::shared_ptr<Device> makeDevice(const DeviceInfo& info);
-    void insert(uint32_t id, std::shared_ptr<Device> device);
+    KIV_LOCAL std::shared_ptr<Device> makeDevice(const DeviceInfo& info);
+    KIV_LOCAL void insert(uint32_t id, std::shared_ptr<Device> device);
 
     std::unordered_map<uint32_t, std::shared_ptr<Device>> devices_ KIV_GUARDED_BY(mutex_);
     std::mutex mutex_;

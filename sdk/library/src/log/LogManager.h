@@ -52,7 +52,7 @@ class KIV_API LogManager {
     LogManager& operator=(const LogManager&) = delete;
 
   private:
-    LogManager();
+    KIV_LOCAL LogManager();
     ~LogManager() = default;
 
     std::mutex mutex_;  ///< One init at a time.

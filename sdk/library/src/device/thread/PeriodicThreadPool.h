@@ -50,9 +50,9 @@ class KIV_API PeriodicThreadPool {
         std::condition_variable cv;
         std::atomic<bool> running{true};  ///< Cleared under the mutex.
     };
-    static void workerLoop(State& state);
-    void ask_to_end();
-    void join_workers();
+    KIV_LOCAL static void workerLoop(State& state);
+    KIV_LOCAL void ask_to_end();
+    KIV_LOCAL void join_workers();
 
     std::vector<std::thread> threads_ KIV_GUARDED_BY(join_mutex_);
     std::mutex join_mutex_;  ///< One thread at a time joins the workers. No worker waits for it.

@@ -57,8 +57,8 @@ class KIV_API Scheduler {
     void cancel(uint64_t id);
 
   private:
-    void runLoop();
-    std::chrono::milliseconds pass();  ///< Hands over what is due; returns the time to sleep.
+    KIV_LOCAL void runLoop();
+    KIV_LOCAL std::chrono::milliseconds pass();  ///< Hands over what is due; returns the time to sleep.
 
     std::atomic<bool> running_{false};
     std::thread worker_;
