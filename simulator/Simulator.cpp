@@ -8,8 +8,8 @@
 #include <stdexcept>
 
 #include "card/VirtualCard.h"
-#include "driver/DriverHalf.h"
-#include "server/ServerHalf.h"
+#include "driver/DriverProcess.h"
+#include "server/ManagementServers.h"
 
 namespace kivsim {
 
@@ -50,8 +50,8 @@ Simulator::Simulator(const std::vector<CardSettings>& cards, const std::string& 
     raise_descriptor_limit();
     for (const CardSettings& card : cards)
         cards_.push_back(std::make_shared<VirtualCard>(card));
-    servers_ = std::make_unique<ServerHalf>(cards_, request_log);
-    driver_ = std::make_unique<DriverHalf>(cards_, socket_path_, trace_path);
+    servers_ = std::make_unique<ManagementServers>(cards_, request_log);
+    driver_ = std::make_unique<DriverProcess>(cards_, socket_path_, trace_path);
 }
 
 Simulator::~Simulator() = default;

@@ -12,8 +12,8 @@
 namespace kivsim {
 
 class VirtualCard;
-class ServerHalf;
-class DriverHalf;
+class ManagementServers;
+class DriverProcess;
 
 class Simulator {
   public:
@@ -38,8 +38,8 @@ class Simulator {
   private:
     std::vector<std::shared_ptr<VirtualCard>> cards_;
     std::string socket_path_;
-    std::unique_ptr<ServerHalf> servers_;
-    std::unique_ptr<DriverHalf> driver_;  ///< Last: cards are seen when their servers answer.
+    std::unique_ptr<ManagementServers> servers_;
+    std::unique_ptr<DriverProcess> driver_;  ///< Last: cards are seen when their servers answer.
 };
 
 }  // namespace kivsim

@@ -35,7 +35,7 @@ struct MemoryBlock {
 };
 
 /// What the driver knows of one connection.
-struct DriverConnection {
+struct ConnectionState {
     uint8_t function = 0;
     std::optional<kiv::wire::MemorySelection> selected;
     uint32_t announced = 0;  ///< Processes that have come and not gone.
@@ -69,7 +69,7 @@ struct DriverState {
     void end(uint64_t connection);
 
     std::list<MemoryBlock> blocks;
-    std::map<uint64_t, DriverConnection> connections;
+    std::map<uint64_t, ConnectionState> connections;
     std::vector<MessageStream> streams;
     uint64_t interrupt_count = 0;  ///< Messages of the card's own timer so far.
     kiv::wire::UseResource use_resource{{4, 8, 16}, {2, 4, 8}};

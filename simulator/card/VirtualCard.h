@@ -1,4 +1,4 @@
-/// The state of one virtual card. The driver half and the server half both work on it.
+/// The state of one virtual card. The driver process and the management servers both work on it.
 #ifndef KIVSIM_VIRTUAL_CARD_H
 #define KIVSIM_VIRTUAL_CARD_H
 
@@ -25,9 +25,9 @@ class VirtualCard {
   public:
     explicit VirtualCard(CardSettings settings);
 
-    /// What the card was made with; the tunnel port is the one in use once the server half runs.
+    /// What the card was made with; the tunnel port is the one in use once the servers run.
     const CardSettings& settings() const { return settings_; }
-    void set_tunnel_port(uint16_t port);  ///< Before the driver half runs.
+    void set_tunnel_port(uint16_t port);  ///< Before the driver process runs.
 
     /// "address:port" of the management server.
     std::string server_address() const;
@@ -47,7 +47,7 @@ class VirtualCard {
     ManagementState management;
     DriverState driver;
     kiv::wire::DeviceConf device_conf{};
-    std::function<void()> wake_driver;  ///< Set while the driver half runs; call it after adding a stream.
+    std::function<void()> wake_driver;  ///< Set while the driver process runs; call it after adding a stream.
 
   private:
     CardSettings settings_;

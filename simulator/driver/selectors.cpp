@@ -22,7 +22,7 @@ struct Context {
     uint64_t number;  ///< Of the connection.
 
     DriverState& driver() const { return card.driver; }
-    DriverConnection& connection() const { return card.driver.connections[number]; }
+    ConnectionState& connection() const { return card.driver.connections[number]; }
 };
 
 using Handler = int32_t (*)(Context&, std::span<const std::byte>, std::vector<std::byte>&);

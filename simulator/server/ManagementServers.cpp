@@ -1,4 +1,4 @@
-#include "server/ServerHalf.h"
+#include "server/ManagementServers.h"
 
 #include <arpa/inet.h>
 #include <httplib.h>
@@ -26,13 +26,13 @@ namespace kivsim {
 namespace {
 
 constexpr unsigned kWorkers = 8;
-constexpr int kIdleMs = 2000;        ///< How long a connection may wait for the next bytes.
-constexpr int kVisitRequests = 100;  ///< Requests on one connection.
+constexpr int kIdleMs = 2000;       ///< How long a connection may wait for the next bytes.
+constexpr int kMostRequests = 100;  ///< Requests on one connection.
 
 /// A connection as the HTTP library reads and writes it. Waiting ends early when `stop` becomes readable.
-class Connection final : public httplib::Stream {
+class ConnectionStream final : public httplib::Stream {
   public:
-    Connection(int socket, int stop) : socket_(socket), stop_(stop) {}
+    ConnectionStream(int socket, int stop) : socket_(socket), stop_(stop) {}
 
     bool is_readable() const override { return next_ < end_ || wait_for(POLLIN); }
     bool is_writable() const override { return wait_for(POLLOUT); }
@@ -108,13 +108,13 @@ class Connection final : public httplib::Stream {
     std::optional<size_t> left_of_body_;  ///< Likewise, from the end of the header on.
 };
 
-/// The connection that this thread serves, for the handlers, which the library does not tell.
-thread_local Connection* t_connection = nullptr;
+/// The stream of the connection that this thread serves, for the handlers, which the library does not tell.
+thread_local ConnectionStream* t_stream = nullptr;
 
 class Serving {
   public:
-    explicit Serving(Connection& connection) { t_connection = &connection; }
-    ~Serving() { t_connection = nullptr; }
+    explicit Serving(ConnectionStream& stream) { t_stream = &stream; }
+    ~Serving() { t_stream = nullptr; }
     Serving(const Serving&) = delete;
     Serving& operator=(const Serving&) = delete;
 };
@@ -122,15 +122,15 @@ class Serving {
 }  // namespace
 
 /// One address: the HTTP library's protocol on connections that we accept.
-class ServerHalf::Site final : public httplib::Server {
+class ManagementServers::Server final : public httplib::Server {
   public:
-    explicit Site(Answering handler) : handler_(std::move(handler)) {
+    explicit Server(Answering handler) : handler_(std::move(handler)) {
         const auto answer = [this](const httplib::Request& request, httplib::Response& response) {
             HttpRequest plain{request.method, request.path, request.body, {}};
             if (request.has_file("file")) plain.file = request.get_file_value("file").content;
             const Answer given = handler_(plain);
-            if (given.delay_ms != 0) t_connection->pause(given.delay_ms);
-            t_connection->cut_answer(given.cut, given.body.size());
+            if (given.delay_ms != 0) t_stream->pause(given.delay_ms);
+            t_stream->cut_answer(given.cut, given.body.size());
             response.status = given.status;
             response.set_content(given.body, given.content_type);
         };
@@ -141,11 +141,11 @@ class ServerHalf::Site final : public httplib::Server {
     }
 
     void serve(int socket, int stop) {
-        Connection connection(socket, stop);
-        const Serving serving(connection);
-        for (int left = kVisitRequests; left > 0 && connection.is_readable(); --left) {
+        ConnectionStream stream(socket, stop);
+        const Serving serving(stream);
+        for (int left = kMostRequests; left > 0 && stream.is_readable(); --left) {
             bool closed = false;
-            if (!process_request(connection, left == 1, closed, nullptr) || closed) return;
+            if (!process_request(stream, left == 1, closed, nullptr) || closed) return;
         }
     }
 
@@ -153,7 +153,8 @@ class ServerHalf::Site final : public httplib::Server {
     const Answering handler_;
 };
 
-ServerHalf::ServerHalf(const std::vector<std::shared_ptr<VirtualCard>>& cards, const std::string& request_log)
+ManagementServers::ManagementServers(const std::vector<std::shared_ptr<VirtualCard>>& cards,
+                                     const std::string& request_log)
     : epoll_(epoll_create1(EPOLL_CLOEXEC)), stop_(eventfd(0, EFD_CLOEXEC)) {
     if (!epoll_ || !stop_) throw std::runtime_error(std::string("epoll: ") + std::strerror(errno));
     if (!request_log.empty()) log_.open(request_log);
@@ -162,22 +163,22 @@ ServerHalf::ServerHalf(const std::vector<std::shared_ptr<VirtualCard>>& cards, c
         const CardSettings& settings = card->settings();
         if (settings.external_server) continue;
         card->set_tunnel_port(
-            add_site([this, card](const HttpRequest& request) { return answer_card(*card, request); },
-                     settings.tunnel_address, settings.tunnel_port, "card " + std::to_string(settings.id)));
+            add_server([this, card](const HttpRequest& request) { return answer_card(*card, request); },
+                       settings.tunnel_address, settings.tunnel_port, "card " + std::to_string(settings.id)));
     }
-    control_port_ = add_site([cards](const HttpRequest& request) { return answer_control(cards, request); },
-                             INADDR_LOOPBACK, 0, "control");
+    control_port_ = add_server([cards](const HttpRequest& request) { return answer_control(cards, request); },
+                               INADDR_LOOPBACK, 0, "control");
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.u64 = sites_.size();
+    event.data.u64 = servers_.size();
     epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, stop_.get(), &event);
 
-    threads_.emplace_back([this] { accept_visits(); });
+    threads_.emplace_back([this] { accept_connections(); });
     for (unsigned i = 0; i < kWorkers; ++i)
-        threads_.emplace_back([this] { work(); });
+        threads_.emplace_back([this] { serve_connections(); });
 }
 
-ServerHalf::~ServerHalf() {
+ManagementServers::~ManagementServers() {
     {
         const std::lock_guard lock(mutex_);
         stopping_ = true;
@@ -189,8 +190,9 @@ ServerHalf::~ServerHalf() {
         thread.join();
 }
 
-/// Returns the port that the new site listens on.
-uint16_t ServerHalf::add_site(Answering handler, uint32_t host, uint16_t port, const std::string& name) {
+/// Returns the port that the new server listens on.
+uint16_t ManagementServers::add_server(Answering handler, uint32_t host, uint16_t port,
+                                       const std::string& name) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(host);
@@ -207,15 +209,15 @@ uint16_t ServerHalf::add_site(Answering handler, uint32_t host, uint16_t port, c
     }
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.u64 = sites_.size();
+    event.data.u64 = servers_.size();
     epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener.get(), &event);
     listeners_.push_back(std::move(listener));
-    sites_.push_back(std::make_unique<Site>(std::move(handler)));
+    servers_.push_back(std::make_unique<Server>(std::move(handler)));
     return ntohs(address.sin_port);
 }
 
 /// Logged before it is sent: who has the answer finds the line.
-Answer ServerHalf::answer_card(VirtualCard& card, const HttpRequest& request) {
+Answer ManagementServers::answer_card(VirtualCard& card, const HttpRequest& request) {
     if (!card.is_present()) return {503, "", "", 0, Cut::BeforeAnswer};
     const Answer answer = answer_request(card, request);
     const std::lock_guard lock(log_mutex_);
@@ -229,35 +231,35 @@ Answer ServerHalf::answer_card(VirtualCard& card, const HttpRequest& request) {
     return answer;
 }
 
-void ServerHalf::accept_visits() {
+void ManagementServers::accept_connections() {
     for (;;) {
         epoll_event events[64];
         const int count = epoll_wait(epoll_.get(), events, std::size(events), -1);
         for (int i = 0; i < count; ++i) {
             const uint64_t number = events[i].data.u64;
-            if (number == sites_.size()) return;
+            if (number == servers_.size()) return;
             Descriptor socket = accept_or_refuse(listeners_[number].get(), 0, spare_);
             if (!socket) continue;
             const int on = 1;
             setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             const std::lock_guard lock(mutex_);
-            visits_.push_back({sites_[number].get(), std::move(socket)});
+            waiting_.push_back({servers_[number].get(), std::move(socket)});
             condition_.notify_one();
         }
     }
 }
 
-void ServerHalf::work() {
+void ManagementServers::serve_connections() {
     for (;;) {
-        Visit visit;
+        Connection connection;
         {
             std::unique_lock lock(mutex_);
-            condition_.wait(lock, [this] { return stopping_ || !visits_.empty(); });
+            condition_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
             if (stopping_) return;
-            visit = std::move(visits_.front());
-            visits_.pop_front();
+            connection = std::move(waiting_.front());
+            waiting_.pop_front();
         }
-        visit.site->serve(visit.socket.get(), stop_.get());
+        connection.server->serve(connection.socket.get(), stop_.get());
     }
 }
 

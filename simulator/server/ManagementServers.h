@@ -1,6 +1,6 @@
 /// The management servers of all virtual cards: one listening socket for each card, a few threads for all.
-#ifndef KIVSIM_SERVER_HALF_H
-#define KIVSIM_SERVER_HALF_H
+#ifndef KIVSIM_MANAGEMENT_SERVERS_H
+#define KIVSIM_MANAGEMENT_SERVERS_H
 
 #include <condition_variable>
 #include <deque>
@@ -18,35 +18,35 @@
 
 namespace kivsim {
 
-class ServerHalf {
+class ManagementServers {
   public:
     /// Listens for every card whose server is not external; a card whose port is 0 gets a free one. The
     /// control address is a free port of 127.0.0.1. With a path in `request_log`, every request to a card is
     /// written there, a JSON object a line. Throws std::runtime_error when an address cannot be listened on
     /// or the log not be written.
-    ServerHalf(const std::vector<std::shared_ptr<VirtualCard>>& cards, const std::string& request_log);
-    ~ServerHalf();
+    ManagementServers(const std::vector<std::shared_ptr<VirtualCard>>& cards, const std::string& request_log);
+    ~ManagementServers();
 
     uint16_t control_port() const { return control_port_; }
 
-    ServerHalf(const ServerHalf&) = delete;
-    ServerHalf& operator=(const ServerHalf&) = delete;
+    ManagementServers(const ManagementServers&) = delete;
+    ManagementServers& operator=(const ManagementServers&) = delete;
 
   private:
-    class Site;
-    struct Visit {
-        Site* site = nullptr;
+    class Server;
+    struct Connection {
+        Server* server = nullptr;
         Descriptor socket;
     };
     using Answering = std::function<Answer(const HttpRequest&)>;
 
-    uint16_t add_site(Answering handler, uint32_t address, uint16_t port, const std::string& name);
+    uint16_t add_server(Answering handler, uint32_t address, uint16_t port, const std::string& name);
     Answer answer_card(VirtualCard& card, const HttpRequest& request);
-    void accept_visits();
-    void work();
+    void accept_connections();
+    void serve_connections();
 
-    std::vector<std::unique_ptr<Site>> sites_;  ///< One for each card that we serve, and the control address.
-    std::vector<Descriptor> listeners_;         ///< One for each site.
+    std::vector<std::unique_ptr<Server>> servers_;  ///< Of the cards that we serve, and the control address.
+    std::vector<Descriptor> listeners_;             ///< One for each server.
     uint16_t control_port_ = 0;
     Descriptor spare_ = spare_descriptor();
     Descriptor epoll_;
@@ -55,9 +55,9 @@ class ServerHalf {
     std::mutex log_mutex_;
     std::ofstream log_;  ///< Guarded by its mutex.
 
-    std::mutex mutex_;  ///< Guards `visits_` and `stopping_`.
+    std::mutex mutex_;  ///< Guards `waiting_` and `stopping_`.
     std::condition_variable condition_;
-    std::deque<Visit> visits_;
+    std::deque<Connection> waiting_;  ///< Accepted, not yet served.
     bool stopping_ = false;
     std::vector<std::thread> threads_;
 };

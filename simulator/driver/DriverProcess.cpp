@@ -1,4 +1,4 @@
-#include "driver/DriverHalf.h"
+#include "driver/DriverProcess.h"
 
 #include <IOKit/IOReturn.h>
 #include <kivplatform/driver_protocol.h>
@@ -21,7 +21,7 @@ namespace kivsim {
 
 namespace {
 
-// Numbers of the epoll entries that are no clients.
+// Numbers of the epoll entries that are no connections.
 constexpr uint64_t kListener = 0;
 constexpr uint64_t kStop = ~uint64_t{0};
 constexpr uint64_t kWake = kStop - 1;
@@ -48,8 +48,8 @@ std::vector<std::byte> reply_message(int32_t status, const void* payload, std::s
 
 }  // namespace
 
-DriverHalf::DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::string socket_path,
-                       const std::string& trace_path)
+DriverProcess::DriverProcess(std::vector<std::shared_ptr<VirtualCard>> cards, std::string socket_path,
+                             const std::string& trace_path)
     : first_entry_(fresh_entries()), socket_path_(std::move(socket_path)) {
     for (const auto& card : cards) {
         for (const FunctionSettings& function : card->settings().functions) {
@@ -80,7 +80,7 @@ DriverHalf::DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::str
     thread_ = std::thread([this] { serve(); });
 }
 
-DriverHalf::~DriverHalf() {
+DriverProcess::~DriverProcess() {
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof one);
     thread_.join();
@@ -91,7 +91,7 @@ DriverHalf::~DriverHalf() {
     }
 }
 
-void DriverHalf::listen_on(const std::string& path) {
+void DriverProcess::listen_on(const std::string& path) {
     listener_ = listening_socket(path);
     epoll_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll");
     stop_ = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
@@ -101,14 +101,14 @@ void DriverHalf::listen_on(const std::string& path) {
     watch(wake_.get(), kWake);
 }
 
-void DriverHalf::watch(int fd, uint64_t number) {
+void DriverProcess::watch(int fd, uint64_t number) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = number;
     epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
 }
 
-void DriverHalf::serve() {
+void DriverProcess::serve() {
     for (bool more = false;;) {
         epoll_event events[64];
         const int count = epoll_wait(epoll_.get(), events, std::size(events), more ? 0 : next_wait());
@@ -117,32 +117,32 @@ void DriverHalf::serve() {
             const uint64_t number = events[i].data.u64;
             if (number == kStop) return;
             if (number == kListener) {
-                accept_client();
+                accept_connection();
             } else if (number == kWake) {
                 uint64_t times = 0;
                 [[maybe_unused]] const ssize_t got = read(wake_.get(), &times, sizeof times);
             } else if ((number & MessageChannels::kEpollBit) != 0) {
                 channels_.flush(number & ~MessageChannels::kEpollBit);
             } else {
-                serve_client(number);
+                serve_connection(number);
             }
         }
         more = send_messages();
     }
 }
 
-void DriverHalf::accept_client() {
-    Client client;
-    client.socket = accept_or_refuse(listener_.get(), SOCK_NONBLOCK, spare_);
-    if (!client.socket) return;
-    client.number = next_client_++;
-    watch(client.socket.get(), client.number);
-    clients_.emplace(client.number, std::move(client));
+void DriverProcess::accept_connection() {
+    Connection connection;
+    connection.socket = accept_or_refuse(listener_.get(), SOCK_NONBLOCK, spare_);
+    if (!connection.socket) return;
+    connection.number = next_connection_++;
+    watch(connection.socket.get(), connection.number);
+    connections_.emplace(connection.number, std::move(connection));
 }
 
-void DriverHalf::serve_client(uint64_t number) {
-    const auto found = clients_.find(number);
-    if (found == clients_.end()) return;
+void DriverProcess::serve_connection(uint64_t number) {
+    const auto found = connections_.find(number);
+    if (found == connections_.end()) return;
     std::vector<std::byte> message(sizeof(kivplatform_request) + KIVPLATFORM_MESSAGE_SIZE);
     Request request;
     const ssize_t size = receive_message_from(found->second.socket.get(), message, request.descriptor);
@@ -166,22 +166,24 @@ void DriverHalf::serve_client(uint64_t number) {
     }
 }
 
-std::vector<std::byte> DriverHalf::answer(Client& client, Request& request, Clock::duration& delay) {
+std::vector<std::byte> DriverProcess::answer(Connection& connection, Request& request,
+                                             Clock::duration& delay) {
     if (request.header.kind == KIVPLATFORM_LIST) return answer_list(request.payload);
     if (request.header.kind == KIVPLATFORM_OPEN) {
-        return reply_message(open_service(client, request.header.entry, request.header.number), nullptr, 0);
+        return reply_message(open_service(connection, request.header.entry, request.header.number), nullptr,
+                             0);
     }
-    if (client.service == nullptr) return reply_message(kIOReturnNotOpen, nullptr, 0);
+    if (connection.service == nullptr) return reply_message(kIOReturnNotOpen, nullptr, 0);
     if (request.header.kind == KIVPLATFORM_CLOSE) {
-        close_service(client);
+        close_service(connection);
         return reply_message(kIOReturnSuccess, nullptr, 0);
     }
     if (request.header.kind == KIVPLATFORM_CALL || request.header.kind == KIVPLATFORM_CALL_ASYNC)
-        return answer_call(client, request, delay);
+        return answer_call(connection, request, delay);
     return reply_message(kIOReturnUnsupported, nullptr, 0);
 }
 
-std::vector<std::byte> DriverHalf::answer_list(std::span<const std::byte> name) {
+std::vector<std::byte> DriverProcess::answer_list(std::span<const std::byte> name) {
     std::vector<uint64_t> entries;
     if (std::string_view(reinterpret_cast<const char*>(name.data()), name.size()) ==
         KIV_DRIVER_SERVICE_NAME) {
@@ -192,8 +194,9 @@ std::vector<std::byte> DriverHalf::answer_list(std::span<const std::byte> name) 
     return reply_message(kIOReturnSuccess, entries.data(), entries.size() * sizeof(uint64_t));
 }
 
-std::vector<std::byte> DriverHalf::answer_call(Client& client, Request& request, Clock::duration& delay) {
-    VirtualCard& card = *client.service->card;
+std::vector<std::byte> DriverProcess::answer_call(Connection& connection, Request& request,
+                                                  Clock::duration& delay) {
+    VirtualCard& card = *connection.service->card;
     const uint32_t selector = request.header.number;
     const DriverFault fault = card.next_fault(selector);
     delay = std::chrono::milliseconds(fault.delay_ms);
@@ -204,68 +207,70 @@ std::vector<std::byte> DriverHalf::answer_call(Client& client, Request& request,
                  : request.descriptor                                   ? kIOReturnSuccess
                                                                         : kIOReturnBadArgument;
         if (status == 0) {
-            channels_.add(client.number, std::move(request.descriptor));
+            channels_.add(connection.number, std::move(request.descriptor));
             const std::lock_guard lock(card.mutex);
-            card.driver.connections[client.number].takes_messages = true;
+            card.driver.connections[connection.number].takes_messages = true;
         }
     } else if (status == 0) {
-        status =
-            run_selector(card, client.service->function, client.number, selector, request.payload, output);
+        status = run_selector(card, connection.service->function, connection.number, selector,
+                              request.payload, output);
     }
     if (fault.reply_size && *fault.reply_size < output.size()) output.resize(*fault.reply_size);
-    trace_->call(client.number, client.service->name, selector, request.payload, status, output);
+    trace_->call(connection.number, connection.service->name, selector, request.payload, status, output);
     return reply_message(status, output.data(), output.size());
 }
 
-void DriverHalf::send_mapping(Client& client, uint32_t type) {
+void DriverProcess::send_mapping(Connection& connection, uint32_t type) {
     SelectedMemory memory{};
-    if (type != 0 || !client.service->card->is_present() ||
-        !selected_memory(*client.service->card, client.number, memory)) {
-        send_reply(client.number, reply_message(kIOReturnBadArgument, nullptr, 0));
+    if (type != 0 || !connection.service->card->is_present() ||
+        !selected_memory(*connection.service->card, connection.number, memory)) {
+        send_reply(connection.number, reply_message(kIOReturnBadArgument, nullptr, 0));
         return;
     }
     const kivplatform_mapping mapping{memory.offset, memory.size};
-    send_reply(client.number, reply_message(kIOReturnSuccess, &mapping, sizeof mapping), memory.descriptor);
+    send_reply(connection.number, reply_message(kIOReturnSuccess, &mapping, sizeof mapping),
+               memory.descriptor);
 }
 
-int32_t DriverHalf::open_service(Client& client, uint64_t entry, uint32_t type) {
-    if (client.service != nullptr) return kIOReturnBusy;
+int32_t DriverProcess::open_service(Connection& connection, uint64_t entry, uint32_t type) {
+    if (connection.service != nullptr) return kIOReturnBusy;
     if (entry < first_entry_ || entry - first_entry_ >= services_.size()) return kIOReturnNoDevice;
     const Service& service = services_[entry - first_entry_];
     if (!service.card->is_present()) return kIOReturnNoDevice;
     const int32_t status = type == service.function.connection_type ? kIOReturnSuccess : kIOReturnUnsupported;
-    trace_->open(client.number, service.name, type, status);
+    trace_->open(connection.number, service.name, type, status);
     if (status != kIOReturnSuccess) return status;
-    client.service = &service;
+    connection.service = &service;
     const std::lock_guard lock(service.card->mutex);
-    service.card->driver.connections[client.number].function = service.function.number;
+    service.card->driver.connections[connection.number].function = service.function.number;
     return status;
 }
 
-void DriverHalf::close_service(Client& client) {
-    trace_->close(client.number, client.service->name);
-    channels_.remove(client.number);
-    const Service& service = *std::exchange(client.service, nullptr);
+void DriverProcess::close_service(Connection& connection) {
+    trace_->close(connection.number, connection.service->name);
+    channels_.remove(connection.number);
+    const Service& service = *std::exchange(connection.service, nullptr);
     const std::lock_guard lock(service.card->mutex);
-    service.card->driver.end(client.number);
+    service.card->driver.end(connection.number);
 }
 
-void DriverHalf::send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor) {
-    const auto client = clients_.find(number);
-    if (client != clients_.end() && !send_message_to(client->second.socket.get(), reply, descriptor))
+void DriverProcess::send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor) {
+    const auto connection = connections_.find(number);
+    if (connection != connections_.end() &&
+        !send_message_to(connection->second.socket.get(), reply, descriptor))
         hang_up(number);
 }
 
-void DriverHalf::send_late_replies() {
+void DriverProcess::send_late_replies() {
     while (!late_.empty() && late_.begin()->first <= Clock::now()) {
         const LateReply due = std::move(late_.begin()->second);
         late_.erase(late_.begin());
-        send_reply(due.client, due.message);
+        send_reply(due.connection, due.message);
     }
 }
 
 /// Milliseconds until the next late reply or message, rounded up; -1 when there is none.
-int DriverHalf::next_wait() {
+int DriverProcess::next_wait() {
     std::optional<Clock::time_point> next;
     const auto consider = [&](Clock::time_point time) { next = next ? std::min(*next, time) : time; };
     if (!late_.empty()) consider(late_.begin()->first);
@@ -284,26 +289,26 @@ int DriverHalf::next_wait() {
 }
 
 /// Whether a program that takes the card's messages is far behind.
-bool DriverHalf::waits_for_room(const VirtualCard& card) {
+bool DriverProcess::waits_for_room(const VirtualCard& card) {
     for (const auto& [number, connection] : card.driver.connections) {
         if (channels_.is_full(number)) return true;
     }
     return false;
 }
 
-bool DriverHalf::has_listener(const VirtualCard& card) const {
+bool DriverProcess::has_listener(const VirtualCard& card) const {
     const auto& connections = card.driver.connections;
     return !card.removed && std::any_of(connections.begin(), connections.end(),
                                         [&](const auto& entry) { return channels_.has(entry.first); });
 }
 
-void DriverHalf::send_message(VirtualCard& card, std::span<const uint64_t> arguments) {
+void DriverProcess::send_message(VirtualCard& card, std::span<const uint64_t> arguments) {
     for (const auto& [number, connection] : card.driver.connections)
         channels_.send(number, arguments);
 }
 
 /// Sends what is due. True when there is more to send at once.
-bool DriverHalf::send_messages() {
+bool DriverProcess::send_messages() {
     const Clock::time_point now = Clock::now();
     for (auto& [card, due] : timers_) {
         const std::lock_guard lock(card->mutex);
@@ -339,11 +344,11 @@ bool DriverHalf::send_messages() {
     return more;
 }
 
-void DriverHalf::hang_up(uint64_t number) {
-    const auto client = clients_.find(number);
-    if (client == clients_.end()) return;
-    if (client->second.service != nullptr) close_service(client->second);
-    clients_.erase(client);
+void DriverProcess::hang_up(uint64_t number) {
+    const auto connection = connections_.find(number);
+    if (connection == connections_.end()) return;
+    if (connection->second.service != nullptr) close_service(connection->second);
+    connections_.erase(connection);
 }
 
 }  // namespace kivsim

@@ -1,6 +1,6 @@
-/// The driver process's half of the simulator: services, connections and calls over a Unix-domain socket.
-#ifndef KIVSIM_DRIVER_HALF_H
-#define KIVSIM_DRIVER_HALF_H
+/// The driver process: services, connections and calls over a Unix-domain socket.
+#ifndef KIVSIM_DRIVER_PROCESS_H
+#define KIVSIM_DRIVER_PROCESS_H
 
 #include <kivplatform/driver_protocol.h>
 
@@ -22,18 +22,18 @@
 namespace kivsim {
 
 /// One thread serves every connection.
-class DriverHalf {
+class DriverProcess {
   public:
     /// Listens on `socket_path`. Throws std::runtime_error when another live process serves it, or it cannot
     /// be made.
-    DriverHalf(std::vector<std::shared_ptr<VirtualCard>> cards, std::string socket_path,
-               const std::string& trace_path);
+    DriverProcess(std::vector<std::shared_ptr<VirtualCard>> cards, std::string socket_path,
+                  const std::string& trace_path);
 
     /// Hangs up every connection and removes the socket.
-    ~DriverHalf();
+    ~DriverProcess();
 
-    DriverHalf(const DriverHalf&) = delete;
-    DriverHalf& operator=(const DriverHalf&) = delete;
+    DriverProcess(const DriverProcess&) = delete;
+    DriverProcess& operator=(const DriverProcess&) = delete;
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -45,14 +45,14 @@ class DriverHalf {
         std::string name;
     };
 
-    struct Client {
+    struct Connection {
         uint64_t number = 0;
         Descriptor socket;
         const Service* service = nullptr;  ///< Once it has opened one.
     };
 
     struct LateReply {
-        uint64_t client;
+        uint64_t connection;
         std::vector<std::byte> message;
     };
 
@@ -66,14 +66,14 @@ class DriverHalf {
     void watch(int fd, uint64_t number);
     void listen_on(const std::string& path);
     void serve();
-    void accept_client();
-    void serve_client(uint64_t number);
-    std::vector<std::byte> answer(Client& client, Request& request, Clock::duration& delay);
+    void accept_connection();
+    void serve_connection(uint64_t number);
+    std::vector<std::byte> answer(Connection& connection, Request& request, Clock::duration& delay);
     std::vector<std::byte> answer_list(std::span<const std::byte> name);
-    std::vector<std::byte> answer_call(Client& client, Request& request, Clock::duration& delay);
-    void send_mapping(Client& client, uint32_t type);
-    int32_t open_service(Client& client, uint64_t entry, uint32_t type);
-    void close_service(Client& client);
+    std::vector<std::byte> answer_call(Connection& connection, Request& request, Clock::duration& delay);
+    void send_mapping(Connection& connection, uint32_t type);
+    int32_t open_service(Connection& connection, uint64_t entry, uint32_t type);
+    void close_service(Connection& connection);
     void send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor = -1);
     bool waits_for_room(const VirtualCard& card);
     bool has_listener(const VirtualCard& card) const;
@@ -94,8 +94,8 @@ class DriverHalf {
     Descriptor stop_;
     Descriptor wake_;  ///< Readable when a card has a new stream of messages.
     MessageChannels channels_{epoll_};
-    std::map<uint64_t, Client> clients_;
-    uint64_t next_client_ = 1;
+    std::map<uint64_t, Connection> connections_;
+    uint64_t next_connection_ = 1;
     std::multimap<Clock::time_point, LateReply> late_;
     std::map<VirtualCard*, Clock::time_point> timers_;  ///< Cards with interrupts of their own: the next one.
     std::thread thread_;
