@@ -2,8 +2,10 @@
 
 #include <openssl/evp.h>
 
-#include <cstdio>
+#include <span>
 #include <utility>
+
+#include "common/hex.h"
 
 namespace kivsim {
 
@@ -11,13 +13,7 @@ std::string md5_of(const std::string& bytes) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned size = 0;
     EVP_Digest(bytes.data(), bytes.size(), digest, &size, EVP_md5(), nullptr);
-    std::string text;
-    for (unsigned i = 0; i < size; ++i) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", unsigned{digest[i]});
-        text += digits;
-    }
-    return text;
+    return hex(std::as_bytes(std::span(digest, size)));
 }
 
 Firmware::Firmware(std::chrono::milliseconds write_time, const std::string& first_image)

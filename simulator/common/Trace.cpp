@@ -2,30 +2,24 @@
 
 #include <cerrno>
 #include <cstring>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
+
+#include "common/hex.h"
 
 namespace kivsim {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-std::string hex(std::span<const std::byte> bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const std::byte byte : bytes) {
-        text += kDigits[std::to_integer<unsigned>(byte) >> 4];
-        text += kDigits[std::to_integer<unsigned>(byte) & 15];
-    }
-    return text;
-}
-
 std::string status_text(int32_t status) {
     char text[11];
     std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(status));
     return text;
+}
+
+/// The members that all events have. A service's name has nothing that JSON would escape.
+std::string begin(const char* event, uint64_t connection, const std::string& service) {
+    return std::string(R"({"event":")") + event + R"(","connection":)" + std::to_string(connection) +
+           R"(,"service":")" + service + '"';
 }
 
 }  // namespace
@@ -38,30 +32,21 @@ Trace::Trace(const std::string& path) {
 
 void Trace::open(uint64_t connection, const std::string& service, uint32_t type, int32_t status) {
     if (!file_) return;
-    write(Json{{"event", "open"},
-               {"connection", connection},
-               {"service", service},
-               {"type", type},
-               {"status", status_text(status)}}
-              .dump());
+    write(begin("open", connection, service) + R"(,"type":)" + std::to_string(type) + R"(,"status":")" +
+          status_text(status) + R"("})");
 }
 
 void Trace::close(uint64_t connection, const std::string& service) {
     if (!file_) return;
-    write(Json{{"event", "close"}, {"connection", connection}, {"service", service}}.dump());
+    write(begin("close", connection, service) + "}");
 }
 
 void Trace::call(uint64_t connection, const std::string& service, uint32_t selector,
                  std::span<const std::byte> input, int32_t status, std::span<const std::byte> reply) {
     if (!file_) return;
-    write(Json{{"event", "call"},
-               {"connection", connection},
-               {"service", service},
-               {"selector", selector},
-               {"input", hex(input)},
-               {"status", status_text(status)},
-               {"reply", hex(reply)}}
-              .dump());
+    write(begin("call", connection, service) + R"(,"selector":)" + std::to_string(selector) +
+          R"(,"input":")" + hex(input) + R"(","status":")" + status_text(status) + R"(","reply":")" +
+          hex(reply) + R"("})");
 }
 
 void Trace::write(const std::string& line) {
