@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <nlohmann/json.hpp>
+#include <iterator>
 #include <set>
 #include <utility>
 
@@ -123,6 +123,14 @@ CardSettings card_of(const Node& node) {
     return card;
 }
 
+Node top_of(std::istream& file, const std::string& path) {
+    try {
+        return Node({std::istreambuf_iterator<char>(file), {}}, path);
+    } catch (const std::exception& error) {
+        throw BadConfig(path + ": " + error.what());
+    }
+}
+
 }  // namespace
 
 std::vector<RegisterSettings> registers_of(const Node& node) {
@@ -190,14 +198,8 @@ std::vector<CardSettings> default_cards() {
 std::vector<CardSettings> load_cards(const std::string& path) {
     std::ifstream file(path);
     if (!file) throw BadConfig(path + ": cannot be opened");
-    Json root;
-    try {
-        root = Json::parse(file);
-    } catch (const std::exception& error) {
-        throw BadConfig(path + ": " + error.what());
-    }
+    const Node top = top_of(file, path);
     std::vector<CardSettings> cards;
-    const Node top(root, path + ": ");
     top.members({"cards"});
     std::set<uint8_t> ids;
     top.at("cards").each([&](const Node& item) {

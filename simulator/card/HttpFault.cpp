@@ -21,7 +21,7 @@ HttpFault http_fault_of(const ConfigNode& node) {
     }
     if (node.has("status")) fault.status = node.at("status").number<uint16_t>();
     if (node.has("body")) fault.body = node.at("body").text();
-    if (node.has("patch")) fault.patch = node.at("patch").json();
+    if (node.has("patch")) fault.patch = text_of(node.at("patch").json());
     return fault;
 }
 

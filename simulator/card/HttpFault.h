@@ -25,7 +25,9 @@ struct HttpFault {
     Cut cut = Cut::Nowhere;
     std::optional<int> status;        ///< In place of the answer's.
     std::optional<std::string> body;  ///< In place of the answer's, as it stands.
-    Json patch;  ///< Merged into the payload: null removes a key, anything else replaces it.
+    /// JSON that is merged into the payload: null removes a key, anything else replaces it. Null itself
+    /// changes nothing.
+    std::string patch = "null";
 
     uint32_t seen = 0;  ///< Matching requests so far.
 

@@ -26,9 +26,9 @@ struct ManagementState {
     explicit ManagementState(const CardSettings& settings);
 
     std::vector<InterfaceSettings> interfaces;
-    Json hwmon;       ///< Sensors, as reported.
-    Json ptp_master;  ///< The two PTP documents, as reported.
-    Json ptp_management;
+    std::string hwmon;       ///< Sensors, as reported: JSON.
+    std::string ptp_master;  ///< The two PTP documents, likewise.
+    std::string ptp_management;
     std::vector<Membership> memberships;
     std::map<int64_t, std::chrono::steady_clock::time_point>
         alive;  ///< Registered processes and when they expire.

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "base/ipText.h"
+#include "common/json.h"
 #include "server/control.h"
 
 namespace kivsim {
@@ -222,12 +223,9 @@ Answer ManagementServers::answer_card(VirtualCard& card, const HttpRequest& requ
     const Answer answer = answer_request(card, request);
     const std::lock_guard lock(log_mutex_);
     if (!log_.is_open()) return answer;
-    const auto printable = [](const std::string& text) {
-        return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
-    };
-    log_ << R"({"card":)" << unsigned{card.settings().id} << R"(,"method":)" << printable(request.method)
-         << R"(,"path":)" << printable(request.path) << R"(,"body":)" << printable(request.body)
-         << R"(,"status":)" << answer.status << R"(,"answer":)" << printable(answer.body) << "}" << std::endl;
+    log_ << R"({"card":)" << unsigned{card.settings().id} << R"(,"method":)" << quoted(request.method)
+         << R"(,"path":)" << quoted(request.path) << R"(,"body":)" << quoted(request.body) << R"(,"status":)"
+         << answer.status << R"(,"answer":)" << quoted(answer.body) << "}" << std::endl;
     return answer;
 }
 

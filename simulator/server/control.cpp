@@ -4,10 +4,13 @@
 #include <charconv>
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "common/ConfigNode.h"
+#include "common/hex.h"
 #include "device/registers.h"
 
 namespace kivsim {
@@ -17,7 +20,7 @@ namespace {
 namespace registers = kiv::registers;
 
 Answer json_answer(int status, const Json& json) {
-    return {status, json.dump(4) + "\n"};
+    return {status, text_of(json, 4) + "\n"};
 }
 
 Json registrations(const ManagementState& state) {
@@ -26,15 +29,6 @@ Json registrations(const ManagementState& state) {
         if (end >= std::chrono::steady_clock::now()) list.push_back(pid);
     }
     return list;
-}
-
-std::string hex(std::span<const std::byte> bytes) {
-    std::string text;
-    for (const std::byte byte : bytes) {
-        text += "0123456789abcdef"[std::to_integer<unsigned>(byte) >> 4];
-        text += "0123456789abcdef"[std::to_integer<unsigned>(byte) & 15];
-    }
-    return text;
 }
 
 /// What the driver keeps for the card.
@@ -160,7 +154,7 @@ void change(VirtualCard& card, const ConfigNode& node) {
     const auto replace = [&](const char* key, auto& target, auto read) {
         if (node.has(key)) changes.push_back([&target, value = read(node.at(key))] { target = value; });
     };
-    const auto payload = [](const ConfigNode& given) { return given.json(); };
+    const auto payload = [](const ConfigNode& given) { return text_of(given.json()); };
     ManagementState& state = card.management;
     replace("wrapping", state.wrapping, wrapping_of);
     replace("hwmon", state.hwmon, payload);
@@ -195,16 +189,16 @@ void change(VirtualCard& card, const ConfigNode& node) {
 Answer answer_for(VirtualCard& card, const std::string& what, const HttpRequest& request) {
     if (what.empty() && request.method == "GET") return json_answer(200, description(card));
     if (what.empty() && request.method == "PATCH") {
-        change(card, ConfigNode(parse_json(request.body), "request: "));
+        change(card, ConfigNode(request.body, "request"));
         return json_answer(200, "ok");
     }
     if (what.starts_with("/memory/") && request.method == "GET") return memory_answer(card, what.substr(8));
     if (what == "/messages" && request.method == "POST") {
-        post_messages(card, ConfigNode(parse_json(request.body), "request: "));
+        post_messages(card, ConfigNode(request.body, "request"));
         return json_answer(200, "ok");
     }
     if (what == "/faults" && request.method == "POST") {
-        const HttpFault fault = http_fault_of(ConfigNode(parse_json(request.body), "request: "));
+        const HttpFault fault = http_fault_of(ConfigNode(request.body, "request"));
         const std::lock_guard lock(card.mutex);
         card.management.faults.push_back(fault);
         return json_answer(200, "ok");

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <utility>
+
+#include "common/ConfigNode.h"
 
 namespace kivsim {
 
@@ -58,15 +61,15 @@ Outcome reconfig(Call& call) {
 }
 
 Outcome hwmon(Call& call) {
-    return call.state.hwmon;
+    return parse_json(call.state.hwmon);
 }
 
 Outcome ptp_master(Call& call) {
-    return call.state.ptp_master;
+    return parse_json(call.state.ptp_master);
 }
 
 Outcome ptp_management(Call& call) {
-    return call.state.ptp_management;
+    return parse_json(call.state.ptp_management);
 }
 
 std::vector<Membership> memberships_in(const Json& body) {
@@ -211,13 +214,13 @@ Outcome run_row(ManagementState& state, const HttpRequest& request, const std::s
 std::string wrapped(const Json& payload, Wrapping wrapping) {
     switch (wrapping) {
         case Wrapping::Object:
-            return Json{{"data", payload}}.dump();
+            return text_of({{"data", payload}});
         case Wrapping::Text:
-            return Json{{"data", payload.dump()}}.dump();
+            return text_of({{"data", text_of(payload)}});
         case Wrapping::None:
             break;
     }
-    return payload.dump();
+    return text_of(payload);
 }
 
 /// The fault that this request meets, if any; counts the request at all that match.
@@ -235,7 +238,7 @@ std::optional<HttpFault> fault_for(std::vector<HttpFault>& faults, const std::st
 }  // namespace
 
 Answer answer_request(VirtualCard& card, const HttpRequest& request) {
-    if (!request.path.starts_with(kBase)) return {404, Json{{"error", "no such resource"}}.dump()};
+    if (!request.path.starts_with(kBase)) return {404, text_of({{"error", "no such resource"}})};
     const std::string path = request.path.substr(kBase.size());
     const std::lock_guard lock(card.mutex);
     ManagementState& state = card.management;
@@ -244,7 +247,7 @@ Answer answer_request(VirtualCard& card, const HttpRequest& request) {
 
     const std::optional<HttpFault> fault = fault_for(state.faults, request.method, path);
     Outcome outcome = run_row(state, request, path);
-    if (fault && !fault->patch.is_null()) outcome.payload.merge_patch(fault->patch);
+    if (fault && fault->patch != "null") outcome.payload.merge_patch(parse_json(fault->patch));
     Answer answer;
     answer.status = outcome.status;
     answer.body = outcome.plain ? *outcome.plain : wrapped(outcome.payload, state.wrapping);
