@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 #include "no_card.h"
 

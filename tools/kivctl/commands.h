@@ -4,15 +4,14 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
+#include <variant>
+#include <vector>
 
 #include "output.h"
-
-namespace CLI {
-class App;
-}
 
 namespace kivctl {
 
@@ -36,6 +35,25 @@ struct Request {
     PtpChange ptp;
 };
 
+/// What a command takes beside ID and --json.
+struct Option {
+    using Value = std::variant<bool*, int*, std::string*, std::optional<int>*, std::optional<std::string>*>;
+
+    std::string name;  ///< One without dashes stands for itself on the command line, and is required.
+    std::string help;
+    Value value;            ///< Where it goes; bool: a flag.
+    std::string type = "";  ///< As the help shows it.
+
+    /// Why a text is refused, or an empty text.
+    std::function<std::string(const std::string& text)> check = nullptr;
+    std::optional<std::array<int, 2>> range = {};  ///< Least and greatest number.
+};
+
+struct Options {
+    std::vector<Option> options;
+    const char* footer = "";  ///< Below them in the help.
+};
+
 enum class Takes { NoCard, AnyCard, OneCard };
 
 struct Command {
@@ -43,8 +61,8 @@ struct Command {
     const char* name;
     const char* help;
     Takes card;
-    void (*run)(const Request& request, Output& output);         ///< Throws Failure; null: only a group.
-    void (*options)(CLI::App& app, Request& request) = nullptr;  ///< What it takes beside ID and --json.
+    void (*run)(const Request& request, Output& output);  ///< Throws Failure; null: only a group.
+    Options (*options)(Request& request) = nullptr;
 };
 
 std::span<const Command> commands();
@@ -60,13 +78,13 @@ void driver(const Request& request, Output& output);
 
 void ptp(const Request& request, Output& output);
 void ptp_set(const Request& request, Output& output);
-void ptp_set_options(CLI::App& app, Request& request);
+Options ptp_set_options(Request& request);
 
 void flash(const Request& request, Output& output);
 void flash_write(const Request& request, Output& output);
-void flash_write_options(CLI::App& app, Request& request);
+Options flash_write_options(Request& request);
 void flash_select(const Request& request, Output& output);
-void flash_select_options(CLI::App& app, Request& request);
+Options flash_select_options(Request& request);
 
 void watch(const Request& request, Output& output);
 

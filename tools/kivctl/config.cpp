@@ -1,4 +1,6 @@
 // The card configuration of this machine, as far as the interface shows it.
+#include <nlohmann/json.hpp>
+
 #include "cards.h"
 #include "commands.h"
 

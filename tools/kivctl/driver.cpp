@@ -3,6 +3,7 @@
 #include <kiv/kivDriverClient.h>
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "commands.h"
 

@@ -1,12 +1,12 @@
 // The card's flash: two slots, each with a firmware image.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <fstream>
 #include <future>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "cards.h"
@@ -95,9 +95,9 @@ void flash(const Request& request, Output& output) {
                         json);
 }
 
-void flash_write_options(CLI::App& app, Request& request) {
-    app.add_option("FILE", request.file, "Firmware image")->required()->type_name("");
-    app.add_flag("--no-wait", request.no_wait, "End when the card has the image");
+Options flash_write_options(Request& request) {
+    return {{{"FILE", "Firmware image", &request.file},
+             {"--no-wait", "End when the card has the image", &request.no_wait}}};
 }
 
 void flash_write(const Request& request, Output& output) {
@@ -137,8 +137,8 @@ void flash_write(const Request& request, Output& output) {
             {{"id", request.id}, {"file", request.file}, {"state", state}, {"seconds", progress.seconds()}});
 }
 
-void flash_select_options(CLI::App& app, Request& request) {
-    app.add_option("SLOT", request.slot, "0 or 1")->required()->type_name("");
+Options flash_select_options(Request& request) {
+    return {{{"SLOT", "0 or 1", &request.slot}}};
 }
 
 void flash_select(const Request& request, Output& output) {

@@ -1,6 +1,8 @@
 // kivctl: looks at the media-network cards of this machine, and changes their settings.
 #include <CLI/CLI.hpp>
 #include <map>
+#include <type_traits>
+#include <variant>
 
 #include "commands.h"
 
@@ -72,7 +74,12 @@ class CommandLine {
         Entry entry{&command, nullptr};
         if (command.card != Takes::NoCard)
             entry.id = sub->add_option("ID", request_.id, "Card, as listed by scan")->type_name("");
-        if (command.options != nullptr) command.options(*sub, request_);
+        if (command.options != nullptr) {
+            const kivctl::Options taken = command.options(request_);
+            for (const kivctl::Option& option : taken.options)
+                add(*sub, option);
+            sub->footer(taken.footer);
+        }
         if (command.run != nullptr) {
             sub->add_flag("--json", request_.json, "Print JSON");
         } else {
@@ -85,6 +92,21 @@ class CommandLine {
             sub->excludes(entries_.at(parent).id);
         }
         entries_.emplace(sub, entry);
+    }
+
+    static void add(CLI::App& app, const kivctl::Option& option) {
+        const auto add_value = [&](auto* value) {
+            if constexpr (std::is_same_v<decltype(value), bool*>) {
+                return app.add_flag(option.name, *value, option.help);
+            } else {
+                return app.add_option(option.name, *value, option.help)
+                    ->type_name(option.type)
+                    ->required(!option.name.starts_with('-'));
+            }
+        };
+        CLI::Option* const added = std::visit(add_value, option.value);
+        if (option.check) added->check(option.check);
+        if (option.range) added->check(CLI::Range((*option.range)[0], (*option.range)[1]).description(""));
     }
 
     Request& request_;

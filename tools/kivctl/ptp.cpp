@@ -1,9 +1,9 @@
 // PTP settings and state.
 #include <arpa/inet.h>
 
-#include <CLI/CLI.hpp>
 #include <charconv>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 #include "cards.h"
 #include "commands.h"
@@ -148,17 +148,21 @@ void ptp(const Request& request, Output& output) {
     output.print_record(kStateLines, json["status"]);
 }
 
-void ptp_set_options(CLI::App& app, Request& request) {
+Options ptp_set_options(Request& request) {
     PtpChange& change = request.ptp;
+    std::vector<Option> options;
     for (std::size_t i = 0; i < std::size(kNumbers); ++i) {
-        const NumberOption& row = kNumbers[i];
-        app.add_option(row.name, change.numbers[i], row.help)
-            ->check(CLI::Range(row.least, row.most).description(""))
-            ->type_name(std::to_string(row.least) + ".." + std::to_string(row.most));
+        const auto& [name, help, least, most] = kNumbers[i];
+        options.push_back({name,
+                           help,
+                           &change.numbers[i],
+                           std::to_string(least) + ".." + std::to_string(most),
+                           nullptr,
+                           {{least, most}}});
     }
-    app.add_option("--unicast-delay-req", change.unicast_delay_req, "Send delay requests unicast")
-        ->check(CLI::IsMember({"on", "off"}).description(""))
-        ->type_name("on|off");
+    const auto on_off = [](const std::string& text) {
+        return text == "on" || text == "off" ? std::string() : text + " not in {on,off}";
+    };
     const auto address = [](const std::string& text) {
         PortAddress ignored{};
         return parse_address(text, ignored) ? std::string() : text + " is no address like 192.168.10.11/24";
@@ -167,20 +171,20 @@ void ptp_set_options(CLI::App& app, Request& request) {
         uint32_t ignored = 0;
         return parse_vlan(text, ignored) ? std::string() : text + " is no VLAN: 1 to 4094, or off";
     };
+    options.push_back(
+        {"--unicast-delay-req", "Send delay requests unicast", &change.unicast_delay_req, "on|off", on_off});
     for (const unsigned i : {0u, 1u}) {
         const std::string number = std::to_string(i);
-        app.add_option("--ip" + number, change.address[i], "Address and prefix length of port " + number)
-            ->check(address)
-            ->type_name("A.B.C.D/N");
-        app.add_option("--vlan" + number, change.vlan[i], "VLAN of port " + number + " (off when not given)")
-            ->check(vlan)
-            ->type_name("N|off");
+        options.push_back({"--ip" + number, "Address and prefix length of port " + number, &change.address[i],
+                           "A.B.C.D/N", address});
+        options.push_back({"--vlan" + number, "VLAN of port " + number + " (off when not given)",
+                           &change.vlan[i], "N|off", vlan});
     }
-    app.add_flag("--save", change.save, "Keep the settings in the card configuration too");
-    app.footer(
-        "What is not given keeps its value: addresses as the card has them, PTP as in the card "
-        "configuration.\n"
-        "A card does not tell its VLANs: a port for which none is given gets none.");
+    options.push_back({"--save", "Keep the settings in the card configuration too", &change.save});
+    return {options,
+            "What is not given keeps its value: addresses as the card has them, PTP as in the card "
+            "configuration.\n"
+            "A card does not tell its VLANs: a port for which none is given gets none."};
 }
 
 void ptp_set(const Request& request, Output& output) {

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 #include "cards.h"
 #include "commands.h"

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <ctime>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "cards.h"
