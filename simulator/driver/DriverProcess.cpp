@@ -26,12 +26,6 @@ constexpr uint64_t kListener = 0;
 constexpr uint64_t kStop = ~uint64_t{0};
 constexpr uint64_t kWake = kStop - 1;
 
-/// Messages that a stream without pauses sends before others get their turn.
-constexpr int kBatch = 1000;
-
-/// How long to wait for a program that is far behind before looking again.
-constexpr std::chrono::milliseconds kRoomPause{100};
-
 /// Upper half random, so that a service listed by another driver process is not taken for one of ours.
 uint64_t fresh_entries() {
     return uint64_t{std::random_device{}()} << 32 | 1;
@@ -50,16 +44,13 @@ std::vector<std::byte> reply_message(int32_t status, const void* payload, std::s
 
 DriverProcess::DriverProcess(std::vector<std::shared_ptr<VirtualCard>> cards, std::string socket_path,
                              const std::string& trace_path)
-    : first_entry_(fresh_entries()), socket_path_(std::move(socket_path)) {
-    for (const auto& card : cards) {
+    : first_entry_(fresh_entries()), cards_(std::move(cards)), socket_path_(std::move(socket_path)) {
+    for (const auto& card : cards_) {
         for (const FunctionSettings& function : card->settings().functions) {
             services_.push_back({card, function,
                                  "card " + std::to_string(card->settings().id) + " function " +
                                      std::to_string(function.number)});
         }
-    }
-    for (const auto& card : cards) {
-        if (card->settings().interrupt_ms != 0) timers_[card.get()] = Clock::now();
     }
     listen_on(socket_path_);
     try {
@@ -69,14 +60,13 @@ DriverProcess::DriverProcess(std::vector<std::shared_ptr<VirtualCard>> cards, st
         unlink(socket_path_.c_str());
         throw;
     }
-    for (const auto& card : cards) {
+    for (const auto& card : cards_) {
         const std::lock_guard lock(card->mutex);
         card->wake_driver = [this] {
             const uint64_t one = 1;
             [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof one);
         };
     }
-    cards_ = std::move(cards);
     thread_ = std::thread([this] { serve(); });
 }
 
@@ -127,7 +117,7 @@ void DriverProcess::serve() {
                 serve_connection(number);
             }
         }
-        more = send_messages();
+        more = messages_.send();
     }
 }
 
@@ -271,77 +261,11 @@ void DriverProcess::send_late_replies() {
 
 /// Milliseconds until the next late reply or message, rounded up; -1 when there is none.
 int DriverProcess::next_wait() {
-    std::optional<Clock::time_point> next;
-    const auto consider = [&](Clock::time_point time) { next = next ? std::min(*next, time) : time; };
-    if (!late_.empty()) consider(late_.begin()->first);
-    for (const auto& [card, due] : timers_)
-        consider(due);
-    for (const auto& card : cards_) {
-        const std::lock_guard lock(card->mutex);
-        const Clock::time_point room =
-            waits_for_room(*card) ? Clock::now() + kRoomPause : Clock::time_point{};
-        for (const MessageStream& stream : card->driver.streams)
-            consider(std::max(stream.due, room));
-    }
+    std::optional<Clock::time_point> next = messages_.next_time();
+    if (!late_.empty()) next = std::min(late_.begin()->first, next.value_or(Clock::time_point::max()));
     if (!next) return -1;
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
     return static_cast<int>(std::clamp<int64_t>(wait.count(), 0, 60'000));
-}
-
-/// Whether a program that takes the card's messages is far behind.
-bool DriverProcess::waits_for_room(const VirtualCard& card) {
-    for (const auto& [number, connection] : card.driver.connections) {
-        if (channels_.is_full(number)) return true;
-    }
-    return false;
-}
-
-bool DriverProcess::has_listener(const VirtualCard& card) const {
-    const auto& connections = card.driver.connections;
-    return !card.removed && std::any_of(connections.begin(), connections.end(),
-                                        [&](const auto& entry) { return channels_.has(entry.first); });
-}
-
-void DriverProcess::send_message(VirtualCard& card, std::span<const uint64_t> arguments) {
-    for (const auto& [number, connection] : card.driver.connections)
-        channels_.send(number, arguments);
-}
-
-/// Sends what is due. True when there is more to send at once.
-bool DriverProcess::send_messages() {
-    const Clock::time_point now = Clock::now();
-    for (auto& [card, due] : timers_) {
-        const std::lock_guard lock(card->mutex);
-        if (now < due) continue;
-        due = now + std::chrono::milliseconds(card->settings().interrupt_ms);
-        if (card->removed) continue;
-        for (const auto& [number, connection] : card->driver.connections) {
-            for (const uint32_t interrupt : connection.interrupts) {
-                if (channels_.is_full(number)) break;  // Interrupts do not pile up.
-                const uint64_t arguments[] = {interrupt, ++card->driver.interrupt_count, tai_ns()};
-                channels_.send(number, arguments);
-            }
-        }
-    }
-    bool more = false;
-    for (const auto& card : cards_) {
-        const std::lock_guard lock(card->mutex);
-        if (!has_listener(*card)) card->driver.streams.clear();
-        for (MessageStream& stream : card->driver.streams) {
-            for (int sent = 0; stream.left != 0 && stream.due <= now && !waits_for_room(*card); ++sent) {
-                if (sent == kBatch) {
-                    more = true;
-                    break;
-                }
-                send_message(*card, stream.arguments);
-                if (!stream.arguments.empty()) ++stream.arguments.front();
-                --stream.left;
-                stream.due += stream.pause;
-            }
-        }
-        std::erase_if(card->driver.streams, [](const MessageStream& stream) { return stream.left == 0; });
-    }
-    return more;
 }
 
 void DriverProcess::hang_up(uint64_t number) {

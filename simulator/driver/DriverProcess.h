@@ -17,6 +17,7 @@
 #include "card/VirtualCard.h"
 #include "common/LocalSocket.h"
 #include "common/Trace.h"
+#include "driver/CardMessages.h"
 #include "driver/MessageChannels.h"
 
 namespace kivsim {
@@ -75,16 +76,12 @@ class DriverProcess {
     int32_t open_service(Connection& connection, uint64_t entry, uint32_t type);
     void close_service(Connection& connection);
     void send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor = -1);
-    bool waits_for_room(const VirtualCard& card);
-    bool has_listener(const VirtualCard& card) const;
-    void send_message(VirtualCard& card, std::span<const uint64_t> arguments);
-    bool send_messages();
     void send_late_replies();
     int next_wait();
     void hang_up(uint64_t number);
 
     const uint64_t first_entry_;  ///< Entry ids differ between driver processes.
-    std::vector<std::shared_ptr<VirtualCard>> cards_;
+    const std::vector<std::shared_ptr<VirtualCard>> cards_;
     std::vector<Service> services_;
     const std::string socket_path_;
     std::unique_ptr<Trace> trace_;
@@ -94,10 +91,10 @@ class DriverProcess {
     Descriptor stop_;
     Descriptor wake_;  ///< Readable when a card has a new stream of messages.
     MessageChannels channels_{epoll_};
+    CardMessages messages_{cards_, channels_};
     std::map<uint64_t, Connection> connections_;
     uint64_t next_connection_ = 1;
     std::multimap<Clock::time_point, LateReply> late_;
-    std::map<VirtualCard*, Clock::time_point> timers_;  ///< Cards with interrupts of their own: the next one.
     std::thread thread_;
 };
 
