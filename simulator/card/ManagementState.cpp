@@ -11,6 +11,7 @@ namespace kivsim {
 
 namespace {
 
+// What a card reports until it is told otherwise.
 // clang-format off
 constexpr char kHwmon[] = R"([
     {"label": "FPGA FABRIC Digital Temperature #5", "input": 58, "max": 95, "critical": 100},
