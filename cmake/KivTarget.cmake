@@ -1,11 +1,20 @@
 # What every target of the project has in common.
 
-# kiv_target(<target>): warnings (errors in our presets), hidden symbols, the sanitizers of the build.
+# Installed programs and libraries find their libraries beside them.
+set(KIV_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}" $ORIGIN)
+if(APPLE)
+  set(KIV_INSTALL_RPATH @loader_path/../${CMAKE_INSTALL_LIBDIR})
+endif()
+
+# kiv_target(<target>): language, warnings (errors in our presets), hidden symbols, the sanitizers of the build. On the
+# target and not in CMAKE_ variables, so that a project around this one keeps its own.
 function(kiv_target target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
                                            $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
-  set_target_properties(${target} PROPERTIES C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden
-                                             VISIBILITY_INLINES_HIDDEN ON)
+  set_target_properties(${target} PROPERTIES
+    CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF C_STANDARD 11 C_STANDARD_REQUIRED ON
+    C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+    POSITION_INDEPENDENT_CODE ON INSTALL_RPATH "${KIV_INSTALL_RPATH}")
   if(KIV_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${KIV_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all

@@ -1,7 +1,7 @@
 """Programs in C find the installed package without a JSON library; its C++ classes only with the very version that built
-it.
+it. A request for another minor version is refused, and one for a later revision.
 
-usage: json_version.py BUILD_DIRECTORY
+usage: package.py BUILD_DIRECTORY VERSION
 """
 import os
 import pathlib
@@ -16,7 +16,7 @@ if(OTHER)
   set(CMAKE_FIND_USE_CMAKE_SYSTEM_PATH OFF)
   set(CMAKE_FIND_USE_SYSTEM_ENVIRONMENT_PATH OFF)
 endif()
-find_package(kiv REQUIRED COMPONENTS ${PARTS})
+find_package(kiv ${VERSION} REQUIRED COMPONENTS ${PARTS})
 if(NOT TARGET kiv::kiv OR (PARTS AND NOT TARGET kiv::cpp))
   message(FATAL_ERROR "a target is missing")
 endif()
@@ -47,20 +47,26 @@ def main():
         pc = {"PKG_CONFIG_PATH": f"{home}/kiv/lib/pkgconfig"}
         other_pc = {"PKG_CONFIG_PATH": f"{home}/other:{home}/kiv/lib/pkgconfig", "PKG_CONFIG_LIBDIR": f"{home}/none"}
 
-        def configure(parts, other=""):
+        def configure(parts, other="", version=""):
             return ["cmake", "--fresh", "-G", "Ninja", "-S", folder, "-B", f"{folder}/build",
-                    f"-DCMAKE_PREFIX_PATH={home}/kiv", f"-DPARTS={parts}", f"-DOTHER={other}"]
+                    f"-DCMAKE_PREFIX_PATH={home}/kiv", f"-DPARTS={parts}", f"-DOTHER={other}", f"-DVERSION={version}"]
 
-        for command, environment, expected in (
-                (configure("", home / "other"), {}, True), (configure("cpp", home / "other"), {}, False),
-                (configure("cpp"), {}, True),
-                (["pkg-config", "--print-errors", "--exists", "kiv"], other_pc, True),
-                (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], other_pc, False),
-                (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], pc, True)):
+        major, minor, revision = map(int, sys.argv[2].split("."))
+        minors = [f"{major}.{minor + 1}"] + ([f"{major}.{minor - 1}"] if minor else [])
+        refused = [f"{major}.{minor}.{revision + 1}", f"{major + 1}", *(minors if major == 0 else minors[:1])]
+        no_version, no_json = "considered but not accepted", "nlohmann_json"
+        for command, environment, refusal in (
+                (configure("", home / "other"), {}, None), (configure("cpp", home / "other"), {}, no_json),
+                (configure("cpp"), {}, None),
+                *((configure("", version=version), {}, None) for version in (f"{major}.{minor}", sys.argv[2])),
+                *((configure("", version=version), {}, no_version) for version in refused),
+                (["pkg-config", "--print-errors", "--exists", f"kiv = {sys.argv[2]}"], other_pc, None),
+                (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], other_pc, no_json),
+                (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], pc, None)):
             found, output = run(command, environment)
-            if found != expected or (not expected and "nlohmann_json" not in output):
+            if found != (refusal is None) or (refusal or "") not in output:
                 complaints.append(f"{' '.join(command)}\nsucceeds: {found}, with\n{output}")
-    print("\n".join(complaints) or "the package asks for its JSON library")
+    print("\n".join(complaints) or "the package asks for its JSON library and keeps its version's promise")
     return 1 if complaints else 0
 
 
