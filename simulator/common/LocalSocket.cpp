@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace kivsim {
@@ -40,7 +41,7 @@ void make_way(const std::string& path, const sockaddr_un& address) {
 
 Descriptor checked(int fd, const std::string& what) {
     Descriptor owner = kivplatform::above_standard(fd);
-    if (!owner) throw std::runtime_error(what + ": " + std::strerror(errno));
+    if (!owner) throw std::runtime_error(what + ": " + std::generic_category().message(errno));
     return owner;
 }
 
@@ -51,7 +52,7 @@ Descriptor listening_socket(const std::string& path) {
         checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
     if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         chmod(path.c_str(), 0600) != 0 || listen(listener.get(), SOMAXCONN) != 0) {
-        throw std::runtime_error(path + ": " + std::strerror(errno));
+        throw std::runtime_error(path + ": " + std::generic_category().message(errno));
     }
     return listener;
 }

@@ -1,8 +1,8 @@
 #include "common/Trace.h"
 
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
+#include <system_error>
 
 #include "common/hex.h"
 
@@ -27,7 +27,7 @@ std::string begin(const char* event, uint64_t connection, const std::string& ser
 Trace::Trace(const std::string& path) {
     if (path.empty()) return;
     file_.reset(std::fopen(path.c_str(), "we"));
-    if (!file_) throw std::runtime_error(path + ": " + std::strerror(errno));
+    if (!file_) throw std::runtime_error(path + ": " + std::generic_category().message(errno));
 }
 
 void Trace::open(uint64_t connection, const std::string& service, uint32_t type, int32_t status) {

@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "base/ipText.h"
@@ -157,7 +158,8 @@ class ManagementServers::Server final : public httplib::Server {
 ManagementServers::ManagementServers(const std::vector<std::shared_ptr<VirtualCard>>& cards,
                                      const std::string& request_log)
     : epoll_(epoll_create1(EPOLL_CLOEXEC)), stop_(eventfd(0, EFD_CLOEXEC)) {
-    if (!epoll_ || !stop_) throw std::runtime_error(std::string("epoll: ") + std::strerror(errno));
+    if (!epoll_ || !stop_)
+        throw std::runtime_error(std::string("epoll: ") + std::generic_category().message(errno));
     if (!request_log.empty()) log_.open(request_log);
     if (!log_) throw std::runtime_error(request_log + ": cannot be written");
     for (const auto& card : cards) {
@@ -206,7 +208,7 @@ uint16_t ManagementServers::add_server(Answering handler, uint32_t host, uint16_
         bind(listener.get(), generic, size) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
         getsockname(listener.get(), generic, &size) != 0) {
         throw std::runtime_error(name + ", server " + uint32ToIp(host) + ":" + std::to_string(port) + ": " +
-                                 std::strerror(errno));
+                                 std::generic_category().message(errno));
     }
     epoll_event event{};
     event.events = EPOLLIN;

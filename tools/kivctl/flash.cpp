@@ -3,10 +3,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <future>
 #include <nlohmann/json.hpp>
+#include <system_error>
 #include <thread>
 
 #include "cards.h"
@@ -103,7 +103,7 @@ Options flash_write_options(Request& request) {
 void flash_write(const Request& request, Output& output) {
     errno = 0;
     if (!std::ifstream(request.file))
-        throw Failure(request.file + " cannot be read: " + std::strerror(errno));
+        throw Failure(request.file + " cannot be read: " + std::generic_category().message(errno));
     scan_cards();
     using Style = Progress::Style;
     Progress progress(output,

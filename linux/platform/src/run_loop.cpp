@@ -30,7 +30,7 @@ class Deadline {
     int wait_ms() const {
         if (!end_) return -1;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end_ - Clock::now()).count();
-        return static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
+        return static_cast<int>(std::clamp<decltype(left)>(left, 0, 3'600'000));
     }
 
   private:
