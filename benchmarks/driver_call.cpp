@@ -1,6 +1,7 @@
-// What the library's layers add to a register read: IDeviceAccess against the bare platform call. First with a
-// platform call that does nothing, so that only our code is timed, then with the simulator's driver process, beside
-// a bare round trip of the same bytes over a socket. Rounds run their variants forwards and backwards.
+// What the library's layers add to a register read: IDeviceAccess against the bare platform call. First with
+// a platform call that does nothing, so that only our code is timed, then with the simulator's driver
+// process, beside a bare round trip of the same bytes over a socket. Rounds run their variants forwards and
+// backwards.
 #include <IOKit/IOKitLib.h>
 #include <dlfcn.h>
 #include <kiv/kivDriverService.h>

@@ -1,6 +1,7 @@
-// What HttpClient costs over bare libcurl with the same options and a fresh easy handle per request. Both talk
-// to a server of this program's own on the loopback. Each round runs its variants forwards and then backwards,
-// so that a drifting machine slows all of them alike; libcurl runs twice in it, which shows the noise.
+// What HttpClient costs over bare libcurl with the same options and a fresh easy handle per request. Both
+// talk to a server of this program's own on the loopback. Each round runs its variants forwards and then
+// backwards, so that a drifting machine slows all of them alike; libcurl runs twice in it, which shows the
+// noise.
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <kiv/kivClient.h>
@@ -76,7 +77,8 @@ class Server {
   private:
     void serve() {
         for (int socket = -1; (socket = accept(listener_, nullptr, nullptr)) >= 0; close(socket)) {
-            // The client closes first. The reset that answers it spares the machine thousands of waiting ports.
+            // The client closes first. The reset that answers it spares the machine thousands of waiting
+            // ports.
             const linger reset{1, 0};
             setsockopt(socket, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
             while (take_request(socket) && send_text(socket, answer_)) {

@@ -1,6 +1,6 @@
-// What HpsHttpHelper costs over the JSON library alone, for a reply of 1 MB: its limits are counted before the text is
-// parsed. The calling thread's processor time, so that other programs matter little; the JSON library runs twice in each
-// round, which shows the noise.
+// What HpsHttpHelper costs over the JSON library alone, for a reply of 1 MB: its limits are counted before
+// the text is parsed. The calling thread's processor time, so that other programs matter little; the JSON
+// library runs twice in each round, which shows the noise.
 #include <kiv/HpsHttpHelper.h>
 #include <kiv/kiv_json.h>
 

@@ -34,10 +34,10 @@ struct InterfaceSettings {
 /// What goes wrong with a driver call, for tests of the layers above.
 struct DriverFault {
     uint32_t selector = 0;
-    std::optional<uint32_t>
-        nth;                ///< The nth call of that selector to the card, from 1; every call when absent.
-    int32_t status = 0;     ///< Non-zero: the call fails with it.
-    uint32_t delay_ms = 0;  ///< The reply comes that much later.
+    /// The nth call of that selector to the card, from 1; every call when absent.
+    std::optional<uint32_t> nth;
+    int32_t status = 0;                  ///< Non-zero: the call fails with it.
+    uint32_t delay_ms = 0;               ///< The reply comes that much later.
     std::optional<uint32_t> reply_size;  ///< The reply is cut to so many bytes.
 };
 

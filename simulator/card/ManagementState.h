@@ -30,8 +30,8 @@ struct ManagementState {
     std::string ptp_master;  ///< The two PTP documents, likewise.
     std::string ptp_management;
     std::vector<Membership> memberships;
-    std::map<int64_t, std::chrono::steady_clock::time_point>
-        alive;  ///< Registered processes and when they expire.
+    /// Registered processes and when they expire.
+    std::map<int64_t, std::chrono::steady_clock::time_point> alive;
     Firmware firmware;
     std::vector<HttpFault> faults;
     Wrapping wrapping;

@@ -24,8 +24,8 @@ Descriptor listening_socket(const std::string& path);
 /// A descriptor to be given up when there are no others.
 Descriptor spare_descriptor();
 
-/// Accepts a connection. When the process has no descriptor left, the caller at the other end is hung up instead
-/// of waiting for ever: empty then.
+/// Accepts a connection. When the process has no descriptor left, the caller at the other end is hung up
+/// instead of waiting for ever: empty then.
 Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare);
 
 /// Receives one message into `room`, and the descriptor that comes with it, if it is exactly one; any others

@@ -14,8 +14,8 @@
 
 namespace kivsim {
 
-/// One thread. Messages wait in order while a program does not read; nothing is lost, unless it reads none for
-/// long.
+/// One thread. Messages wait in order while a program does not read; nothing is lost, unless it reads none
+/// for long.
 class MessageChannels {
   public:
     /// The epoll entry of a channel that is full has this bit in its number, beside the connection's.

@@ -11,8 +11,8 @@
 
 namespace kivsim {
 
-/// Runs one method on the card's PCI function, for a connection. Returns its status, with the reply in `output`
-/// on success.
+/// Runs one method on the card's PCI function, for a connection. Returns its status, with the reply in
+/// `output` on success.
 int32_t run_selector(VirtualCard& card, const FunctionSettings& function, uint64_t connection,
                      uint32_t selector, std::span<const std::byte> input, std::vector<std::byte>& output);
 

@@ -105,8 +105,8 @@ Json descriptions(const std::vector<std::shared_ptr<VirtualCard>>& cards) {
     return list;
 }
 
-/// Puts links into bits 6 and 7 of the status register, and the PTP state, 0, 1 or 3, into bits 8, 9 and 10, of
-/// which null sets none. True when one of the two is given.
+/// Puts links into bits 6 and 7 of the status register, and the PTP state, 0, 1 or 3, into bits 8, 9 and 10,
+/// of which null sets none. True when one of the two is given.
 bool change_status(const ConfigNode& node, uint64_t& status) {
     const auto put = [&](unsigned bit, bool on) {
         status = on ? status | uint64_t{1} << bit : status & ~(uint64_t{1} << bit);

@@ -1,5 +1,5 @@
-// A program that exits while eight of its threads are in calls. Status 42 when nothing else ends it. The cards are
-// another process's: this one is to hold nothing but the library.
+// A program that exits while eight of its threads are in calls. Status 42 when nothing else ends it. The
+// cards are another process's: this one is to hold nothing but the library.
 #include <kiv/kiv_api.h>
 
 #include <atomic>

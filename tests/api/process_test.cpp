@@ -13,8 +13,8 @@
 #include "support/Program.h"
 #include "support/Waiting.h"
 
-/// Asked by the leak checker at exit. In a forked child it would take for leaks what only the stacks of threads
-/// point at that are not there.
+/// Asked by the leak checker at exit. In a forked child it would take for leaks what only the stacks of
+/// threads point at that are not there.
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() {
     static const pid_t checked = getpid();
     return getpid() != checked;

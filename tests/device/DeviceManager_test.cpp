@@ -46,8 +46,8 @@ class Manager : public testing::Test {
 
 }  // namespace
 
-// The linker leads what the manager registers through here: periods are seen, not waited for. KIV_SCHEDULE is the
-// linker's name of Scheduler::schedulePeriodic, a member: its object comes first.
+// The linker leads what the manager registers through here: periods are seen, not waited for. KIV_SCHEDULE is
+// the linker's name of Scheduler::schedulePeriodic, a member: its object comes first.
 using Pool = std::shared_ptr<kiv::device::thread::PeriodicThreadPool>;
 uint64_t real_schedule(kiv::device::thread::Scheduler& scheduler, std::function<void()> task,
                        milliseconds period, Pool pool) __asm__("__real_" KIV_SCHEDULE);

@@ -1,5 +1,5 @@
-// Out of memory: whichever allocation fails, no connection, descriptor or memory is lost, and nothing ends the
-// process.
+// Out of memory: whichever allocation fails, no connection, descriptor or memory is lost, and nothing ends
+// the process.
 #include <gtest/gtest.h>
 #include "driver/wire.h"
 
@@ -28,8 +28,8 @@ int mappings() {
     return count;
 }
 
-/// Runs `body` again and again, with another one of its allocations failing, until it allocates no more; checks
-/// after each time.
+/// Runs `body` again and again, with another one of its allocations failing, until it allocates no more;
+/// checks after each time.
 template <typename Body, typename Check>
 void fail_each_allocation(Body body, Check check) {
     for (long nth = 1;; ++nth) {

@@ -48,7 +48,8 @@ extern "C" CURL* curl_easy_init() {
     return g_no_handles ? nullptr : reinterpret_cast<CURL* (*)()>(dlsym(RTLD_NEXT, "curl_easy_init"))();
 }
 
-/// Under libcurl's name, but with an integer for the option: an enumeration may not be the last named parameter.
+/// Under libcurl's name, but with an integer for the option: an enumeration may not be the last named
+/// parameter.
 extern "C" CURLcode noted_setopt(CURL* handle, unsigned option, ...) __asm__("curl_easy_setopt");
 
 // Each option's value fills one register, so all of them pass as a pointer would.

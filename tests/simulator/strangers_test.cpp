@@ -23,7 +23,8 @@ class Stranger {
         EXPECT_EQ(connect(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     }
 
-    /// Status of the reply to a message with this payload and so many descriptors; `value_` is its first word.
+    /// Status of the reply to a message with this payload and so many descriptors; `value_` is its first
+    /// word.
     int32_t ask(kivplatform_request request, const std::string& payload, std::size_t files = 0) {
         alignas(cmsghdr) char beside[CMSG_SPACE(8 * sizeof(int))] = {};
         iovec parts[] = {{&request, sizeof request}, {const_cast<char*>(payload.data()), payload.size()}};

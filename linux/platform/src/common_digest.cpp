@@ -1,5 +1,5 @@
-// The digests of CommonCrypto over libcrypto. Its context has no resources, so that one which is never finished
-// leaks nothing: hence the low-level calls.
+// The digests of CommonCrypto over libcrypto. Its context has no resources, so that one which is never
+// finished leaks nothing: hence the low-level calls.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <CommonCrypto/CommonDigest.h>
 #include <openssl/md5.h>

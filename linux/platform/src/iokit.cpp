@@ -26,7 +26,8 @@ using kivplatform::Connection;
 using kivplatform::Conversation;
 using kivplatform::Descriptor;
 
-/// What a port name stands for: exactly one of these. Building one allocates nothing, since closing needs one.
+/// What a port name stands for: exactly one of these. Building one allocates nothing, since closing needs
+/// one.
 struct Object {
     enum class Kind { Iterator, Service, Connection };
     Kind kind = Kind::Service;
@@ -36,8 +37,8 @@ struct Object {
     std::shared_ptr<Connection> connection{};  ///< Connection.
 };
 
-/// The port names of this process. Names are handed out once and never again, in a forked child neither: there
-/// the parent's are known for what they are and stand for nothing.
+/// The port names of this process. Names are handed out once and never again, in a forked child neither:
+/// there the parent's are known for what they are and stand for nothing.
 class Names {
   public:
     explicit Names(const Names* inherited)
@@ -293,8 +294,8 @@ kern_return_t IOConnectMapMemory64(io_connect_t connect, uint32_t memory_type, t
     return kIOReturnNoMemory;
 }
 
-// The address tells a mapping at a place that the caller has chosen. One that was made anywhere is known by its
-// memory only.
+// The address tells a mapping at a place that the caller has chosen. One that was made anywhere is known by
+// its memory only.
 kern_return_t IOConnectUnmapMemory64(io_connect_t connect, uint32_t memory_type, task_port_t,
                                      mach_vm_address_t) try {
     const auto found = names().connection(connect);

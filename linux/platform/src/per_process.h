@@ -10,9 +10,9 @@
 namespace kivplatform {
 
 /// The T of this process, made at its first use. A forked child gets a T of its own: what it inherits is the
-/// parent's, and a thread that the child does not have may have held its lock at the fork. T is built with the
-/// inherited T, or null, of which it may read atomics only. Never destroyed: connections may be closed late in
-/// a process's exit.
+/// parent's, and a thread that the child does not have may have held its lock at the fork. T is built with
+/// the inherited T, or null, of which it may read atomics only. Never destroyed: connections may be closed
+/// late in a process's exit.
 template <typename T>
 T& of_this_process() {
     struct Instance {

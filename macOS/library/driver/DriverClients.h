@@ -17,8 +17,8 @@ struct DriverClients final : platform::Clients {
     /// What kivDext_new() found.
     kivDriverClientList g_clients KIV_GUARDED_BY(mutex);
 
-    /// Puts `fresh` in place of `list`. Those that go take leave of the driver now, also when a call of another thread
-    /// still has a share of one: the driver takes a later leave for the whole process.
+    /// Puts `fresh` in place of `list`. Those that go take leave of the driver now, also when a call of
+    /// another thread still has a share of one: the driver takes a later leave for the whole process.
     void replace(kivDriverClientList DriverClients::*list, kivDriverClientList fresh) {
         {
             const std::lock_guard lock(mutex);

@@ -24,8 +24,8 @@ struct __CFRunLoop;
 
 /// One interrupt message of the driver. A message has one argument, or 3 to 16. A single argument is a plain
 /// 64-bit value, not an array of one: it stands in `word[0]`, with `count` 1 and all other words 0. Messages
-/// without arguments are not delivered, nor are those whose number of arguments the platform does not pass on (2
-/// and more than 16).
+/// without arguments are not delivered, nor are those whose number of arguments the platform does not pass on
+/// (2 and more than 16).
 struct InterruptEvent {
     uint32_t count;     ///< Arguments of the message.
     uint32_t reserved;  ///< 0.
@@ -82,8 +82,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
         uint32_t ip[2];  ///< Addresses of the media ports, IPv4, first octet in the most significant byte.
         uint32_t tun;    ///< Tunnel address, likewise.
         uint32_t port;   ///< TCP port of the management server at `tun`, 16 bits.
-        uint8_t
-            ptp_selected;  ///< Non-zero: the selected PTP card. Not read from the driver: its owner sets it.
+        /// Non-zero: the selected PTP card. Not read from the driver: its owner sets it.
+        uint8_t ptp_selected;
     };
 
     struct use_resource {
@@ -112,19 +112,19 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     ~kivDriverClient() override;
 
     /// Announces this process to the driver. With `interrupts` it also maps the ANC memories and starts the
-    /// notification thread, unless that runs already; what fails there is not reported (the thread logs why it
-    /// ends). Takes 10 ms then, so that the thread is registered with the driver. A thread that ends before it
-    /// is registered leaves behind, until the process ends, the notification port that it has made; the ANC
-    /// memories stay mapped and the process stays announced. The next open(true) starts another thread, with
-    /// another port.
+    /// notification thread, unless that runs already; what fails there is not reported (the thread logs why
+    /// it ends). Takes 10 ms then, so that the thread is registered with the driver. A thread that ends
+    /// before it is registered leaves behind, until the process ends, the notification port that it has made;
+    /// the ANC memories stay mapped and the process stays announced. The next open(true) starts another
+    /// thread, with another port.
     int32_t open(bool interrupts);
 
     /// Ends the notification thread, takes leave of the driver and closes the connection, and with it all
     /// mappings and buffers. Waits for a callback that runs: hold no lock that it takes. -1 when it is closed
     /// already, in the client's own interrupt callback, or when the driver refuses the leave: then the
     /// connection stays, with its mappings and buffers, and without notification thread until the next
-    /// open(true). The driver keeps the registration of the former thread, whose messages nobody takes any more:
-    /// they stay in the system until the connection ends. Disable the interrupts before.
+    /// open(true). The driver keeps the registration of the former thread, whose messages nobody takes any
+    /// more: they stay in the system until the connection ends. Disable the interrupts before.
     int32_t close();
 
     /// Replaces what is called, on the notification thread, for each interrupt message; may be empty. When
@@ -163,16 +163,16 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     int32_t iofree(uint32_t id);
     int32_t get_iobus_address(uint32_t id, uint32_t index, uint64_t* address);  ///< Untouched if closed.
 
-    /// Maps an element of DMA memory, or a BAR, for reading and writing. The same memory mapped again is at the
-    /// same address, and unmap() ends it for all who use it. Pointers may be null; untouched on failure.
+    /// Maps an element of DMA memory, or a BAR, for reading and writing. The same memory mapped again is at
+    /// the same address, and unmap() ends it for all who use it. Pointers may be null; untouched on failure.
     int32_t map_iomemory(uint32_t id, uint32_t index, uint64_t* address, uint64_t* size);
     int32_t map_pci(uint32_t bar, uint64_t* address, uint64_t* size);
 
-    /// Undoes the mapping at `address`, which one of the two above has given; one call, however often the memory
-    /// was mapped. kIOReturnBadArgument (0xE00002C2), without a call, for any other address and for one that is
-    /// undone. The driver finds a mapping by its memory: unmap before iofree(). Afterwards the memory cannot be
-    /// selected any more: the driver's status comes back. Whatever is returned, the address counts as undone; a
-    /// mapping that could not be undone lasts until the client is closed.
+    /// Undoes the mapping at `address`, which one of the two above has given; one call, however often the
+    /// memory was mapped. kIOReturnBadArgument (0xE00002C2), without a call, for any other address and for
+    /// one that is undone. The driver finds a mapping by its memory: unmap before iofree(). Afterwards the
+    /// memory cannot be selected any more: the driver's status comes back. Whatever is returned, the address
+    /// counts as undone; a mapping that could not be undone lasts until the client is closed.
     int32_t unmap(uint64_t address);
 
     /// 0 on every failure, also on a closed client. A null `time` is noticed after the call, if that
@@ -219,8 +219,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// A copy of the buffer; -1, with `out` untouched, when there is none, as after close().
     int32_t get_buffer(uint32_t id, dextBuffer& out) const;
 
-    /// Releases one buffer; -1 when there is none. Its elements stay mapped until the client is closed, unless
-    /// they are undone with unmap() before.
+    /// Releases one buffer; -1 when there is none. Its elements stay mapped until the client is closed,
+    /// unless they are undone with unmap() before.
     int32_t free_buffer(uint32_t id);
 
     /// Unmaps and releases all buffers. 0.
@@ -323,8 +323,8 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     mutable std::mutex buffer_mutex_;                                ///< Taken before `selection_mutex_`.
     std::vector<dextBuffer> buffers_ KIV_GUARDED_BY(buffer_mutex_);  ///< In allocation order.
     buffer_info anc_buffers_[4] KIV_GUARDED_BY(buffer_mutex_) = {};
-    const int32_t
-        process_id_;  ///< The process that made the client: a forked child must not touch its locks.
+    /// The process that made the client: a forked child must not touch its locks.
+    const int32_t process_id_;
 
   public:
     boot_conf_t boot_conf{};      ///< Read at creation.

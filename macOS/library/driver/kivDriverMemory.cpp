@@ -53,7 +53,8 @@ int32_t kivDriverClient::map_memory(const Memory& memory, uint64_t* address, uin
     const kern_return_t mapped = IOConnectMapMemory64(connect, kIODefaultMemoryType, mach_task_self(),
                                                       &mapped_at, &mapped_size, kIOMapAnywhere);
     if (mapped != kIOReturnSuccess) return mapped;
-    // A memory that is at another address now is another one of the same name: the one before cannot be selected.
+    // A memory that is at another address now is another one of the same name: the one before cannot be
+    // selected.
     const Mapping fresh{memory, mapped_at};
     if (is_new != nullptr) *is_new = std::find(mappings_.begin(), mappings_.end(), fresh) == mappings_.end();
     std::erase_if(mappings_,

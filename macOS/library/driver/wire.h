@@ -116,8 +116,8 @@ struct BootConf {
     uint8_t bus;          ///< Host byte 32.
     uint8_t device;       ///< Host byte 33.
     uint8_t function;     ///< Host byte 34: PCI function number.
-    uint8_t
-        identity_kind;  ///< Host byte 35: non-zero, cards are told apart by identity; zero, by identity_text.
+    /// Host byte 35: non-zero, cards are told apart by identity; zero, by identity_text.
+    uint8_t identity_kind;
     uint8_t skipped_44[4];
     uint64_t identity;
     char identity_text[64];

@@ -33,8 +33,8 @@ class KIV_API hpsClient {
   public:
     hpsClient();
 
-    /// Ends the background threads: at once, or when the request that they are in returns. In a forked child of
-    /// the process that made the client it only leaves them alone.
+    /// Ends the background threads: at once, or when the request that they are in returns. In a forked child
+    /// of the process that made the client it only leaves them alone.
     ~hpsClient();
 
     hpsClient(const hpsClient&) = delete;

@@ -34,8 +34,8 @@ void complain(const std::string& message) {
 /// libcurl counts its initialisations, but not every build of it does so under a lock. Never destroyed:
 /// clients may end late in the process's exit.
 std::mutex& curl_mutex() {
-    // One initialisation stays for ever. A new one after the last client had gone, in a thread that is in a call
-    // while the process exits, would use a TLS library that has ended.
+    // One initialisation stays for ever. A new one after the last client had gone, in a thread that is in a
+    // call while the process exits, would use a TLS library that has ended.
     static std::mutex& instance = *[] {
         curl_global_init(CURL_GLOBAL_ALL);
         return new std::mutex;

@@ -53,8 +53,8 @@
  *
  *    The library's threads block all signals but those that report a fault of the thread itself (SIGSEGV and
  *    its like). A program that a callback starts inherits this signal mask.
- * 8. Versions. Records grow only with a new major version of the library, while that is 0 also with a minor one. kiv_version.h tells the version of
- *    the headers, kiv_get_sw_version that of the library.
+ * 8. Versions. Records grow only with a new major version of the library, while that is 0 also with a minor
+ *    one. kiv_version.h tells the version of the headers, kiv_get_sw_version that of the library.
  * 9. Processes. After a fork only the process that made the first scan, or called kivDext_new first, may use
  *    the library. In a child of it the calls for cards, kiv_open, kiv_scan, kiv_scan_internal, kiv_close,
  *    kiv_configure_save and kiv_log_print return KIV_ERR_NOT_OPENED, and kivDext_new returns 1; call no other

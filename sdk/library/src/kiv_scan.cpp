@@ -123,8 +123,8 @@ kiv_result_t in_turn(kiv_result_t refused, kiv_result_t late, Body body) {
 template <typename Record, typename Body>
 kiv_result_t scan_in_turn(Record* record, Body body) noexcept {
     return guarded([&] {
-        // Before all else, the log too: in a forked child locks may be held for ever. A scan claims the process before
-        // its turn, or a child forked in between would not know that the turn is the parent's.
+        // Before all else, the log too: in a forked child locks may be held for ever. A scan claims the
+        // process before its turn, or a child forked in between would not know that the turn is the parent's.
         if (!Process::instance().claim()) return KIV_ERR_NOT_OPENED;
         if (record == nullptr) return api::null_argument();
         return in_turn(KIV_ERR_FAILED, KIV_ERR_NOT_OPENED,

@@ -1,5 +1,5 @@
-/// What the library needs of the platform that it runs on. macOS/library/driver implements it; a port to another
-/// platform is another implementation of these three functions.
+/// What the library needs of the platform that it runs on. macOS/library/driver implements it; a port to
+/// another platform is another implementation of these three functions.
 #ifndef KIV_PLATFORM_H
 #define KIV_PLATFORM_H
 
@@ -27,10 +27,9 @@ std::unique_ptr<device::IDeviceEnumerator> make_enumerator(Clients& clients);
 /// The factories of the platforms that the enumerator names, by their keys.
 device::DeviceFactoryRegistry make_factories();
 
-/// The clients of this process; null when it must not use the driver: while it exits, and in a forked child of the
-/// process that has used it, which inherited them in whatever state. `to_connect` makes this process the one that uses
-/// it. Defined with the state of the process, for entry
-/// points that belong to the platform.
+/// The clients of this process; null when it must not use the driver: while it exits, and in a forked child
+/// of the process that has used it, which inherited them in whatever state. `to_connect` makes this process
+/// the one that uses it. Defined with the state of the process, for entry points that belong to the platform.
 Clients* clients_of_process(bool to_connect);
 
 }  // namespace kiv::platform

@@ -14,8 +14,8 @@ namespace kiv::api {
 
 namespace {
 
-/// How long the exit waits: for a scan or close of another thread, and for what waits for the exit itself; and for
-/// callbacks and requests under way, of which a request alone may take 7 seconds.
+/// How long the exit waits: for a scan or close of another thread, and for what waits for the exit itself;
+/// and for callbacks and requests under way, of which a request alone may take 7 seconds.
 constexpr std::chrono::seconds kPatience{1};
 constexpr std::chrono::seconds kLongPatience{10};
 
@@ -69,8 +69,8 @@ bool Process::wait_for_turn() {
     return turn_is_free_.wait_until(lock, std::chrono::steady_clock::now() + kPatience, free);
 }
 
-/// The exit handler. What cannot be ended in time ends with the process: a thread that the exit itself runs on, one
-/// that waits for a driver that hangs.
+/// The exit handler. What cannot be ended in time ends with the process: a thread that the exit itself runs
+/// on, one that waits for a driver that hangs.
 void Process::end() noexcept try {
     ended_ = true;
     if (owner_ == 0 || inherited() || !wait_for_turn()) return;

@@ -15,13 +15,12 @@
 #define KIVPLATFORM_MESSAGE_SIZE 65536u
 
 enum kivplatform_request_kind {
-    KIVPLATFORM_LIST = 1,  /* Payload: service name. Reply: entry ids (u64), in registration order. */
-    KIVPLATFORM_OPEN = 2,  /* `entry`, `number` = connection type. Reply: status. */
-    KIVPLATFORM_CALL = 3,  /* `number` = selector, `capacity`; payload: input. Reply: output. */
-    KIVPLATFORM_CLOSE = 4, /* Reply: status; then the program hangs up. */
-    KIVPLATFORM_CALL_ASYNC =
-        5,              /* As CALL, with a descriptor: the end of a SOCK_SEQPACKET pair on which the driver
-                                   process sends messages from now on. */
+    KIVPLATFORM_LIST = 1,       /* Payload: service name. Reply: entry ids (u64), in registration order. */
+    KIVPLATFORM_OPEN = 2,       /* `entry`, `number` = connection type. Reply: status. */
+    KIVPLATFORM_CALL = 3,       /* `number` = selector, `capacity`; payload: input. Reply: output. */
+    KIVPLATFORM_CLOSE = 4,      /* Reply: status; then the program hangs up. */
+    KIVPLATFORM_CALL_ASYNC = 5, /* As CALL, with a descriptor: the end of a SOCK_SEQPACKET pair on which the
+                                   driver process sends messages from now on. */
     KIVPLATFORM_MAP = 6 /* `number` = memory type. Reply: kivplatform_mapping, with the descriptor of a shared
                            file. */
 };

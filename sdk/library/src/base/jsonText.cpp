@@ -12,8 +12,8 @@ namespace {
 
 constexpr std::size_t kReadBlock = 65536;
 
-/// The position of the quote that ends the string whose first quote is at `at`. Searching for quotes, and only
-/// then for what escapes them, is several times as fast as a look at each byte.
+/// The position of the quote that ends the string whose first quote is at `at`. Searching for quotes, and
+/// only then for what escapes them, is several times as fast as a look at each byte.
 std::size_t end_of_string(std::string_view text, std::size_t at) {
     for (;;) {
         const std::size_t quote = text.find('"', at + 1);
@@ -26,9 +26,9 @@ std::size_t end_of_string(std::string_view text, std::size_t at) {
     }
 }
 
-/// Outside of strings every bracket is a level and every colon a key, so that counting them is exact for JSON.
-/// Of other texts it counts at least as much as the parser sees before it stops. Not the JSON library's own
-/// events: a second run of its lexer would take nearly as long as the parsing itself.
+/// Outside of strings every bracket is a level and every colon a key, so that counting them is exact for
+/// JSON. Of other texts it counts at least as much as the parser sees before it stops. Not the JSON library's
+/// own events: a second run of its lexer would take nearly as long as the parsing itself.
 void check_limits(std::string_view text) {
     std::array<std::size_t, kMostLevels + 1> keys{};  ///< At each level, of the object that is open there.
     std::size_t level = 0;

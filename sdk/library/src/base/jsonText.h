@@ -1,6 +1,6 @@
 /// JSON texts from outside, read within limits. The JSON library looks for each new key among all keys of its
-/// object, and copies and writes values with as many stack frames as they have levels: its time grows with the
-/// square of the keys, and its stack with the levels. Stateless; any thread.
+/// object, and copies and writes values with as many stack frames as they have levels: its time grows with
+/// the square of the keys, and its stack with the levels. Stateless; any thread.
 #ifndef KIV_JSON_TEXT_H
 #define KIV_JSON_TEXT_H
 

@@ -1,5 +1,6 @@
-/// Which lock guards what, in words that the compiler checks. They mean something to clang where its standard library's
-/// locks say what they are (libc++ with _LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS), and nothing elsewhere.
+/// Which lock guards what, in words that the compiler checks. They mean something to clang where its standard
+/// library's locks say what they are (libc++ with _LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS), and nothing
+/// elsewhere.
 ///
 /// The analysis looks at one function at a time, and not into constructors and destructors.
 #ifndef KIV_THREAD_SAFETY_H

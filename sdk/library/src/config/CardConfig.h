@@ -55,8 +55,8 @@ struct KIV_API CardConfig {
     static std::string getPath();
 
     /// Reads the file at `path`. Every key is required; extra keys are ignored. Throws std::runtime_error
-    /// when the file cannot be opened, is not JSON (or JSON of more than 100 levels, 1000 keys in one object or
-    /// 64 MiB), or lacks a key or has one of a wrong type.
+    /// when the file cannot be opened, is not JSON (or JSON of more than 100 levels, 1000 keys in one object
+    /// or 64 MiB), or lacks a key or has one of a wrong type.
     static CardConfig load_from_file(const std::string& path);
 
     /// Writes the file at `path`: keys in a fixed order, four spaces of indentation, one line end. Keys of

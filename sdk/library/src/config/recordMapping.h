@@ -1,4 +1,5 @@
-/// The card configuration as the records of the C interface, and back. Its caller holds the configuration's lock.
+/// The card configuration as the records of the C interface, and back. Its caller holds the configuration's
+/// lock.
 #ifndef KIV_RECORD_MAPPING_H
 #define KIV_RECORD_MAPPING_H
 

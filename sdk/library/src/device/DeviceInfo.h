@@ -20,8 +20,8 @@ struct DeviceInfo {
     std::string note;      ///< Not used by the device layer.
     uint8_t id = 0;        ///< The card's number: its key everywhere.
     std::vector<PciFunction> functions;
-    std::string
-        address;  ///< Management server: dotted IPv4 address, colon, decimal port. Empty without function 0.
+    /// Management server: dotted IPv4 address, colon, decimal port. Empty without function 0.
+    std::string address;
 };
 
 }  // namespace kiv::device

@@ -6,8 +6,8 @@
 
 namespace kiv::device {
 
-/// Uploads the image in the file `path`, starts its write and waits until the card has begun, about a second at most.
-/// The results are those of kiv_write_flash_image().
+/// Uploads the image in the file `path`, starts its write and waits until the card has begun, about a second
+/// at most. The results are those of kiv_write_flash_image().
 kiv_result_t write_flash_image(Device& device, const char* path);
 
 }  // namespace kiv::device

@@ -108,8 +108,8 @@ LogManager::LogManager() {
     std::atexit([] {
         LogManager& manager = getInstance();
         manager.exiting_ = true;
-        // An init under way ends first; in a forked child it may be a thread that is not there. (Tries, as the race
-        // checker does not know the timed locks.)
+        // An init under way ends first; in a forked child it may be a thread that is not there. (Tries, as
+        // the race checker does not know the timed locks.)
         for (int tried = 0; tried < kMostTries; ++tried) {
             if (const std::unique_lock lock(manager.mutex_, std::try_to_lock); lock.owns_lock()) return;
             std::this_thread::sleep_for(kBetweenTries);

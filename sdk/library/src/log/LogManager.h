@@ -40,9 +40,9 @@ class KIV_API LogManager {
     static LogManager& getInstance();
 
     /// Builds the logger from `config`, makes it spdlog's default logger and sets spdlog's pattern, both for
-    /// the whole process. Only the first call that succeeds counts: out of memory it throws std::bad_alloc and
-    /// keeps nothing. A sink that cannot be made is reported on standard error and skipped; with none left,
-    /// the console takes over. Any thread may log meanwhile.
+    /// the whole process. Only the first call that succeeds counts: out of memory it throws std::bad_alloc
+    /// and keeps nothing. A sink that cannot be made is reported on standard error and skipped; with none
+    /// left, the console takes over. Any thread may log meanwhile.
     void init(const LogConfig& config);
 
     /// The logger, or null before the first init. It stays until the process is gone.
