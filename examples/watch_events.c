@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
     sigaddset(&ends, SIGINT);
     sigaddset(&ends, SIGTERM);
     sigaddset(&ends, SIGALRM);
-    sigprocmask(SIG_BLOCK, &ends, NULL);
+    pthread_sigmask(SIG_BLOCK, &ends, NULL);
 
     const kiv_log_config_t log = {KIV_LOG_LEVEL_WARNING};
     kiv_scan_t found = {0};
@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
         result = watch(found.devices[i].device_id);
     if (result == KIV_OK) {
         int received = 0;
-        if (argc > 1) alarm((unsigned)atoi(argv[1]));
+        if (argc > 1) alarm((unsigned)strtoul(argv[1], NULL, 10));
         sigwait(&ends, &received);
     } else {
         fprintf(stderr, "the cards cannot be watched: 0x%08X\n", result);

@@ -22,7 +22,7 @@ void say_ready(const kivsim::Simulator& simulator) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of memory, it ends.
     CLI::App app("Simulates media-network cards and their driver.", "kivsim");
     std::string config;
     std::string socket;

@@ -33,7 +33,7 @@ Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare);
 ssize_t receive_message_from(int socket, std::vector<std::byte>& room, Descriptor& descriptor);
 
 /// Sends one message, with a descriptor unless that is -1. False when the peer is gone or full.
-bool send_message_to(int socket, const std::vector<std::byte>& message, int descriptor);
+bool send_message_to(int socket, const std::vector<std::byte>& bytes, int descriptor);
 
 }  // namespace kivsim
 

@@ -222,7 +222,7 @@ uint16_t ManagementServers::add_server(Answering handler, uint32_t host, uint16_
 /// Logged before it is sent: who has the answer finds the line.
 Answer ManagementServers::answer_card(VirtualCard& card, const HttpRequest& request) {
     if (!card.is_present()) return {503, "", "", 0, Cut::BeforeAnswer};
-    const Answer answer = answer_request(card, request);
+    Answer answer = answer_request(card, request);
     const std::lock_guard lock(log_mutex_);
     if (!log_.is_open()) return answer;
     log_ << R"({"card":)" << unsigned{card.settings().id} << R"(,"method":)" << quoted(request.method)

@@ -40,7 +40,7 @@ class ManagementServers {
     };
     using Answering = std::function<Answer(const HttpRequest&)>;
 
-    uint16_t add_server(Answering handler, uint32_t address, uint16_t port, const std::string& name);
+    uint16_t add_server(Answering handler, uint32_t host, uint16_t port, const std::string& name);
     Answer answer_card(VirtualCard& card, const HttpRequest& request);
     void accept_connections();
     void serve_connections();

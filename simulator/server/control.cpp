@@ -165,7 +165,7 @@ void change(VirtualCard& card, const ConfigNode& node) {
         return given.json().get<bool>();
     });
     if (node.has("registers"))
-        changes.push_back([&, given = registers_of(node.at("registers"))] { card.set_registers(given); });
+        changes.emplace_back([&, given = registers_of(node.at("registers"))] { card.set_registers(given); });
     auto links = card.driver.pci_links;
     auto use = card.driver.use_resource;
     uint64_t status = 0;

@@ -16,6 +16,7 @@ constexpr std::chrono::seconds kAliveTime{10};
 
 /// What an endpoint gives: a payload, or a refusal with its reason.
 struct Outcome {
+    // NOLINTNEXTLINE(google-explicit-constructor): an endpoint returns its payload as it is.
     Outcome(Json given, int code = 200) : payload(std::move(given)), status(code) {}
 
     Json payload;

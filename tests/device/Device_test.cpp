@@ -73,7 +73,7 @@ class OneCard {
             text += "ptp" + std::to_string(*static_cast<const uint32_t*>(data));
         } else {
             for (const auto& entry : static_cast<const kiv_event_hwmon_t*>(data)->entry) {
-                text += (entry.alarm ? "!" : " ") + std::to_string(entry.sensor.input) + "/" +
+                text += (entry.alarm ? '!' : ' ') + std::to_string(entry.sensor.input) + "/" +
                         std::to_string(entry.sensor.max) + "/" + std::to_string(entry.sensor.critical) + "/" +
                         std::to_string(entry.sensor.reserved);
             }
@@ -166,7 +166,7 @@ TEST(DevicePoll, RaisesTheSensorAlarmAtTheMaximum) {
     const std::string unlisted = "!0/0/0/0!0/0/0/0!0/0/0/0!0/0/0/0!0/0/0/0";
     std::string quiet;  // Every sensor, each below its maximum.
     for (const auto& [label, sensor] : kiv::device::SystemMonitorData().labels)
-        quiet += (quiet.empty() ? "" : ",") + std::string(R"({"input":4,"max":5,"label":")") + label + "\"}";
+        quiet += std::string(quiet.empty() ? "" : ",") + R"({"input":4,"max":5,"label":")" + label + "\"}";
     const auto report = [](const std::string& data) {
         return LoopbackServer::http(200, "{\"data\":" + data + "}");
     };

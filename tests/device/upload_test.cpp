@@ -55,7 +55,7 @@ class Commands : public testing::Test {
         const kiv_result_t result = command(device);
         std::string all = result == KIV_OK ? "ok" : result == KIV_ERR_REST ? "rest" : "failed";
         for (const std::string& request : server.requests())
-            all += " " + request.substr(0, request.find(' '));
+            all += ' ' + request.substr(0, request.find(' '));
         return all;
     }
 

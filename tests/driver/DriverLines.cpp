@@ -26,7 +26,7 @@ DriverLines::~DriverLines() {
 Lines DriverLines::take() {
     std::istringstream captured(testing::internal::GetCapturedStderr());
     testing::internal::CaptureStderr();
-    const std::regex start("^" + std::string(program_invocation_short_name) + "\\[" +
+    const std::regex start('^' + std::string(program_invocation_short_name) + "\\[" +
                            std::to_string(getpid()) + "\\] \\[com\\.velmora\\.kiv::\\d+\\]LIBKIVXDEV: ");
     Lines texts;
     for (std::string line; std::getline(captured, line);)

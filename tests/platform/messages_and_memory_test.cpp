@@ -45,7 +45,7 @@ class ScriptedDriver {
         sockaddr_un address{AF_UNIX, {}};
         std::strcpy(address.sun_path, (directory_ / "driver.sock").c_str());
         setenv("KIVSIM_SOCKET", address.sun_path, 1);
-        bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         listen(listener_, 8);
         thread_ = std::thread([this] { serve(); });
     }

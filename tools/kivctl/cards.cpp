@@ -55,7 +55,7 @@ Json to_json(const PtpSettings& settings) {
               {"log_delay_req_interval", config.global_params[3]},
               {"unicast_delay_req", config.enabled != 0}};
     const char* const keys[] = {"tos", "ttl"};
-    for (unsigned i = 0; i < 2; ++i) {
+    for (std::size_t i = 0; i < 2; ++i) {
         json[keys[i]] = {nullptr, nullptr};
         if (settings.ports_known) json[keys[i]] = {config.port_params[2 * i], config.port_params[2 * i + 1]};
     }

@@ -119,7 +119,7 @@ class CommandLine {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of memory, it ends.
     Request request;
     CommandLine line(request);
     const Command* command = nullptr;

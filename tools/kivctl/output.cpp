@@ -88,6 +88,7 @@ void Output::print_table(const std::vector<Name>& columns, const Json& objects) 
 
 void Output::print_record(const std::vector<Name>& lines, const Json& object) {
     std::vector<std::vector<std::string>> rows;
+    rows.reserve(lines.size());
     for (const Name& line : lines)
         rows.push_back({line.text, text_of(object.at(line.key))});
     print_table(rows);

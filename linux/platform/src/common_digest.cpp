@@ -6,6 +6,7 @@
 
 namespace {
 
+// NOLINTNEXTLINE(misc-redundant-expression): two types that happen to agree.
 static_assert(sizeof(MD5_CTX) <= sizeof(CC_MD5_CTX) && alignof(MD5_CTX) <= alignof(CC_MD5_CTX));
 
 MD5_CTX* inside(CC_MD5_CTX* context) {

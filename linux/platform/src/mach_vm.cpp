@@ -36,6 +36,7 @@ kern_return_t mach_vm_region(vm_map_read_t, mach_vm_address_t* address, mach_vm_
         uint64_t start = 0;
         uint64_t end = 0;
         char rights[5] = {};
+        // NOLINTNEXTLINE(cert-err34-c): the kernel writes no number that is too great.
         if (std::sscanf(line, "%" SCNx64 "-%" SCNx64 " %4s", &start, &end, rights) != 3) continue;
         if (end <= *address || lent_by_kernel(line)) continue;
 
