@@ -2,15 +2,14 @@
 #include <kiv/kiv_api.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <time.h>
+#include <unistd.h>
 
 static kiv_result_t write_flash(uint8_t id, const char* path) {
-    const struct timespec second = {1, 0};
     kiv_flash_status_t status = 1;
     kiv_result_t result = kiv_write_flash_image(id, path);
     if (result == KIV_OK) printf("the card has the image and writes it\n");
     while (result == KIV_OK && status != 0) {
-        nanosleep(&second, NULL);
+        sleep(1);
         result = kiv_get_flash_write_status(id, &status);
     }
     return result;

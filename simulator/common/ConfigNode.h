@@ -69,7 +69,7 @@ class ConfigNode {
     std::string way_to(const std::string& key) const { return way_ + (is_root() ? "" : ".") + key; }
     uint64_t number_up_to(uint64_t greatest) const;
 
-    std::shared_ptr<const Json> json_;  ///< Keeps the whole text's.
+    std::shared_ptr<const Json> json_;  ///< Shares the value of the whole text, which lives as long.
     std::string way_;                   ///< "SOURCE: " for the root, then the keys.
 };
 

@@ -71,14 +71,4 @@ Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare) {
     return accepted;
 }
 
-ssize_t receive_message_from(int socket, std::vector<std::byte>& room, Descriptor& descriptor) {
-    iovec part{room.data(), room.size()};
-    return kivplatform::receive_message(socket, {&part, 1}, &descriptor);
-}
-
-bool send_message_to(int socket, const std::vector<std::byte>& bytes, int descriptor) {
-    iovec part{const_cast<std::byte*>(bytes.data()), bytes.size()};
-    return kivplatform::send_message(socket, {&part, 1}, descriptor);
-}
-
 }  // namespace kivsim

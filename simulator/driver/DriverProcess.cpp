@@ -135,7 +135,9 @@ void DriverProcess::serve_connection(uint64_t number) {
     if (found == connections_.end()) return;
     std::vector<std::byte> message(sizeof(kivplatform_request) + KIVPLATFORM_MESSAGE_SIZE);
     Request request;
-    const ssize_t size = receive_message_from(found->second.socket.get(), message, request.descriptor);
+    iovec part{message.data(), message.size()};
+    const ssize_t size =
+        kivplatform::receive_message(found->second.socket.get(), {&part, 1}, &request.descriptor);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (size < static_cast<ssize_t>(sizeof(kivplatform_request))) {
         hang_up(number);
@@ -246,9 +248,9 @@ void DriverProcess::close_service(Connection& connection) {
 
 void DriverProcess::send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor) {
     const auto connection = connections_.find(number);
-    if (connection != connections_.end() &&
-        !send_message_to(connection->second.socket.get(), reply, descriptor))
-        hang_up(number);
+    if (connection == connections_.end()) return;
+    iovec part{const_cast<std::byte*>(reply.data()), reply.size()};
+    if (!kivplatform::send_message(connection->second.socket.get(), {&part, 1}, descriptor)) hang_up(number);
 }
 
 void DriverProcess::send_late_replies() {

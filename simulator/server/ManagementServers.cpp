@@ -157,9 +157,8 @@ class ManagementServers::Server final : public httplib::Server {
 
 ManagementServers::ManagementServers(const std::vector<std::shared_ptr<VirtualCard>>& cards,
                                      const std::string& request_log)
-    : epoll_(epoll_create1(EPOLL_CLOEXEC)), stop_(eventfd(0, EFD_CLOEXEC)) {
-    if (!epoll_ || !stop_)
-        throw std::runtime_error(std::string("epoll: ") + std::generic_category().message(errno));
+    : epoll_(checked(epoll_create1(EPOLL_CLOEXEC), "epoll")),
+      stop_(checked(eventfd(0, EFD_CLOEXEC), "epoll")) {
     if (!request_log.empty()) log_.open(request_log);
     if (!log_) throw std::runtime_error(request_log + ": cannot be written");
     for (const auto& card : cards) {
@@ -203,7 +202,8 @@ uint16_t ManagementServers::add_server(Answering handler, uint32_t host, uint16_
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
     const int on = 1;
-    Descriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Descriptor listener =
+        kivplatform::above_standard(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener || setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(listener.get(), generic, size) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
         getsockname(listener.get(), generic, &size) != 0) {

@@ -61,16 +61,10 @@ Outcome reconfig(Call& call) {
     return done_unless(reason);
 }
 
-Outcome hwmon(Call& call) {
-    return parse_json(call.state.hwmon);
-}
-
-Outcome ptp_master(Call& call) {
-    return parse_json(call.state.ptp_master);
-}
-
-Outcome ptp_management(Call& call) {
-    return parse_json(call.state.ptp_management);
+/// A document that is set from outside.
+template <auto document>
+Outcome report(Call& call) {
+    return parse_json(call.state.*document);
 }
 
 std::vector<Membership> memberships_in(const Json& body) {
@@ -178,9 +172,9 @@ struct Row {
 constexpr Row kRows[] = {
     {"GET",    "/hps/info/networks",            networks},
     {"POST",   "/hps/control/network/reconfig", reconfig},
-    {"GET",    "/hps/hwmon/info",               hwmon},
-    {"GET",    "/hps/ptp/master",               ptp_master},
-    {"GET",    "/hps/ptp/management",           ptp_management},
+    {"GET",    "/hps/hwmon/info",               report<&ManagementState::hwmon>},
+    {"GET",    "/hps/ptp/master",               report<&ManagementState::ptp_master>},
+    {"GET",    "/hps/ptp/management",           report<&ManagementState::ptp_management>},
     {"POST",   "/hps/control/igmp",             igmp_join},
     {"DELETE", "/hps/control/igmp",             igmp_leave},
     {"GET",    "/hps/control/igmp",             igmp_list},

@@ -261,11 +261,11 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     using ThreadManager::start_thread;
 
     template <typename In, typename Out>
-    int32_t call(uint32_t selector, const In* input, Out* output);
+    KIV_LOCAL int32_t call(uint32_t selector, const In* input, Out* output);
     template <typename In>
-    int32_t send(uint32_t selector, const In& input);
+    KIV_LOCAL int32_t send(uint32_t selector, const In& input);
     template <typename Out>
-    int32_t receive(uint32_t selector, Out& output);
+    KIV_LOCAL int32_t receive(uint32_t selector, Out& output);
     KIV_LOCAL uint32_t connected() const;
 
     /// What the driver can be told to select for mapping: an element of a memory block, or a BAR.

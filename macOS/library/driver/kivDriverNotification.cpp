@@ -120,6 +120,7 @@ bool kivDriverClient::register_callback(CFRunLoopRef run_loop) {
 }
 
 /// Called by the run loop, on the notification thread.
+// The name stays: docs/oddities.md.
 void kivDriverClient::callbak_dext(void* refcon, int32_t, void** args, uint32_t numArgs) {
     if (refcon != nullptr) static_cast<kivDriverClient*>(refcon)->notify(args, numArgs);
 }

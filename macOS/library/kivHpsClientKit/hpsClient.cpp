@@ -158,14 +158,13 @@ void hpsClient::setting_thread() {
     auto polling = std::make_shared<ThreadManagerClientPolling>(
         kPollingPeriod, [this](std::string& text) { return get_ptp_master(text); },
         [this](std::string& text) { return get_ptp_management(text); });
-    ThreadManager& registration = *alive;
     {
         const std::lock_guard lock(mutex_);
         alive_ = std::move(alive);
         polling_ = polling;
+        alive_->start_thread();
+        polling->start_thread();
     }
-    registration.start_thread();
-    polling->start_thread();
     if (!polling->wait_first_request(kFirstRequestLimit)) {
         log_error(kHpsSource, "Fail setting_thread not done first request");
     }

@@ -115,8 +115,8 @@ class KIV_API hpsClient {
     int32_t get_ptp_master(PtpMaster& master);
     int32_t get_ptp_management(PtpManagement& management);
 
-    /// The digest that the background thread keeps. No request. -1 when that thread does not run. The
-    /// spelling stays: docs/oddities.md.
+    /// The digest that the background thread keeps. No request. -1 when that thread does not run.
+    /// Applications use the name so spelt.
     int32_t get_hps_ptp_sm_backgroud(hps_ptp_sm& out);
 
     // ---- Registration of a process --------------------------------------------------------------------
@@ -163,10 +163,10 @@ class KIV_API hpsClient {
     using Json = nlohmann::ordered_json;
 
     template <typename Request>
-    HttpResult send(Request request) const;
+    KIV_LOCAL HttpResult send(Request request) const;
     template <typename Matches>
-    int32_t open_matching(const std::string& config_path, bool start_threads, Matches matches,
-                          const char* complaint, const std::string& wanted);
+    KIV_LOCAL int32_t open_matching(const std::string& config_path, bool start_threads, Matches matches,
+                                    const char* complaint, const std::string& wanted);
 
     KIV_LOCAL HttpResult request(const hps::Endpoint& endpoint, const Json& body,
                                  const std::string& suffix = {}) const;

@@ -9,7 +9,7 @@
 
 #include <kiv/kiv_export.h>
 
-/// One network interface of the card, as the card reports it. The spelling stays: docs/oddities.md.
+/// One network interface of the card, as the card reports it. Applications use the name so spelt.
 struct inteface_info {
     std::string if_name;
     std::string ip_addr;

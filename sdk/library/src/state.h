@@ -69,7 +69,7 @@ class Process {
     std::thread::id turn_ KIV_GUARDED_BY(mutex_);  ///< Thread that scans or closes.
     std::condition_variable turn_is_free_;
     std::atomic<pid_t> owner_{0};     ///< The process that looked for cards; 0 before.
-    std::atomic<bool> ended_{false};  ///< The exit handler has begun. Set under `mutex_`.
+    std::atomic<bool> ended_{false};  ///< The exit handler has begun. Set before it wakes who waits.
 };
 
 /// The right to change what a scan makes: scans and closes take turns.

@@ -111,6 +111,7 @@ inline ssize_t receive_message(int socket, std::span<iovec> parts, Descriptor* r
     if (done < 0) return done;
     Descriptor only = only_descriptor(message);
     if ((message.msg_flags & MSG_TRUNC) != 0) {
+        only.reset();  // Closing may change errno.
         errno = EMSGSIZE;
         return -1;
     }

@@ -28,7 +28,9 @@ namespace kiv {
 class KIV_THREAD_SAFETY(scoped_lockable) UniqueLock : public std::unique_lock<std::mutex> {
   public:
     explicit UniqueLock(std::mutex& mutex) KIV_ACQUIRE(mutex) : std::unique_lock<std::mutex>(mutex) {}
-    ~UniqueLock() KIV_RELEASE() {}
+    ~UniqueLock() KIV_RELEASE() = default;
+    void lock() = delete;  // The analysis would not see it, nor the next.
+    void unlock() = delete;
 };
 
 /// A std::recursive_mutex that the analysis knows.

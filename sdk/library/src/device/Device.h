@@ -111,7 +111,7 @@ class KIV_API Device {
     void enableEvent(kiv_event_type_t type);
     void disableEvent(kiv_event_type_t type);
 
-    /// Used by the polls.
+    /// For the polls, which hold the Device's mutex: not for applications.
     bool isEventEnabled(kiv_event_type_t type) const KIV_REQUIRES(mutex_);
     void notifyCallbacks(kiv_event_type_t type, const void* data) KIV_REQUIRES(mutex_);
 

@@ -1,4 +1,4 @@
-/// The library's one timer thread: it decides when a job is due, a PeriodicThreadPool runs it.
+/// A timer thread: it decides when a job is due, a PeriodicThreadPool runs it.
 #ifndef KIV_SCHEDULER_H
 #define KIV_SCHEDULER_H
 
@@ -23,7 +23,8 @@ struct ScheduledTask {
     std::chrono::milliseconds interval{0};
     std::chrono::steady_clock::time_point nextRun;
     uint64_t id = 0;
-    /// Skipped by the timer when set. Nothing sets it, cancel() removes the job: docs/oddities.md.
+    /// Skipped by the timer when set. Nothing sets it, cancel() removes the job; it stays as a part of the
+    /// record.
     bool cancelled = false;
     std::shared_ptr<PeriodicThreadPool> pool;
 };

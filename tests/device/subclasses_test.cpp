@@ -1,0 +1,64 @@
+// The exported classes from outside of the library: applications derive from them, and ask objects for their
+// type.
+#include <gtest/gtest.h>
+#include <kiv/DeviceManager.h>
+#include <kiv/RestApiClient.h>
+#include <kiv/ThreadManager.h>
+
+#include "support/Waiting.h"
+
+namespace {
+
+using kiv::device::DeviceInfo;
+
+class OneCard final : public kiv::device::IDeviceEnumerator {
+  public:
+    std::vector<DeviceInfo> enumerate() override { return {{"own", "", 7, {{0, 0, 0}}, "127.0.0.1:80"}}; }
+    void* getDeviceAccessPtr(unsigned, unsigned) override { return nullptr; }
+};
+
+class Factory final : public kiv::device::IDeviceFactory {
+  public:
+    std::unique_ptr<kiv::access::IDeviceAccess> createDeviceAccess(void*, unsigned) override {
+        return nullptr;
+    }
+    std::unique_ptr<kiv::rest::IRestApiClient> createRestApiClient(const std::string& address) override {
+        return std::make_unique<kiv::rest::RestApiClient>(address);
+    }
+};
+
+class Worker final : public ThreadManager {
+  public:
+    ~Worker() override { join_thread(); }
+    void run_thread() override {
+        if (!set_running()) return;
+        const ClearRunning at_end(*this);
+        while (wait_awhile(std::chrono::seconds(20)))
+            ++woken;
+    }
+    std::atomic<int> woken{0};
+};
+
+}  // namespace
+
+TEST(ExportedClasses, AreDerivedFromByApplications) {
+    kiv::device::DeviceFactoryRegistry registry;
+    registry["own"] = std::make_unique<Factory>();
+    kiv::device::DeviceManager manager(registry, std::make_unique<OneCard>());
+    manager.loadDevices();
+    ASSERT_TRUE(manager.exists(7));
+    kiv::rest::IRestApiClient* const client = manager.getDevice(7)->rest();
+    ASSERT_NE(client, nullptr);
+    EXPECT_NE(dynamic_cast<kiv::rest::RestApiClient*>(client), nullptr);
+    hpsClient& base = *client;
+    EXPECT_EQ(dynamic_cast<kiv::rest::IRestApiClient*>(&base), client);
+
+    Worker worker;
+    ThreadManager& managed = worker;
+    managed.start_thread();
+    EXPECT_TRUE(wait_until([&] {
+        managed.notify_all();
+        return worker.woken > 0;
+    }));
+    EXPECT_EQ(dynamic_cast<Worker*>(&managed), &worker);
+}
