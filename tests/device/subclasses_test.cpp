@@ -50,8 +50,6 @@ TEST(ExportedClasses, AreDerivedFromByApplications) {
     kiv::rest::IRestApiClient* const client = manager.getDevice(7)->rest();
     ASSERT_NE(client, nullptr);
     EXPECT_NE(dynamic_cast<kiv::rest::RestApiClient*>(client), nullptr);
-    hpsClient& base = *client;
-    EXPECT_EQ(dynamic_cast<kiv::rest::IRestApiClient*>(&base), client);
 
     Worker worker;
     ThreadManager& managed = worker;
