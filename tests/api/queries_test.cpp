@@ -116,7 +116,7 @@ TEST(EntryPoints, MayBeCalledByManyThreadsWhileTheCardsAreWatched) {
             }
         });
     }
-    for (int i = 0; going(); ++i)
+    for (unsigned i = 0; going(); ++i)
         cards.control("PATCH", 1 + i % 2,
                       i % 4 < 2 ? R"({"links": [true, false]})" : R"({"links": [false, true]})");
     for (std::thread& thread : threads)

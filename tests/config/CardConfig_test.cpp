@@ -112,7 +112,7 @@ TEST_F(CardConfigFile, AFailedSaveNamesThePlaceOrLeavesTheFileAlone) {
     EXPECT_EQ(failure([&] { CardConfig().save_to_file(path); }),
               "Error: Could not open JSON file for writing: " + path);
     CardConfig config = load(ConfigurationFile::sample());
-    config.mactun.ip_addr = "\xFF";
+    config.mactun.ip_addr = '\xFF';
     EXPECT_THROW(config.save_to_file(path_), std::runtime_error);
     EXPECT_EQ(read_file(path_), ConfigurationFile::sample());
 }

@@ -84,7 +84,7 @@ TEST(HpsHttpHelper, RefusesMoreLevelsOrKeysThanAnyAnswerHas) {
         return text + "}";
     };
     const auto as_text = [](const std::string& text) { return R"({"data":)" + text_of(text) + "}"; };
-    std::string objects = "[" + keyed(1000);
+    std::string objects = '[' + keyed(1000);
     for (int i = 0; i < 20'000; ++i)
         objects += R"(,{},{"key":0})";
     objects += "]";

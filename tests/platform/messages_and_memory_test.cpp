@@ -95,9 +95,10 @@ class ScriptedDriver {
         iovec parts[] = {{&head, sizeof head}, {&reply.payload, reply.size}};
         const size_t attached = reply.files * sizeof(int);
         message = {nullptr, 0, parts, 2, beside, attached == 0 ? 0 : CMSG_SPACE(attached), 0};
-        if (attached != 0) *CMSG_FIRSTHDR(&message) = {CMSG_LEN(attached), SOL_SOCKET, SCM_RIGHTS};
+        auto* const header = reinterpret_cast<cmsghdr*>(beside);
+        if (attached != 0) *header = {CMSG_LEN(attached), SOL_SOCKET, SCM_RIGHTS};
         for (size_t i = 0; i < attached; i += sizeof file)
-            std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)) + i, &file, sizeof file);
+            std::memcpy(CMSG_DATA(header) + i, &file, sizeof file);
         return sendmsg(socket, &message, MSG_NOSIGNAL) > 0;
     }
 

@@ -38,6 +38,7 @@ inline constexpr const char* kHttpSource = "macOS/library/kivHpsClientKit/kivCli
 
 /// A format text, and the line where it becomes one: that of the reporting statement.
 struct LogFormat {
+    // NOLINTNEXTLINE(google-explicit-constructor): the caller writes the text alone.
     LogFormat(const char* format, int at = __builtin_LINE()) : text(format), line(at) {}
     const char* text;
     int line;
