@@ -48,7 +48,7 @@ std::string story_of(const RunningSimulator& simulator) {
     for (const auto& event : simulator.trace()) {
         std::string word = event.event;
         if (word == "call") word = std::to_string(event.selector);
-        if (word == "open") word += " " + std::to_string(event.type);
+        if (word == "open") word += ' ' + std::to_string(event.type);
         story += (story.empty() ? "" : ", ") + word;
     }
     return story;
