@@ -102,8 +102,8 @@ TEST(DriverConnection, OpensAndClosesOnce) {
 TEST(DriverConnection, StaysWhenTheDriverRefusesTheLeaveButEndsWithTheClient) {
     for (const bool for_ever : {false, true}) {
         auto cards = one_service();
-        fault leave = fault(wire::kDeinit).status(kIOReturnBusy);
-        cards[0].driver_faults = {for_ever ? leave : leave.nth(1)};
+        cards[0].driver_faults = {fault(wire::kDeinit).nth(1).status(kIOReturnBusy)};
+        if (for_ever) cards[0].driver_faults[0].nth.reset();
         const RunningSimulator simulator(cards);
         auto client = clients().at(0);
         EXPECT_EQ(client->close(), -1);

@@ -30,9 +30,10 @@ class Stranger {
         iovec parts[] = {{&request, sizeof request}, {const_cast<char*>(payload.data()), payload.size()}};
         const std::size_t attached = files * sizeof(int);
         msghdr message{nullptr, 0, parts, 2, beside, attached == 0 ? 0 : CMSG_SPACE(attached), 0};
-        if (attached != 0) *CMSG_FIRSTHDR(&message) = {CMSG_LEN(attached), SOL_SOCKET, SCM_RIGHTS};
+        auto* const header = reinterpret_cast<cmsghdr*>(beside);
+        if (attached != 0) *header = {CMSG_LEN(attached), SOL_SOCKET, SCM_RIGHTS};
         for (std::size_t at = 0; at < attached; at += sizeof(int))
-            std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)) + at, &kFile, sizeof(int));
+            std::memcpy(CMSG_DATA(header) + at, &kFile, sizeof(int));
         if (sendmsg(socket_.get(), &message, MSG_NOSIGNAL) < 0) return kHungUp;
         struct {
             kivplatform_reply head;
