@@ -127,6 +127,7 @@ class KIV_API hpsClient {
     // ---- Firmware -------------------------------------------------------------------------------------
 
     int32_t fw_upload(const std::string& file_path);
+    int32_t fw_upload(const std::string& file_path, const UploadProgress& progress);
 
     /// Starts (or, with false, cancels) the update with the uploaded file. `md5` is its checksum, 32
     /// lower-case hexadecimal digits; it is sent as given.
@@ -151,6 +152,8 @@ class KIV_API hpsClient {
     HttpResult http_post(const std::string& path);
     HttpResult http_post(const std::string& path, const std::string& body_text);
     HttpResult http_post_file(const std::string& path, const std::string& file_path);  ///< Upload of a file.
+    HttpResult http_post_file(const std::string& path, const std::string& file_path,
+                              const UploadProgress& progress);
     HttpResult http_patch(const std::string& path);
     HttpResult http_patch(const std::string& path, const std::string& body_text);
     HttpResult http_delete(const std::string& path);

@@ -103,7 +103,12 @@ HttpResult hpsClient::http_post(const std::string& path, const std::string& body
 }
 
 HttpResult hpsClient::http_post_file(const std::string& path, const std::string& file_path) {
-    return send([&](HttpClient& http) { return http.upload(path, file_path); });
+    return http_post_file(path, file_path, nullptr);
+}
+
+HttpResult hpsClient::http_post_file(const std::string& path, const std::string& file_path,
+                                     const UploadProgress& progress) {
+    return send([&](HttpClient& http) { return http.upload(path, file_path, progress); });
 }
 
 HttpResult hpsClient::http_patch(const std::string& path) {
@@ -266,7 +271,11 @@ int32_t hpsClient::keep_alive(int32_t id) {
 // ---- Firmware -----------------------------------------------------------------------------------------
 
 int32_t hpsClient::fw_upload(const std::string& file_path) {
-    return status_of(HpsHttpHelper::handle(http_post_file(hps::kFwUploadPath, file_path)));
+    return fw_upload(file_path, nullptr);
+}
+
+int32_t hpsClient::fw_upload(const std::string& file_path, const UploadProgress& progress) {
+    return status_of(HpsHttpHelper::handle(http_post_file(hps::kFwUploadPath, file_path, progress)));
 }
 
 int32_t hpsClient::fw_start(bool start, const std::string& md5) {

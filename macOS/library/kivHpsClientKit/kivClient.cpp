@@ -89,6 +89,18 @@ std::size_t append_received(char* data, std::size_t size, std::size_t count, voi
     }
 }
 
+int tell_progress(void* user, curl_off_t, curl_off_t, curl_off_t total, curl_off_t sent) noexcept {
+    try {
+        // Before the transfer begins libcurl knows no total.
+        if (total > 0)
+            (*static_cast<const UploadProgress*>(user))(static_cast<uint64_t>(sent),
+                                                        static_cast<uint64_t>(total));
+    } catch (...) {
+        // The upload goes on without.
+    }
+    return 0;
+}
+
 bool carries_body(std::string_view method) {
     return method == "POST" || method == "PATCH" || method == "DELETE";
 }
@@ -142,6 +154,7 @@ struct HttpClient::Request {
     const std::string& content_type;
     int timeout;                ///< Seconds.
     std::size_t most_received;  ///< Bytes of a response's body.
+    const UploadProgress* progress = nullptr;
 };
 
 HttpClient::HttpClient(std::string base_url) : base_url_(std::move(base_url)) {
@@ -180,13 +193,19 @@ HttpResult HttpClient::del(const std::string& path, const nlohmann::ordered_json
 }
 
 HttpResult HttpClient::upload(const std::string& path, const std::string& file_path) {
+    return upload(path, file_path, nullptr);
+}
+
+HttpResult HttpClient::upload(const std::string& path, const std::string& file_path,
+                              const UploadProgress& progress) {
     std::string form;
     if (!read_form(file_path, form)) {
         complain("Could not open file=" + file_path);
         return failure("file open error");
     }
-    return perform("POST", path, form, std::string("multipart/form-data; boundary=") + kBoundary,
-                   upload_timeout_);
+    const std::string type = std::string("multipart/form-data; boundary=") + kBoundary;
+    return repeat(
+        {"POST", path, form, type, upload_timeout_, kiv::json::kMostBytes, progress ? &progress : nullptr});
 }
 
 HttpResult HttpClient::download(const std::string& path, const std::string& file_path) {
@@ -246,6 +265,11 @@ HttpResult HttpClient::attempt(const Request& request) {
         options.set(CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
     }
     if (headers) options.set(CURLOPT_HTTPHEADER, headers.get());
+    if (request.progress != nullptr) {
+        options.set(CURLOPT_NOPROGRESS, 0L);
+        options.set(CURLOPT_XFERINFOFUNCTION, &tell_progress);
+        options.set(CURLOPT_XFERINFODATA, request.progress);
+    }
 
     CURLcode code = options.result();
     long status = 0;

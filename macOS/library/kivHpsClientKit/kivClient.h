@@ -6,6 +6,7 @@
 #define KIV_CLIENT_H
 
 #include <cstdint>
+#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
@@ -20,6 +21,11 @@ struct HttpResult {
     /// open error", "file write error" or "exception on file write".
     std::string error;
 };
+
+/// Told how many of a request's `total` bytes have been handed to the network so far. Runs on the thread that
+/// made the request, at least once a second while that is under way; a further attempt begins at 0 again.
+/// Exceptions are dropped.
+using UploadProgress = std::function<void(uint64_t sent, uint64_t total)>;
 
 /// Sends requests to paths under one base URL. An attempt that gets no answer is repeated; any answer ends
 /// the request. A response body of more than 64 MiB counts as no answer, except to a download. The
@@ -57,7 +63,9 @@ class KIV_API HttpClient {
 
     /// Posts the regular file as the form field "file"; time limit 10 s. The file is read into memory once.
     /// Anything else, and a file that cannot be read to its end, is a "file open error" and not sent.
+    /// `total` of the progress is the size of the form: the file and some 200 bytes.
     HttpResult upload(const std::string& path, const std::string& file_path);
+    HttpResult upload(const std::string& path, const std::string& file_path, const UploadProgress& progress);
 
     /// Gets `path` and writes the response body, of any size, to the file; time limit 60 s. No file is made
     /// unless the server answers with success. One that cannot be written to its end (a full disk) is an

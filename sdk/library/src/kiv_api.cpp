@@ -157,6 +157,15 @@ kiv_result_t kiv_write_flash_image(uint8_t id, const char* path) {
     return call_device(id, [path](Device& device) { return kiv::device::write_flash_image(device, path); });
 }
 
+kiv_result_t kiv_write_flash_image_with_progress(uint8_t id, const char* path, kiv_upload_progress_t progress,
+                                                 void* user) {
+    return call_device(id, [=](Device& device) {
+        if (progress == nullptr) return kiv::device::write_flash_image(device, path);
+        return kiv::device::write_flash_image(
+            device, path, [=](uint64_t sent, uint64_t total) { progress(sent, total, user); });
+    });
+}
+
 kiv_result_t kiv_get_flash_write_status(uint8_t id, kiv_flash_status_t* status) {
     return query_device(id, &Device::get_flash_write_status, status);
 }

@@ -159,6 +159,20 @@ KIV_API kiv_result_t kiv_scan(kiv_scan_t* scan);
 KIV_API kiv_result_t kiv_scan_internal(kiv_scan_internal_t* scan);
 
 /*
+ * As kiv_scan_internal, but a card that cannot be opened hides no other: `scan` lists every card with a
+ * result of its own, by ascending id. Calls work for the cards whose result is KIV_OK. The others have
+ * KIV_ERR_FAILED, when the driver or an answer fails, or KIV_ERR_REST, when the management server does not
+ * answer; calls for them fail, but for those that ask the driver alone. The cards are opened at the same
+ * time: a server that hangs delays this call by its own 7 seconds, however many do.
+ *
+ * `only`, when it is not null, is the id of the one card to open and watch: no other is listed, or waited
+ * for.
+ *
+ * KIV_ERR_NULL_ARGUMENT for a null `scan`. KIV_ERR_FAILED when the cards cannot be looked for at all.
+ */
+KIV_API kiv_result_t kiv_scan_each(const uint8_t* only, kiv_scan_each_t* scan);
+
+/*
  * Id of the card that is selected as PTP source. KIV_ERR_FAILED when none is, or before a scan;
  * KIV_ERR_NULL_ARGUMENT for null. Nobody outside the library can set the selection that this looks for, and
  * the driver does not report one: today it fails with KIV_ERR_FAILED for every application, and says nothing
@@ -261,6 +275,14 @@ KIV_API kiv_result_t kiv_set_ptp_config(uint8_t device_id, const kiv_net_config_
  * regular one or cannot be read, and when the server does not answer or refuses.
  */
 KIV_API kiv_result_t kiv_write_flash_image(uint8_t device_id, const char* path);
+
+/*
+ * As kiv_write_flash_image. `progress`, which may be null, is told of the upload as it goes on: how many of
+ * the bytes to send are handed to the network, on the calling thread, at least once a second. A further
+ * attempt begins at 0 again.
+ */
+KIV_API kiv_result_t kiv_write_flash_image_with_progress(uint8_t device_id, const char* path,
+                                                         kiv_upload_progress_t progress, void* user);
 
 /* 0 when the card's flash is idle, 1 while it is written or switched. KIV_ERR_REST without an answer. */
 KIV_API kiv_result_t kiv_get_flash_write_status(uint8_t device_id, kiv_flash_status_t* status);

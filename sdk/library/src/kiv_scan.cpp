@@ -1,7 +1,11 @@
 // The scan, and the close that ends it.
+#include <algorithm>
+#include <future>
 #include <memory>
+#include <utility>
 
 #include <kiv/kiv_api.h>
+#include "base/libraryThread.h"
 #include "gate.h"
 
 using kiv::guarded;
@@ -14,39 +18,60 @@ using api::Process;
 using device::Device;
 
 /// Opens the card's accesses in order, then its management-server client. An exception is a failure.
-bool open_card(Device& card) {
+kiv_result_t open_card(Device& card) noexcept {
     return guarded([&]() -> kiv_result_t {
-               for (const auto& access : card.accesses()) {
-                   if (!access || access->open() != 0) return KIV_ERR_FAILED;
-               }
-               return card.rest() != nullptr && card.rest()->open() == 0 ? KIV_OK : KIV_ERR_FAILED;
-           }) == KIV_OK;
+        for (const auto& access : card.accesses()) {
+            if (!access || access->open() != 0) return KIV_ERR_FAILED;
+        }
+        return card.rest() != nullptr && card.rest()->open() == 0 ? KIV_OK : KIV_ERR_REST;
+    });
 }
 
-/// Asks the card for its record and appends it to the list of found cards.
-kiv_result_t append_card(Process& process, uint8_t id) {
+/// Asks the card for its record.
+kiv_result_t get_record(uint8_t id, kiv_scan_card_device_t& record) {
     kiv_card_info_t info{};
     if (kiv_get_card_info(id, &info) != KIV_OK) {
         log_error(kApiSource, "[{}]kiv_get_card_info in kiv_scan", unsigned{id});
         return KIV_ERR_FAILED;
     }
     kiv_net_config_t net{};
-    if (kiv_get_media_net_config(id, &net) != KIV_OK) {
+    const kiv_result_t asked = kiv_get_media_net_config(id, &net);
+    if (asked != KIV_OK) {
         log_error(kApiSource, "[{}]kiv_get_media_net_config in kiv_scan", unsigned{id});
-        return KIV_ERR_FAILED;
+        return asked;
     }
-    process.g_ScanInfo.push_back({id, info.reg_10, net.port_0.ip_address_0, net.port_1.ip_address_1});
+    record = {id, info.reg_10, net.port_0.ip_address_0, net.port_1.ip_address_1};
     return KIV_OK;
 }
 
-/// A manager that watches the cards of the machine, in the place of the former one.
-std::shared_ptr<device::DeviceManager> replace_manager(Process& process) {
+/// Shows one card of all that an enumerator lists.
+class OneCard final : public device::IDeviceEnumerator {
+  public:
+    OneCard(std::unique_ptr<device::IDeviceEnumerator> all, uint8_t id) : all_(std::move(all)), id_(id) {}
+
+    std::vector<device::DeviceInfo> enumerate() override {
+        std::vector<device::DeviceInfo> cards = all_->enumerate();
+        std::erase_if(cards, [&](const device::DeviceInfo& card) { return card.id != id_; });
+        return cards;
+    }
+    void* getDeviceAccessPtr(unsigned id, unsigned function) override {
+        return all_->getDeviceAccessPtr(id, function);
+    }
+
+  private:
+    const std::unique_ptr<device::IDeviceEnumerator> all_;
+    const uint8_t id_;
+};
+
+/// A manager that watches the cards of the machine, or one of them, in the place of the former one.
+std::shared_ptr<device::DeviceManager> replace_manager(Process& process, const uint8_t* only = nullptr) {
     device::DeviceFactoryRegistry registry = platform::make_factories();
     // A callback under way may still ask the former manager: it ends before the manager does.
     if (const auto former = process.present_manager()) former->stop();
     process.exchange_manager(nullptr);
-    auto manager =
-        std::make_shared<device::DeviceManager>(registry, platform::make_enumerator(*process.clients));
+    auto enumerator = platform::make_enumerator(*process.clients);
+    if (only != nullptr) enumerator = std::make_unique<OneCard>(std::move(enumerator), *only);
+    auto manager = std::make_shared<device::DeviceManager>(registry, std::move(enumerator));
     process.exchange_manager(manager);
     manager->loadDevices();
     manager->start();
@@ -57,14 +82,15 @@ kiv_result_t _scan(Process& process, kiv_scan_t& scan) {
     process.g_ScanInfo.clear();
     const auto cards = replace_manager(process)->allDevices();
     for (const auto& card : cards) {
-        if (open_card(*card)) continue;
+        if (open_card(*card) == KIV_OK) continue;
         // The whole scan fails, and the manager stays: docs/oddities.md.
         log_error(kApiSource, "[{}]Open Fail", unsigned{card->info().id});
         return KIV_ERR_FAILED;
     }
     for (const auto& card : cards) {
-        const kiv_result_t result = append_card(process, card->info().id);
-        if (result != KIV_OK) return result;
+        kiv_scan_card_device_t record{};
+        if (get_record(card->info().id, record) != KIV_OK) return KIV_ERR_FAILED;
+        process.g_ScanInfo.push_back(record);
     }
     scan.count = static_cast<uint8_t>(cards.size());
     scan.devices = process.g_ScanInfo.data();
@@ -91,6 +117,37 @@ kiv_result_t scan_internal(Process& process, kiv_scan_internal_t& out) {
     return KIV_OK;
 }
 
+kiv_scan_each_card_t scan_one(Device& card) {
+    kiv_scan_each_card_t scanned{};
+    const uint8_t id = card.info().id;
+    scanned.result = open_card(card);
+    if (scanned.result == KIV_OK) {
+        scanned.result = get_record(id, scanned.device);
+    } else {
+        log_error(kApiSource, "[{}]Open Fail", unsigned{id});
+    }
+    if (scanned.result != KIV_OK) scanned.device = {};
+    scanned.device.device_id = id;
+    card.get_tun_config(scanned.tunnel.tunnel_address, scanned.tunnel.tunnel_value);
+    return scanned;
+}
+
+kiv_result_t scan_each(Process& process, const uint8_t* only, kiv_scan_each_t& out) {
+    process.g_ScanInfo.clear();
+    process.scanned_each.clear();
+    std::vector<std::future<kiv_scan_each_card_t>> scans;
+    for (const auto& card : replace_manager(process, only)->allDevices()) {
+        const SignalsBlocked blocked;
+        scans.push_back(std::async(std::launch::async, [card] { return scan_one(*card); }));
+    }
+    for (auto& scan : scans)
+        process.scanned_each.push_back(scan.get());
+    std::sort(process.scanned_each.begin(), process.scanned_each.end(),
+              [](const auto& a, const auto& b) { return a.device.device_id < b.device.device_id; });
+    out = {static_cast<uint32_t>(process.scanned_each.size()), process.scanned_each.data()};
+    return KIV_OK;
+}
+
 kiv_result_t close(Process& process) {
     const auto manager = process.present_manager();
     if (manager) {
@@ -104,6 +161,7 @@ kiv_result_t close(Process& process) {
         }
     }
     process.g_ScanInfo.clear();
+    process.scanned_each.clear();
     process.exchange_manager(nullptr);
     return KIV_OK;
 }
@@ -142,6 +200,12 @@ kiv_result_t kiv_scan(kiv_scan_t* scan) {
 
 kiv_result_t kiv_scan_internal(kiv_scan_internal_t* scan) {
     return kiv::scan_in_turn(scan, kiv::scan_internal);
+}
+
+kiv_result_t kiv_scan_each(const uint8_t* only, kiv_scan_each_t* scan) {
+    return kiv::scan_in_turn(scan, [only](kiv::api::Process& process, kiv_scan_each_t& out) {
+        return kiv::scan_each(process, only, out);
+    });
 }
 
 kiv_result_t kiv_close() {

@@ -54,6 +54,7 @@ class Process {
     config::CardConfig g_CardConfig KIV_GUARDED_BY(config_mutex);
     std::vector<kiv_scan_card_device_t> g_ScanInfo;              ///< Of the last scan; under the turn.
     std::vector<kiv_scan_card_device_internal_t> g_ScanInfo_in;  ///< Of all internal scans; under the turn.
+    std::vector<kiv_scan_each_card_t> scanned_each;              ///< Of the last such scan; under the turn.
     const std::unique_ptr<platform::Clients> clients = platform::make_clients();
 
   private:

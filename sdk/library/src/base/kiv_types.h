@@ -235,6 +235,24 @@ typedef struct kiv_scan_internal_t {
     const kiv_scan_card_device_internal_t* internal;
 } kiv_scan_internal_t;
 
+/* One card of kiv_scan_each. */
+typedef struct kiv_scan_each_card_t {
+    kiv_result_t result;                    /* KIV_OK, or why calls for the card would fail. */
+    kiv_scan_card_device_t device;          /* Only the id is set when the result is a failure. */
+    kiv_scan_card_device_internal_t tunnel; /* As the driver reports it, whatever the result. */
+} kiv_scan_each_card_t;
+
+/* Result of kiv_scan_each: `count` entries, owned and valid as in kiv_scan_t. */
+typedef struct kiv_scan_each_t {
+    uint32_t count;
+    const kiv_scan_each_card_t* cards;
+} kiv_scan_each_t;
+
+/* ---- Flash ------------------------------------------------------------------------------------------- */
+
+/* Told how many of an upload's `total` bytes have been sent; the image and some 200 bytes around it. */
+typedef void (*kiv_upload_progress_t)(uint64_t sent, uint64_t total, void* user);
+
 /* ---- Events ------------------------------------------------------------------------------------------ */
 
 /* An event that an application enables one by one. */
@@ -321,6 +339,11 @@ KIV_LAYOUT(kiv_scan_card_device_internal_t, 8, 4);
 KIV_LAYOUT(kiv_scan_internal_t, 24, 8);
 KIV_OFFSET(kiv_scan_internal_t, devices, 8);
 KIV_OFFSET(kiv_scan_internal_t, internal, 16);
+KIV_LAYOUT(kiv_scan_each_card_t, 40, 8);
+KIV_OFFSET(kiv_scan_each_card_t, device, 8);
+KIV_OFFSET(kiv_scan_each_card_t, tunnel, 32);
+KIV_LAYOUT(kiv_scan_each_t, 16, 8);
+KIV_OFFSET(kiv_scan_each_t, cards, 8);
 KIV_LAYOUT(kiv_event_link_t, 4, 1);
 KIV_LAYOUT(kiv_event_hwmon_t, 140, 4);
 /* clang-format on */

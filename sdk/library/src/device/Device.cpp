@@ -294,9 +294,13 @@ kiv_result_t Device::reconfig_net_work(const kiv_net_config_t& net, const kiv_pt
 }
 
 kiv_result_t Device::upload_image(const std::string& path) {
+    return upload_image(path, nullptr);
+}
+
+kiv_result_t Device::upload_image(const std::string& path, const UploadProgress& progress) {
     // Upload and digest each read the file. A write must not start when they may have read different bytes.
     const std::optional<FileState> before = state_of_file(path);
-    if (!rest_ || rest_->fw_upload(path) != 0) return KIV_ERR_REST;
+    if (!rest_ || rest_->fw_upload(path, progress) != 0) return KIV_ERR_REST;
     const std::optional<std::string> md5 = md5_of_file(path);
     if (!md5 || state_of_file(path) != before) return KIV_ERR_REST;
     return rest_->fw_start(true, *md5) == 0 ? KIV_OK : KIV_ERR_REST;

@@ -94,6 +94,7 @@ class KIV_API Device {
     /// Uploads the regular file and starts its write, unless the file changed meanwhile. The card goes on by
     /// itself: see get_flash_write_status().
     kiv_result_t upload_image(const std::string& path);
+    kiv_result_t upload_image(const std::string& path, const UploadProgress& progress);
 
     kiv_result_t get_flash_write_status(kiv_flash_status_t& status);
     kiv_result_t select_flash_slot(const kiv_flash_slot_t& slot);

@@ -27,7 +27,7 @@ void wait_for_start(Device& device) noexcept try {
 
 }  // namespace
 
-kiv_result_t write_flash_image(Device& device, const char* path) {
+kiv_result_t write_flash_image(Device& device, const char* path, const UploadProgress& progress) {
     kiv_flash_status_t status = kIdle;
     const kiv_result_t asked = device.get_flash_write_status(status);
     if (asked != KIV_OK) return asked;
@@ -40,7 +40,7 @@ kiv_result_t write_flash_image(Device& device, const char* path) {
         log_error(kApiSource, "Argument is NULL");
         return KIV_ERR_NULL_ARGUMENT;
     }
-    const kiv_result_t uploaded = device.upload_image(path);
+    const kiv_result_t uploaded = device.upload_image(path, progress);
     if (uploaded != KIV_OK) return uploaded;
     wait_for_start(device);
     return KIV_OK;
