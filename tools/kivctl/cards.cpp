@@ -1,38 +1,142 @@
 #include "cards.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
 
-#include "no_card.h"
+#include "driver_process.h"
+#include "guard.h"
+#include "numbers.h"
+#include "output.h"
 
 namespace kivctl {
 
+namespace {
+
+std::optional<Failure> g_configuration_problem;
+
+/// In the order of kiv_card_status_t.
+constexpr const char* kSensorNames[] = {"FPGA fabric", "Board near FPGA", "Board near CVL", "Board rear",
+                                        "Board front", "QSFP1 case",      "QSFP2 case"};
+
+Failure no_driver(const DriverProcess& driver) {
+    return {Layer::Driver, "NO_DRIVER", fmt::format("no driver at {}: {}", driver.where, driver.problem),
+            driver.remedy};
+}
+
+Failure no_card(const DriverProcess& driver) {
+    return {Layer::Driver, "NO_CARD", fmt::format("no card: {} has none", driver.where), driver.remedy};
+}
+
+std::vector<Found> scan_each(const uint8_t* only) {
+    const DriverProcess driver = look_for_driver();
+    if (!driver.found) throw no_driver(driver);
+    waiting_for(Layer::Driver, "the driver and the cards' servers, in the scan");
+    kiv_scan_each_t scan{};
+    if (const kiv_result_t result = kiv_scan_each(only, &scan); result != KIV_OK) {
+        Failure failure(Layer::Driver, kiv_result_name(result),
+                        fmt::format("the scan failed: {} (0x{:08X})", kiv_result_text(result), result));
+        failure.code = result;
+        throw Failure(failure);
+    }
+    waiting_for(Layer::Server, "an answer of the card");
+    return {scan.cards, scan.cards + scan.count};
+}
+
+std::string list_of(const std::vector<Found>& cards) {
+    std::string list;
+    for (const Found& card : cards)
+        list += (list.empty() ? "" : ", ") + std::to_string(card.device.device_id);
+    return list;
+}
+
+/// The only card, when none was said.
+Found only_card() {
+    const std::vector<Found> cards = scan_each(nullptr);
+    if (cards.empty()) throw no_card(look_for_driver());
+    if (cards.size() > 1)
+        throw usage("there are several cards: " + list_of(cards), "say which one, behind the command");
+    return cards.front();
+}
+
+}  // namespace
+
+void open_library() {
+    const kiv_log_config_t log{KIV_LOG_LEVEL_INFO};
+    try {
+        kiv_open(&log);
+    } catch (const std::runtime_error& error) {
+        g_configuration_problem =
+            Failure(Layer::Configuration, "CONFIGURATION", error.what(),
+                    "\"kivctl config check\" says what is wrong, \"kivctl config init\" makes a first one");
+    }
+}
+
+const std::optional<Failure>& configuration_problem() {
+    return g_configuration_problem;
+}
+
+void need_configuration() {
+    if (g_configuration_problem) throw Failure(*g_configuration_problem);
+}
+
 std::vector<Found> scan_cards() {
-    kiv_scan_internal_t scan{};
-    check(kiv_scan_internal(&scan), "scan");
-    if (scan.count == 0) Output::note(why_no_card());
-    std::vector<Found> found;
-    for (unsigned i = 0; i < scan.count; ++i)
-        found.push_back({scan.devices[i], scan.internal[i]});
-    std::sort(found.begin(), found.end(),
-              [](const Found& a, const Found& b) { return a.card.device_id < b.card.device_id; });
-    return found;
+    std::vector<Found> cards = scan_each(nullptr);
+    if (cards.empty()) Output::note(no_card(look_for_driver()).text());
+    return cards;
+}
+
+Failure problem_of(const Found& card) {
+    const uint8_t id = card.device.device_id;
+    Failure failure = failure_of(card.result, "opening", id);
+    if (card.result == KIV_ERR_REST) {
+        if (const std::optional<Failure> found = server_of(card).problem()) {
+            failure.layer = found->layer;
+            failure.message = fmt::format("card {}: its management server: {}", id, found->message);
+            failure.remedy = found->remedy;
+        }
+    } else {
+        failure.layer = Layer::Driver;
+        failure.message =
+            fmt::format("card {}: the driver lists it, but cannot open it or read its registers (0x{:08X})",
+                        id, card.result);
+        failure.remedy = "\"kivctl doctor\" looks at each step; -v shows the log";
+    }
+    return failure;
+}
+
+Found open_card(std::optional<uint8_t> id, Asks asks) {
+    Found card{};
+    if (id) {
+        const std::vector<Found> cards = scan_each(&*id);
+        if (cards.empty()) throw failure_of(KIV_ERR_NO_DEVICE, "the search for it", *id);
+        card = cards.front();
+    } else {
+        card = only_card();
+    }
+    const bool usable = card.result == KIV_OK || (card.result == KIV_ERR_REST && asks == Asks::Driver);
+    if (!usable) throw problem_of(card);
+    return card;
 }
 
 std::array<PortAddress, 2> port_addresses(uint8_t id) {
     kiv_net_config_t net{};
     net.port_0.prefix_length_0 = kNotListed;
     net.port_1.prefix_length_1 = kNotListed;
-    check(kiv_get_media_net_config(id, &net), "media network configuration");
+    check(kiv_get_media_net_config(id, &net), "asking for the media network configuration", id);
     return {{{net.port_0.ip_address_0, net.port_0.prefix_length_0},
              {net.port_1.ip_address_1, net.port_1.prefix_length_1}}};
 }
 
-Json to_json(const PortAddress& port) {
-    if (port.prefix == kNotListed) return {{"ip_address", nullptr}, {"prefix_length", nullptr}};
-    return {{"ip_address", dotted(port.address)}, {"prefix_length", port.prefix}};
+Json port_json(unsigned number, const PortAddress& port) {
+    if (port.prefix == kNotListed)
+        return {{"port", number}, {"ip_address", nullptr}, {"prefix_length", nullptr}};
+    return {{"port", number}, {"ip_address", dotted(port.address)}, {"prefix_length", port.prefix}};
 }
 
 /// Any byte may be a setting, so two answers over different bytes tell what was written.
@@ -41,7 +145,7 @@ PtpSettings ptp_settings(uint8_t id) {
     kiv_ptp_config_t over_ones{};
     std::memset(over_ones.port_params, 0xFF, sizeof over_ones.port_params);
     for (kiv_ptp_config_t* const config : {&over_zeros, &over_ones})
-        check(kiv_get_ptp_config(id, config), "PTP configuration");
+        check(kiv_get_ptp_config(id, config), "asking for the PTP configuration", id);
     return {over_zeros, std::equal(std::begin(over_zeros.port_params), std::end(over_zeros.port_params),
                                    std::begin(over_ones.port_params))};
 }
@@ -60,6 +164,31 @@ Json to_json(const PtpSettings& settings) {
         if (settings.ports_known) json[keys[i]] = {config.port_params[2 * i], config.port_params[2 * i + 1]};
     }
     return json;
+}
+
+Json pci_link_json(unsigned width, unsigned generation) {
+    return {
+        {"text", fmt::format("x{} gen {}", width, generation)}, {"width", width}, {"generation", generation}};
+}
+
+Json sensor_json(unsigned number, const kiv_sensor_t& sensor) {
+    const auto limit = [](uint32_t value) { return value == 0 ? Json() : Json(static_cast<int32_t>(value)); };
+    Json json{{"name", kSensorNames[number]},
+              {"input", nullptr},
+              {"max", limit(sensor.max)},
+              {"critical", limit(sensor.critical)},
+              {"state", "not reported"}};
+    if (sensor.input == 0 && sensor.max == 0 && sensor.critical == 0) return json;
+    const auto reached = [&](uint32_t value) {
+        return value != 0 && static_cast<int32_t>(sensor.input) >= static_cast<int32_t>(value);
+    };
+    json["input"] = static_cast<int32_t>(sensor.input);
+    json["state"] = reached(sensor.critical) ? "critical" : reached(sensor.max) ? "above max" : "ok";
+    return json;
+}
+
+bool is_alarm(const Json& sensor) {
+    return sensor["state"] == "critical" || sensor["state"] == "above max";
 }
 
 }  // namespace kivctl

@@ -6,19 +6,42 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
-#include "output.h"
+#include "failure.h"
+#include "server.h"
 
 namespace kivctl {
 
-struct Found {
-    kiv_scan_card_device_t card;
-    kiv_scan_card_device_internal_t tunnel;
-};
+/// Opens the library. A configuration that cannot be loaded is no failure: few commands need it.
+void open_library();
 
-/// The cards of this machine, by id. Says so when there are none.
+/// Why the configuration was not loaded, if it was not.
+const std::optional<Failure>& configuration_problem();
+
+/// Throws why the configuration was not loaded.
+void need_configuration();
+
+using Found = kiv_scan_each_card_t;
+
+inline Server server_of(const Found& card) {
+    return {card.tunnel.tunnel_address, card.tunnel.tunnel_value};
+}
+
+/// The cards of this machine, by id, also those that cannot be used. Throws when there is no driver; says so
+/// when the driver has no cards.
 std::vector<Found> scan_cards();
+
+/// Why a card cannot be used: its server is asked directly when it was the server.
+Failure problem_of(const Found& card);
+
+/// What a command asks: a card whose server does not answer still has a driver.
+enum class Asks { Driver, Server };
+
+/// Scans for one card: the one that is said, or the only one of this machine. Throws when it is not there,
+/// or cannot be asked.
+Found open_card(std::optional<uint8_t> id, Asks asks);
 
 /// Address of a media port. A port that the card does not list has the prefix kNotListed.
 struct PortAddress {
@@ -29,8 +52,8 @@ constexpr uint32_t kNotListed = UINT32_MAX;
 
 std::array<PortAddress, 2> port_addresses(uint8_t id);
 
-/// "ip_address" and "prefix_length", null for a port that is not listed.
-Json to_json(const PortAddress& port);
+/// "port", "ip_address" and "prefix_length", null for a port that is not listed.
+Json port_json(unsigned number, const PortAddress& port);
 
 /// PTP settings of a card. The ports' are unknown when the card configuration has no entry for the card.
 struct PtpSettings {
@@ -41,9 +64,15 @@ struct PtpSettings {
 PtpSettings ptp_settings(uint8_t id);
 Json to_json(const PtpSettings& settings);
 
-/// In the order of kiv_card_status_t.
-constexpr const char* kSensorNames[] = {"FPGA fabric", "Board near FPGA", "Board near CVL", "Board rear",
-                                        "Board front", "QSFP1 case",      "QSFP2 case"};
+/// "text", "width" and "generation" of a PCI link, null when nobody tells it.
+Json pci_link_json(unsigned width, unsigned generation);
+
+/// A sensor of a report: "name", "input", "max", "critical" and "state", null for what is not reported.
+/// Readings are signed: the record carries one below zero as an unsigned number.
+Json sensor_json(unsigned number, const kiv_sensor_t& sensor);
+
+/// Whether a sensor's "state" asks for attention.
+bool is_alarm(const Json& sensor);
 
 }  // namespace kivctl
 

@@ -4,25 +4,33 @@ namespace kivctl {
 
 namespace {
 
+constexpr int kShort = 30;  ///< Seconds: a card's server has 7 for each request.
+constexpr int kFlash = 600;
+constexpr int kNone = 0;
+
 // clang-format off
 constexpr Command kCommands[] = {
-    {nullptr,  "scan",    "List the cards of this machine",                             Takes::NoCard,  scan},
-    {nullptr,  "info",    "Show one card: identity, ports, addresses",                  Takes::OneCard, info},
-    {nullptr,  "status",  "Show temperatures, board power and PCI link",                Takes::OneCard, status},
-    {nullptr,  "net",     "Show the media network configuration",                       Takes::OneCard, net},
-    {nullptr,  "link",    "Show link and load of the media ports",                      Takes::OneCard, link},
-    {nullptr,  "ptp",     "Show PTP settings and state, or change settings (ptp set)",  Takes::OneCard, ptp},
-    {"ptp",    "set",     "Change network and PTP settings of one card",                Takes::OneCard, ptp_set, ptp_set_options},
-    {nullptr,  "streams", "Show the use of the transmit and receive streams",           Takes::OneCard, streams},
-    {nullptr,  "time",    "Show PTP time and the system clock around it",               Takes::OneCard, time},
-    {nullptr,  "driver",  "Show what the driver says: versions, functions, resource use, PCI link", Takes::OneCard, driver},
-    {nullptr,  "flash",   "Show the flash, or change it (flash write, flash select)",   Takes::OneCard, flash},
-    {"flash",  "write",   "Write a firmware image; Ctrl-C ends the waiting, not the writing", Takes::OneCard, flash_write, flash_write_options},
-    {"flash",  "select",  "Choose the slot that the card boots next",                   Takes::OneCard, flash_select, flash_select_options},
-    {nullptr,  "watch",   "Print events as they come, of one card or of all, until Ctrl-C", Takes::AnyCard, watch},
-    {nullptr,  "config",  "Show or save the card configuration of this machine",        Takes::NoCard,  nullptr},
-    {"config", "show",    "Show the PTP settings that the configuration holds for each card", Takes::NoCard, config_show},
-    {"config", "save",    "Write the configuration back to its file",                   Takes::NoCard,  config_save},
+    {nullptr,  "scan",    "List the cards of this machine",                             Takes::NoCard,    kShort, scan},
+    {nullptr,  "info",    "Show one card: identity, ports, addresses",                  Takes::OnlyOrOne, kShort, info},
+    {nullptr,  "status",  "Show temperatures, board power and PCI link",                Takes::OnlyOrOne, kShort, status},
+    {nullptr,  "net",     "Show the media network configuration",                       Takes::OnlyOrOne, kShort, net},
+    {nullptr,  "link",    "Show link and load of the media ports",                      Takes::OnlyOrOne, kShort, link},
+    {nullptr,  "ptp",     "Show PTP settings and state, or change settings (ptp set)",  Takes::OnlyOrOne, kShort, ptp},
+    {"ptp",    "set",     "Change network and PTP settings of one card",                Takes::NamedCard, kShort, ptp_set, ptp_set_options},
+    {nullptr,  "streams", "Show the use of the transmit and receive streams",           Takes::OnlyOrOne, kShort, streams},
+    {nullptr,  "time",    "Show PTP time and the system clock around it",               Takes::OnlyOrOne, kShort, time},
+    {nullptr,  "driver",  "Show what the driver says: versions, functions, resource use, PCI link", Takes::OnlyOrOne, kShort, driver},
+    {nullptr,  "flash",   "Show the flash, or change it (flash write, wait, select)",   Takes::OnlyOrOne, kShort, flash},
+    {"flash",  "write",   "Write a firmware image; Ctrl-C ends the waiting, not the writing", Takes::NamedCard, kFlash, flash_write, flash_write_options},
+    {"flash",  "wait",    "Wait until a write that goes on has ended",                  Takes::NamedCard, kFlash, flash_wait},
+    {"flash",  "select",  "Choose the slot that the card boots next",                   Takes::NamedCard, kShort, flash_select, flash_select_options},
+    {nullptr,  "watch",   "Print the state and then events, of one card or of all, until Ctrl-C", Takes::AllOrOne, kNone, watch},
+    {nullptr,  "config",  "Look at the card configuration of this machine",             Takes::NoCard,    kShort, nullptr},
+    {"config", "check",   "Say what is wrong in the configuration, and on which line",  Takes::NoCard,    kShort, config_check},
+    {"config", "init",    "Make a first configuration; never over one that exists",     Takes::NoCard,    kShort, config_init},
+    {"config", "show",    "Show what the configuration says",                           Takes::NoCard,    kShort, config_show},
+    {nullptr,  "explain", "Say what a result code or an exit status means",             Takes::NoCard,    kShort, explain, explain_options},
+    {nullptr,  "version", "Show the versions of tool, library, driver client and driver", Takes::NoCard,  kShort, version},
 };
 // clang-format on
 
@@ -30,6 +38,34 @@ constexpr Command kCommands[] = {
 
 std::span<const Command> commands() {
     return kCommands;
+}
+
+Options common_options(Request& request) {
+    Option json{"--json", "Print one JSON object (watch: one a line), failures too", "", nullptr,
+                &request.json};
+    Option verbose{"-v,--verbose", "Show the library's log on standard error", "", nullptr, &request.verbose};
+    Option timeout = number_option("--timeout", "Longest time that the command may take", "SECONDS", 1,
+                                   86'400, request.timeout);
+    return {{json, verbose, timeout}};
+}
+
+Option number_option(std::string name, std::string help, std::string type, int64_t least, int64_t most,
+                     std::optional<int64_t>& value) {
+    const auto take = [least, most, &value](const std::string& text) -> std::string {
+        value = number_of(text, least, most);
+        if (value) return "";
+        return "\"" + printable(text) + "\" is no decimal number from " + std::to_string(least) + " to " +
+               std::to_string(most);
+    };
+    return {std::move(name), std::move(help), std::move(type), take};
+}
+
+Option text_option(std::string name, std::string help, std::string type, std::string& value) {
+    const auto take = [&value](const std::string& text) -> std::string {
+        value = text;
+        return text.empty() ? "the text is empty: a shell variable that is not set?" : "";
+    };
+    return {std::move(name), std::move(help), std::move(type), take};
 }
 
 }  // namespace kivctl

@@ -8,45 +8,49 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <variant>
 #include <vector>
 
+#include "numbers.h"
 #include "output.h"
 
 namespace kivctl {
 
 /// What "ptp set" is to change; what is absent keeps its value.
 struct PtpChange {
-    std::array<std::optional<int>, 8> numbers;  ///< In the order of global_params, then of port_params.
-    std::optional<std::string> unicast_delay_req;
-    std::array<std::optional<std::string>, 2> address;  ///< "A.B.C.D/N", by port.
-    std::array<std::optional<std::string>, 2> vlan;     ///< A number or "off", by port.
+    std::array<std::optional<int64_t>, 8> numbers;  ///< In the order of global_params, then of port_params.
+    std::optional<bool> unicast_delay_req;
+    std::array<std::optional<Network>, 2> address;  ///< By port.
+    std::array<std::optional<int64_t>, 2> vlan;     ///< 0: off.
     bool save = false;
+    bool dry_run = false;
+    bool force = false;
 };
 
 /// What the command line said.
 struct Request {
-    uint8_t id = 0;
-    bool has_id = false;
+    std::optional<uint8_t> card;
     bool json = false;
+    bool verbose = false;
+    std::optional<int64_t> timeout;         ///< Seconds.
+    std::optional<std::string> simulation;  ///< The cards file, which may be empty.
     std::string file;
     bool no_wait = false;
-    kiv_flash_slot_t slot = 0;
+    bool select_written = false;
+    std::optional<int64_t> select;  ///< Slot.
+    std::optional<uint64_t> code;
+    std::string word;
     PtpChange ptp;
 };
 
-/// What a command takes beside ID and --json.
+/// What a command takes beside ID.
 struct Option {
-    using Value = std::variant<bool*, int*, std::string*, std::optional<int>*, std::optional<std::string>*>;
-
     std::string name;  ///< One without dashes stands for itself on the command line, and is required.
     std::string help;
-    Value value;            ///< Where it goes; bool: a flag.
-    std::string type = "";  ///< As the help shows it.
+    std::string type;  ///< As the help shows it; empty for a flag.
 
-    /// Why a text is refused, or an empty text.
-    std::function<std::string(const std::string& text)> check = nullptr;
-    std::optional<std::array<int, 2>> range = {};  ///< Least and greatest number.
+    /// Takes the text, or says why not.
+    std::function<std::string(const std::string& text)> take = nullptr;
+    bool* flag = nullptr;
 };
 
 struct Options {
@@ -54,42 +58,64 @@ struct Options {
     const char* footer = "";  ///< Below them in the help.
 };
 
-enum class Takes { NoCard, AnyCard, OneCard };
+/// An option that takes a decimal number into `value`.
+Option number_option(std::string name, std::string help, std::string type, int64_t least, int64_t most,
+                     std::optional<int64_t>& value);
+
+/// An option that takes a text that is not empty.
+Option text_option(std::string name, std::string help, std::string type, std::string& value);
+
+enum class Takes {
+    NoCard,
+    AllOrOne,   ///< No id means all cards.
+    OnlyOrOne,  ///< The id may be left out where there is one card.
+    NamedCard   ///< What changes a card is told which.
+};
 
 struct Command {
     const char* group;  ///< The command that this one belongs to, which stands before it; or null.
     const char* name;
     const char* help;
     Takes card;
-    void (*run)(const Request& request, Output& output);  ///< Throws Failure; null: only a group.
+    int timeout;                                          ///< Seconds; 0: none.
+    Exit (*run)(const Request& request, Output& output);  ///< Throws Failure; null: only a group.
     Options (*options)(Request& request) = nullptr;
 };
 
 std::span<const Command> commands();
 
-void scan(const Request& request, Output& output);
-void info(const Request& request, Output& output);
-void status(const Request& request, Output& output);
-void net(const Request& request, Output& output);
-void link(const Request& request, Output& output);
-void streams(const Request& request, Output& output);
-void time(const Request& request, Output& output);
-void driver(const Request& request, Output& output);
+/// Options of every command.
+Options common_options(Request& request);
 
-void ptp(const Request& request, Output& output);
-void ptp_set(const Request& request, Output& output);
+Exit scan(const Request& request, Output& output);
+Exit info(const Request& request, Output& output);
+Exit status(const Request& request, Output& output);
+Exit net(const Request& request, Output& output);
+Exit link(const Request& request, Output& output);
+Exit streams(const Request& request, Output& output);
+Exit time(const Request& request, Output& output);
+Exit driver(const Request& request, Output& output);
+
+Exit ptp(const Request& request, Output& output);
+Exit ptp_set(const Request& request, Output& output);
 Options ptp_set_options(Request& request);
 
-void flash(const Request& request, Output& output);
-void flash_write(const Request& request, Output& output);
+Exit flash(const Request& request, Output& output);
+Exit flash_write(const Request& request, Output& output);
 Options flash_write_options(Request& request);
-void flash_select(const Request& request, Output& output);
+Exit flash_wait(const Request& request, Output& output);
+Exit flash_select(const Request& request, Output& output);
 Options flash_select_options(Request& request);
 
-void watch(const Request& request, Output& output);
+Exit watch(const Request& request, Output& output);
 
-void config_show(const Request& request, Output& output);
-void config_save(const Request& request, Output& output);
+Exit config_check(const Request& request, Output& output);
+Exit config_init(const Request& request, Output& output);
+Exit config_show(const Request& request, Output& output);
+
+Exit explain(const Request& request, Output& output);
+Options explain_options(Request& request);
+Exit version(const Request& request, Output& output);
 
 }  // namespace kivctl
 

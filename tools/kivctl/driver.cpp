@@ -1,27 +1,44 @@
-// The command that asks the driver itself, beside the C interface.
+// Commands that ask the driver itself, beside the C interface.
 #include <fmt/format.h>
 #include <kiv/kivDriverClient.h>
+#include <kiv/kiv_api.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "cards.h"
 #include "commands.h"
+#include "driver_process.h"
+#include "guard.h"
 
 namespace kivctl {
 
 namespace {
 
-void check_call(int32_t status, const char* what) {
-    if (status != 0)
-        throw Failure(fmt::format("{} failed: driver status 0x{:08X}; see the system log", what,
-                                  static_cast<uint32_t>(status)));
+kivDriverClientList all_functions() {
+    const DriverProcess driver = look_for_driver();
+    if (!driver.found)
+        throw Failure(Layer::Driver, "NO_DRIVER",
+                      fmt::format("no driver at {}: {}", driver.where, driver.problem), driver.remedy);
+    waiting_for(Layer::Driver, "the driver");
+    return kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
 }
 
-/// The PCI functions of the card, in the driver's order.
-kivDriverClientList functions_of(uint8_t id) {
-    kivDriverClientList clients = kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
+/// The PCI functions of one card, in the driver's order.
+kivDriverClientList functions_of(std::optional<uint8_t> card) {
+    kivDriverClientList clients = all_functions();
+    std::vector<uint8_t> ids;
+    for (const auto& client : clients) {
+        const uint8_t id = client->device_conf.device_index;
+        if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
+    }
+    if (!card && ids.size() > 1)
+        throw usage(fmt::format("there are {} cards", ids.size()),
+                    "say which one; \"kivctl scan\" lists them");
+    if (!card && ids.empty()) throw Failure(Layer::Driver, "NO_CARD", "no card: the driver has none");
+    const uint8_t id = card.value_or(ids.empty() ? 0 : ids.front());
     std::erase_if(clients, [&](const auto& client) { return client->device_conf.device_index != id; });
-    if (clients.empty()) check(KIV_ERR_NO_DEVICE, "driver");
+    if (clients.empty()) check(KIV_ERR_NO_DEVICE, "the search for it", id);
     return clients;
 }
 
@@ -33,7 +50,8 @@ std::string driver_version(kivDriverClient& client) {
     uint16_t major = 0;
     uint16_t minor = 0;
     uint16_t patch = 0;
-    check_call(client.get_version_dext(major, minor, patch), "driver version");
+    check_driver(client.get_version_dext(major, minor, patch), "asking the driver for its version",
+                 client.device_conf.device_index);
     return version_text(major, minor, patch);
 }
 
@@ -59,44 +77,73 @@ Json to_json(const kivDriverClient& client) {
 
 }  // namespace
 
-void driver(const Request& request, Output& output) {
-    const kivDriverClientList clients = functions_of(request.id);
+Exit driver(const Request& request, Output& output) {
+    const kivDriverClientList clients = functions_of(request.card);
     kivDriverClient& first = *clients.front();
+    const kivDriverClient::device_conf_t& conf = first.device_conf;
     kivDriverClient::use_resource resources{};
     kivDriverClient::pci_link_info link{};
-    check_call(first.get_use_resource_data(resources), "resource use");
-    check_call(first.get_pci_link_info(link), "PCI link");
-    const kivDriverClient::device_conf_t& conf = first.device_conf;
+    check_driver(first.get_use_resource_data(resources), "asking for the resource use", conf.device_index);
+    check_driver(first.get_pci_link_info(link), "asking for the PCI link", conf.device_index);
 
-    Json json{{"id", request.id},
-              {"client_version", client_version(first)},
-              {"driver_version", driver_version(first)},
-              {"functions", Json::array()},
-              {"ports", {dotted(conf.ip[0]), dotted(conf.ip[1])}},
-              {"tunnel", fmt::format("{}:{}", dotted(conf.tun), conf.port)},
-              {"resources", {{"tx", resources.tx}, {"rx", resources.rx}}},
-              {"pci_link", link.value}};
+    Json json = document("driver");
+    json["card"] = conf.device_index;
+    json["client_version"] = client_version(first);
+    json["driver_version"] = driver_version(first);
+    json["functions"] = Json::array();
     for (const auto& client : clients)
         json["functions"].push_back(to_json(*client));
+    json["ports"] = {{{"port", 0}, {"ip_address", dotted(conf.ip[0])}},
+                     {{"port", 1}, {"ip_address", dotted(conf.ip[1])}}};
+    json["tunnel"] = fmt::format("{}:{}", dotted(conf.tun), conf.port);
+    json["resources"] = {{"tx", resources.tx}, {"rx", resources.rx}};
+    json["pci_link"] = pci_link_json(link.value[0], link.value[1]);
     if (request.json) {
         output.print_json(json);
-        return;
+        return kDone;
     }
-    std::vector<std::vector<std::string>> rows{{"Card", std::to_string(request.id)},
-                                               {"Client version", client_version(first)},
-                                               {"Driver version", json["driver_version"]}};
-    for (const auto& client : clients) {
-        const kivDriverClient::boot_conf_t& boot = client->boot_conf;
-        rows.push_back({fmt::format("Function {}", boot.function),
-                        fmt::format("id {}, bus {}, device {}, identity {} \"{}\"", client->get_func_id(),
-                                    boot.bus, boot.device, hex64(boot.identity), boot.identity_text)});
+    std::vector<std::vector<std::string>> rows{{"Card", text_of(json["card"])},
+                                               {"Client version", text_of(json["client_version"])},
+                                               {"Driver version", text_of(json["driver_version"])}};
+    for (const Json& function : json["functions"]) {
+        rows.push_back(
+            {"Function " + text_of(function["function"]),
+             fmt::format("id {}, bus {}, device {}, identity {} \"{}\"", text_of(function["function_id"]),
+                         text_of(function["bus"]), text_of(function["device"]), text_of(function["identity"]),
+                         text_of(function["identity_text"]))});
     }
-    rows.push_back({"Ports", fmt::format("{}, {}", dotted(conf.ip[0]), dotted(conf.ip[1]))});
-    rows.push_back({"Tunnel", json["tunnel"]});
-    rows.push_back({"Transmit use", fmt::format("{}", fmt::join(resources.tx, ", "))});
-    rows.push_back({"Receive use", fmt::format("{}", fmt::join(resources.rx, ", "))});
-    rows.push_back({"PCI link", fmt::format("{}, {}", link.value[1], link.value[0])});
+    rows.push_back(
+        {"Ports", text_of(json["ports"][0]["ip_address"]) + ", " + text_of(json["ports"][1]["ip_address"])});
+    rows.push_back({"Tunnel", text_of(json["tunnel"])});
+    rows.push_back({"Transmit use", text_of(json["resources"]["tx"])});
+    rows.push_back({"Receive use", text_of(json["resources"]["rx"])});
+    rows.push_back({"PCI link", text_of(json["pci_link"])});
     output.print_table(rows);
+    return kDone;
+}
+
+Exit version(const Request& request, Output& output) {
+    kiv_sw_version_t library{};
+    kiv_get_sw_version(&library);
+    Json json = document("version");
+    json["tool"] = fmt::format("{}.{}.{}", KIV_VERSION_MAJOR, KIV_VERSION_MINOR, KIV_VERSION_REVISION);
+    json["library"] = version_text(library.major, library.minor, library.revision);
+    json["client"] = client_version(kivDriverClient(kivDriverClient::pf0_st2110_id, 0));
+    json["driver"] = nullptr;
+    try {
+        const kivDriverClientList clients = all_functions();
+        if (!clients.empty()) json["driver"] = driver_version(*clients.front());
+    } catch (const Failure&) {
+        // Without a driver the other versions are worth knowing all the same.
+    }
+    if (request.json) {
+        output.print_json(json);
+    } else {
+        output.print_record(
+            {{"tool", "kivctl"}, {"library", "Library"}, {"client", "Driver client"}, {"driver", "Driver"}},
+            json);
+    }
+    return kDone;
 }
 
 }  // namespace kivctl

@@ -1,151 +1,101 @@
 // The card's flash: two slots, each with a firmware image.
+#include "flash.h"
+
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <chrono>
-#include <fstream>
-#include <future>
 #include <nlohmann/json.hpp>
-#include <system_error>
-#include <thread>
 
-#include "cards.h"
 #include "commands.h"
+#include "guard.h"
 
 namespace kivctl {
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::milliseconds kTick{250};
-
-bool is_idle(uint8_t id) {
-    kiv_flash_status_t status = 0;
-    check(kiv_get_flash_write_status(id, &status), "flash status");
-    return status == 0;
-}
-
-/// What a person sees of a write: on a terminal one line that lives, else a line for each phase.
-class Progress {
-  public:
-    enum class Style { Silent, Lines, Live };
-
-    Progress(Output& output, Style style) : output_(output), style_(style) {}
-    ~Progress() {
-        if (open_line_) std::fputs("\n", stderr);  // A failure has come in between; its message follows.
-    }
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
-
-    void phase(const char* name) {
-        phase_ = name;
-        if (style_ == Style::Lines) output_.print(phase_ + "\n");
-        tick();
-    }
-
-    void tick() {
-        if (style_ != Style::Live) return;
-        output_.print("\r\x1b[K" + text());  // From the line's start, what was there removed.
-        open_line_ = true;
-    }
-
-    void end(const char* name) {
-        phase_ = name;
-        if (style_ == Style::Lines) output_.print(text() + "\n");
-        tick();
-        if (style_ == Style::Live) output_.print("\n");
-        open_line_ = false;
-    }
-
-    int64_t seconds() const {
-        return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start_).count();
-    }
-
-  private:
-    std::string text() const {
-        const int64_t elapsed = seconds();
-        return fmt::format("{:<10}{}:{:02}", phase_, elapsed / 60, elapsed % 60);
-    }
-
-    Output& output_;
-    const Style style_;
-    const Clock::time_point start_ = Clock::now();
-    std::string phase_;
-    bool open_line_ = false;
-};
-
-}  // namespace
-
-void flash(const Request& request, Output& output) {
-    scan_cards();
-    kiv_flash_config_t config{};
-    check(kiv_get_flash_config(request.id, &config), "flash configuration");
-    const auto slot = [](const uint64_t(&id)[2]) { return fmt::format("{:016x}{:016x}", id[0], id[1]); };
-    const Json json{{"id", request.id},
-                    {"slot_0", slot(config.slot0_id)},
-                    {"slot_1", slot(config.slot1_id)},
-                    {"next_boot_slot", config.next_boot_slot > 1 ? Json() : Json(config.next_boot_slot)},
-                    {"state", is_idle(request.id) ? "idle" : "busy"}};
-    if (request.json) return output.print_json(json);
-    output.print_record({{"slot_0", "Slot 0"},
-                         {"slot_1", "Slot 1"},
-                         {"next_boot_slot", "Next boot slot"},
-                         {"state", "State"}},
-                        json);
-}
-
-Options flash_write_options(Request& request) {
-    return {{{"FILE", "Firmware image", &request.file},
-             {"--no-wait", "End when the card has the image", &request.no_wait}}};
-}
-
-void flash_write(const Request& request, Output& output) {
-    errno = 0;
-    if (!std::ifstream(request.file))
-        throw Failure(request.file + " cannot be read: " + std::generic_category().message(errno));
-    scan_cards();
-    using Style = Progress::Style;
-    Progress progress(output,
-                      request.json ? Style::Silent : (output.is_terminal() ? Style::Live : Style::Lines));
-    progress.phase("uploading");
-    std::future<kiv_result_t> uploaded =
-        std::async(std::launch::async, kiv_write_flash_image, request.id, request.file.c_str());
-    while (uploaded.wait_for(kTick) != std::future_status::ready)
-        progress.tick();
-    check(uploaded.get(), "flash write");
-    const char* state = "writing";
-    if (request.no_wait) {
-        progress.end(state);
-        Output::note(
-            fmt::format("the card goes on by itself: \"kivctl flash {}\" tells its state", request.id));
-    } else {
-        progress.phase(state);
-        while (!is_idle(request.id)) {
-            progress.tick();
-            std::this_thread::sleep_for(kTick);
+FlashSlots read_slots(const Server& server) {
+    constexpr std::string_view kMark = "[Next Boot Image]";
+    const Json info = server.get("/hps/firmware/info");
+    FlashSlots slots;
+    int marked = 0;
+    for (int i = 0; i < 2; ++i) {
+        const char* const key = i == 0 ? "User1" : "User2";
+        if (!info.is_object() || !info.contains(key) || !info[key].is_string())
+            throw Failure(Layer::Server, "SERVER_ANSWER",
+                          server.url() + ": does not tell the image of slot " + std::to_string(i));
+        std::string image = info[key].get<std::string>();
+        if (image.ends_with(kMark)) {
+            slots.next_boot = marked++ == 0 ? std::optional(i) : std::nullopt;
+            image.resize(image.size() - kMark.size());
+            image.erase(image.find_last_not_of(" \t") + 1);
         }
-        state = "done";
-        progress.end(state);
-        Output::note(
-            fmt::format("the card boots the slot that it booted before: see \"kivctl flash {}\" and "
-                        "\"kivctl flash select\"",
-                        request.id));
+        slots.image[static_cast<std::size_t>(i)] = image;
     }
-    if (request.json)
-        output.print_json(
-            {{"id", request.id}, {"file", request.file}, {"state", state}, {"seconds", progress.seconds()}});
+    return slots;
+}
+
+std::string read_state(const Server& server) {
+    const Json word = server.get("/hps/firmware/status");
+    if (!word.is_string() || word.get_ref<const std::string&>().empty())
+        throw Failure(Layer::Server, "SERVER_ANSWER",
+                      server.url() + ": has no word for the state of the flash");
+    return word.get<std::string>();
+}
+
+void add_to(Json& json, const FlashSlots& slots) {
+    json["slots"] = slots.image;
+    json["next_boot_slot"] = slots.next_boot ? Json(*slots.next_boot) : Json();
+}
+
+void select_slot(const Found& card, int slot) {
+    const uint8_t id = card.device.device_id;
+    const kiv_flash_slot_t wanted = slot;
+    check(kiv_select_flash_slot(id, &wanted), "choosing the slot to boot", id);
+    const FlashSlots slots = read_slots(server_of(card));
+    if (slots.next_boot == slot) return;
+    throw Failure(
+        Layer::Card, "NOT_SELECTED",
+        fmt::format("card {} took the choice of slot {}, but says that it boots {} next", id, slot,
+                    slots.next_boot ? "slot " + std::to_string(*slots.next_boot) : "none of the two"))
+        .of_card(id);
+}
+
+Exit flash(const Request& request, Output& output) {
+    const Found card = open_card(request.card, Asks::Server);
+    const Server server = server_of(card);
+    Json json = document("flash");
+    json["card"] = card.device.device_id;
+    add_to(json, read_slots(server));
+    const std::string word = read_state(server);
+    json["state"] = word == "idle" ? "idle" : "busy";
+    json["phase"] = word;
+    if (request.json) {
+        output.print_json(json);
+    } else {
+        output.print_table({{"Slot 0", text_of(json["slots"][0])},
+                            {"Slot 1", text_of(json["slots"][1])},
+                            {"Next boot slot", text_of(json["next_boot_slot"])},
+                            {"State", word == "idle" ? word : "busy: " + printable(word)}});
+    }
+    return kDone;
 }
 
 Options flash_select_options(Request& request) {
-    return {{{"SLOT", "0 or 1", &request.slot}}};
+    return {{number_option("SLOT", "0 or 1", " ", 0, 1, request.select)}};
 }
 
-void flash_select(const Request& request, Output& output) {
-    scan_cards();
-    check(kiv_select_flash_slot(request.id, &request.slot), "flash select");
-    if (request.json) return output.print_json({{"id", request.id}, {"next_boot_slot", request.slot}});
-    output.print(fmt::format("card {} boots slot {} next\n", request.id, request.slot));
+Exit flash_select(const Request& request, Output& output) {
+    const Found card = open_card(request.card, Asks::Server);
+    const uint8_t id = card.device.device_id;
+    const int slot = static_cast<int>(*request.select);
+    guard().also_say("the card may have taken the choice: see \"kivctl flash\"");
+    select_slot(card, slot);
+    if (request.json) {
+        Json json = document("flash-select");
+        json["card"] = id;
+        json["next_boot_slot"] = slot;
+        output.print_json(json);
+    } else {
+        output.print(fmt::format("card {} boots slot {} next\n", id, slot));
+    }
+    return kDone;
 }
 
 }  // namespace kivctl

@@ -4,58 +4,41 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <iterator>
+#include <cstdlib>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace kivctl {
 
 namespace {
 
-struct Advice {
-    kiv_result_t code;
-    const char* text;
-};
+/// What a card sends as text need not be text, and may hold codes that a terminal obeys.
+std::string dump(const Json& json, int indent) {
+    return json.dump(indent, ' ', true, Json::error_handler_t::replace) + "\n";
+}
 
-// clang-format off
-constexpr Advice kAdvice[] = {
-    {KIV_ERR_NOT_OPENED,    "scan the cards first"},
-    {KIV_ERR_NO_DEVICE,     "see \"kivctl scan\" for the ids of the cards"},
-    {KIV_ERR_BUSY,          "wait until the card's flash is idle"},
-    {KIV_ERR_INVALID_PARAM, "flash slots are 0 and 1"},
-    {KIV_ERR_NULL_ARGUMENT, "this is a defect of the program"},
-    {KIV_ERR_REST,          "the card's management server did not answer, or refused"},
-    {KIV_ERR_FAILED,        "see the system log, or run again with OS_ACTIVITY_DT_MODE=1"},
-    {KIV_ERR_LOG_BUSY,      "try again"},
-};
-// clang-format on
+[[noreturn]] void throw_not_written() {
+    throw Failure(Layer::Argument, "OUTPUT",
+                  std::string("standard output cannot be written: ") + std::strerror(errno),
+                  "what was asked of the card is done, its result is not all printed");
+}
 
 }  // namespace
-
-void check(kiv_result_t result, const std::string& operation) {
-    if (result == KIV_OK) return;
-    const auto known = std::find_if(std::begin(kAdvice), std::end(kAdvice),
-                                    [&](const Advice& advice) { return advice.code == result; });
-    const bool found = known != std::end(kAdvice);
-    throw Failure(fmt::format("{} failed: 0x{:08X} {}: {}", operation, result,
-                              found ? kiv_result_name(result) : "(driver status)",
-                              found ? known->text : "see whether the driver is running"));
-}
 
 Output::Output() {
     const int results = dup(STDOUT_FILENO);
     results_.reset(results < 0 ? nullptr : fdopen(results, "w"));
-    if (!results_) throw Failure("standard output is not open");
+    if (!results_) throw Failure(Layer::Argument, "OUTPUT", "standard output is not open");
     dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
 void Output::print(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), results_.get());
-    if (std::fflush(results_.get()) != 0) throw Failure("standard output cannot be written");
+    if (std::fflush(results_.get()) != 0) throw_not_written();
 }
 
 void Output::print_json(const Json& json, int indent) {
-    // What a card sends as text need not be text.
-    print(json.dump(indent, ' ', false, Json::error_handler_t::replace) + "\n");
+    print(dump(json, indent));
 }
 
 void Output::print_table(const std::vector<std::vector<std::string>>& rows) {
@@ -65,13 +48,15 @@ void Output::print_table(const std::vector<std::vector<std::string>>& rows) {
         for (std::size_t i = 0; i < row.size(); ++i)
             widths[i] = std::max(widths[i], row[i].size());
     }
+    std::string text;
     for (const auto& row : rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i)
             line += fmt::format("{:<{}}  ", row[i], widths[i]);
         line.erase(line.find_last_not_of(' ') + 1);
-        print(line + "\n");
+        text += line + "\n";
     }
+    print(text);
 }
 
 void Output::print_table(const std::vector<Name>& columns, const Json& objects) {
@@ -94,32 +79,56 @@ void Output::print_record(const std::vector<Name>& lines, const Json& object) {
     print_table(rows);
 }
 
-bool Output::is_terminal() const {
-    return isatty(fileno(results_.get())) != 0;
+void Output::print_failure(const Failure& failure, bool json) noexcept try {
+    note(failure.text());
+    if (!json || ftrylockfile(results_.get()) != 0) return;
+    Json object = document("error");
+    object.update(failure.json());
+    const std::string text = dump(object, 4);
+    std::fwrite(text.data(), 1, text.size(), results_.get());
+    std::fflush(results_.get());
+    funlockfile(results_.get());
+} catch (...) {
+    // Without memory the status has to say it.
 }
 
-void Output::note(const std::string& text) {
+bool Output::is_terminal() const {
+    const char* const kind = std::getenv("TERM");
+    return isatty(fileno(results_.get())) != 0 && kind != nullptr && *kind != '\0' &&
+           std::strcmp(kind, "dumb") != 0;
+}
+
+void Output::note(const std::string& text) noexcept {
     std::fprintf(stderr, "kivctl: %s\n", text.c_str());
+}
+
+Json document(const std::string& command) {
+    return {{"schema", "kivctl." + command + "/1"}};
+}
+
+std::string printable(const std::string& text) {
+    // The JSON library's words for it, without the quotation marks: bytes that are no text become U+FFFD.
+    const std::string quoted = Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
+    std::string shown = quoted.substr(1, quoted.size() - 2);
+    for (const char plain : {'"', '\\', '/'}) {
+        const std::string escaped = std::string("\\") + plain;
+        for (std::size_t at = 0; (at = shown.find(escaped, at)) != std::string::npos; ++at)
+            shown.erase(at, 1);
+    }
+    return shown;
 }
 
 std::string text_of(const Json& value) {
     if (value.is_null()) return "-";
-    if (value.is_string()) return value.get<std::string>();
+    if (value.is_string()) return printable(value.get<std::string>());
     if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
     if (value.is_number_float()) return fmt::format("{:.2f}", value.get<double>());
+    if (value.is_object()) return text_of(value.at("text"));
     if (!value.is_array()) return value.dump();
     std::string text;
     for (const Json& member : value)
         text += (text.empty() ? "" : ", ") + text_of(member);
     return text;
-}
-
-std::string dotted(uint32_t address) {
-    return fmt::format("{}.{}.{}.{}", address >> 24, address >> 16 & 255, address >> 8 & 255, address & 255);
-}
-
-std::string hex64(uint64_t value) {
-    return fmt::format("0x{:016X}", value);
 }
 
 }  // namespace kivctl

@@ -1,28 +1,16 @@
-/// Results on standard output, everything else on standard error, and failures that say what to try.
+/// Results on standard output, everything else on standard error.
 #ifndef KIVCTL_OUTPUT_H
 #define KIVCTL_OUTPUT_H
-
-#include <kiv/kiv_api.h>
 
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "failure.h"
+
 namespace kivctl {
-
-using Json = nlohmann::ordered_json;
-
-/// An operation that failed; the text is for a person.
-class Failure : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-/// Throws a Failure that names the operation, the code and what to try, unless `result` is KIV_OK.
-void check(kiv_result_t result, const std::string& operation);
 
 /// A member of JSON objects, and what a person reads for it.
 struct Name {
@@ -48,11 +36,15 @@ class Output {
     /// Members of one object, a line each.
     void print_record(const std::vector<Name>& lines, const Json& object);
 
-    /// True when a person looks at the results as they come.
+    /// The failure on standard error; with `json` also as an object among the results. Never throws, and
+    /// never waits for another thread that prints.
+    void print_failure(const Failure& failure, bool json) noexcept;
+
+    /// True when a person looks at the results as they come, on a terminal that can move its cursor.
     bool is_terminal() const;
 
     /// A message beside the results.
-    static void note(const std::string& text);
+    static void note(const std::string& text) noexcept;
 
   private:
     struct CloseFile {
@@ -61,12 +53,15 @@ class Output {
     std::unique_ptr<FILE, CloseFile> results_;
 };
 
-/// A value as a person reads it: null is "-", a fraction has two decimals, members of an array stand side by
-/// side.
-std::string text_of(const Json& value);
+/// The object that a command prints: "schema" says what it is and which version of it.
+Json document(const std::string& command);
 
-std::string dotted(uint32_t address);
-std::string hex64(uint64_t value);
+/// As a terminal may show it: control characters of texts that came from a card are escaped.
+std::string printable(const std::string& text);
+
+/// A value as a person reads it: null is "-", a fraction has two decimals, members of an array stand side by
+/// side, of an object only "text".
+std::string text_of(const Json& value);
 
 }  // namespace kivctl
 

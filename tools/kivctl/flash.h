@@ -1,0 +1,33 @@
+/// The card's flash, as its management server reports it.
+#ifndef KIVCTL_FLASH_H
+#define KIVCTL_FLASH_H
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "cards.h"
+
+namespace kivctl {
+
+struct FlashSlots {
+    std::array<std::string, 2> image;  ///< Identifiers, as the card writes them.
+    std::optional<int> next_boot;      ///< Nothing when neither slot is marked.
+};
+
+/// Throws Failure.
+FlashSlots read_slots(const Server& server);
+
+/// The card's word for what its flash does; "idle" when nothing. Throws Failure.
+std::string read_state(const Server& server);
+
+/// Adds "slots", "next_boot_slot".
+void add_to(Json& json, const FlashSlots& slots);
+
+/// Makes a slot the one to boot next, and looks whether the card says so. Throws Failure.
+void select_slot(const Found& card, int slot);
+
+}  // namespace kivctl
+
+#endif

@@ -1,0 +1,113 @@
+#include "server.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <kiv/HpsHttpHelper.h>
+#include <kiv/kivClient.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <nlohmann/json.hpp>
+#include <system_error>
+
+#include "numbers.h"
+
+namespace kivctl {
+
+namespace {
+
+constexpr int kLimit = 2;  ///< Seconds for each of connection and answer.
+constexpr const char* kRemedy = "see whether the card's processor has started, and the tunnel address";
+
+/// Why no connection can be made; 0 when one can.
+int connection_error(uint32_t host, uint32_t port) {
+    const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (socket < 0) return errno;
+    fcntl(socket, F_SETFD, FD_CLOEXEC);
+    fcntl(socket, F_SETFL, O_NONBLOCK);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(host);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    int error = connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
+    if (error == EINPROGRESS) {
+        pollfd entry{socket, POLLOUT, 0};
+        socklen_t size = sizeof error;
+        if (poll(&entry, 1, kLimit * 1000) > 0) {
+            getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
+        } else {
+            error = ETIMEDOUT;
+        }
+    }
+    close(socket);
+    return error;
+}
+
+HttpResult ask(const std::string& url, const std::string& path) {
+    HttpClient client(url);
+    client.set_timeout(kLimit);
+    client.set_retry(1, 0);
+    return client.get(path);
+}
+
+Failure bad_answer(const std::string& url, const std::string& what) {
+    return {Layer::Server, "SERVER_ANSWER", url + ": " + what, kRemedy};
+}
+
+std::optional<Failure> problem_of(const HttpResult& result, const std::string& url) {
+    if (result.success) return std::nullopt;
+    if (result.status != 0)
+        return bad_answer(url, fmt::format("answered with HTTP status {}", result.status));
+    return Failure(Layer::Server, "SERVER_TIMEOUT",
+                   fmt::format("{}: took the connection, but gave no whole answer within {} s", url, kLimit),
+                   kRemedy);
+}
+
+}  // namespace
+
+std::string Server::address() const {
+    return fmt::format("{}:{}", dotted(address_), port_);
+}
+
+std::string Server::url() const {
+    return "http://" + address() + "/api/v1.0";
+}
+
+std::optional<Failure> Server::problem() const {
+    const int error = connection_error(address_, port_);
+    if (error != 0) {
+        const bool slow = error == ETIMEDOUT;
+        return Failure(
+            Layer::Network, slow ? "SERVER_TIMEOUT" : "SERVER_REFUSED",
+            fmt::format("{}: {}", url(),
+                        slow ? "no connection within 2 s" : std::generic_category().message(error)),
+            kRemedy);
+    }
+    try {
+        if (!get("/hps/info/networks").contains("interfaces"))
+            return bad_answer(url(), "the answer lists no interfaces");
+    } catch (const Failure& failure) {
+        return failure;
+    }
+    return std::nullopt;
+}
+
+Json Server::get(const std::string& path) const {
+    const HttpResult result = ask(url(), path);
+    if (const std::optional<Failure> problem = problem_of(result, url() + path)) throw Failure(*problem);
+    Json payload;
+    if (!HpsHttpHelper::handle_json(result, payload)) throw bad_answer(url() + path, "the answer is no JSON");
+    return payload;
+}
+
+std::string Server::get_raw(const std::string& path) const {
+    HttpResult result = ask(url(), path);
+    if (const std::optional<Failure> problem = problem_of(result, url() + path)) throw Failure(*problem);
+    return std::move(result.body);
+}
+
+}  // namespace kivctl

@@ -1,0 +1,46 @@
+#include "time_text.h"
+
+#include <fmt/format.h>
+
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+namespace kivctl {
+
+namespace {
+
+std::string date_and_time(std::time_t seconds, bool utc, const char* format) {
+    std::tm parts{};
+    utc ? gmtime_r(&seconds, &parts) : localtime_r(&seconds, &parts);
+    char text[64];
+    return {text, std::strftime(text, sizeof text, format, &parts)};
+}
+
+}  // namespace
+
+Json tai_json(uint64_t nanoseconds, std::optional<int32_t> utc_offset) {
+    constexpr uint64_t kSecond = 1'000'000'000;
+    const auto tai = static_cast<std::time_t>(nanoseconds / kSecond);
+    const std::string text =
+        date_and_time(tai - utc_offset.value_or(0), true, "%Y-%m-%dT%H:%M:%S") +
+        fmt::format(".{:09}", nanoseconds % kSecond) +
+        (utc_offset ? fmt::format("Z (TAI-UTC {} s)", *utc_offset) : " TAI (TAI-UTC not known)");
+    return {{"text", text}, {"tai_ns", std::to_string(nanoseconds)}};
+}
+
+std::string time_now(bool utc) {
+    const auto now = std::chrono::system_clock::now();
+    const auto milliseconds =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    return fmt::format("{}.{:03}{}",
+                       date_and_time(std::chrono::system_clock::to_time_t(now), utc,
+                                     utc ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S"),
+                       milliseconds, utc ? "Z" : "");
+}
+
+std::string minutes_and_seconds(std::chrono::steady_clock::duration time) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time).count();
+    return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
+}
+
+}  // namespace kivctl
