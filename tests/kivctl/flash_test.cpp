@@ -100,6 +100,17 @@ TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
     EXPECT_NE(interrupted.err.find("\"kivctl flash wait 1\" takes up the wait again"), std::string::npos);
 }
 
+TEST_F(KivctlCard, FlashWriteGivesUpOnACardThatFallsSilentAndSaysThatItMayGoOn) {
+    Program writing(kivctl({"flash", "write", "1", image(), "--json"}));
+    EXPECT_TRUE(wait_until([&] { return was_asked("\"md5hush"); }));
+    change({{"removed", true}});
+    const Ended ended = writing.wait();
+    EXPECT_EQ(ended.status, 1);
+    const Json error = parsed(ended.out);
+    EXPECT_EQ(error["name"], "NO_ANSWER") << ended.out;
+    EXPECT_NE(error["remedy"].get<std::string>().find("may still be writing"), std::string::npos);
+}
+
 TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminalThatCanMoveItsCursor) {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
     if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0)

@@ -274,7 +274,7 @@ std::vector<Finding> check_configuration(const std::string& path) {
     checker.object(Json::parse(text), "", kRoot);
     std::vector<Finding>& findings = checker.findings;
     for (const std::string& key : lines.repeated())
-        findings.push_back({lines.of(key), key, "stands there more than once: the last counts", false});
+        findings.push_back({lines.of(key), key, "stands there more than once: the last counts", false, true});
     const std::string refusal = refusal_of_library(path);
     const bool explained =
         std::any_of(findings.begin(), findings.end(), [](const Finding& f) { return f.fatal; });
