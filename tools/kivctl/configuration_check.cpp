@@ -177,7 +177,8 @@ class Checker {
                 value(json[row.name], below, row.kind);
             }
         }
-        for (const auto& [name, ignored] : json.items()) {
+        for (const auto& item : json.items()) {
+            const std::string& name = item.key();
             const bool known =
                 std::any_of(rows.begin(), rows.end(), [&](const Row& row) { return name == row.name; });
             const bool access = name == "hps_access";  // Of hpsClient, which reads it itself.
