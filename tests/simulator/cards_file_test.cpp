@@ -1,6 +1,7 @@
 #include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
 #include "card/CardSettings.h"
+#include "settings/cards_file.h"
 
 #include <tuple>
 
