@@ -9,7 +9,6 @@
 #include <nlohmann/json.hpp>
 
 #include "Simulator.h"
-#include "common/ConfigNode.h"
 #include "settings/cards_file.h"
 
 namespace {

@@ -4,7 +4,6 @@
 #include <iterator>
 #include <set>
 
-#include "common/ConfigNode.h"
 #include "settings/members.h"
 
 namespace kivsim {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "card/CardSettings.h"
+#include "common/ConfigNode.h"
 
 namespace kivsim {
 

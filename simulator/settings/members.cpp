@@ -89,7 +89,7 @@ constexpr Member kMembers[] = {  // Read in this order: a later one may rest on 
     {"resources",      read_resources,                            resources_json},
     {"anc",            read_anc,                                  anc_json},
     {"tunnel",         read_tunnel,                               tunnel_json, tunnel_json},
-    {"server",         read_server,                               server_json, server_json},
+    {"server",         read_server,                               server_json, value<&CardSettings::external_server>},
     {"interfaces",     list<&CardSettings::interfaces, interface_of>, list_value<&CardSettings::interfaces>},
     {"hwmon",          payload<&CardSettings::hwmon>,             payload_value<&CardSettings::hwmon>},
     {"ptp_master",     payload<&CardSettings::ptp_master>,        payload_value<&CardSettings::ptp_master>},
