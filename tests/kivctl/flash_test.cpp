@@ -82,11 +82,11 @@ TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
     add_fault(R"({"path": "/hps/firmware/status", "nth": 14, "status": 503})");
     add_fault(R"({"path": "/hps/firmware/status", "nth": 15, "cut": "before"})");
     EXPECT_EQ(json_of({"flash", "write", "1", image("single failed looks")}).value("written_slot", -1), 1);
-    control("DELETE", "/faults");
+    control("DELETE", "/http_faults");
 
     add_fault(R"({"path": "/hps/firmware/upload", "status": 400})");
     EXPECT_EQ(json_of({"flash", "write", "1", image("refused")}, 1)["name"], "KIV_ERR_REST");
-    control("DELETE", "/faults");
+    control("DELETE", "/http_faults");
 
     error = json_of({"flash", "write", "1", image("too slow"), "--timeout", "1"}, 4);
     EXPECT_EQ(error["name"], "TIMEOUT");
