@@ -2,13 +2,18 @@
 
 #include <httplib.h>
 
-ControlAnswer ask_control(const std::string& address, const std::string& method, const std::string& path,
-                          const std::string& body, unsigned id) {
+ControlAnswer ask_address(const std::string& address, const std::string& method, const std::string& path,
+                          const std::string& body, const std::string& type) {
     httplib::Request request;
     request.method = method;
-    request.path = "/cards/" + std::to_string(id) + path;
+    request.path = path;
     request.body = body;
-    request.set_header("Content-Type", "application/json");
+    request.set_header("Content-Type", type);
     const httplib::Result result = httplib::Client("http://" + address).send(request);
     return result ? ControlAnswer{result->status, result->body} : ControlAnswer{};
+}
+
+ControlAnswer ask_control(const std::string& address, const std::string& method, const std::string& path,
+                          const std::string& body, unsigned id) {
+    return ask_address(address, method, "/cards/" + std::to_string(id) + path, body);
 }
