@@ -1,4 +1,6 @@
 // Firmware images: their upload, the wait for the card to begin, and the choice of a slot.
+#include <kiv/kivClient.h>
+
 #include "card/Firmware.h"
 
 #include "api/FoundCards.h"
@@ -56,4 +58,34 @@ TEST(Flash, TheSlotToBootIsZeroOrOne) {
         const std::string line = "PATCH firmware/switch {\"image\":" + std::to_string(slot) + "}";
         EXPECT_EQ(cards.take_requests(), Lines(valid ? 1 : 0, line)) << slot;
     }
+}
+
+TEST(Flash, TheUploadTellsWhatHasBeenSent) {
+    const TemporaryDirectory directory;
+    const std::string file = directory / "image";
+    write_file(file, std::string(8 << 20, 'x'));
+    FoundCards cards;
+    struct Told {
+        uint64_t last = 0;
+        uint64_t total = 0;
+        int calls = 0;
+    } told;
+    const auto tell = [](uint64_t sent, uint64_t total, void* user) {
+        Told& all = *static_cast<Told*>(user);
+        EXPECT_GE(sent, all.last);
+        EXPECT_LE(sent, total);
+        all = {sent, total, all.calls + 1};
+    };
+    EXPECT_EQ(kiv_write_flash_image_with_progress(1, file.c_str(), tell, &told), KIV_OK);
+    EXPECT_EQ(told.last, told.total);
+    EXPECT_GT(told.total, 8u << 20);
+    EXPECT_LT(told.total, (8u << 20) + 1000);
+    EXPECT_GT(told.calls, 1);
+    EXPECT_EQ(kiv_write_flash_image_with_progress(2, file.c_str(), tell, &told), KIV_ERR_NO_DEVICE);
+
+    HttpClient client("http://" + cards.simulator->server_addresses()[0] + "/api/v1.0");
+    const auto throwing = [](uint64_t, uint64_t) { throw 1; };
+    EXPECT_EQ(client.upload("/hps/firmware/upload", file, throwing).error, "http status 400")
+        << "a write runs";
+    EXPECT_EQ(client.upload("/hps/firmware/upload", directory / "none", throwing).error, "file open error");
 }

@@ -4,7 +4,9 @@
 #include <kiv/kiv_api.h>
 
 #include <algorithm>
+#include <atomic>
 #include <future>
+#include <iterator>
 #include <map>
 
 #include "support/CapturedLog.h"
@@ -271,6 +273,69 @@ TEST_F(Scan, EndsWithACodeWhenTheDriverProcessIsKilledUnderIt) {
     kivsim.send_signal(SIGKILL);
     EXPECT_EQ(result.get(), KIV_ERR_FAILED);
     EXPECT_LT(watch.elapsed(), std::chrono::seconds(10));
+}
+
+TEST_F(Scan, OfEachCardLetsNoBadOneHideTheOthers) {
+    const uint16_t closed = unused_port();
+    RunningSimulator simulator({card_with_fault(9, fault(wire::kReadPci64).nth(5).status(-1)),
+                                kivsim::believable_card(1), card_with_server(5, closed),
+                                card_with_fault(6, fault(wire::kInit).status(-1)),
+                                kivsim::believable_card(7)});
+    kiv_scan_each_t scan{};
+    ASSERT_EQ(kiv_scan_each(nullptr, &scan), KIV_OK);
+    const std::pair<unsigned, kiv_result_t> expected[] = {
+        {1, KIV_OK}, {5, KIV_ERR_REST}, {6, KIV_ERR_FAILED}, {7, KIV_OK}, {9, KIV_ERR_FAILED}};
+    ASSERT_EQ(scan.count, std::size(expected));
+    for (unsigned i = 0; i < scan.count; ++i) {
+        const kiv_scan_each_card_t& card = scan.cards[i];
+        const auto [id, result] = expected[i];
+        SCOPED_TRACE(id);
+        EXPECT_EQ(card.device.device_id, id);
+        EXPECT_EQ(card.result, result);
+        EXPECT_EQ(card.device.card_word, result == KIV_OK ? 0x5354323131300000u | id : 0);
+        EXPECT_EQ(card.device.ip_address_1, result == KIV_OK ? 0xC0A8140Au + id : 0);
+        EXPECT_EQ(card.tunnel.tunnel_address, 0x7F000001u);
+        EXPECT_EQ(net_of(card.device.device_id) == KIV_OK, card.result == KIV_OK || id == 9);
+    }
+    EXPECT_EQ(scan.cards[1].tunnel.tunnel_value, closed);
+    EXPECT_EQ(kiv_scan_each(nullptr, nullptr), KIV_ERR_NULL_ARGUMENT);
+    EXPECT_EQ(info_of(7), KIV_OK) << "the scan before stays";
+    EXPECT_EQ(info_of(5), KIV_OK) << "its driver answers all the same";
+
+    const uint8_t only = 7;
+    const std::size_t opened = simulator.calls(wire::kInit).size();
+    ASSERT_EQ(kiv_scan_each(&only, &scan), KIV_OK);
+    ASSERT_EQ(scan.count, 1u);
+    EXPECT_EQ(scan.cards[0].device.device_id, 7);
+    EXPECT_EQ(simulator.calls(wire::kInit).size(), opened + 2) << "no other card is opened";
+    EXPECT_EQ(info_of(1), KIV_ERR_NO_DEVICE);
+    const uint8_t none = 77;
+    ASSERT_EQ(kiv_scan_each(&none, &scan), KIV_OK);
+    EXPECT_EQ(scan.count, 0u);
+}
+
+TEST_F(Scan, OfEachCardOpensThemAtTheSameTime) {
+    // Each server holds its first answer back until the other one has been asked.
+    std::promise<void> asked[2];
+    std::atomic<int> met{0};
+    const auto reply = [&](int own) {
+        LoopbackServer::Reply given = LoopbackServer::http(200, R"({"data":{"interfaces":[]}})");
+        given.before = [&, own] {
+            asked[own].set_value();
+            if (asked[1 - own].get_future().wait_for(std::chrono::seconds(5)) == std::future_status::ready)
+                ++met;
+        };
+        return given;
+    };
+    const auto next = LoopbackServer::http(200, R"({"data":{"interfaces":[]}})");
+    LoopbackServer first({reply(0), next});
+    LoopbackServer second({reply(1), next});
+    RunningSimulator simulator({card_with_server(1, first.port()), card_with_server(2, second.port())});
+    kiv_scan_each_t scan{};
+    ASSERT_EQ(kiv_scan_each(nullptr, &scan), KIV_OK);
+    EXPECT_EQ(met, 2);
+    ASSERT_EQ(scan.count, 2u);
+    EXPECT_EQ(scan.cards[1].result, KIV_OK);
 }
 
 /// The process ends here, with its polls running and no close.
