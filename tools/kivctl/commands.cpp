@@ -25,6 +25,7 @@ constexpr Command kCommands[] = {
     {"flash",  "wait",    "Wait until a write that goes on has ended",                  Takes::NamedCard, kFlash, flash_wait},
     {"flash",  "select",  "Choose the slot that the card boots next",                   Takes::NamedCard, kShort, flash_select, flash_select_options},
     {nullptr,  "watch",   "Print the state and then events, of one card or of all, until Ctrl-C", Takes::AllOrOne, kNone, watch},
+    {nullptr,  "doctor",  "Check machine, driver and cards, and say what to do",         Takes::AllOrOne,  kDoctorLimit, doctor},
     {nullptr,  "config",  "Look at the card configuration of this machine",             Takes::NoCard,    kShort, nullptr},
     {"config", "check",   "Say what is wrong in the configuration, and on which line",  Takes::NoCard,    kShort, config_check},
     {"config", "init",    "Make a first configuration; never over one that exists",     Takes::NoCard,    kShort, config_init},

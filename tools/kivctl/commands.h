@@ -107,6 +107,9 @@ Exit flash_wait(const Request& request, Output& output);
 Exit flash_select(const Request& request, Output& output);
 Options flash_select_options(Request& request);
 
+constexpr int kDoctorLimit = 30;  ///< Seconds: a third for the machine, a third for the cards.
+Exit doctor(const Request& request, Output& output);
+
 Exit watch(const Request& request, Output& output);
 
 Exit config_check(const Request& request, Output& output);
