@@ -95,6 +95,7 @@ Exit link(const Request& request, Output& output);
 Exit streams(const Request& request, Output& output);
 Exit time(const Request& request, Output& output);
 Exit driver(const Request& request, Output& output);
+Exit registers(const Request& request, Output& output);
 
 Exit ptp(const Request& request, Output& output);
 Exit ptp_set(const Request& request, Output& output);

@@ -36,7 +36,10 @@ Outcome run(const Step& step) {
     try {
         return step.run();
     } catch (const Failure& failure) {
-        return {Result::Fail, failure.message, failure.remedy};
+        return {Result::Fail, failure.message,
+                failure.remedy.empty()
+                    ? "\"kivctl support\" collects what tells more, the card's log among it"
+                    : failure.remedy};
     } catch (const std::exception& error) {
         return {Result::Fail, std::string("an answer that cannot be used: ") + error.what(),
                 "the versions of driver, card and this program may not fit together"};
