@@ -27,6 +27,7 @@ constexpr Command kCommands[] = {
     {"flash",  "select",  "Choose the slot that the card boots next",                   Takes::NamedCard, kShort, flash_select, flash_select_options},
     {nullptr,  "watch",   "Print the state and then events, of one card or of all, until Ctrl-C", Takes::AllOrOne, kNone, watch},
     {nullptr,  "doctor",  "Check machine, driver and cards, and say what to do",         Takes::AllOrOne,  kDoctorLimit, doctor},
+    {nullptr,  "support", "Collect what tells about machine and cards into one file",   Takes::NoCard,    kSupportLimit, support, support_options},
     {nullptr,  "config",  "Look at the card configuration of this machine",             Takes::NoCard,    kShort, nullptr},
     {"config", "check",   "Say what is wrong in the configuration, and on which line",  Takes::NoCard,    kShort, config_check},
     {"config", "init",    "Make a first configuration; never over one that exists",     Takes::NoCard,    kShort, config_init},

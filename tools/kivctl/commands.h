@@ -111,6 +111,10 @@ Options flash_select_options(Request& request);
 constexpr int kDoctorLimit = 30;  ///< Seconds: a third for the machine, a third for the cards.
 Exit doctor(const Request& request, Output& output);
 
+constexpr int kSupportLimit = 300;  ///< Seconds: a thirtieth for each command that it runs.
+Exit support(const Request& request, Output& output);
+Options support_options(Request& request);
+
 Exit watch(const Request& request, Output& output);
 
 Exit config_check(const Request& request, Output& output);

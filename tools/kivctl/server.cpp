@@ -47,9 +47,9 @@ int connection_error(uint32_t host, uint32_t port) {
     return error;
 }
 
-HttpResult ask(const std::string& url, const std::string& path) {
+HttpResult ask_server(const std::string& url, const std::string& path, int seconds = kLimit) {
     HttpClient client(url);
-    client.set_timeout(kLimit);
+    client.set_timeout(seconds);
     client.set_retry(1, 0);
     return client.get(path);
 }
@@ -97,17 +97,16 @@ std::optional<Failure> Server::problem() const {
 }
 
 Json Server::get(const std::string& path) const {
-    const HttpResult result = ask(url(), path);
+    const HttpResult result = ask_server(url(), path);
     if (const std::optional<Failure> problem = problem_of(result, url() + path)) throw Failure(*problem);
     Json payload;
     if (!HpsHttpHelper::handle_json(result, payload)) throw bad_answer(url() + path, "the answer is no JSON");
     return payload;
 }
 
-std::string Server::get_raw(const std::string& path) const {
-    HttpResult result = ask(url(), path);
-    if (const std::optional<Failure> problem = problem_of(result, url() + path)) throw Failure(*problem);
-    return std::move(result.body);
+Answer Server::ask(const std::string& path, int seconds) const {
+    HttpResult result = ask_server(url(), path, seconds);
+    return {result.status, std::move(result.body)};
 }
 
 }  // namespace kivctl
