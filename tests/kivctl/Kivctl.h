@@ -1,35 +1,97 @@
-/// kivctl as a person runs it, with a card configuration of the test's own.
+/// kivctl as a person runs it.
 #ifndef KIV_TEST_KIVCTL_H
 #define KIV_TEST_KIVCTL_H
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include "support/ConfigurationFile.h"
 #include "support/Json.h"
 #include "support/Program.h"
+#include "support/RunningSimulator.h"
 
-extern const char* const kKivctlProgram;
+using Words = std::vector<std::string>;
 
 class Kivctl : public testing::Test {
   protected:
-    void SetUp() override { SKIP_UNLESS_USABLE(configuration_); }
-
-    static std::vector<std::string> kivctl(std::vector<std::string> words) {
-        words.insert(words.begin(), kKivctlProgram);
+    static Words kivctl(Words words) {
+        words.insert(words.begin(), KIVCTL_PROGRAM);
         return words;
     }
 
-    static Ended run(const std::vector<std::string>& words) { return run_program(kivctl(words)); }
+    static Ended run(const Words& words) { return run_program(kivctl(words)); }
 
-    /// The JSON that a successful run prints; the test fails when it does not succeed.
-    static Json json_of(std::vector<std::string> words) {
-        words.push_back("--json");
-        const Ended ended = run(words);
-        EXPECT_EQ(ended.status, 0) << ended.err;
-        return ended.status == 0 ? parsed(ended.out) : Json();
+    /// Runs it; the test fails unless it ends so and says this, on either stream.
+    static Ended expect(const Words& words, int status, const std::string& phrase = "") {
+        Ended ended = run(words);
+        EXPECT_EQ(ended.status, status) << testing::PrintToString(words) << ended.err;
+        EXPECT_NE((ended.out + ended.err).find(phrase), std::string::npos)
+            << testing::PrintToString(words) << "\n"
+            << ended.out << ended.err;
+        return ended;
     }
+
+    /// The JSON that a run prints which ends with `status`, without its schema, which must be the command's.
+    static Json json_of(Words words, int status = 0) {
+        words.emplace_back("--json");
+        const Ended ended = run(words);
+        EXPECT_EQ(ended.status, status) << ended.err;
+        if (ended.out.empty()) return {};
+        Json json = parsed(ended.out);
+        EXPECT_TRUE(json["schema"].get<std::string>().starts_with("kivctl.")) << ended.out;
+        json.erase("schema");
+        return json;
+    }
+};
+
+/// With one card, whose server's requests are logged.
+class KivctlCard : public Kivctl {
+  protected:
+    KivctlCard() { setenv("KIVSIM_SOCKET", (directory_ / "socket").c_str(), 1); }
+
+    static kivsim::CardSettings card() {
+        kivsim::CardSettings card = kivsim::believable_card(1);
+        card.flash_ms = 1500;
+        card.interrupt_ms = 5;
+        return card;
+    }
+
+    void control(const std::string& method, const std::string& path, const std::string& body = "") {
+        const ControlAnswer answer = ask_control(simulator_.control_address(), method, path, body);
+        ASSERT_EQ(answer.status, 200) << answer.body;
+    }
+    void change(const Json& members) { control("PATCH", "", text_of(members)); }
+    void add_fault(const std::string& fault) { control("POST", "/http_faults", fault); }
+
+    /// The last reconfiguration that the card's server was asked for.
+    std::string last_reconfiguration() const {
+        const std::string log = read_file(directory_ / "requests");
+        const std::size_t start = log.rfind("macethP=");
+        return start == std::string::npos ? "none" : log.substr(start, log.find("mactun", start) - start);
+    }
+
+    bool was_asked(const std::string& what) const {
+        return read_file(directory_ / "requests").find(what) != std::string::npos;
+    }
+
+    std::string image(const std::string& content = "a firmware image") const {
+        write_file(directory_ / "image", content);
+        return directory_ / "image";
+    }
+
+    TemporaryDirectory directory_;
+    kivsim::Simulator simulator_{{card()}, directory_ / "socket", "", directory_ / "requests"};
+};
+
+/// With a card configuration of the test's own, which is the machine's: one such test at a time.
+template <typename Base>
+class Configured : public Base {
+  protected:
+    void SetUp() override { SKIP_UNLESS_USABLE(configuration_); }
 
     ConfigurationFile configuration_;
 };
+using KivctlConfigured = Configured<Kivctl>;
+using KivctlSettings = Configured<KivctlCard>;
 
 #endif

@@ -5,7 +5,6 @@
 
 #include "kivctl/Kivctl.h"
 #include "settings/cards_file.h"
-#include "support/RunningSimulator.h"
 
 namespace {
 
@@ -23,7 +22,7 @@ struct BrokenCard {
     const char* timeout = "30";
 };
 
-class Doctor : public Kivctl {
+class Doctor : public KivctlConfigured {
   protected:
     std::vector<kivsim::CardSettings> cards(const std::string& members) const {
         const std::string file = directory_ / "cards.json";
@@ -31,7 +30,7 @@ class Doctor : public Kivctl {
         return kivsim::load_cards(file);
     }
 
-    static void expect(const Finding& wanted, Json card, const char* timeout = "30") {
+    static void finds(const Finding& wanted, Json card, const char* timeout = "30") {
         const Ended ended = run({"doctor", "--json", "--timeout", timeout});
         EXPECT_EQ(ended.status, wanted.status) << ended.out << ended.err;
         if (ended.out.empty()) return;
@@ -95,7 +94,7 @@ TEST_F(Doctor, NamesTheFaultOfACard) {
     for (const BrokenCard& broken : kBrokenCards) {
         SCOPED_TRACE(broken.members);
         const RunningSimulator simulator(cards(broken.members));
-        expect(broken.finding, 1, broken.timeout);
+        finds(broken.finding, 1, broken.timeout);
     }
 }
 
@@ -122,31 +121,31 @@ TEST_F(Doctor, LooksAtHealthyCardsBesideOneThatHangs) {
     both[0].driver_faults =
         cards(R"("driver_faults": [{"selector": 16, "delay_ms": 600000}])")[0].driver_faults;
     const RunningSimulator simulator(both);
-    expect({"time", "OK", "within 1 s", 1}, 2, "3");
+    finds({"time", "OK", "within 1 s", 1}, 2, "3");
 }
 
 TEST_F(Doctor, NamesTheFaultOfTheMachine) {
     const RunningSimulator simulator(cards(""));
     configuration_.write("{\n\"version\": 1,\n}");
-    expect({"configuration", "FAIL", "line 3", 1}, nullptr);
+    finds({"configuration", "FAIL", "line 3", 1}, nullptr);
     configuration_.write(R"({"version": 1, "ptp": {"announceReceiptTimeout": 3, "domainNumber": 127,
         "logAnnounceInterval": 0, "logDelayReqInterval": 0, "unicast_delay_req": 1}, "devices": [], "more": 1,
         "mactun": {"ip_addr": "127.0.0.1", "server_port": 80}})");
-    expect({"configuration", "WARN", ": more is not known", 3}, nullptr);
-    expect({"interfaces", "SKIP", "no entry", 3}, 1);
+    finds({"configuration", "WARN", ": more is not known", 3}, nullptr);
+    finds({"interfaces", "SKIP", "no entry", 3}, 1);
     std::filesystem::remove("/Library/Application Support/Velmora/config/hps_boot.json");
-    expect({"configuration", "FAIL", "No such file", 1}, nullptr);
-    expect({"interfaces", "SKIP", "no configuration", 1}, 1);
+    finds({"configuration", "FAIL", "No such file", 1}, nullptr);
+    finds({"interfaces", "SKIP", "no configuration", 1}, 1);
 }
 
 TEST_F(Doctor, NamesTheFaultOfTheDriver) {
     {
         const RunningSimulator none(std::vector<kivsim::CardSettings>{});
-        expect({"services", "FAIL", "the driver has none", 1}, nullptr);
+        finds({"services", "FAIL", "the driver has none", 1}, nullptr);
     }
-    expect({"driver", "FAIL", "No such file", 1}, nullptr);
+    finds({"driver", "FAIL", "No such file", 1}, nullptr);
     setenv("KIVSIM_SOCKET", (directory_ / std::string(200, 'x')).c_str(), 1);
-    expect({"driver", "FAIL", "is longer than the 107 bytes", 1}, nullptr);
+    finds({"driver", "FAIL", "is longer than the 107 bytes", 1}, nullptr);
     const RunningSimulator hangs(cards(R"("driver_faults": [{"selector": 26, "delay_ms": 600000}])"));
-    expect({"services", "FAIL", "no answer within 0.333 s", 1}, nullptr, "1");
+    finds({"services", "FAIL", "no answer within 0.333 s", 1}, nullptr, "1");
 }

@@ -4,7 +4,6 @@
 #include <filesystem>
 
 #include "kivctl/Kivctl.h"
-#include "support/TemporaryDirectory.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -18,7 +17,7 @@ std::size_t folders(const std::string& pid) {
     return count;
 }
 
-class OwnSimulator : public Kivctl {
+class OwnSimulator : public KivctlConfigured {
   protected:
     std::string cards_file(const std::string& text) const {
         write_file(directory_ / "cards.json", text);
@@ -26,13 +25,13 @@ class OwnSimulator : public Kivctl {
     }
 
     /// A program that prints its process id first.
-    static std::vector<std::string> telling_its_id(const std::vector<std::string>& words) {
-        std::vector<std::string> all{"/bin/sh", "-c", "echo $$; exec \"$0\" \"$@\"", kKivctlProgram};
+    static Words telling_its_id(const Words& words) {
+        Words all{"/bin/sh", "-c", "echo $$; exec \"$0\" \"$@\"", KIVCTL_PROGRAM};
         all.insert(all.end(), words.begin(), words.end());
         return all;
     }
 
-    static Ended run_and_look_behind(const std::vector<std::string>& words) {
+    static Ended run_and_look_behind(const Words& words) {
         Ended ended = run_program(telling_its_id(words));
         const std::size_t end = ended.out.find('\n');
         EXPECT_EQ(folders(ended.out.substr(0, end)), 0u);
@@ -48,8 +47,8 @@ class OwnSimulator : public Kivctl {
 TEST_F(OwnSimulator, EndsWithTheCommand) {
     std::filesystem::remove("/Library/Application Support/Velmora/config/hps_boot.json");
     const std::string file = cards_file(R"({"cards": [{"id": 5, "links": [true, false]}]})");
-    for (const std::vector<std::string>& words :
-         std::vector<std::vector<std::string>>{{"--sim", file, "--json", "link"},
+    for (const Words& words :
+         std::vector<Words>{{"--sim", file, "--json", "link"},
                                                {"--json", "--timeout", "20", "--sim=" + file, "link", "5"}}) {
         const Ended ended = run_and_look_behind(words);
         EXPECT_EQ(ended.status, 0) << ended.err;
@@ -85,7 +84,7 @@ TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
 }
 
 TEST_F(OwnSimulator, SaysWhyItCannotRun) {
-    const std::pair<std::vector<std::string>, const char*> kRefused[] = {
+    const std::pair<Words, const char*> kRefused[] = {
         {{"--sim", cards_file(R"({"cards": [{"id": 5, "lnks": 1}]})"), "scan"}, "cards[0].lnks: unknown key"},
         {{"--sim=/nowhere", "scan"}, "/nowhere: cannot be opened"},
         {{"--sim", "", "scan"}, "is empty"},

@@ -8,7 +8,6 @@
 
 #include "kivctl/Kivctl.h"
 #include "settings/cards_file.h"
-#include "support/RunningSimulator.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -42,7 +41,7 @@ std::string comparable(const std::string& text) {
     return std::regex_replace(std::regex_replace(text, kServer, "SERVER"), kTimes, R"("$1": "TIME")");
 }
 
-class Support : public Kivctl {
+class Support : public KivctlConfigured {
   protected:
     /// The texts of the members by name, as a run leaves them in a new folder.
     std::map<std::string, std::string> collect(const std::string& folder,
@@ -125,7 +124,7 @@ TEST_F(Support, LeavesNoHalfFile) {
     const std::string file = directory_ / "support.tar.gz";
     // A limit of the size of files: as on a full disk, the file is there but cannot take it all.
     const Ended full = run_program(
-        {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 2; exec \"$0\" support -o \"$1\"", kKivctlProgram, file});
+        {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 2; exec \"$0\" support -o \"$1\"", KIVCTL_PROGRAM, file});
     EXPECT_EQ(full.status, 1);
     EXPECT_NE(full.err.find("cannot be written, and is removed: "), std::string::npos) << full.err;
     EXPECT_FALSE(fs::exists(file));

@@ -33,6 +33,7 @@ ConfigurationFile::~ConfigurationFile() {
 
 void ConfigurationFile::restore() {
     std::error_code ignored;
+    fs::remove(path() + ".bak", ignored);  // Of a program under test.
     if (fs::file_size(kKept, ignored) == 0) {
         fs::remove(kPath, ignored);
         fs::remove(kKept, ignored);
@@ -43,6 +44,15 @@ void ConfigurationFile::restore() {
 
 void ConfigurationFile::write(const std::string& text) {
     write_file(kPath.string(), text);
+}
+
+void ConfigurationFile::remove() {
+    std::error_code ignored;
+    fs::remove(kPath, ignored);
+}
+
+std::string ConfigurationFile::path() {
+    return kPath.string();
 }
 
 std::string ConfigurationFile::read() const {

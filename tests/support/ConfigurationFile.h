@@ -18,6 +18,8 @@ class ConfigurationFile {
     bool usable() const { return usable_; }
 
     void write(const std::string& text);
+    void remove();  ///< For the rest of the test there is none.
+    static std::string path();
     std::string read() const;
 
     /// The configuration that comes with the examples.

@@ -30,7 +30,8 @@ Failure no_driver(const DriverProcess& driver) {
 }
 
 Failure no_card(const DriverProcess& driver) {
-    return {Layer::Driver, "NO_CARD", fmt::format("no card: {} has none", driver.where), driver.remedy};
+    return {Layer::Driver, "NO_CARD", fmt::format("no card: the driver at {} has none", driver.where),
+            driver.remedy};
 }
 
 std::vector<Found> scan_each(const uint8_t* only) {
@@ -110,11 +111,17 @@ Failure problem_of(const Found& card) {
     return failure;
 }
 
+void throw_no_such_card(uint8_t id) {
+    Failure failure = failure_of(KIV_ERR_NO_DEVICE, "the search for it", id);
+    failure.message = fmt::format("there is no card {}", id);
+    throw Failure(failure);
+}
+
 Found open_card(std::optional<uint8_t> id, Asks asks) {
     Found card{};
     if (id) {
         const std::vector<Found> cards = scan_each(&*id);
-        if (cards.empty()) throw failure_of(KIV_ERR_NO_DEVICE, "the search for it", *id);
+        if (cards.empty()) throw_no_such_card(*id);
         card = cards.front();
     } else {
         card = only_card();

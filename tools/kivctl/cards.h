@@ -37,6 +37,9 @@ std::vector<Found> scan_cards();
 /// Why a card cannot be used: its server is asked directly when it was the server.
 Failure problem_of(const Found& card);
 
+/// Throws that there is no such card.
+[[noreturn]] void throw_no_such_card(uint8_t id);
+
 /// What a command asks: a card whose server does not answer still has a driver.
 enum class Asks { Driver, Server };
 

@@ -58,6 +58,7 @@ class Unnamed {
 
 Ended run_self(const std::vector<std::string>& words) {
     [[maybe_unused]] static const bool registered = (at_end(end_child), true);
+    waiting_for(Layer::Driver, "a command whose result is collected");  // Also keeps a process that ends here.
     const std::string program = own_program();
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& word : words)

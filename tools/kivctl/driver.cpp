@@ -72,7 +72,7 @@ kivDriverClientList functions_of(std::optional<uint8_t> card) {
     if (!card && ids.empty()) throw Failure(Layer::Driver, "NO_CARD", "no card: the driver has none");
     const uint8_t id = card.value_or(ids.empty() ? 0 : ids.front());
     std::erase_if(clients, [&](const auto& client) { return client->device_conf.device_index != id; });
-    if (clients.empty()) check(KIV_ERR_NO_DEVICE, "the search for it", id);
+    if (clients.empty()) throw_no_such_card(id);
     return clients;
 }
 

@@ -52,7 +52,11 @@ constexpr Meaning kStatuses[] = {
 // clang-format on
 
 Json to_json(const char* kind, uint64_t code, const char* name, const char* text) {
-    return {{"kind", kind}, {"code", fmt::format("0x{:08X}", code)}, {"name", name}, {"text", text}};
+    // The three kinds do not overlap: an exit status has one digit.
+    return {{"kind", kind},
+            {"code", code < 10 ? std::to_string(code) : fmt::format("0x{:08X}", code)},
+            {"name", name},
+            {"text", text}};
 }
 
 template <std::size_t count>

@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 namespace kivctl {
 
@@ -20,7 +22,7 @@ std::string dump(const Json& json, int indent) {
 
 [[noreturn]] void throw_not_written() {
     throw Failure(Layer::Argument, "OUTPUT",
-                  std::string("standard output cannot be written: ") + std::strerror(errno),
+                  std::string("standard output cannot be written: ") + std::generic_category().message(errno),
                   "what was asked of the card is done, its result is not all printed");
 }
 

@@ -11,8 +11,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <system_error>
+#include <utility>
 
 #include "numbers.h"
 
@@ -47,21 +49,30 @@ int connection_error(uint32_t host, uint32_t port) {
     return error;
 }
 
-HttpResult ask_server(const std::string& url, const std::string& path, int seconds = kLimit) {
+/// An answer, and whether it, or the end of waiting for it, came before the limit.
+struct Timed {
+    HttpResult result;
+    bool in_time;
+};
+
+Timed ask_server(const std::string& url, const std::string& path, int seconds = kLimit) {
     HttpClient client(url);
     client.set_timeout(seconds);
     client.set_retry(1, 0);
-    return client.get(path);
+    const auto start = std::chrono::steady_clock::now();
+    HttpResult result = client.get(path);
+    return {std::move(result), std::chrono::steady_clock::now() - start < std::chrono::seconds(seconds)};
 }
 
 Failure bad_answer(const std::string& url, const std::string& what) {
     return {Layer::Server, "SERVER_ANSWER", url + ": " + what, kRemedy};
 }
 
-std::optional<Failure> problem_of(const HttpResult& result, const std::string& url) {
-    if (result.success) return std::nullopt;
-    if (result.status != 0)
-        return bad_answer(url, fmt::format("answered with HTTP status {}", result.status));
+std::optional<Failure> problem_of(const Timed& answer, const std::string& url) {
+    if (answer.result.success) return std::nullopt;
+    if (answer.result.status != 0)
+        return bad_answer(url, fmt::format("answered with HTTP status {}", answer.result.status));
+    if (answer.in_time) return bad_answer(url, "hung up before the end of its answer");
     return Failure(Layer::Server, "SERVER_TIMEOUT",
                    fmt::format("{}: took the connection, but gave no whole answer within {} s", url, kLimit),
                    kRemedy);
@@ -97,15 +108,16 @@ std::optional<Failure> Server::problem() const {
 }
 
 Json Server::get(const std::string& path) const {
-    const HttpResult result = ask_server(url(), path);
-    if (const std::optional<Failure> problem = problem_of(result, url() + path)) throw Failure(*problem);
+    const Timed answer = ask_server(url(), path);
+    if (const std::optional<Failure> problem = problem_of(answer, url() + path)) throw Failure(*problem);
     Json payload;
-    if (!HpsHttpHelper::handle_json(result, payload)) throw bad_answer(url() + path, "the answer is no JSON");
+    if (!HpsHttpHelper::handle_json(answer.result, payload))
+        throw bad_answer(url() + path, "the answer is no JSON");
     return payload;
 }
 
 Answer Server::ask(const std::string& path, int seconds) const {
-    HttpResult result = ask_server(url(), path, seconds);
+    HttpResult result = ask_server(url(), path, seconds).result;
     return {result.status, std::move(result.body)};
 }
 

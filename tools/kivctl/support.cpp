@@ -231,7 +231,6 @@ Exit support(const Request& request, Output& output) {
         Failure(Layer::Argument, "INTERRUPTED", "interrupted: no file is left").ends_with(kInterrupted));
     guard().also_say("no file is left; --timeout gives it more time");
     Archive archive(request.file.empty() ? name + ".tar.gz" : request.file, name);
-    waiting_for(Layer::Driver, "the commands whose results are collected");
     Collection collection(std::max(static_cast<int>(request.timeout.value_or(kSupportLimit)) / kParts, 1));
     collection.collect();
     archive.write(collection.members);

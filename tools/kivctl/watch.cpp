@@ -75,6 +75,46 @@ std::optional<Described> describe(uint32_t ptp_state, Known& known) {
     return Described{{{"event", "ptp"}, {"state", ptp_state}}, fmt::format("state {}", ptp_state)};
 }
 
+/// From the register; the rest of the record is the server's, which is asked after it.
+std::optional<uint32_t> ptp_state_of(uint8_t id) {
+    constexpr uint32_t kUntouched = UINT32_MAX;
+    kiv_ptp_status_t status{};
+    status.state = kUntouched;
+    kiv_get_ptp_status(id, &status);
+    return status.state == kUntouched ? std::nullopt : std::optional(status.state);
+}
+
+/// All that can be asked of a card now, and what of it is known from now on.
+Described describe_state(uint8_t id, bool with_server, Known& known) {
+    kiv_net_status_t net{};
+    kiv_card_status_t status{};
+    Described event{
+        {{"event", "state"}, {"ports", Json::array()}, {"ptp_state", nullptr}, {"sensors", nullptr}}, ""};
+    if (kiv_get_net_status(id, &net) == KIV_OK) {
+        if (const auto links = describe({net.link_up_0 != 0, net.link_up_1 != 0}, known)) {
+            event.json["ports"] = links->json["ports"];
+            event.add(links->text);
+        }
+    }
+    if (!with_server) return event;
+    known.ptp_state = ptp_state_of(id);
+    if (known.ptp_state) {
+        event.json["ptp_state"] = *known.ptp_state;
+        event.add(fmt::format("PTP state {}", *known.ptp_state));
+    }
+    if (kiv_get_card_status(id, &status) != KIV_OK) return event;
+    kiv_event_hwmon_t report{};
+    event.json["sensors"] = Json::array();
+    for (unsigned i = 0; i < std::size(status.sensor); ++i) {
+        report.entry[i].sensor = status.sensor[i];
+        Json sensor = sensor_json(i, status.sensor[i]);
+        if (!sensor["input"].is_null()) event.json["sensors"].push_back(std::move(sensor));
+    }
+    const auto alarms = describe(report);
+    event.add(alarms ? alarms->text : "sensors ok");
+    return event;
+}
+
 /// "lost" or "found", of a card, its server or the driver.
 Described turn(const char* what, bool lost, const std::string& reason) {
     const char* const event = lost ? "lost" : "found";
@@ -116,7 +156,7 @@ class Watch {
         for (const Found& card : scan_cards()) {
             if (card.device.device_id == id) return card;
         }
-        throw failure_of(KIV_ERR_NO_DEVICE, "the search for it", id);
+        throw_no_such_card(id);
     }
 
     /// Looks for what is lost until there is something to watch again.
@@ -147,12 +187,11 @@ class Watch {
 
     void begin(const std::vector<Found>& cards) {
         for (const Found& card : cards) {
-            const uint8_t id = card.device.device_id;
-            {
-                const std::lock_guard lock(mutex_);
-                known_[id];
-            }
+            print_present(card.device.device_id, card.result == KIV_OK);
             look(card);
+        }
+        for (const Found& card : cards) {
+            const uint8_t id = card.device.device_id;
             if (card.result != KIV_OK && card.result != KIV_ERR_REST) continue;
             check(kiv_register_callback_func(id, receive, this), "watching", id);
             for (const kiv_event_type_t event : kEvents)
@@ -164,6 +203,15 @@ class Watch {
         ending_ = false;
         for (const Found& card : cards)
             looks_.emplace_back([this, card] { keep_looking(card); });
+    }
+
+    /// The state of a card that is new; of one that was lost, what is no longer as it was.
+    void print_present(uint8_t id, bool with_server) {
+        // No event comes yet: what is known is this thread's.
+        if (!known_.contains(id)) return print(id, describe_state(id, with_server, known_[id]));
+        const std::optional<uint32_t> state = with_server ? ptp_state_of(id) : std::nullopt;
+        if (!state) return;
+        if (const auto event = describe(*state, known_[id])) print(id, *event);
     }
 
     void end_looks() {

@@ -1,0 +1,91 @@
+// Cards, servers and a driver that fail or hang: they hide no other card, and try nobody's patience.
+#include "kivctl/Kivctl.h"
+#include "support/DriverFault.h"
+#include "support/LoopbackServer.h"
+#include "support/Waiting.h"
+
+namespace {
+
+kivsim::CardSettings card_with_server(uint8_t id, uint16_t port) {
+    kivsim::CardSettings card = kivsim::believable_card(id);
+    card.external_server = true;
+    card.tunnel_port = port;
+    return card;
+}
+
+}  // namespace
+
+TEST_F(Kivctl, OneBadCardHidesNoOther) {
+    const uint16_t closed = unused_port();
+    LoopbackServer no_json({LoopbackServer::http(200, "what?")});
+    kivsim::CardSettings unreadable = kivsim::believable_card(9);
+    unreadable.driver_faults = {fault(wire::kReadPci64).status(-1)};
+    kivsim::CardSettings good = kivsim::believable_card(4);
+    good.flash_ms = 100;
+    RunningSimulator simulator(
+        {card_with_server(2, closed), good, card_with_server(5, no_json.port()), unreadable});
+
+    const Json scan = json_of({"scan"}, 1);
+    EXPECT_EQ(scan["complete"], false);
+    ASSERT_EQ(scan["cards"].size(), 4u);
+    EXPECT_EQ(scan["cards"][1]["usable"], true);
+    EXPECT_EQ(scan["cards"][1]["ports"][0]["ip_address"], "192.168.10.14");
+    const std::pair<unsigned, std::vector<std::string>> problems[] = {
+        {0, {"network", "/api/v1.0: Connection refused"}},
+        {2, {"server", "/hps/info/networks: the answer is no JSON"}},
+        {3, {"driver", "cannot open it or read its registers"}}};
+    for (const auto& [row, words] : problems) {
+        const Json& card = scan["cards"][row];
+        EXPECT_EQ(card["usable"], false);
+        EXPECT_TRUE(card["card_word"].is_null());
+        EXPECT_EQ(card["error"]["layer"], words[0]);
+        const std::string message = card["error"]["message"];
+        EXPECT_NE(message.find(words[1]), std::string::npos) << message;
+    }
+    EXPECT_NE(expect({"scan"}, 1, "PARTIAL: 1 of 4 cards can be used\n").out.find("\n2   -"),
+              std::string::npos);
+
+    expect({"status", "4"}, 0, "QSFP2 case");
+    TemporaryDirectory directory;
+    write_file(directory / "image", "image");
+    expect({"flash", "write", "4", directory / "image"}, 0, "slot 1 is written");
+    expect({"status", "2"}, 1, ":" + std::to_string(closed) + "/api/v1.0: Connection refused");
+    expect({"link", "2"}, 0, "up");  // Its driver answers.
+    expect({"link", "9"}, 1, "card 9");
+}
+
+TEST_F(Kivctl, NothingThatHangsTriesThePatienceOfItsUser) {
+    kivsim::CardSettings hangs = kivsim::believable_card(1);
+    hangs.driver_faults = {fault(wire::kReadPci64).delay_ms(60'000)};
+    LoopbackServer silent({{"", std::chrono::seconds(20)}});
+    RunningSimulator simulator({hangs, card_with_server(2, silent.port()), kivsim::believable_card(3)});
+
+    const Stopwatch quick;
+    expect({"status", "3"}, 0);
+    EXPECT_LT(quick.elapsed(), std::chrono::seconds(1)) << "a command for one card asks no other";
+    for (const char* const command : {"info", "link", "ptp"}) {
+        const Json error = json_of({command, "1", "--timeout", "1"}, 4);
+        EXPECT_EQ(error["name"], "TIMEOUT");
+        EXPECT_EQ(error["layer"], "driver");
+    }
+    const Stopwatch watch;
+    expect({"status", "2", "--timeout", "1"}, 4, "no end within 1 s");
+    EXPECT_LT(watch.elapsed(), std::chrono::seconds(5));
+    const std::size_t before = simulator.calls(wire::kReadPci64).size();
+    Program watching(kivctl({"watch"}), {});
+    EXPECT_TRUE(wait_until([&] { return simulator.calls(wire::kReadPci64).size() > before; }));
+    watching.send_signal(SIGTERM);
+    EXPECT_EQ(watching.wait(std::chrono::seconds(5)).status, 0) << "also while the scan waits";
+}
+
+TEST_F(KivctlCard, EndsWhenItsAnswerIsOut) {
+    expect({"info", "1"}, 0);
+    const Stopwatch watch;
+    for (int i = 0; i < 10; ++i)
+        expect({"status", "1"}, 0);
+    EXPECT_LT(watch.elapsed(), std::chrono::seconds(4)) << "half a second each, with the library's timers";
+    const Ended full = run_program({"/bin/sh", "-c", "exec \"$0\" info 1 > /dev/full", KIVCTL_PROGRAM});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.err.find("standard output cannot be written: No space left"), std::string::npos)
+        << full.err;
+}

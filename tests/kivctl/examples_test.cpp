@@ -1,0 +1,49 @@
+// The examples, as a person runs them.
+#include <algorithm>
+
+#include "kivctl/Kivctl.h"
+
+TEST_F(KivctlSettings, HasExamplesOnTheExportedClassesBesideIt) {
+    const Ended driver = run_program({USE_DRIVER_PROGRAM, "1", "4"});
+    EXPECT_EQ(driver.status, 0) << driver.err;
+    EXPECT_EQ(std::count(driver.out.begin(), driver.out.end(), '\n'), 6);
+    EXPECT_NE(driver.out.find(", 4096 bytes mapped\nregister 0x02000010 by mapping, 0x02000010 by call\n"
+                              "3 messages of 3 arguments, the first 4\n"),
+              std::string::npos)
+        << driver.out;
+    EXPECT_EQ(run_program({USE_DRIVER_PROGRAM, "2"}).status, 1);
+    EXPECT_EQ(run_program({USE_DRIVER_PROGRAM, "x"}).status, 2);
+
+    const std::string server = simulator_.server_addresses()[0];
+    const std::size_t colon = server.find(':');
+    const Ended talked =
+        run_program({TALK_TO_CARD_PROGRAM, server.substr(0, colon), server.substr(colon + 1)});
+    EXPECT_EQ(talked.status, 0) << talked.err;
+    EXPECT_NE(talked.out.find("\nPTP master 00:1d:c1:ff:fe:12:34:56, UTC offset 37 s\n"), std::string::npos)
+        << talked.out;
+}
+
+TEST_F(KivctlSettings, HasExamplesInCBesideIt) {
+    EXPECT_EQ(run_program({LIST_CARDS_PROGRAM}).out, "card 1: MAC 02:4b:56:00:01:00 and 02:4b:56:00:01:01\n");
+    EXPECT_EQ(run_program({READ_CARD_PROGRAM, "1"}).out,
+              "card word    0x5354323131300001\nFPGA fabric  58 (alarm at 95)\nboard power  63\n"
+              "port 0       02:4b:56:00:01:00, link up\nport 1       02:4b:56:00:01:01, link up\n"
+              "PTP          state 0, grandmaster 0x001DC1FFFE123456\n");
+    const Ended written = run_program({WRITE_FLASH_PROGRAM, "1", image()});
+    EXPECT_EQ(written.status, 0) << written.err;
+    EXPECT_NE(written.out.find("\nslot 1 is written: "), std::string::npos) << written.out;
+    const Ended again = run_program({WRITE_FLASH_PROGRAM, "1", image()});
+    EXPECT_EQ(again.status, 1);
+    EXPECT_EQ(again.err, "no slot has changed: nothing was written\n");
+    EXPECT_NE(run_program({WRITE_FLASH_PROGRAM, "1", image("")}).err.find(" has 0 bytes"), std::string::npos);
+    const Ended watched = run_program({WATCH_EVENTS_PROGRAM, "3"});
+    EXPECT_EQ(watched.status, 0) << watched.err;
+    EXPECT_EQ(watched.out, "card 1: link of port 0 is up, of port 1 up\n");
+
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {READ_CARD_PROGRAM}, {READ_CARD_PROGRAM, "x"}, {WRITE_FLASH_PROGRAM, "256", "f"}})
+        EXPECT_EQ(run_program(words).status, 2);
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {READ_CARD_PROGRAM, "2"}, {WRITE_FLASH_PROGRAM, "1", "/nonexistent"}})
+        EXPECT_EQ(run_program(words).status, 1);
+}

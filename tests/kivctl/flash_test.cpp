@@ -1,0 +1,145 @@
+// The write of firmware: what is refused, what is seen of it, and what is said when it ends otherwise.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "kivctl/Kivctl.h"
+#include "support/Waiting.h"
+
+namespace {
+
+/// The digest that the card takes as the identifier of image().
+constexpr const char* kImage = "183f7bcf424938735c60bf6575e48a88";
+
+}  // namespace
+
+TEST_F(KivctlCard, FlashWriteNamesTheSlotThatHasChanged) {
+    const Json before = json_of({"flash", "1"});
+    EXPECT_EQ(before["state"], "idle");
+    EXPECT_EQ(before["next_boot_slot"], 0);
+
+    const Ended lines = expect({"flash", "write", "1", image()}, 0, "kivctl flash select 1 1");
+    EXPECT_EQ(lines.out.substr(0, 40), "uploading\nerasing\nwriting\nverifying\ndone");
+    EXPECT_NE(lines.out.find("slot 1 is written: " + std::string(kImage)), std::string::npos) << lines.out;
+    EXPECT_EQ(json_of({"flash"})["slots"], Json({before["slots"][0], kImage}));
+
+    const Json again = json_of({"flash", "write", "1", image()}, 1);
+    EXPECT_EQ(again["name"], "NOT_WRITTEN") << "the image was there already: nobody saw it written";
+    const Json selected = json_of({"flash", "write", "1", image("another"), "--select"});
+    EXPECT_EQ(selected["written_slot"], 1);
+    EXPECT_EQ(selected["next_boot_slot"], 1);
+    EXPECT_EQ(selected["bytes"], 7);
+    EXPECT_EQ(json_of({"flash"})["next_boot_slot"], 1);
+    EXPECT_EQ(run({"flash", "select", "1", "0"}).out, "card 1 boots slot 0 next\n");
+    EXPECT_EQ(json_of({"flash"})["next_boot_slot"], 0);
+    add_fault(R"({"path": "/hps/firmware/switch", "status": 200, "body": "{}"})");
+    add_fault(R"({"path": "/hps/firmware/info", "patch": {"User1": "a", "User2": "b"}})");
+    EXPECT_EQ(json_of({"flash", "select", "1", "1"}, 1)["name"], "NOT_SELECTED")
+        << "the card does not say so";
+}
+
+TEST_F(KivctlCard, FlashWriteRefusesWhatIsNoImageBeforeAnythingIsSent) {
+    const std::string fifo = directory_ / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string large = image();
+    ASSERT_EQ(truncate(large.c_str(), (256 << 20) + 1), 0);
+    write_file(directory_ / "empty", "");
+    const std::pair<std::string, const char*> files[] = {
+        {directory_ / "none", "No such file"},
+        {fifo, "is no regular file"},
+        {"/tmp", "is no regular file"},
+        {directory_ / "empty", "is empty"},
+        {large, "has 268435457 bytes; an image has at most 268435456"}};
+    for (const auto& [file, reason] : files)
+        EXPECT_TRUE(
+            expect({"flash", "write", "1", file}, 2, reason).err.starts_with("kivctl: nothing was sent: "));
+    expect({"flash", "write", "1", large, "--select", "--no-wait"}, 2, "exclude each other");
+    EXPECT_FALSE(was_asked("\"method\""));
+    expect({"flash", "write", "2", image()}, 1, "there is no card 2");
+}
+
+TEST_F(KivctlCard, FlashWaitTakesUpTheWait) {
+    EXPECT_EQ(json_of({"flash", "wait", "1"})["state"], "idle");
+    const Ended begun = expect({"flash", "write", "1", image(), "--no-wait"}, 0, "kivctl flash wait 1");
+    EXPECT_EQ(begun.out.find("done"), std::string::npos);
+    EXPECT_EQ(json_of({"flash", "write", "1", image()}, 1)["name"], "KIV_ERR_BUSY");
+    const Json waited = json_of({"flash", "wait", "1"});
+    EXPECT_EQ(waited["state"], "done");
+    EXPECT_EQ(waited["written_slot"], 1);
+    EXPECT_EQ(waited["slots"][1], kImage);
+}
+
+TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
+    // The first two looks at the state are the library's own.
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 4, "patch": "Verify FAILED: code 7"})");
+    Json error = json_of({"flash", "write", "1", image()}, 1);
+    EXPECT_EQ(error["name"], "WRITE_FAILED");
+    EXPECT_EQ(error["card"], 1);
+    EXPECT_NE(error["message"].get<std::string>().find("Verify FAILED: code 7"), std::string::npos);
+    json_of({"flash", "wait", "1"});
+
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 14, "status": 503})");
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 15, "cut": "before"})");
+    EXPECT_EQ(json_of({"flash", "write", "1", image("single failed looks")}).value("written_slot", -1), 1);
+    control("DELETE", "/http_faults");
+
+    add_fault(R"({"path": "/hps/firmware/upload", "status": 400})");
+    EXPECT_EQ(json_of({"flash", "write", "1", image("refused")}, 1)["name"], "KIV_ERR_REST");
+    control("DELETE", "/http_faults");
+
+    error = json_of({"flash", "write", "1", image("too slow"), "--timeout", "1"}, 4);
+    EXPECT_EQ(error["name"], "TIMEOUT");
+    EXPECT_NE(error["remedy"].get<std::string>().find("may still be writing"), std::string::npos);
+
+    Program waiting(kivctl({"flash", "wait", "1"}));
+    EXPECT_NE(waiting.read_line(), "");
+    waiting.send_signal(SIGINT);
+    const Ended interrupted = waiting.wait();
+    EXPECT_EQ(interrupted.status, 5);
+    EXPECT_NE(interrupted.err.find("\"kivctl flash wait 1\" takes up the wait again"), std::string::npos);
+}
+
+TEST_F(KivctlCard, FlashWriteGivesUpOnACardThatFallsSilentAndSaysThatItMayGoOn) {
+    Program writing(kivctl({"flash", "write", "1", image(), "--json"}));
+    EXPECT_TRUE(wait_until([&] { return was_asked("\"md5hush"); }));
+    change({{"removed", true}});
+    const Ended ended = writing.wait();
+    EXPECT_EQ(ended.status, 1);
+    const Json error = parsed(ended.out);
+    EXPECT_EQ(error["name"], "NO_ANSWER") << ended.out;
+    EXPECT_NE(error["remedy"].get<std::string>().find("may still be writing"), std::string::npos);
+}
+
+TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminalThatCanMoveItsCursor) {
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+    if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0)
+        GTEST_SKIP() << "this machine gives no pseudo-terminal";
+    const std::string name = ptsname(terminal);
+    const int other_end = open(name.c_str(), O_RDWR | O_NOCTTY);  // Until what was written is read.
+    fcntl(terminal, F_SETFL, O_NONBLOCK);
+    const auto shown_with = [&](const char* kind, const std::string& file) {
+        const Ended ended = run_program(
+            {"/bin/sh", "-c", "exec \"$0\" flash write 1 \"$1\" > \"$2\"", KIVCTL_PROGRAM, file, name},
+            {{"TERM", kind}});
+        EXPECT_EQ(ended.status, 0) << ended.err;
+        std::string shown;
+        EXPECT_TRUE(wait_until([&] {
+            char text[4096];
+            const ssize_t size = read(terminal, text, sizeof text);
+            if (size > 0) shown.append(text, static_cast<std::size_t>(size));
+            return shown.ends_with("is written: " + json_of({"flash"})["slots"][1].get<std::string>() +
+                                   "\r\n");
+        })) << shown;
+        return shown;
+    };
+    const std::string live = shown_with("xterm", image(std::string(100000, 'x')));
+    EXPECT_EQ(live.substr(0, 18), "\r\x1b[Kuploading 0:00");
+    EXPECT_NE(live.find(" of 100000 bytes"), std::string::npos);
+    EXPECT_NE(live.find("\r\x1b[Kwriting   0:0"), std::string::npos);
+    EXPECT_NE(live.find("\r\x1b[Kdone      0:0"), std::string::npos);
+    EXPECT_EQ(live.find('\n'), live.find("slot 1") - 1) << "one line until the end";
+    EXPECT_EQ(shown_with("dumb", image("plain")).find('\x1b'), std::string::npos);
+    close(other_end);
+    close(terminal);
+}
