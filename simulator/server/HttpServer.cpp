@@ -1,5 +1,6 @@
 #include "server/HttpServer.h"
 
+#include <chrono>
 #include <system_error>
 #include <utility>
 
@@ -9,7 +10,8 @@ namespace kivsim {
 
 namespace {
 
-constexpr int kMostRequests = 100;  ///< Requests on one connection.
+constexpr int kMostRequests = 100;                   ///< Requests on one connection.
+constexpr std::chrono::milliseconds kPatience{200};  ///< Of a thread without connection.
 
 /// The stream of the connection that this thread serves, for the handlers, which the library does not tell.
 thread_local ConnectionStream* t_stream = nullptr;
@@ -60,41 +62,57 @@ HttpServer::HttpServer(Answering answer, int stop)
     : protocol_(std::make_unique<Protocol>(std::move(answer))), stop_(stop) {}
 
 HttpServer::~HttpServer() {
+    Threads all;
     {
         const std::lock_guard lock(mutex_);
         stopping_ = true;
+        all.swap(threads_);
+        all.splice(all.end(), ended_);
     }
     condition_.notify_all();
-    for (std::thread& thread : threads_)
+    for (std::thread& thread : all)
         thread.join();
 }
 
 void HttpServer::take(Descriptor connection) {
     const std::lock_guard lock(mutex_);
+    for (; !ended_.empty(); ended_.pop_front())
+        ended_.front().join();
     waiting_.push_back(std::move(connection));
-    if (idle_ < waiting_.size() && threads_.size() < kMostThreads) {
-        try {
-            threads_.emplace_back([this] { serve_connections(); });
-        } catch (const std::system_error&) {  // No more threads: those that there are do it, or nobody.
-            if (threads_.empty()) waiting_.clear();
-        }
-    }
+    if (idle_ < waiting_.size() && threads_.size() < kMostThreads) start_thread();
     condition_.notify_one();
 }
 
-void HttpServer::serve_connections() {
+/// Holding the mutex.
+void HttpServer::start_thread() {
+    threads_.emplace_front();
+    try {
+        threads_.front() = std::thread([this, self = threads_.begin()] { serve_connections(self); });
+    } catch (const std::system_error&) {  // No more threads: those that there are do it, or nobody.
+        threads_.pop_front();
+        if (threads_.empty()) waiting_.clear();
+    }
+}
+
+void HttpServer::serve_connections(Threads::iterator self) {
     std::unique_lock lock(mutex_);
-    for (;;) {
-        ++idle_;
-        condition_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
-        --idle_;
-        if (stopping_) return;
-        const Descriptor connection = std::move(waiting_.front());
-        waiting_.pop_front();
+    for (Descriptor connection; next_connection(lock, connection); lock.lock()) {
         lock.unlock();
         protocol_->serve(connection.get(), stop_);
-        lock.lock();
+        connection.reset();
     }
+    if (!stopping_) ended_.splice(ended_.end(), threads_, self);
+}
+
+/// Waits for one; false when it is time to end.
+bool HttpServer::next_connection(std::unique_lock<std::mutex>& lock, Descriptor& connection) {
+    ++idle_;
+    condition_.wait_for(lock, kPatience, [this] { return stopping_ || !waiting_.empty(); });
+    --idle_;
+    if (stopping_ || waiting_.empty()) return false;
+    connection = std::move(waiting_.front());
+    waiting_.pop_front();
+    return true;
 }
 
 }  // namespace kivsim

@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "common/LocalSocket.h"
 #include "server/endpoints.h"
@@ -19,7 +19,7 @@ namespace kivsim {
 using Answering = std::function<Answer(const HttpRequest&)>;
 
 /// Has threads of its own, so that answers that are late at one address are late nowhere else. They start
-/// with the first connections that need them, and stay.
+/// with the connections that need them, and end when there are none for a while.
 class HttpServer {
   public:
     /// Connections that are served at the same time; others wait.
@@ -36,7 +36,10 @@ class HttpServer {
 
   private:
     class Protocol;
-    void serve_connections();
+    using Threads = std::list<std::thread>;
+    void start_thread();
+    void serve_connections(Threads::iterator self);
+    bool next_connection(std::unique_lock<std::mutex>& lock, Descriptor& connection);
 
     const std::unique_ptr<Protocol> protocol_;
     const int stop_;
@@ -46,7 +49,8 @@ class HttpServer {
     std::deque<Descriptor> waiting_;  ///< Taken, not yet served.
     std::size_t idle_ = 0;            ///< Threads that wait for a connection.
     bool stopping_ = false;
-    std::vector<std::thread> threads_;
+    Threads threads_;
+    Threads ended_;  ///< To be joined.
 };
 
 }  // namespace kivsim

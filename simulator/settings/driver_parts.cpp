@@ -1,17 +1,14 @@
 // What the driver tells of a card.
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <span>
 
-#include "driver/wire.h"
-
 #include "base/ipText.h"
 #include "card/BarMemory.h"
 #include "common/hex.h"
-#include "settings/members.h"
+#include "driver/wire.h"
 #include "settings/parts.h"
 
 namespace kivsim {

@@ -1,6 +1,5 @@
 // What the management server of a card tells.
 #include <algorithm>
-#include <array>
 #include <nlohmann/json.hpp>
 
 #include "base/ipText.h"
