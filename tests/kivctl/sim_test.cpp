@@ -49,7 +49,7 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
     const std::string file = cards_file(R"({"cards": [{"id": 5, "links": [true, false]}]})");
     for (const Words& words :
          std::vector<Words>{{"--sim", file, "--json", "link"},
-                                               {"--json", "--timeout", "20", "--sim=" + file, "link", "5"}}) {
+                            {"--json", "--timeout", "20", "--sim=" + file, "link", "5"}}) {
         const Ended ended = run_and_look_behind(words);
         EXPECT_EQ(ended.status, 0) << ended.err;
         EXPECT_EQ(parsed(ended.out)["ports"][1]["link"], "down");
@@ -58,7 +58,7 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
 
     Program watch(telling_its_id({"--sim", "watch"}));
     const std::string pid = watch.read_line();
-    EXPECT_NE(watch.read_line().find("card 1    link"), std::string::npos);
+    EXPECT_NE(watch.read_line().find("card 1    state"), std::string::npos);
     EXPECT_EQ(folders(pid), 1u);
     watch.send_signal(SIGTERM);
     EXPECT_EQ(watch.wait().status, 0);
