@@ -9,12 +9,17 @@
 namespace {
 
 /// The folders of the simulators of one process.
-std::size_t folders(const std::string& pid) {
-    std::size_t count = 0;
+std::vector<std::filesystem::path> folders_of(const std::string& pid) {
+    std::vector<std::filesystem::path> found;
     for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
-        if (entry.path().filename().string().starts_with("kivctl-" + pid + "-")) ++count;
+        if (entry.path().filename().string().starts_with("kivctl-" + pid + "-"))
+            found.push_back(entry.path());
     }
-    return count;
+    return found;
+}
+
+std::size_t folders(const std::string& pid) {
+    return folders_of(pid).size();
 }
 
 class OwnSimulator : public KivctlConfigured {
@@ -68,7 +73,8 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
 
 TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
     const std::string file = cards_file(R"({"cards": [{"id": 1}]})");
-    Program watch(kivctl({"--sim", file, "watch", "--json"}));
+    Program watch(telling_its_id({"--sim", file, "watch", "--json"}));
+    const std::string pid = watch.read_line();
     EXPECT_FALSE(watch.read_line().empty());
     const auto simulator_runs = [&] {
         return run_program(
@@ -81,6 +87,8 @@ TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
     watch.send_signal(SIGKILL);
     watch.wait();
     EXPECT_TRUE(wait_until([&] { return !simulator_runs(); }));
+    for (const auto& folder : folders_of(pid))  // Nobody was left to remove it.
+        std::filesystem::remove_all(folder);
 }
 
 TEST_F(OwnSimulator, SaysWhyItCannotRun) {
