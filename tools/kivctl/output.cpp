@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -28,7 +29,7 @@ std::string dump(const Json& json, int indent) {
 }  // namespace
 
 Output::Output() {
-    const int results = dup(STDOUT_FILENO);
+    const int results = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);  // Whoever reads them waits for no child.
     results_.reset(results < 0 ? nullptr : fdopen(results, "w"));
     if (!results_) throw Failure(Layer::Argument, "OUTPUT", "standard output is not open");
     dup2(STDERR_FILENO, STDOUT_FILENO);
