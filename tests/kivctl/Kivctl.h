@@ -12,10 +12,12 @@
 
 using Words = std::vector<std::string>;
 
+extern const char* const kKivctlProgram;
+
 class Kivctl : public testing::Test {
   protected:
     static Words kivctl(Words words) {
-        words.insert(words.begin(), KIVCTL_PROGRAM);
+        words.insert(words.begin(), kKivctlProgram);
         return words;
     }
 

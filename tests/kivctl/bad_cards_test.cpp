@@ -84,7 +84,7 @@ TEST_F(KivctlCard, EndsWhenItsAnswerIsOut) {
     for (int i = 0; i < 10; ++i)
         expect({"status", "1"}, 0);
     EXPECT_LT(watch.elapsed(), std::chrono::seconds(4)) << "half a second each, with the library's timers";
-    const Ended full = run_program({"/bin/sh", "-c", "exec \"$0\" info 1 > /dev/full", KIVCTL_PROGRAM});
+    const Ended full = run_program({"/bin/sh", "-c", "exec \"$0\" info 1 > /dev/full", kKivctlProgram});
     EXPECT_EQ(full.status, 1);
     EXPECT_NE(full.err.find("standard output cannot be written: No space left"), std::string::npos)
         << full.err;

@@ -120,7 +120,7 @@ TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminalThatCanMoveItsCursor) {
     fcntl(terminal, F_SETFL, O_NONBLOCK);
     const auto shown_with = [&](const char* kind, const std::string& file) {
         const Ended ended = run_program(
-            {"/bin/sh", "-c", "exec \"$0\" flash write 1 \"$1\" > \"$2\"", KIVCTL_PROGRAM, file, name},
+            {"/bin/sh", "-c", "exec \"$0\" flash write 1 \"$1\" > \"$2\"", kKivctlProgram, file, name},
             {{"TERM", kind}});
         EXPECT_EQ(ended.status, 0) << ended.err;
         std::string shown;

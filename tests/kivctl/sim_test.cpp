@@ -31,7 +31,7 @@ class OwnSimulator : public KivctlConfigured {
 
     /// A program that prints its process id first.
     static Words telling_its_id(const Words& words) {
-        Words all{"/bin/sh", "-c", "echo $$; exec \"$0\" \"$@\"", KIVCTL_PROGRAM};
+        Words all{"/bin/sh", "-c", "echo $$; exec \"$0\" \"$@\"", kKivctlProgram};
         all.insert(all.end(), words.begin(), words.end());
         return all;
     }

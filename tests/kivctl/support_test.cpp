@@ -124,7 +124,7 @@ TEST_F(Support, LeavesNoHalfFile) {
     const std::string file = directory_ / "support.tar.gz";
     // A limit of the size of files: as on a full disk, the file is there but cannot take it all.
     const Ended full = run_program(
-        {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 2; exec \"$0\" support -o \"$1\"", KIVCTL_PROGRAM, file});
+        {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 2; exec \"$0\" support -o \"$1\"", kKivctlProgram, file});
     EXPECT_EQ(full.status, 1);
     EXPECT_NE(full.err.find("cannot be written, and is removed: "), std::string::npos) << full.err;
     EXPECT_FALSE(fs::exists(file));

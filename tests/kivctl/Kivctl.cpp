@@ -1,0 +1,3 @@
+#include "kivctl/Kivctl.h"
+
+const char* const kKivctlProgram = KIVCTL_PROGRAM;
