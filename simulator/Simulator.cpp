@@ -10,6 +10,7 @@
 #include "card/VirtualCard.h"
 #include "driver/DriverProcess.h"
 #include "server/ManagementServers.h"
+#include "settings/control.h"
 
 namespace kivsim {
 
@@ -45,12 +46,14 @@ std::string usual_socket() {
 }  // namespace
 
 Simulator::Simulator(const std::vector<CardSettings>& cards, const std::string& socket_path,
-                     const std::string& trace_path, const std::string& request_log)
+                     const std::string& trace_path, const std::string& request_log, uint16_t control_port)
     : socket_path_(socket_path.empty() ? usual_socket() : socket_path) {
     raise_descriptor_limit();
     for (const CardSettings& card : cards)
         cards_.push_back(std::make_shared<VirtualCard>(card));
-    servers_ = std::make_unique<ManagementServers>(cards_, request_log);
+    servers_ = std::make_unique<ManagementServers>(
+        cards_, [this](const HttpRequest& request) { return answer_control(cards_, request); }, control_port,
+        request_log);
     driver_ = std::make_unique<DriverProcess>(cards_, socket_path_, trace_path);
 }
 

@@ -18,10 +18,11 @@ class DriverProcess;
 class Simulator {
   public:
     /// Runs from here to its destruction. An empty `socket_path` is the one that every program of this user
-    /// looks at; an empty `trace_path` traces nothing, an empty `request_log` logs no requests. Throws
-    /// std::runtime_error with a text that says what is in the way.
+    /// looks at; an empty `trace_path` traces nothing, an empty `request_log` logs no requests. The control
+    /// address is at a free port when `control_port` is 0. Throws std::runtime_error with a text that says
+    /// what is in the way.
     Simulator(const std::vector<CardSettings>& cards, const std::string& socket_path,
-              const std::string& trace_path, const std::string& request_log = {});
+              const std::string& trace_path, const std::string& request_log = {}, uint16_t control_port = 0);
     ~Simulator();
 
     Simulator(const Simulator&) = delete;

@@ -1,9 +1,15 @@
 // kivsim: the driver process and the management servers of virtual cards.
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "Simulator.h"
+#include "settings/cards_file.h"
 
 namespace {
 
@@ -11,50 +17,105 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
+struct Options {
+    std::string config;
+    std::string socket;
+    std::string trace;
+    std::string requests;
+    uint16_t control = 0;
+    bool ready_json = false;
+    bool with_stdin = false;
+};
+
+void add_options(CLI::App& app, Options& options) {
+    app.add_option("--config", options.config, "Cards to simulate (default: two with believable values)")
+        ->type_name("FILE");
+    app.add_option("--socket", options.socket,
+                   "Driver socket (default: the one that programs of this user look at)")
+        ->type_name("PATH");
+    app.add_option("--control", options.control, "Port of the control address (default: a free one)")
+        ->type_name("PORT")
+        ->check([](const std::string& text) {
+            const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+            const bool decimal = digits && (text == "0" || text[0] != '0');
+            return decimal && text.size() <= 5 && std::stoul(text) <= 65535 ? "" : "is no port: " + text;
+        });
+    app.add_option("--trace", options.trace, "Write every driver event to this file, a JSON object a line")
+        ->type_name("FILE");
+    app.add_option("--requests", options.requests,
+                   "Write every request to a management server to this file, likewise")
+        ->type_name("FILE");
+    app.add_flag("--ready-json", options.ready_json, "Print the line that it is ready as a JSON object");
+    app.add_flag("--with-stdin", options.with_stdin, "End when the standard input ends");
+}
+
 void say_ready(const kivsim::Simulator& simulator) {
     const std::vector<std::string> addresses = simulator.server_addresses();
     std::printf("%zu cards, socket %s, servers", addresses.size(), simulator.socket_path().c_str());
     for (const std::string& address : addresses)
         std::printf(" %s", address.c_str());
     std::printf(", control %s\n", simulator.control_address().c_str());
-    std::fflush(stdout);
 }
 
-}  // namespace
+void say_ready_json(const kivsim::Simulator& simulator, const std::vector<kivsim::CardSettings>& cards) {
+    const std::vector<std::string> addresses = simulator.server_addresses();
+    kivsim::Json list = kivsim::Json::array();
+    for (std::size_t i = 0; i < cards.size(); ++i)
+        list.push_back({{"card", cards[i].id}, {"server", addresses[i]}});
+    const kivsim::Json ready{{"schema", "kivsim.ready/1"},
+                             {"cards", list},
+                             {"socket", simulator.socket_path()},
+                             {"control", simulator.control_address()}};
+    std::printf("%s\n", kivsim::text_of(ready).c_str());
+}
 
-int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of memory, it ends.
-    CLI::App app("Simulates media-network cards and their driver.", "kivsim");
-    std::string config;
-    std::string socket;
-    std::string trace;
-    std::string requests;
-    app.add_option("--config", config, "Cards to simulate (default: two with believable values)")
-        ->type_name("FILE");
-    app.add_option("--socket", socket, "Driver socket (default: the one that programs of this user look at)")
-        ->type_name("PATH");
-    app.add_option("--trace", trace, "Write every driver event to this file, a JSON object a line")
-        ->type_name("FILE");
-    app.add_option("--requests", requests,
-                   "Write every request to a management server to this file, likewise")
-        ->type_name("FILE");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kDone : kUsage;
+/// Waits for one of the blocked signals, or for the end of the standard input.
+void wait_for_end(const sigset_t& signals, bool with_stdin) {
+    pollfd entries[] = {{signalfd(-1, &signals, SFD_CLOEXEC), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+    for (;;) {
+        if (poll(entries, with_stdin ? 2 : 1, -1) < 0) continue;
+        if (entries[0].revents != 0) return;
+        char ignored[4096];
+        if (read(STDIN_FILENO, ignored, sizeof ignored) <= 0) return;
     }
+}
 
+void run(const Options& options) {
     // Blocked before any thread starts, so that only the wait below sees them.
     sigset_t ends;
     sigemptyset(&ends);
     sigaddset(&ends, SIGINT);
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    const std::vector<kivsim::CardSettings> cards =
+        options.config.empty() ? kivsim::default_cards() : kivsim::load_cards(options.config);
+    const kivsim::Simulator simulator(cards, options.socket, options.trace, options.requests,
+                                      options.control);
+    options.ready_json ? say_ready_json(simulator, cards) : say_ready(simulator);
+    std::fflush(stdout);
+    wait_for_end(ends, options.with_stdin);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of memory, it ends.
+    CLI::App app("Simulates media-network cards and their driver.", "kivsim");
+    Options options;
+    add_options(app, options);
+    std::string checked;
+    CLI::App* const check = app.add_subcommand("check", "Read a cards file and say what is wrong with it");
+    check->add_option("FILE", checked, "Cards file")->required();
     try {
-        const kivsim::Simulator simulator(
-            config.empty() ? kivsim::default_cards() : kivsim::load_cards(config), socket, trace, requests);
-        say_ready(simulator);
-        int signal = 0;
-        sigwait(&ends, &signal);
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kDone : kUsage;
+    }
+    try {
+        if (*check) {
+            std::printf("%s: %zu cards\n", checked.c_str(), kivsim::load_cards(checked).size());
+        } else {
+            run(options);
+        }
     } catch (const kivsim::BadConfig& error) {
         std::fprintf(stderr, "kivsim: %s\n", error.what());
         return kUsage;

@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
+#include "card/CardSettings.h"
 #include "common/SharedMemory.h"
 
 namespace kivsim {
@@ -34,6 +36,9 @@ class BarMemory {
     static bool inside(uint32_t bar, uint64_t offset, std::size_t size) {
         return bar < kBars && offset <= kBarSize - size;
     }
+
+    /// What is not zero, in the order of BARs and offsets.
+    std::vector<RegisterSettings> registers() const;
 
     /// `bar` below kBars. Made at its first use.
     SharedMemory& memory(uint32_t bar) {

@@ -1,4 +1,4 @@
-/// What the driver of a card keeps beside the registers: memory blocks, connections, messages.
+/// What the driver of a card keeps for the programs that use it: memory blocks, connections, messages.
 #ifndef KIVSIM_DRIVER_STATE_H
 #define KIVSIM_DRIVER_STATE_H
 
@@ -72,11 +72,6 @@ struct DriverState {
     std::map<uint64_t, ConnectionState> connections;
     std::vector<MessageStream> streams;
     uint64_t interrupt_count = 0;  ///< Messages of the card's own timer so far.
-    kiv::wire::UseResource use_resource{{4, 8, 16}, {2, 4, 8}};
-    std::map<uint8_t, kiv::wire::PciLink> pci_links;  ///< By PCI function: lanes and generation.
-    bool anc_direction = false;
-    std::vector<kiv::wire::AncDescriptor> anc_descriptors;  ///< Last set.
-    kiv::wire::AncControl anc_control{};
     uint64_t next_bus_address = uint64_t{1} << 40;
 };
 

@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <span>
 #include <utility>
 
@@ -15,9 +16,6 @@ std::string md5_of(const std::string& bytes) {
     EVP_Digest(bytes.data(), bytes.size(), digest, &size, EVP_md5(), nullptr);
     return hex(std::as_bytes(std::span(digest, size)));
 }
-
-Firmware::Firmware(std::chrono::milliseconds write_time, const std::string& first_image)
-    : write_time_(write_time), slots_{md5_of(first_image), md5_of("factory image")} {}
 
 std::string Firmware::upload(std::string image) {
     settle();
@@ -33,12 +31,14 @@ std::string Firmware::start(const std::string& md5) {
     written_ = md5_of(*image_);
     if (!md5.empty() && md5 != written_) return "the image's MD5 is " + written_;
     image_.reset();
+    card_.firmware.status.reset();
     started_ = Clock::now();
     return "";
 }
 
 void Firmware::cancel() {
     settle();
+    card_.firmware.status.reset();
     started_.reset();
 }
 
@@ -46,27 +46,33 @@ std::string Firmware::switch_to(uint64_t slot) {
     settle();
     if (started_) return "a write is under way";
     if (slot > 1) return "images are 0 and 1";
-    next_boot_ = static_cast<unsigned>(slot);
+    card_.firmware.next_boot_slot = static_cast<uint8_t>(slot);
     return "";
 }
 
 std::string Firmware::status() {
     settle();
-    if (!started_) return "idle";
-    const auto quarters = (Clock::now() - *started_) * 4 / write_time_;
+    if (!started_) return card_.firmware.status.value_or("idle");
+    const auto quarters = (Clock::now() - *started_) * 4 / write_time();
     return quarters < 1 ? "erasing" : quarters < 3 ? "writing" : "verifying";
 }
 
 std::string Firmware::slot(unsigned number) {
     settle();
-    return slots_[number] + (number == next_boot_ ? " [Next Boot Image]" : "");
+    return card_.firmware.slots[number] +
+           (number == card_.firmware.next_boot_slot ? " [Next Boot Image]" : "");
 }
 
-/// Completes a write whose time is over.
+/// Completes a write whose time is over; a status that was set from outside ends it undone.
 void Firmware::settle() {
-    if (!started_ || Clock::now() - *started_ < write_time_) return;
+    if (card_.firmware.status) started_.reset();
+    if (!started_ || Clock::now() - *started_ < write_time()) return;
     started_.reset();
-    slots_[1 - next_boot_] = written_;
+    card_.firmware.slots[1 - card_.firmware.next_boot_slot] = written_;
+}
+
+std::chrono::milliseconds Firmware::write_time() const {
+    return std::chrono::milliseconds(std::max(1u, card_.flash_ms));
 }
 
 }  // namespace kivsim

@@ -7,13 +7,15 @@
 #include <optional>
 #include <string>
 
+#include "card/CardSettings.h"
+
 namespace kivsim {
 
-/// Not synchronised: its card locks. Commands return an empty text, or why they are refused.
+/// Works on the settings of its card. Not synchronised: its card locks. Commands return an empty text, or why
+/// they are refused.
 class Firmware {
   public:
-    /// `write_time`: from the start of a write to its end.
-    explicit Firmware(std::chrono::milliseconds write_time, const std::string& first_image);
+    explicit Firmware(CardSettings& card) : card_(card) {}
 
     std::string upload(std::string image);
 
@@ -22,7 +24,8 @@ class Firmware {
     void cancel();
     std::string switch_to(uint64_t slot);
 
-    /// "idle", or the phase of the write: "erasing", "writing", "verifying".
+    /// The word of the settings; without one "idle", or the phase of the write: "erasing", "writing",
+    /// "verifying".
     std::string status();
 
     /// A slot's identifier, marked when it boots next.
@@ -31,13 +34,12 @@ class Firmware {
   private:
     using Clock = std::chrono::steady_clock;
     void settle();
+    std::chrono::milliseconds write_time() const;
 
-    const std::chrono::milliseconds write_time_;
+    CardSettings& card_;
     std::optional<std::string> image_;          ///< Uploaded.
     std::optional<Clock::time_point> started_;  ///< While a write is under way.
     std::string written_;                       ///< Identifier of the image that is being written.
-    std::string slots_[2];
-    unsigned next_boot_ = 0;
 };
 
 /// 32 lower-case hexadecimal digits.

@@ -1,61 +1,107 @@
 #include "card/VirtualCard.h"
 
-#include <limits>
+#include <algorithm>
 #include <utility>
 
 #include "base/ipText.h"
+#include "device/registers.h"
 
 namespace kivsim {
 
 namespace {
+
+namespace registers = kiv::registers;
+
 constexpr uint32_t kAncMemorySize = 64u << 10;  ///< Bytes.
+
+struct StatusBit {
+    int state;
+    unsigned bit;
+};
+constexpr unsigned kLinkBits[] = {registers::kStatusLink0, registers::kStatusLink1};
+constexpr StatusBit kPtpBits[] = {
+    {0, registers::kStatusPtp0}, {1, registers::kStatusPtp1}, {3, registers::kStatusPtp3}};
+
+uint64_t mask(unsigned bit) {
+    return uint64_t{1} << bit;
 }
 
-VirtualCard::VirtualCard(CardSettings settings) : management(settings), settings_(std::move(settings)) {
-    set_registers(settings_.registers);
-    driver.next_bus_address *= settings_.id + uint64_t{1};
-    for (const uint32_t id : kAncMemories)
-        driver.allocate(id, kAncMemorySize, 1, 0);
-    for (const FunctionSettings& function : settings_.functions)
-        driver.pci_links[function.number] = {{function.pci_link[0], function.pci_link[1]}};
-    device_conf.device_index = settings_.id;
-    device_conf.ip[0] = settings_.addresses[0];
-    device_conf.ip[1] = settings_.addresses[1];
-    device_conf.tun = settings_.tunnel_address;
-    device_conf.port = settings_.tunnel_port;
+void put(uint64_t& status, unsigned bit, bool on) {
+    status = on ? status | mask(bit) : status & ~mask(bit);
+}
+
+}  // namespace
+
+VirtualCard::VirtualCard(CardSettings given) : id(given.id) {
+    driver.next_bus_address *= id + uint64_t{1};
+    for (const uint32_t memory : kAncMemories)
+        driver.allocate(memory, kAncMemorySize, 1, 0);
+    device_conf.device_index = id;
+    device_conf.tun = given.tunnel_address;
+    apply(std::move(given));
+    serve_at(settings.tunnel_port);
+}
+
+void VirtualCard::serve_at(uint16_t port) {
+    device_conf.port = port;
+    server_address_ = uint32ToIp(settings.tunnel_address) + ":" + std::to_string(port);
+}
+
+DriverFault VirtualCard::next_driver_fault(uint32_t selector) {
+    const std::lock_guard lock(mutex);
+    const DriverFault* const fault = next_fault(
+        settings.driver_faults, [&](const DriverFault& candidate) { return candidate.selector == selector; });
+    return fault == nullptr ? DriverFault{} : *fault;
 }
 
 bool VirtualCard::is_present() {
     const std::lock_guard lock(mutex);
-    return !removed;
+    return !settings.removed;
 }
 
-void VirtualCard::set_registers(const std::vector<RegisterSettings>& registers) {
-    for (const RegisterSettings& entry : registers) {
-        if (entry.value <= std::numeric_limits<uint32_t>::max()) {
+void VirtualCard::apply(CardSettings given) {
+    settings = std::move(given);
+    for (const RegisterSettings& entry : std::exchange(settings.registers, {})) {
+        if (entry.size() == sizeof(uint32_t)) {
             bars.write(entry.bar, entry.offset, static_cast<uint32_t>(entry.value));
         } else {
             bars.write(entry.bar, entry.offset, entry.value);
         }
     }
-}
-
-void VirtualCard::set_tunnel_port(uint16_t port) {
-    settings_.tunnel_port = port;
-    device_conf.port = port;
-}
-
-std::string VirtualCard::server_address() const {
-    return uint32ToIp(settings_.tunnel_address) + ":" + std::to_string(settings_.tunnel_port);
-}
-
-DriverFault VirtualCard::next_fault(uint32_t selector) {
-    const std::lock_guard lock(mutex);
-    const uint32_t count = ++calls_[selector];
-    for (const DriverFault& fault : settings_.driver_faults) {
-        if (fault.selector == selector && (!fault.nth || *fault.nth == count)) return fault;
+    const auto links = std::exchange(settings.links, {});
+    const auto ptp_state = std::exchange(settings.ptp_state, {});
+    if (links || ptp_state) {
+        uint64_t status = 0;
+        bars.read(registers::kStatus.bar, registers::kStatus.offset, status);
+        for (std::size_t port = 0; links && port < links->size(); ++port)
+            put(status, kLinkBits[port], (*links)[port]);
+        for (const StatusBit& entry : kPtpBits) {
+            if (ptp_state) put(status, entry.bit, entry.state == *ptp_state);
+        }
+        bars.write(registers::kStatus.bar, registers::kStatus.offset, status);
     }
-    return {};
+    std::copy(std::begin(settings.addresses), std::end(settings.addresses), device_conf.ip);
+    device_conf.ptp_selected = settings.ptp_selected;
+}
+
+CardSettings VirtualCard::present() {
+    const std::string firmware_status = firmware.status();  // Completes a write whose time is over.
+    CardSettings whole = settings;
+    whole.firmware.status = firmware_status;
+    whole.registers = bars.registers();
+    uint64_t status = 0;
+    bars.read(registers::kStatus.bar, registers::kStatus.offset, status);
+    whole.links = {(status & mask(kLinkBits[0])) != 0, (status & mask(kLinkBits[1])) != 0};
+    whole.ptp_state = kNoPtpState;
+    for (const StatusBit& entry : kPtpBits) {
+        if ((status & mask(entry.bit)) == 0) continue;
+        if (whole.ptp_state != kNoPtpState) {
+            whole.ptp_state.reset();  // Several bits: only the register tells it whole.
+            break;
+        }
+        whole.ptp_state = entry.state;
+    }
+    return whole;
 }
 
 }  // namespace kivsim

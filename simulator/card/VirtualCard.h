@@ -4,17 +4,17 @@
 
 #include "driver/wire.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "card/BarMemory.h"
 #include "card/CardSettings.h"
 #include "card/DriverState.h"
-#include "card/ManagementState.h"
+#include "card/Firmware.h"
 
 namespace kivsim {
 
@@ -23,35 +23,41 @@ inline constexpr uint32_t kAncMemories[] = {0x100, 0x101, 0x102, 0x103};
 
 class VirtualCard {
   public:
-    explicit VirtualCard(CardSettings settings);
+    explicit VirtualCard(CardSettings given);
 
-    /// What the card was made with; the tunnel port is the one in use once the servers run.
-    const CardSettings& settings() const { return settings_; }
-    void set_tunnel_port(uint16_t port);  ///< Before the driver process runs.
+    const uint8_t id;
 
     /// "address:port" of the management server.
-    std::string server_address() const;
+    const std::string& server_address() const { return server_address_; }
+    void serve_at(uint16_t port);  ///< The port in use; before the driver process and the servers run.
 
     /// The fault for this call of a selector, if there is one; counts the call.
-    DriverFault next_fault(uint32_t selector);
+    DriverFault next_driver_fault(uint32_t selector);
 
     /// Whether it is in its slot.
     bool is_present();
 
-    /// Holding the mutex: a value of up to 32 bits leaves the register after it alone.
-    void set_registers(const std::vector<RegisterSettings>& registers);
+    /// Holding the mutex: takes these settings, and sets the registers in them.
+    void apply(CardSettings given);
 
-    std::mutex mutex;      ///< Guards all below.
-    bool removed = false;  ///< Out of its slot: no service, no server.
+    /// Holding the mutex: the settings with the registers that are not zero, and all that follows from the
+    /// state.
+    CardSettings present();
+
+    std::mutex mutex;  ///< Guards all below.
+    CardSettings
+        settings;  ///< In force. Registers are in `bars`, so `registers`, `links`, `ptp_state` are not set.
     BarMemory bars;
-    ManagementState management;
+    Firmware firmware{settings};
+    /// Processes registered with the management server, and when they expire.
+    std::map<int64_t, std::chrono::steady_clock::time_point> alive;
     DriverState driver;
     kiv::wire::DeviceConf device_conf{};
-    std::function<void()> wake_driver;  ///< Set while the driver process runs; call it after adding a stream.
+    std::function<void()>
+        wake_driver;  ///< Set while the driver process runs; call it after adding a stream or new settings.
 
   private:
-    CardSettings settings_;
-    std::map<uint32_t, uint32_t> calls_;  ///< By selector; guarded by the mutex.
+    std::string server_address_;
 };
 
 }  // namespace kivsim

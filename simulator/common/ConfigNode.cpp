@@ -7,8 +7,23 @@
 
 namespace kivsim {
 
+namespace {
+
+/// Without the JSON library's mark of its own errors: "parse error at line 1, column 2: ...".
+Json parsed(const std::string& text, const std::string& source) {
+    try {
+        return parse_json(text);
+    } catch (const std::exception& error) {
+        const std::string what = error.what();
+        const bool marked = what.starts_with("[json.exception") && what.find("] ") != std::string::npos;
+        throw BadConfig(source + ": " + (marked ? what.substr(what.find("] ") + 2) : what));
+    }
+}
+
+}  // namespace
+
 ConfigNode::ConfigNode(const std::string& text, const std::string& source)
-    : json_(std::make_shared<const Json>(parse_json(text))), way_(source + ": ") {}
+    : json_(std::make_shared<const Json>(parsed(text, source))), way_(source + ": ") {}
 
 ConfigNode::ConfigNode(const ConfigNode& parent, const Json& json, const std::string& way)
     : json_(parent.json_, &json), way_(way) {}
@@ -17,7 +32,7 @@ void ConfigNode::complain(const std::string& what) const {
     throw BadConfig(is_root() ? way_ + "the top level " + what : way_ + ": " + what);
 }
 
-void ConfigNode::members(std::initializer_list<const char*> known) const {
+void ConfigNode::members(const std::vector<const char*>& known) const {
     each_member([&](const std::string& key, const ConfigNode&) {
         const auto same = [&](const char* name) { return key == name; };
         if (std::none_of(known.begin(), known.end(), same)) throw BadConfig(way_to(key) + ": unknown key");
@@ -50,6 +65,11 @@ void ConfigNode::each_member(
 std::string ConfigNode::text() const {
     if (!json_->is_string()) complain("must be a text");
     return json_->get<std::string>();
+}
+
+bool ConfigNode::boolean() const {
+    if (!json_->is_boolean()) complain("must be true or false");
+    return json_->get<bool>();
 }
 
 uint64_t ConfigNode::number_up_to(uint64_t greatest) const {

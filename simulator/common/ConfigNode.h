@@ -1,4 +1,4 @@
-/// Reading of settings that complain by name: from cards.json, and from the control address.
+/// Reading of settings that complain by name: from the cards file, and from the control address.
 #ifndef KIVSIM_CONFIG_NODE_H
 #define KIVSIM_CONFIG_NODE_H
 
@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -26,13 +25,13 @@ class BadConfig : public std::runtime_error {
 /// A value and the way to it, so that a complaint can name the key.
 class ConfigNode {
   public:
-    /// The top level of a text. Complaints begin with "SOURCE: ". Throws as parse_json.
+    /// The top level of a text. Complaints begin with "SOURCE: ", also that about a text that is no JSON.
     ConfigNode(const std::string& text, const std::string& source);
 
     [[noreturn]] void complain(const std::string& what) const;
 
     /// The members of an object; complains about keys that are not in `known`.
-    void members(std::initializer_list<const char*> known) const;
+    void members(const std::vector<const char*>& known) const;
     bool has(const char* key) const;
     ConfigNode at(const char* key) const;
 
@@ -41,6 +40,7 @@ class ConfigNode {
 
     const Json& json() const { return *json_; }
     std::string text() const;
+    bool boolean() const;
 
     /// A number, or a text of one in decimal or, after "0x", in hexadecimal digits.
     template <typename Number>

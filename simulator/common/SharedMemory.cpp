@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace kivsim {
@@ -12,6 +14,11 @@ SharedMemory::SharedMemory(uint64_t size)
     if (file_ && ftruncate(file_.get(), static_cast<off_t>(size)) != 0) file_.reset();
     // A program that mapped it may rely on its size.
     if (file_) fcntl(file_.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW);
+}
+
+uint64_t SharedMemory::next_written(uint64_t offset) const {
+    const off_t found = lseek(file_.get(), static_cast<off_t>(offset), SEEK_DATA);
+    return found >= 0 ? static_cast<uint64_t>(found) : errno == ENXIO ? ~uint64_t{0} : offset;
 }
 
 void SharedMemory::read(uint64_t offset, void* to, std::size_t size) const {

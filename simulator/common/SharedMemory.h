@@ -20,6 +20,10 @@ class SharedMemory {
     explicit operator bool() const { return static_cast<bool>(file_); }
     int descriptor() const { return file_.get(); }
 
+    /// Where the first page at or after `offset`, a multiple of the page size, begins that may have been
+    /// written; the size or more when there is none. All other pages are zero.
+    uint64_t next_written(uint64_t offset) const;
+
     /// The caller stays inside.
     void read(uint64_t offset, void* to, std::size_t size) const;
     void write(uint64_t offset, const void* from, std::size_t size);

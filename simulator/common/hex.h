@@ -1,24 +1,24 @@
-/// Bytes in hexadecimal.
+/// Bytes and numbers in hexadecimal.
 #ifndef KIVSIM_HEX_H
 #define KIVSIM_HEX_H
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace kivsim {
 
 /// Two lower-case digits a byte.
-inline std::string hex(std::span<const std::byte> bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const std::byte byte : bytes) {
-        text += kDigits[std::to_integer<unsigned>(byte) >> 4];
-        text += kDigits[std::to_integer<unsigned>(byte) & 15];
-    }
-    return text;
-}
+std::string hex(std::span<const std::byte> bytes);
+
+/// The bytes of such digits, in either case; nothing when there is anything else.
+std::optional<std::vector<std::byte>> bytes_of_hex(const std::string& digits);
+
+/// "0x1F"
+std::string hex_number(uint64_t value);
 
 }  // namespace kivsim
 

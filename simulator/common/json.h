@@ -10,13 +10,17 @@ namespace kivsim {
 
 using Json = nlohmann::ordered_json;
 
-/// Throws std::exception; nesting beyond all use, which would cost the stack, is refused too.
+/// Members that a JSON object may have.
+inline constexpr int kMostMembers = 10'000;
+
+/// Throws std::exception. Refuses also nesting beyond all use, which would cost the stack, and objects of so
+/// many members that looking for each would cost minutes.
 Json parse_json(const std::string& text);
 
-/// In one line, or with an indent. Throws when a text in it is no UTF-8.
+/// In one line, or with an indent; what is no UTF-8 is replaced.
 std::string text_of(const Json& json, int indent = -1);
 
-/// A text as JSON, in quotes; what is no UTF-8 is replaced.
+/// A text as JSON, in quotes; likewise.
 std::string quoted(const std::string& text);
 
 }  // namespace kivsim

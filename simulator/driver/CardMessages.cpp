@@ -16,28 +16,29 @@ constexpr std::chrono::milliseconds kRoomPause{100};
 
 }  // namespace
 
-CardMessages::CardMessages(const std::vector<std::shared_ptr<VirtualCard>>& cards, MessageChannels& channels)
-    : cards_(cards), channels_(channels) {
-    for (const auto& card : cards) {
-        if (card->settings().interrupt_ms != 0) timers_[card.get()] = Clock::now();
-    }
-}
-
 bool CardMessages::send() {
     const Clock::time_point now = Clock::now();
-    for (auto& [card, due] : timers_) {
-        const std::lock_guard lock(card->mutex);
-        if (now < due) continue;
-        due = now + std::chrono::milliseconds(card->settings().interrupt_ms);
-        if (!card->removed) send_interrupts(*card);
-    }
     bool more = false;
     for (const auto& card : cards_) {
         const std::lock_guard lock(card->mutex);
+        if (is_interrupt_due(*card, now) && !card->settings.removed) send_interrupts(*card);
         if (!has_listener(*card)) card->driver.streams.clear();
         more = send_streams(*card, now) || more;
     }
     return more;
+}
+
+/// Follows the period that the card has now; one that is new begins with an interrupt.
+bool CardMessages::is_interrupt_due(const VirtualCard& card, Clock::time_point now) {
+    const std::chrono::milliseconds period(card.settings.interrupt_ms);
+    if (period.count() == 0) {
+        timers_.erase(&card);
+        return false;
+    }
+    Timer& timer = timers_[&card];
+    if (timer.period == period && now < timer.due) return false;
+    timer = {period, now + period};
+    return true;
 }
 
 void CardMessages::send_interrupts(VirtualCard& card) {
@@ -72,8 +73,8 @@ bool CardMessages::send_streams(VirtualCard& card, Clock::time_point now) {
 std::optional<CardMessages::Clock::time_point> CardMessages::next_time() {
     std::optional<Clock::time_point> next;
     const auto consider = [&](Clock::time_point time) { next = next ? std::min(*next, time) : time; };
-    for (const auto& [card, due] : timers_)
-        consider(due);
+    for (const auto& [card, timer] : timers_)
+        consider(timer.due);
     for (const auto& card : cards_) {
         const std::lock_guard lock(card->mutex);
         const Clock::time_point room =
@@ -94,8 +95,9 @@ bool CardMessages::waits_for_room(const VirtualCard& card) {
 
 bool CardMessages::has_listener(const VirtualCard& card) const {
     const auto& connections = card.driver.connections;
-    return !card.removed && std::any_of(connections.begin(), connections.end(),
-                                        [&](const auto& entry) { return channels_.has(entry.first); });
+    return !card.settings.removed &&
+           std::any_of(connections.begin(), connections.end(),
+                       [&](const auto& entry) { return channels_.has(entry.first); });
 }
 
 }  // namespace kivsim

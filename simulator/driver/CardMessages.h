@@ -19,7 +19,8 @@ class CardMessages {
   public:
     using Clock = MessageStream::Clock;
 
-    CardMessages(const std::vector<std::shared_ptr<VirtualCard>>& cards, MessageChannels& channels);
+    CardMessages(const std::vector<std::shared_ptr<VirtualCard>>& cards, MessageChannels& channels)
+        : cards_(cards), channels_(channels) {}
 
     /// Sends what is due. True when there is more to send at once.
     bool send();
@@ -28,6 +29,12 @@ class CardMessages {
     std::optional<Clock::time_point> next_time();
 
   private:
+    struct Timer {
+        std::chrono::milliseconds period{};
+        Clock::time_point due;
+    };
+
+    bool is_interrupt_due(const VirtualCard& card, Clock::time_point now);
     void send_interrupts(VirtualCard& card);
     bool send_streams(VirtualCard& card, Clock::time_point now);
     bool waits_for_room(const VirtualCard& card);
@@ -35,7 +42,7 @@ class CardMessages {
 
     const std::vector<std::shared_ptr<VirtualCard>>& cards_;
     MessageChannels& channels_;
-    std::map<VirtualCard*, Clock::time_point> timers_;  ///< Cards with interrupts of their own: the next one.
+    std::map<const VirtualCard*, Timer> timers_;  ///< Of cards with interrupts of their own.
 };
 
 }  // namespace kivsim

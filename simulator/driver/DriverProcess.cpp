@@ -46,10 +46,11 @@ DriverProcess::DriverProcess(std::vector<std::shared_ptr<VirtualCard>> cards, st
                              const std::string& trace_path)
     : first_entry_(fresh_entries()), cards_(std::move(cards)), socket_path_(std::move(socket_path)) {
     for (const auto& card : cards_) {
-        for (const FunctionSettings& function : card->settings().functions) {
-            services_.push_back({card, function,
-                                 "card " + std::to_string(card->settings().id) + " function " +
-                                     std::to_string(function.number)});
+        const std::lock_guard lock(card->mutex);
+        for (const FunctionSettings& function : card->settings.functions) {
+            services_.push_back(
+                {card, function,
+                 "card " + std::to_string(card->id) + " function " + std::to_string(function.number)});
         }
     }
     listen_on(socket_path_);
@@ -99,7 +100,7 @@ void DriverProcess::watch(int fd, uint64_t number) {
 }
 
 void DriverProcess::serve() {
-    for (bool more = false;;) {
+    for (bool more = true;;) {  // Cards may have interrupts from the start.
         epoll_event events[64];
         const int count = epoll_wait(epoll_.get(), events, std::size(events), more ? 0 : next_wait());
         send_late_replies();
@@ -190,7 +191,7 @@ std::vector<std::byte> DriverProcess::answer_call(Connection& connection, Reques
                                                   Clock::duration& delay) {
     VirtualCard& card = *connection.service->card;
     const uint32_t selector = request.header.number;
-    const DriverFault fault = card.next_fault(selector);
+    const DriverFault fault = card.next_driver_fault(selector);
     delay = std::chrono::milliseconds(fault.delay_ms);
     std::vector<std::byte> output;
     int32_t status = card.is_present() ? fault.status : kIOReturnNotAttached;

@@ -71,8 +71,9 @@ int32_t done(bool inside_bar) {
     return inside_bar ? kIOReturnSuccess : kIOReturnBadArgument;
 }
 
-int32_t get_version(Context&, const Nothing&, wire::Version& reply) {
-    reply = {1, 4, 0};
+int32_t get_version(Context& context, const Nothing&, wire::Version& reply) {
+    const auto& [major, minor, patch] = context.card.settings.driver_version;
+    reply = {major, minor, patch};
     return kIOReturnSuccess;
 }
 
@@ -169,7 +170,7 @@ int32_t deinit(Context& context, const int64_t& process_id, Nothing&) {
 }
 
 int32_t load_boot_conf(Context& context, const Nothing&, wire::BootConf& reply) {
-    const CardSettings& settings = context.card.settings();
+    const CardSettings& settings = context.card.settings;
     std::copy(std::begin(kAncMemories), std::end(kAncMemories), reply.memory_ids);
     reply.bus = settings.bus;
     reply.device = settings.device;
@@ -182,23 +183,32 @@ int32_t load_boot_conf(Context& context, const Nothing&, wire::BootConf& reply) 
 
 int32_t set_descriptor_anc(Context& context, const wire::AncDescriptors& request, Nothing&) {
     if (request.count > wire::kAncSlots) return kIOReturnBadArgument;
-    context.driver().anc_direction = request.direction != 0;
-    context.driver().anc_descriptors.assign(request.slot, request.slot + request.count);
+    AncSettings& anc = context.card.settings.anc;
+    anc.direction = request.direction != 0;
+    anc.descriptors.clear();
+    for (uint32_t i = 0; i < request.count; ++i)
+        anc.descriptors.push_back({request.slot[i].word[0], request.slot[i].word[1]});
     return kIOReturnSuccess;
 }
 
 int32_t control_anc(Context& context, const wire::AncControl& request, Nothing&) {
-    context.driver().anc_control = request;
+    AncSettings& anc = context.card.settings.anc;
+    anc.a = request.a;
+    anc.b = request.b;
+    anc.c = request.c;
     return kIOReturnSuccess;
 }
 
 int32_t get_anc_info(Context& context, const Nothing&, wire::AncInfo& reply) {
-    reply = {context.driver().anc_descriptors.size(), context.driver().anc_control.b};
+    const AncSettings& anc = context.card.settings.anc;
+    reply = {anc.descriptors.size(), anc.b};
     return kIOReturnSuccess;
 }
 
 int32_t set_device_conf(Context& context, const wire::DeviceConf& request, Nothing&) {
     context.card.device_conf = request;
+    std::copy(std::begin(request.ip), std::end(request.ip), context.card.settings.addresses);
+    context.card.settings.ptp_selected = request.ptp_selected;
     return kIOReturnSuccess;
 }
 
@@ -222,12 +232,17 @@ int32_t unregister_process_data(Context& context, const wire::ProcessData& reque
 }
 
 int32_t get_use_resource(Context& context, const Nothing&, wire::UseResource& reply) {
-    reply = context.driver().use_resource;
+    const ResourceSettings& use = context.card.settings.resources;
+    std::copy(std::begin(use.tx), std::end(use.tx), reply.tx);
+    std::copy(std::begin(use.rx), std::end(use.rx), reply.rx);
     return kIOReturnSuccess;
 }
 
 int32_t get_pci_link(Context& context, const Nothing&, wire::PciLink& reply) {
-    reply = context.driver().pci_links[context.function.number];
+    for (const FunctionSettings& function : context.card.settings.functions) {
+        if (function.number == context.function.number)
+            std::copy(std::begin(function.pci_link), std::end(function.pci_link), reply.value);
+    }
     return kIOReturnSuccess;
 }
 
@@ -283,6 +298,12 @@ bool selected_memory(VirtualCard& card, uint64_t connection, SelectedMemory& mem
     if (block == nullptr || selected->index >= block->depth) return false;
     memory = {block->memory.descriptor(), selected->index * block->element_size(), block->element_size()};
     return true;
+}
+
+bool is_selector(uint32_t selector) {
+    return selector == wire::kRegisterInterruptAsyncCallback ||
+           std::any_of(std::begin(kRows), std::end(kRows),
+                       [&](const Row& row) { return row.selector == selector; });
 }
 
 int32_t run_selector(VirtualCard& card, const FunctionSettings& function, uint64_t connection,

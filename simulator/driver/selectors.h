@@ -11,6 +11,9 @@
 
 namespace kivsim {
 
+/// Whether the driver has a method of that number, one with structs or an asynchronous one.
+bool is_selector(uint32_t selector);
+
 /// Runs one method on the card's PCI function, for a connection. Returns its status, with the reply in
 /// `output` on success.
 int32_t run_selector(VirtualCard& card, const FunctionSettings& function, uint64_t connection,

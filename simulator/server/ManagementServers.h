@@ -1,11 +1,10 @@
-/// The management servers of all virtual cards: one listening socket for each card, a few threads for all.
+/// The management servers of all virtual cards and the control address: a listening socket each, one thread
+/// that accepts for all.
 #ifndef KIVSIM_MANAGEMENT_SERVERS_H
 #define KIVSIM_MANAGEMENT_SERVERS_H
 
-#include <condition_variable>
-#include <deque>
+#include <cstdint>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,17 +13,18 @@
 
 #include "card/VirtualCard.h"
 #include "common/LocalSocket.h"
-#include "server/endpoints.h"
+#include "server/HttpServer.h"
 
 namespace kivsim {
 
 class ManagementServers {
   public:
-    /// Listens for every card whose server is not external; a card whose port is 0 gets a free one. The
-    /// control address is a free port of 127.0.0.1. With a path in `request_log`, every request to a card is
-    /// written there, a JSON object a line. Throws std::runtime_error when an address cannot be listened on
-    /// or the log not be written.
-    ManagementServers(const std::vector<std::shared_ptr<VirtualCard>>& cards, const std::string& request_log);
+    /// Listens for every card whose server is not external; a card whose port is 0 gets a free one. `control`
+    /// answers at `control_port` of 127.0.0.1; 0 is a free one. With a path in `request_log`, every request
+    /// to a card is written there, a JSON object a line. Throws std::runtime_error when an address cannot be
+    /// listened on or the log not be written.
+    ManagementServers(const std::vector<std::shared_ptr<VirtualCard>>& cards, Answering control,
+                      uint16_t control_port, const std::string& request_log);
     ~ManagementServers();
 
     uint16_t control_port() const { return control_port_; }
@@ -33,20 +33,10 @@ class ManagementServers {
     ManagementServers& operator=(const ManagementServers&) = delete;
 
   private:
-    class Server;
-    struct Connection {
-        Server* server = nullptr;
-        Descriptor socket;
-    };
-    using Answering = std::function<Answer(const HttpRequest&)>;
-
     uint16_t add_server(Answering handler, uint32_t host, uint16_t port, const std::string& name);
     Answer answer_card(VirtualCard& card, const HttpRequest& request);
     void accept_connections();
-    void serve_connections();
 
-    std::vector<std::unique_ptr<Server>> servers_;  ///< Of the cards that we serve, and the control address.
-    std::vector<Descriptor> listeners_;             ///< One for each server.
     uint16_t control_port_ = 0;
     Descriptor spare_ = spare_descriptor();
     Descriptor epoll_;
@@ -55,11 +45,10 @@ class ManagementServers {
     std::mutex log_mutex_;
     std::ofstream log_;  ///< Guarded by its mutex.
 
-    std::mutex mutex_;  ///< Guards `waiting_` and `stopping_`.
-    std::condition_variable condition_;
-    std::deque<Connection> waiting_;  ///< Accepted, not yet served.
-    bool stopping_ = false;
-    std::vector<std::thread> threads_;
+    std::vector<Descriptor> listeners_;  ///< One for each server.
+    std::vector<std::unique_ptr<HttpServer>>
+        servers_;  ///< Of the cards that we serve, and the control address.
+    std::thread thread_;
 };
 
 }  // namespace kivsim

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "card/reconfigure.h"
 #include "common/ConfigNode.h"
 
 namespace kivsim {
@@ -37,7 +38,7 @@ Outcome done_unless(const std::string& reason) {
 }
 
 struct Call {
-    ManagementState& state;
+    VirtualCard& card;
     const HttpRequest& request;
     Json body;         ///< Parsed; throws on access to what is not there, which is answered with 400.
     std::string rest;  ///< Of the path, behind the row's.
@@ -45,26 +46,22 @@ struct Call {
 
 Outcome networks(Call& call) {
     Json list = Json::array();
-    for (const InterfaceSettings& entry : call.state.interfaces) {
-        list.push_back({{"if_name", entry.if_name},
-                        {"ip_addr", entry.ip_addr},
-                        {"netmask", entry.netmask},
-                        {"hw_addr", entry.hw_addr}});
-    }
+    for (const InterfaceSettings& entry : call.card.settings.interfaces)
+        list.push_back(json_of(entry));
     return Json{{"interfaces", list}};
 }
 
 Outcome reconfig(Call& call) {
     const auto command = call.body.at("reconfig_cmd").get<std::string>();
-    const std::string reason = reconfigure(call.state.interfaces, command);
-    if (reason.empty()) call.state.log += "network reconfigured: " + command + "\n";
+    const std::string reason = reconfigure(call.card.settings.interfaces, command);
+    if (reason.empty()) call.card.settings.log += "network reconfigured: " + command + "\n";
     return done_unless(reason);
 }
 
 /// A document that is set from outside.
 template <auto document>
 Outcome report(Call& call) {
-    return parse_json(call.state.*document);
+    return parse_json(call.card.settings.*document);
 }
 
 std::vector<Membership> memberships_in(const Json& body) {
@@ -78,7 +75,7 @@ std::vector<Membership> memberships_in(const Json& body) {
 }
 
 Outcome igmp_join(Call& call) {
-    auto& all = call.state.memberships;
+    auto& all = call.card.settings.memberships;
     for (Membership& entry : memberships_in(call.body)) {
         if (std::find(all.begin(), all.end(), entry) == all.end()) all.push_back(std::move(entry));
     }
@@ -87,35 +84,31 @@ Outcome igmp_join(Call& call) {
 
 Outcome igmp_leave(Call& call) {
     for (const Membership& entry : memberships_in(call.body))
-        std::erase(call.state.memberships, entry);
+        std::erase(call.card.settings.memberships, entry);
     return done();
 }
 
 Outcome igmp_list(Call& call) {
     Json list = Json::array();
-    for (const Membership& entry : call.state.memberships) {
-        list.push_back({{"pid", entry.pid},
-                        {"dst_ip_addr", entry.dst_ip_addr},
-                        {"if_name", entry.if_name},
-                        {"ssm_source_addr", entry.ssm_source_addr}});
-    }
+    for (const Membership& entry : call.card.settings.memberships)
+        list.push_back(json_of(entry));
     return Json{{"list", list}};
 }
 
 Outcome tcpdump(Call& call) {
     const auto name = call.body.at("if_name").get<std::string>();
     const auto seconds = call.body.at("second").get<uint32_t>();
-    const auto& all = call.state.interfaces;
+    const auto& all = call.card.settings.interfaces;
     if (std::none_of(all.begin(), all.end(), [&](const auto& entry) { return entry.if_name == name; })) {
         return refused("no interface \"" + name + "\"");
     }
-    call.state.log += "capture on " + name + " for " + std::to_string(seconds) + " s\n";
+    call.card.settings.log += "capture on " + name + " for " + std::to_string(seconds) + " s\n";
     return done();
 }
 
 Outcome download_log(Call& call) {
     Outcome outcome = done();
-    outcome.plain = call.state.log;
+    outcome.plain = call.card.settings.log;
     return outcome;
 }
 
@@ -126,40 +119,40 @@ int64_t process_in(const Call& call) {
 }
 
 Outcome alive_register(Call& call) {
-    call.state.alive[process_in(call)] = std::chrono::steady_clock::now() + kAliveTime;
+    call.card.alive[process_in(call)] = std::chrono::steady_clock::now() + kAliveTime;
     return done();
 }
 
 Outcome alive_refresh(Call& call) {
-    const auto known = call.state.alive.find(process_in(call));
-    if (known == call.state.alive.end()) return refused("not registered", 404);
+    const auto known = call.card.alive.find(process_in(call));
+    if (known == call.card.alive.end()) return refused("not registered", 404);
     known->second = std::chrono::steady_clock::now() + kAliveTime;
     return done();
 }
 
 Outcome firmware_upload(Call& call) {
     if (!call.request.file) return refused("the form has no file");
-    return done_unless(call.state.firmware.upload(*call.request.file));
+    return done_unless(call.card.firmware.upload(*call.request.file));
 }
 
 Outcome firmware_control(Call& call) {
     if (call.body.at("start").get<bool>()) {
-        return done_unless(call.state.firmware.start(call.body.at("md5hush").get<std::string>()));
+        return done_unless(call.card.firmware.start(call.body.at("md5hush").get<std::string>()));
     }
-    call.state.firmware.cancel();
+    call.card.firmware.cancel();
     return done();
 }
 
 Outcome firmware_status(Call& call) {
-    return Json(call.state.firmware.status());
+    return Json(call.card.firmware.status());
 }
 
 Outcome firmware_info(Call& call) {
-    return Json{{"User1", call.state.firmware.slot(0)}, {"User2", call.state.firmware.slot(1)}};
+    return Json{{"User1", call.card.firmware.slot(0)}, {"User2", call.card.firmware.slot(1)}};
 }
 
 Outcome firmware_switch(Call& call) {
-    return done_unless(call.state.firmware.switch_to(call.body.at("image").get<uint64_t>()));
+    return done_unless(call.card.firmware.switch_to(call.body.at("image").get<uint64_t>()));
 }
 
 struct Row {
@@ -172,9 +165,9 @@ struct Row {
 constexpr Row kRows[] = {
     {"GET",    "/hps/info/networks",            networks},
     {"POST",   "/hps/control/network/reconfig", reconfig},
-    {"GET",    "/hps/hwmon/info",               report<&ManagementState::hwmon>},
-    {"GET",    "/hps/ptp/master",               report<&ManagementState::ptp_master>},
-    {"GET",    "/hps/ptp/management",           report<&ManagementState::ptp_management>},
+    {"GET",    "/hps/hwmon/info",               report<&CardSettings::hwmon>},
+    {"GET",    "/hps/ptp/master",               report<&CardSettings::ptp_master>},
+    {"GET",    "/hps/ptp/management",           report<&CardSettings::ptp_management>},
     {"POST",   "/hps/control/igmp",             igmp_join},
     {"DELETE", "/hps/control/igmp",             igmp_leave},
     {"GET",    "/hps/control/igmp",             igmp_list},
@@ -190,20 +183,41 @@ constexpr Row kRows[] = {
 };
 // clang-format on
 
-Outcome run_row(ManagementState& state, const HttpRequest& request, const std::string& path) {
+/// Whether the path stands in the row, or below it.
+bool is_at(const Row& row, const std::string& path) {
+    const std::string_view own = row.path;
+    return own.ends_with('/') ? path.starts_with(own) : path == own;
+}
+
+/// A payload that the settings give for the path stands in place of the card's own.
+Outcome with_given_answer(Outcome outcome, const CardSettings& settings, const HttpRequest& request,
+                          const std::string& path) {
+    const auto given = settings.answers.find(path);
+    if (request.method != "GET" || given == settings.answers.end()) return outcome;
+    Outcome replaced = parse_json(given->second);
+    if (outcome.plain)
+        replaced.plain = replaced.payload.is_string() ? replaced.payload.get<std::string>() : given->second;
+    return replaced;
+}
+
+Outcome run_row(VirtualCard& card, const HttpRequest& request, const std::string& path) {
     for (const Row& row : kRows) {
-        const std::string_view own = row.path;
-        const bool same = own.ends_with('/') ? path.starts_with(own) : path == own;
-        if (!same || request.method != row.method) continue;
+        if (!is_at(row, path) || request.method != row.method) continue;
         try {
             const bool has_json = !request.file && !request.body.empty();
-            Call call{state, request, has_json ? parse_json(request.body) : Json(), path.substr(own.size())};
-            return row.run(call);
+            Call call{card, request, has_json ? parse_json(request.body) : Json(),
+                      path.substr(std::string_view(row.path).size())};
+            return with_given_answer(row.run(call), card.settings, request, path);
         } catch (const std::exception& error) {
             return refused(error.what());
         }
     }
     return refused("no such resource", 404);
+}
+
+/// What stands for the card's own answer when a fault keeps it from doing what it is asked.
+Outcome not_carried_out(const HttpFault& fault) {
+    return fault.body ? done() : refused("not carried out", 503);
 }
 
 std::string wrapped(const Json& payload, Wrapping wrapping) {
@@ -218,42 +232,59 @@ std::string wrapped(const Json& payload, Wrapping wrapping) {
     return text_of(payload);
 }
 
-/// The fault that this request meets, if any; counts the request at all that match.
-std::optional<HttpFault> fault_for(std::vector<HttpFault>& faults, const std::string& method,
-                                   const std::string& path) {
-    std::optional<HttpFault> met;
-    for (HttpFault& fault : faults) {
-        if (!fault.matches(method, path)) continue;
-        ++fault.seen;
-        if (!met && (!fault.nth || *fault.nth == fault.seen)) met = fault;
-    }
-    return met;
-}
-
 }  // namespace
 
 Answer answer_request(VirtualCard& card, const HttpRequest& request) {
     if (!request.path.starts_with(kBase)) return {404, text_of({{"error", "no such resource"}})};
     const std::string path = request.path.substr(kBase.size());
     const std::lock_guard lock(card.mutex);
-    ManagementState& state = card.management;
-    std::erase_if(state.alive,
+    std::erase_if(card.alive,
                   [](const auto& entry) { return entry.second < std::chrono::steady_clock::now(); });
 
-    const std::optional<HttpFault> fault = fault_for(state.faults, request.method, path);
-    Outcome outcome = run_row(state, request, path);
-    if (fault && fault->patch != "null") outcome.payload.merge_patch(parse_json(fault->patch));
+    CardSettings& settings = card.settings;
+    const HttpFault* const fault = next_fault(settings.http_faults, [&](const HttpFault& candidate) {
+        return candidate.matches(request.method, path);
+    });
     Answer answer;
+    answer.carried_out = fault == nullptr || fault->carried_out;
+    Outcome outcome = answer.carried_out ? run_row(card, request, path) : not_carried_out(*fault);
+    if (fault != nullptr && fault->patch != "null") outcome.payload.merge_patch(parse_json(fault->patch));
     answer.status = outcome.status;
-    answer.body = outcome.plain ? *outcome.plain : wrapped(outcome.payload, state.wrapping);
+    answer.body = outcome.plain ? *outcome.plain : wrapped(outcome.payload, settings.wrapping);
     if (outcome.plain) answer.content_type = "application/octet-stream";
-    if (fault) {
+    if (fault != nullptr) {
         answer.delay_ms = fault->delay_ms;
         answer.cut = fault->cut;
         answer.status = fault->status.value_or(answer.status);
         answer.body = fault->body.value_or(answer.body);
     }
     return answer;
+}
+
+bool is_path_of_server(const std::string& path) {
+    return std::any_of(std::begin(kRows), std::end(kRows), [&](const Row& row) {
+        return is_at(row, path) || (path.ends_with('/') && std::string_view(row.path).starts_with(path));
+    });
+}
+
+bool is_answer_of_server(const std::string& path) {
+    return std::any_of(std::begin(kRows), std::end(kRows), [&](const Row& row) {
+        return path == row.path && std::string_view(row.method) == "GET";
+    });
+}
+
+Json json_of(const InterfaceSettings& interface) {
+    return {{"if_name", interface.if_name},
+            {"ip_addr", interface.ip_addr},
+            {"netmask", interface.netmask},
+            {"hw_addr", interface.hw_addr}};
+}
+
+Json json_of(const Membership& membership) {
+    return {{"pid", membership.pid},
+            {"dst_ip_addr", membership.dst_ip_addr},
+            {"if_name", membership.if_name},
+            {"ssm_source_addr", membership.ssm_source_addr}};
 }
 
 }  // namespace kivsim

@@ -25,7 +25,7 @@ struct FoundCards {
 
     /// Asks the control address: "PATCH" replaces members of a card, "POST" and "DELETE" are for its faults.
     void control(const std::string& method, unsigned id, const std::string& body) {
-        const std::string path = method == "PATCH" ? "" : "/faults";
+        const std::string path = method == "PATCH" ? "" : "/http_faults";
         EXPECT_EQ(simulator.control(method, path, body, id).status, 200) << body;
     }
 

@@ -41,13 +41,16 @@ ROOMS = {
     "simulator card":    (r"simulator/card/",                   ["base", "simulator common", "wire", "registers", "IOKit/IOReturn.h", "nlohmann"]),
     "simulator driver":  (r"simulator/driver/",
                           ["simulator common", "simulator card", "wire", "driver process", "IOKit/IOReturn.h", "nlohmann"]),
-    "simulator server":  (r"simulator/server/",  ["base", "simulator common", "simulator card", "registers", "nlohmann", "httplib.h"]),
+    "simulator server":  (r"simulator/server/",  ["base", "simulator common", "simulator card", "nlohmann", "httplib.h"]),
+    "settings":          (r"simulator/settings/",
+                          ["base", "simulator common", "simulator card", "simulator driver", "simulator server", "wire",
+                           "nlohmann"]),
     "simulator":         (r"simulator/",
-                          ["simulator common", "simulator card", "simulator driver", "simulator server", "driver process",
-                           "nlohmann", "CLI"]),
+                          ["simulator common", "simulator card", "simulator driver", "simulator server",
+                           "settings", "driver process", "nlohmann", "CLI"]),
     "kivctl":            (r"tools/kivctl/",                    ["kiv/kiv_api.h", "kiv/kiv_types.h", "kiv/kivLog.h", "nlohmann", "fmt", "CLI"]),
     "examples":          (r"examples/",                        ["kiv/kiv_api.h", "kiv/kivLog.h"]),
-    "test support":      (r"tests/support/",                   ["base", "log", "simulator", "simulator card", "wire", "nlohmann", "httplib.h"]),
+    "test support":      (r"tests/support/",                   ["base", "log", "simulator", "simulator card", "settings", "wire", "nlohmann", "httplib.h"]),
     "benchmarks":        (r"benchmarks/",                      ["*"]),
     "tests":             (r"tests/",                           ["*"]),
 }
@@ -60,10 +63,14 @@ INHERITED = ("rest interface", "rest")
 EXCEPTIONS = {
     "tools/kivctl/driver_process_linux.cpp": ["driver process"],
     "tools/kivctl/driver_process_macos.cpp": ["kiv/kivDriverService.h"],
-    "tools/kivctl/driver.cpp": ["kiv/kivDriverClient.h"],
+    "tools/kivctl/doctor.h": ["kiv/kivDriverClient.h"],
+    "tools/kivctl/doctor_card.cpp": ["registers"],
+    "tools/kivctl/functions.h": ["kiv/kivDriverClient.h"],
+    "tools/kivctl/registers.cpp": ["registers"],
     "tools/kivctl/server.cpp": ["kiv/kivClient.h", "kiv/HpsHttpHelper.h"],
     "tools/kivctl/configuration.cpp": ["kiv/CardConfig.h"],
     "tools/kivctl/configuration_check.cpp": ["kiv/CardConfig.h"],
+    "tools/kivctl/support_archive.cpp": ["archive.h", "archive_entry.h"],
     "examples/talk_to_card.cpp": ["kiv/hpsClient.h"],
     "examples/use_driver.cpp": ["kiv/kivDriverClient.h"],
 }
@@ -71,7 +78,7 @@ ONLY_IN = {"curl": {"macOS/library/kivHpsClientKit/kivClient.cpp"}}
 # In the library the JSON library's header comes by this one, which makes its types those of the application.
 JSON_HEADER = "sdk/library/src/base/kiv_json.h"
 
-LIBRARIES = {"nlohmann", "spdlog", "fmt", "curl", "CLI", "httplib.h", "os", "IOKit", "CoreFoundation", "mach",
+LIBRARIES = {"archive.h", "archive_entry.h", "nlohmann", "spdlog", "fmt", "curl", "CLI", "httplib.h", "os", "IOKit", "CoreFoundation", "mach",
              "pthread", "CommonCrypto"}
 # Where private include lines start: an area's own files first.
 AREAS = ["sdk/library/src", "macOS/library", "linux/platform/src", "simulator", "tools/kivctl", "tests", "benchmarks"]

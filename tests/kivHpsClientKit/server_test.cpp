@@ -89,10 +89,12 @@ TEST_F(hpsServer, ItsControlAddressShowsRegistrationsAndChangesAnswers) {
     EXPECT_EQ((Results{client.keep_alive(56), client.keep_alive(99)}), (Results{0, -1}));
     EXPECT_EQ(log.take(), Lines{"HTTP not found"});
     const std::string own = R"(200 {"id":1,"server":"127.0.0.1:)" + card.port();
-    EXPECT_TRUE(card.control("GET").starts_with(own + R"(","alive":[56,1234],"faults":0,"driver":{)"));
+    EXPECT_TRUE(card.control("GET").starts_with(
+        own + R"(","alive":[56,1234],"http_faults":[],"driver_faults":[],"driver":{)"));
     const std::string line =
         R"({"card":1,"method":"PATCH","path":"/api/v1.0/alive/56","body":"null","status":200,)";
-    EXPECT_NE(card.log().find(line + R"("answer":"{\"data\":\"ok\"}"})" + "\n"), std::string::npos);
+    EXPECT_NE(card.log().find(line + R"("carried_out":true,"answer":"{\"data\":\"ok\"}"})" + "\n"),
+              std::string::npos);
     card.control("PATCH", "", {{"hwmon", parsed("[{}]")}});
     for (const auto& [wrapping, body] :
          {std::pair("text", R"({"data":"[{}]"})"), {"none", "[{}]"}, {"object", R"({"data":[{}]})"}}) {
@@ -101,7 +103,8 @@ TEST_F(hpsServer, ItsControlAddressShowsRegistrationsAndChangesAnswers) {
         EXPECT_EQ(client.get_fw_status(), "idle");
     }
     EXPECT_EQ(card.control("PATCH", "", {{"wrap", 1}}), R"(400 {"error":"request: wrap: unknown key"})");
-    EXPECT_EQ(card.control("POST", "/faults", {{"nth", 1}}), R"(400 {"error":"request: path: missing"})");
+    EXPECT_EQ(card.control("POST", "/http_faults", {{"nth", 1}}),
+              R"(400 {"error":"request: path: missing"})");
 }
 
 TEST_F(hpsServer, FailsAsAsked) {
@@ -122,14 +125,14 @@ TEST_F(hpsServer, FailsAsAsked) {
     for (auto [fault, status, lines] : cases) {
         const Stopwatch watch;
         fault["path"] = "/hps/firmware/status";
-        EXPECT_EQ(card.control("POST", "/faults", fault), "200 \"ok\"");
+        EXPECT_EQ(card.control("POST", "/http_faults", fault), "200 \"ok\"");
         EXPECT_EQ(client.get_fw_status(), status) << fault;
         EXPECT_GE(watch.elapsed().count(), fault.value("delay_ms", 0));
         EXPECT_EQ(log.take(), lines) << fault;
-        EXPECT_EQ(card.control("DELETE", "/faults"), "200 \"ok\"");
+        EXPECT_EQ(card.control("DELETE", "/http_faults"), "200 \"ok\"");
         EXPECT_EQ(client.get_fw_status(), "idle");
     }
-    card.control("POST", "/faults", {{"path", "/hps/ptp/master"}, {"patch", {{"leap61", nullptr}}}});
+    card.control("POST", "/http_faults", {{"path", "/hps/ptp/master"}, {"patch", {{"leap61", nullptr}}}});
     PtpMaster master;
     EXPECT_THROW(client.get_ptp_master(master), Json::out_of_range);
 }

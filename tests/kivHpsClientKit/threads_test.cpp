@@ -103,7 +103,7 @@ TEST_P(hpsThreadsFailing, ADocumentThatCannotBeHadOrReadEndsThePollingOnly) {
     auto [document, fault, lines] = kFailures[GetParam()];
     Json whole{{"path", document}, {"nth", 1}};
     whole.update(parsed(fault));
-    EXPECT_EQ(card.control("POST", "/faults", whole), "200 \"ok\"");
+    EXPECT_EQ(card.control("POST", "/http_faults", whole), "200 \"ok\"");
     const Stopwatch watch;
     start();
     EXPECT_TRUE(watch.elapsed() >= 2s && watch.elapsed() < 3s) << watch.elapsed().count();
@@ -117,7 +117,7 @@ TEST_P(hpsThreadsFailing, ADocumentThatCannotBeHadOrReadEndsThePollingOnly) {
 TEST_F(hpsThreads, AnEndWaitsForTheRequestUnderWayAndNothingFollows) {
     for (const std::string under_way : {"POST ", "POST PATCH "}) {
         CardServer late;
-        late.control("POST", "/faults",
+        late.control("POST", "/http_faults",
                      {{"path", alive}, {"nth", under_way.size() / 5}, {"delay_ms", 700}, {"status", 503}});
         ASSERT_EQ(late.open(client.emplace(), true), 0);
         ASSERT_TRUE(wait_until([&] { return late.methods(alive) == under_way; }));

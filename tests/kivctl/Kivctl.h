@@ -61,7 +61,7 @@ class KivctlCard : public Kivctl {
         ASSERT_EQ(answer.status, 200) << answer.body;
     }
     void change(const Json& members) { control("PATCH", "", text_of(members)); }
-    void add_fault(const std::string& fault) { control("POST", "/faults", fault); }
+    void add_fault(const std::string& fault) { control("POST", "/http_faults", fault); }
 
     /// The last reconfiguration that the card's server was asked for.
     std::string last_reconfiguration() const {

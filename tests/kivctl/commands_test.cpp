@@ -45,7 +45,9 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
     const Json time = json_of({"time"});
     EXPECT_LE(std::stoull(time["system_before"].get<std::string>()),
               std::stoull(time["system_after"].get<std::string>()));
-    EXPECT_TRUE(time["ptp_time"]["text"].get<std::string>().ends_with(" TAI (TAI-UTC not known)"));
+    EXPECT_TRUE(time["ptp_time"]["text"].get<std::string>().ends_with("Z (TAI-UTC 37 s)"));
+    add_fault(R"({"path": "/hps/ptp/master", "status": 500})");
+    expect({"time"}, 0, " TAI (TAI-UTC not known)");
     expect({"version"}, 0, "Driver client  2.3.1\nDriver         1.4.0\n");
     expect({"explain", "0xC1000700"}, 0, "result 0xC1000700, KIV_ERR_BUSY: ");
     expect({"explain", "3"}, 0, "exit status 3, ATTENTION: ");

@@ -82,11 +82,11 @@ TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
     add_fault(R"({"path": "/hps/firmware/status", "nth": 14, "status": 503})");
     add_fault(R"({"path": "/hps/firmware/status", "nth": 15, "cut": "before"})");
     EXPECT_EQ(json_of({"flash", "write", "1", image("single failed looks")}).value("written_slot", -1), 1);
-    control("DELETE", "/faults");
+    control("DELETE", "/http_faults");
 
     add_fault(R"({"path": "/hps/firmware/upload", "status": 400})");
     EXPECT_EQ(json_of({"flash", "write", "1", image("refused")}, 1)["name"], "KIV_ERR_REST");
-    control("DELETE", "/faults");
+    control("DELETE", "/http_faults");
 
     error = json_of({"flash", "write", "1", image("too slow"), "--timeout", "1"}, 4);
     EXPECT_EQ(error["name"], "TIMEOUT");
@@ -98,6 +98,17 @@ TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
     const Ended interrupted = waiting.wait();
     EXPECT_EQ(interrupted.status, 5);
     EXPECT_NE(interrupted.err.find("\"kivctl flash wait 1\" takes up the wait again"), std::string::npos);
+}
+
+TEST_F(KivctlCard, FlashWriteGivesUpOnACardThatFallsSilentAndSaysThatItMayGoOn) {
+    Program writing(kivctl({"flash", "write", "1", image(), "--json"}));
+    EXPECT_TRUE(wait_until([&] { return was_asked("\"md5hush"); }));
+    change({{"removed", true}});
+    const Ended ended = writing.wait();
+    EXPECT_EQ(ended.status, 1);
+    const Json error = parsed(ended.out);
+    EXPECT_EQ(error["name"], "NO_ANSWER") << ended.out;
+    EXPECT_NE(error["remedy"].get<std::string>().find("may still be writing"), std::string::npos);
 }
 
 TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminalThatCanMoveItsCursor) {

@@ -83,7 +83,7 @@ TEST_F(KivctlSettings, PtpSetSendsNothingThatWouldDoHarm) {
 
 TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
     const std::string no_entry = R"({"version": 1, "ptp": {"announceReceiptTimeout": 3, "domainNumber": 1,
-        "logAnnounceInterval": 0, "logDelayReqInterval": 0, "unicast_delay_req": 1}, "devices": [], "site": "Studio 4",
+        "logAnnounceInterval": 0, "logDelayReqInterval": 0, "unicast_delay_req": 1}, "devices": [], "site": "Studio 3", "site": "Studio 4",
         "mactun": {"ip_addr": "127.0.0.1", "server_port": 80}})";
     configuration_.write(no_entry);
     expect(
@@ -95,6 +95,10 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
            0, "not saved: addresses, VLANs, TOS and TTL");
     EXPECT_EQ(parsed(configuration_.read())["ptp"]["domainNumber"], 9);
     EXPECT_EQ(parsed(configuration_.read())["site"], "Studio 4") << "keys that are not known stay";
+    configuration_.write(no_entry);
+    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--tos0", "1", "--tos1", "2", "--ttl0",
+            "3", "--ttl1", "4", "--save"},
+           0, "not kept: the first of several keys site");
 
     // The card takes the change, and then the file cannot be kept: a folder stands where the former one goes.
     configuration_.write(ConfigurationFile::sample());

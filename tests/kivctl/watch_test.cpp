@@ -71,9 +71,9 @@ TEST_F(Kivctl, WatchSaysWhatIsLostAndFound) {
          {"card 2    found  card", "card 2    found  server", "card 2    link   port 0 down"})
         EXPECT_NE(found.find(part), std::string::npos) << found;
 
-    simulator->control("POST", "/faults", R"({"path": "/hps/info/networks", "status": 503})", 1);
+    simulator->control("POST", "/http_faults", R"({"path": "/hps/info/networks", "status": 503})", 1);
     EXPECT_NE(next(watch).find("card 1    lost   server: http://127.0.0.1:"), std::string::npos);
-    simulator->control("DELETE", "/faults", "", 1);
+    simulator->control("DELETE", "/http_faults", "", 1);
     EXPECT_EQ(next(watch), "card 1    found  server");
 
     (*simulator).stop();

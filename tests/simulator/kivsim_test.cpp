@@ -1,11 +1,17 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <kivplatform/descriptor.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
 #include <memory>
 #include <regex>
+#include <set>
 
 #include <kiv/kivDriverClient.h>
+#include "support/ControlAddress.h"
+#include "support/Json.h"
 #include "support/LoopbackServer.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
@@ -99,8 +105,75 @@ TEST(Kivsim, SaysWhatIsInTheWay) {
     expect({KIVSIM_PROGRAM, "--socket", file}, 1, file + ": exists and is not a socket");
     expect({KIVSIM_PROGRAM, "--socket", directory / "s", "--config", directory / "cards.json"}, 1,
            "card 5, server 127.0.0.1:" + port + ": Address already in use");
+    expect({KIVSIM_PROGRAM, "--socket", directory / "s", "--control", port}, 1,
+           "control, server 127.0.0.1:" + port + ": Address already in use");
     expect({KIVSIM_PROGRAM, "--config", directory / "none"}, 2, (directory / "none") + ": cannot be opened");
+    expect({KIVSIM_PROGRAM, "check", directory / "none"}, 2, (directory / "none") + ": cannot be opened");
+    for (const char* const wrong : {"", "65536", "010", "0x1", "-1", "1 "})
+        EXPECT_EQ(run_program({KIVSIM_PROGRAM, "--control", wrong}).status, 2) << wrong;
     EXPECT_EQ(read_file(file), "precious");
+}
+
+TEST(Kivsim, ChecksACardsFileAndStartsNothing) {
+    const TemporaryDirectory directory;
+    const std::string file = directory / "cards.json";
+    const std::tuple<const char*, int, std::string, std::string> rows[] = {
+        {R"({"cards": [{"id": 1}, {"id": 2}]})", 0, file + ": 2 cards\n", ""},
+        {R"({"cards": [{"id": 1, "links": [1]}]})", 2, "",
+         "kivsim: " + file + ": cards[0].links: must be two of true and false\n"},
+        {"{\n  \"cards\": [\n}", 2, "",
+         "kivsim: " + file +
+             ": parse error at line 3, column 1: syntax error while parsing value - unexpected '}'; expected "
+             "'[', '{', or a literal\n"},
+    };
+    for (const auto& [text, status, out, err] : rows) {
+        write_file(file, text);
+        const Ended ended =
+            run_program({KIVSIM_PROGRAM, "check", file}, {{"KIVSIM_SOCKET", directory / "driver.sock"}});
+        EXPECT_EQ(std::tuple(ended.status, ended.out, ended.err), std::tuple(status, out, err));
+    }
+    EXPECT_FALSE(std::filesystem::exists(directory / "driver.sock"));
+}
+
+TEST(Kivsim, ServesAProgramThatStartsItAndEndsWithThatProgramsPipe) {
+    const TemporaryDirectory directory;
+    const std::string pipe = directory / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    Program program({"/bin/sh", "-c",
+                     R"(exec "$0" --socket "$1/driver.sock" --ready-json --with-stdin < "$1/pipe")",
+                     KIVSIM_PROGRAM, directory / ""});
+    kivplatform::Descriptor held(open(pipe.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(write(held.get(), "text", 4), 4);
+    const Json ready = parsed(program.read_line());
+    EXPECT_EQ(ready.at("schema"), "kivsim.ready/1");
+    EXPECT_EQ(ready.at("socket"), (directory / "") + "/driver.sock");
+    EXPECT_EQ(ready.at("cards").size(), 2u);
+    EXPECT_EQ(ready.at("cards")[1].at("card"), 2);
+    EXPECT_EQ(ask_address(ready.at("cards")[1].at("server"), "GET", "/api/v1.0/hps/hwmon/info").status, 200);
+    const std::string control = ready.at("control");
+    EXPECT_EQ(ask_address(control, "GET", "/cards").status, 200);
+    held.reset();
+    EXPECT_EQ(program.wait().status, 0);
+
+    const std::string port = control.substr(control.find(':') + 1);  // Free again.
+    Program with_port({KIVSIM_PROGRAM, "--socket", directory / "driver.sock", "--control", port});
+    EXPECT_TRUE(with_port.read_line().ends_with(", control " + control));
+}
+
+/// The option names that a text has, sorted.
+std::set<std::string> options_in(const std::string& text) {
+    const std::regex option("--[a-z][a-z-]*");
+    std::set<std::string> found;
+    for (std::sregex_iterator at(text.begin(), text.end(), option); at != std::sregex_iterator(); ++at)
+        found.insert(at->str());
+    return found;
+}
+
+TEST(Kivsim, HasAManualWithTheOptionsOfItsHelp) {
+    const std::string manual = std::regex_replace(read_file(KIVSIM_MANUAL), std::regex(R"(\\-)"), "-");
+    const std::string help = run_program({KIVSIM_PROGRAM, "--help"}).out;
+    EXPECT_TRUE(options_in(help).contains("--with-stdin")) << help;
+    EXPECT_EQ(options_in(manual), options_in(help));
 }
 
 TEST(Kivsim, RunsManyCards) {

@@ -38,7 +38,7 @@ std::vector<DriverEvent> RunningSimulator::trace() const {
 
 std::vector<CardRequest> RunningSimulator::requests() const {
     return objects_of(directory_ / "requests", [](const Json& line) {
-        return CardRequest{line.at("method"), line.at("path"), line.at("body")};
+        return CardRequest{line.at("method"), line.at("path"), line.at("body"), line.at("carried_out")};
     });
 }
 

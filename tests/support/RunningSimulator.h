@@ -5,6 +5,7 @@
 
 #include "Simulator.h"
 #include "card/CardSettings.h"
+#include "settings/cards_file.h"
 
 #include <cstdint>
 #include <memory>
@@ -30,6 +31,7 @@ struct CardRequest {
     std::string method;
     std::string path;
     std::string body;
+    bool carried_out;
 };
 
 class RunningSimulator {
@@ -40,6 +42,7 @@ class RunningSimulator {
 
     kivsim::Simulator& operator*() { return *simulator_; }
     kivsim::Simulator* operator->() { return simulator_.get(); }
+    const kivsim::Simulator* operator->() const { return simulator_.get(); }
 
     /// Ends the driver process and the servers, as a crash would; connections find nobody.
     void stop() { simulator_.reset(); }

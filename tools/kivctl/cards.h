@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "failure.h"
@@ -66,6 +67,9 @@ struct PtpSettings {
 
 PtpSettings ptp_settings(uint8_t id);
 Json to_json(const PtpSettings& settings);
+
+/// How a master is locked to its reference, in the words of SMPTE ST 2059-2.
+std::string locking_text(int64_t status);
 
 /// "text", "width" and "generation" of a PCI link, null when nobody tells it.
 Json pci_link_json(unsigned width, unsigned generation);

@@ -155,11 +155,34 @@ std::size_t command_at(const std::vector<std::string>& words) {
     return at;
 }
 
+/// Takes "--sim", "--sim FILE" or "--sim=FILE" off the options before the command.
+void take_simulation(std::vector<std::string>& words, Request& request) {
+    constexpr std::string_view kWithFile = "--sim=";
+    const auto is_option = [&](const std::string& word) {
+        return word == "--sim" || word.starts_with(kWithFile);
+    };
+    const auto end = words.begin() + static_cast<std::ptrdiff_t>(std::min(command_at(words), words.size()));
+    const auto found = std::find_if(words.begin(), end, is_option);
+    if (std::any_of(end, words.end(), is_option)) throw usage("--sim stands before the command");
+    if (found == end) return;
+    auto behind = found + 1;
+    request.simulation = found->starts_with(kWithFile) ? found->substr(kWithFile.size()) : "";
+    const bool has_file = *found == "--sim" && behind != words.end() && !behind->starts_with('-') &&
+                          !is_command(nullptr, *behind);
+    if (has_file) request.simulation = *behind++;
+    const bool empty = request.simulation->empty() && (has_file || *found != "--sim");
+    words.erase(found, behind);
+    if (empty) throw usage("--sim: the name of the cards file is empty: a shell variable that is not set?");
+    if (has_file && words.empty())
+        throw usage("a command is missing behind \"--sim " + printable(*request.simulation) + "\"");
+}
+
 }  // namespace
 
 const Command& parse(std::vector<std::string> words, Request& request) {
     // Also when the line cannot be parsed: a program that asks for JSON is to get it.
     request.json = std::find(words.begin(), words.end(), "--json") != words.end();
+    take_simulation(words, request);
     const std::size_t at = command_at(words);
     if (at < words.size()) {
         if (!is_command(nullptr, words[at])) throw unknown_word(nullptr, words[at]);

@@ -20,11 +20,14 @@ constexpr Command kCommands[] = {
     {nullptr,  "streams", "Show the use of the transmit and receive streams",           Takes::OnlyOrOne, kShort, streams},
     {nullptr,  "time",    "Show PTP time and the system clock around it",               Takes::OnlyOrOne, kShort, time},
     {nullptr,  "driver",  "Show what the driver says: versions, functions, resource use, PCI link", Takes::OnlyOrOne, kShort, driver},
+    {nullptr,  "registers", "Show the registers that the library looks at, as they are", Takes::OnlyOrOne, kShort, registers},
     {nullptr,  "flash",   "Show the flash, or change it (flash write, wait, select)",   Takes::OnlyOrOne, kShort, flash},
     {"flash",  "write",   "Write a firmware image; Ctrl-C ends the waiting, not the writing", Takes::NamedCard, kFlash, flash_write, flash_write_options},
     {"flash",  "wait",    "Wait until a write that goes on has ended",                  Takes::NamedCard, kFlash, flash_wait},
     {"flash",  "select",  "Choose the slot that the card boots next",                   Takes::NamedCard, kShort, flash_select, flash_select_options},
     {nullptr,  "watch",   "Print the state and then events, of one card or of all, until Ctrl-C", Takes::AllOrOne, kNone, watch},
+    {nullptr,  "doctor",  "Check machine, driver and cards, and say what to do",         Takes::AllOrOne,  kDoctorLimit, doctor},
+    {nullptr,  "support", "Collect what tells about machine and cards into one file",   Takes::NoCard,    kSupportLimit, support, support_options},
     {nullptr,  "config",  "Look at the card configuration of this machine",             Takes::NoCard,    kShort, nullptr},
     {"config", "check",   "Say what is wrong in the configuration, and on which line",  Takes::NoCard,    kShort, config_check},
     {"config", "init",    "Make a first configuration; never over one that exists",     Takes::NoCard,    kShort, config_init},
@@ -47,7 +50,11 @@ Options common_options(Request& request) {
     Option verbose{"-v,--verbose", "Show the library's log on standard error", "", nullptr, &request.verbose};
     Option timeout = number_option("--timeout", "Longest time that the command may take", "SECONDS", 1,
                                    86'400, request.timeout);
-    return {{json, verbose, timeout}};
+    // For the help: it may stand without its FILE, so that it is taken off the line before the parser sees
+    // it.
+    Option simulation{"--sim", "Before the command: run it with simulated cards, of a cards file or two",
+                      "[FILE]", [](const std::string&) { return ""; }};
+    return {{json, verbose, timeout, simulation}};
 }
 
 Option number_option(std::string name, std::string help, std::string type, int64_t least, int64_t most,

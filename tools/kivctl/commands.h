@@ -95,6 +95,7 @@ Exit link(const Request& request, Output& output);
 Exit streams(const Request& request, Output& output);
 Exit time(const Request& request, Output& output);
 Exit driver(const Request& request, Output& output);
+Exit registers(const Request& request, Output& output);
 
 Exit ptp(const Request& request, Output& output);
 Exit ptp_set(const Request& request, Output& output);
@@ -106,6 +107,13 @@ Options flash_write_options(Request& request);
 Exit flash_wait(const Request& request, Output& output);
 Exit flash_select(const Request& request, Output& output);
 Options flash_select_options(Request& request);
+
+constexpr int kDoctorLimit = 30;  ///< Seconds: a third for the machine, a third for the cards.
+Exit doctor(const Request& request, Output& output);
+
+constexpr int kSupportLimit = 300;  ///< Seconds: a thirtieth for each command that it runs.
+Exit support(const Request& request, Output& output);
+Options support_options(Request& request);
 
 Exit watch(const Request& request, Output& output);
 

@@ -52,8 +52,11 @@ void write_new(const std::string& path, const std::string& text, mode_t mode) {
         if (good) written += static_cast<std::size_t>(count);
     }
     good = good && fsync(file) == 0;
-    const int error = errno;
-    if (close(file) != 0 && good) throw not_possible(path, "cannot be closed", errno);
+    int error = errno;
+    if (close(file) != 0 && good) {
+        good = false;
+        error = errno;
+    }
     if (good) return;
     unlink(path.c_str());
     throw not_possible(path, "cannot be written", error);

@@ -17,7 +17,8 @@ struct Finding {
     int line = 0;     ///< From 1; 0 for the file as a whole.
     std::string key;  ///< Such as "devices[0].maceth1.tos"; empty for the file as a whole.
     std::string problem;
-    bool fatal = true;  ///< The library cannot load the file.
+    bool fatal = true;      ///< The library cannot load the file.
+    bool repeated = false;  ///< The key stands there more than once: only the last counts.
 };
 
 /// What is wrong with a file; nothing for a good one. Throws Failure when it cannot be read.

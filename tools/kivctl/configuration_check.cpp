@@ -177,7 +177,8 @@ class Checker {
                 value(json[row.name], below, row.kind);
             }
         }
-        for (const auto& [name, ignored] : json.items()) {
+        for (const auto& item : json.items()) {
+            const std::string& name = item.key();
             const bool known =
                 std::any_of(rows.begin(), rows.end(), [&](const Row& row) { return name == row.name; });
             const bool access = name == "hps_access";  // Of hpsClient, which reads it itself.
@@ -274,7 +275,7 @@ std::vector<Finding> check_configuration(const std::string& path) {
     checker.object(Json::parse(text), "", kRoot);
     std::vector<Finding>& findings = checker.findings;
     for (const std::string& key : lines.repeated())
-        findings.push_back({lines.of(key), key, "stands there more than once: the last counts", false});
+        findings.push_back({lines.of(key), key, "stands there more than once: the last counts", false, true});
     const std::string refusal = refusal_of_library(path);
     const bool explained =
         std::any_of(findings.begin(), findings.end(), [](const Finding& f) { return f.fatal; });

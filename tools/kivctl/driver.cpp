@@ -1,6 +1,5 @@
 // Commands that ask the driver itself, beside the C interface.
 #include <fmt/format.h>
-#include <kiv/kivDriverClient.h>
 #include <kiv/kiv_api.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 #include "cards.h"
 #include "commands.h"
 #include "driver_process.h"
+#include "functions.h"
 #include "guard.h"
 
 namespace kivctl {
@@ -22,24 +22,6 @@ kivDriverClientList all_functions() {
                       fmt::format("no driver at {}: {}", driver.where, driver.problem), driver.remedy);
     waiting_for(Layer::Driver, "the driver");
     return kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
-}
-
-/// The PCI functions of one card, in the driver's order.
-kivDriverClientList functions_of(std::optional<uint8_t> card) {
-    kivDriverClientList clients = all_functions();
-    std::vector<uint8_t> ids;
-    for (const auto& client : clients) {
-        const uint8_t id = client->device_conf.device_index;
-        if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
-    }
-    if (!card && ids.size() > 1)
-        throw usage(fmt::format("there are {} cards", ids.size()),
-                    "say which one; \"kivctl scan\" lists them");
-    if (!card && ids.empty()) throw Failure(Layer::Driver, "NO_CARD", "no card: the driver has none");
-    const uint8_t id = card.value_or(ids.empty() ? 0 : ids.front());
-    std::erase_if(clients, [&](const auto& client) { return client->device_conf.device_index != id; });
-    if (clients.empty()) throw_no_such_card(id);
-    return clients;
 }
 
 std::string version_text(uint16_t major, uint16_t minor, uint16_t patch) {
@@ -76,6 +58,23 @@ Json to_json(const kivDriverClient& client) {
 }
 
 }  // namespace
+
+kivDriverClientList functions_of(std::optional<uint8_t> card) {
+    kivDriverClientList clients = all_functions();
+    std::vector<uint8_t> ids;
+    for (const auto& client : clients) {
+        const uint8_t id = client->device_conf.device_index;
+        if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
+    }
+    if (!card && ids.size() > 1)
+        throw usage(fmt::format("there are {} cards", ids.size()),
+                    "say which one; \"kivctl scan\" lists them");
+    if (!card && ids.empty()) throw Failure(Layer::Driver, "NO_CARD", "no card: the driver has none");
+    const uint8_t id = card.value_or(ids.empty() ? 0 : ids.front());
+    std::erase_if(clients, [&](const auto& client) { return client->device_conf.device_index != id; });
+    if (clients.empty()) throw_no_such_card(id);
+    return clients;
+}
 
 Exit driver(const Request& request, Output& output) {
     const kivDriverClientList clients = functions_of(request.card);

@@ -218,6 +218,17 @@ Written compare(const FlashSlots& before, const FlashSlots& after, uint8_t id) {
     return written;
 }
 
+void select_written_slot(const Found& card, int slot) try {
+    select_slot(card, slot);
+} catch (const Failure& failure) {
+    Failure both(failure);
+    both.message =
+        fmt::format("slot {} is written, but whether it boots next is not sure: {}", slot, failure.message);
+    both.remedy =
+        fmt::format("\"kivctl flash select {} {}\" tries the choice again", card.device.device_id, slot);
+    throw Failure(both);
+}
+
 void expect_long_wait(uint8_t id) {
     guard().also_say(may_go_on(id));
     guard().end_on_signals(Failure(Layer::Card, "INTERRUPTED",
@@ -279,7 +290,7 @@ Exit flash_write(const Request& request, Output& output) {
     } else {
         wait_until_idle(card, progress);
         written = compare(before, read_slots_patiently(server), id);
-        if (request.select_written) select_slot(card, *written.slot);
+        if (request.select_written) select_written_slot(card, *written.slot);
         progress.end("done");
         json["state"] = "done";
     }

@@ -12,6 +12,8 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace kivctl {
 
@@ -30,6 +32,7 @@ struct State {
     Awaited awaited{Layer::Driver, "the driver"};
     std::string remedy;
     std::optional<Failure> failure_of_signal;
+    std::vector<std::function<void()>> at_end;
 };
 
 State& state() {
@@ -117,7 +120,16 @@ Guard& guard() {
     return *g_guard;
 }
 
+void at_end(std::function<void()> action) {
+    const std::lock_guard lock(state().mutex);
+    state().at_end.push_back(std::move(action));
+}
+
 void end_process(int status) {
+    // Never unlocked: another thread that comes here must not end the process in the midst of it.
+    state().mutex.lock();
+    for (auto action = state().at_end.rbegin(); action != state().at_end.rend(); ++action)
+        (*action)();
     std::_Exit(status);
 }
 

@@ -2,6 +2,7 @@
 #ifndef KIVCTL_GUARD_H
 #define KIVCTL_GUARD_H
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -32,6 +33,9 @@ class Guard {
 
 /// The one of this process.
 Guard& guard();
+
+/// What end_process() is to remove; it runs once, on any thread. For each call one action, the last first.
+void at_end(std::function<void()> action);
 
 /// Ends the process without waiting for the library's threads: its timers take half a second to close.
 [[noreturn]] void end_process(int status);

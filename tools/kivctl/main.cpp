@@ -6,6 +6,7 @@
 #include "cards.h"
 #include "command_line.h"
 #include "guard.h"
+#include "host.h"
 
 namespace {
 
@@ -16,12 +17,18 @@ using kivctl::Request;
 
 /// The library writes its log there before it is asked for anything.
 void show_log() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the guard's thread, the only other one, reads no environment.
     setenv("OS_ACTIVITY_DT_MODE", "1", 1);
 }
 
 int run(const Command& command, const Request& request, Output& output) {
     const int limit = request.timeout ? static_cast<int>(*request.timeout) : command.timeout;
     kivctl::Guard guard(output, request.json, limit);
+    if (request.simulation) {
+        guard.end_on_signals(
+            Failure(kivctl::Layer::Argument, "INTERRUPTED", "interrupted").ends_with(kivctl::kInterrupted));
+        kivctl::start_simulation(*request.simulation);
+    }
     if (request.verbose) show_log();
     kivctl::open_library();
     return command.run(request, output);

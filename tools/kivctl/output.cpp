@@ -1,12 +1,15 @@
 #include "output.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 namespace kivctl {
 
@@ -19,14 +22,14 @@ std::string dump(const Json& json, int indent) {
 
 [[noreturn]] void throw_not_written() {
     throw Failure(Layer::Argument, "OUTPUT",
-                  std::string("standard output cannot be written: ") + std::strerror(errno),
+                  std::string("standard output cannot be written: ") + std::generic_category().message(errno),
                   "what was asked of the card is done, its result is not all printed");
 }
 
 }  // namespace
 
 Output::Output() {
-    const int results = dup(STDOUT_FILENO);
+    const int results = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);  // Whoever reads them waits for no child.
     results_.reset(results < 0 ? nullptr : fdopen(results, "w"));
     if (!results_) throw Failure(Layer::Argument, "OUTPUT", "standard output is not open");
     dup2(STDERR_FILENO, STDOUT_FILENO);

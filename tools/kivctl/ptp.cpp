@@ -47,15 +47,11 @@ Json selected_source(uint8_t id) {
     return kiv_get_id_selected_ptp_card(&source) == KIV_OK ? Json(source == id) : Json();
 }
 
-/// How the master is locked to its reference: SMPTE ST 2059-2 has these words for the numbers.
 Json locking_json(const Server& server) {
-    constexpr const char* kWords[] = {"not in use", "free run", "cold locking", "warm locking", "locked"};
     try {
         const Json management = server.get("/hps/ptp/management");
         const auto value = management.at("masterLockingStatus").get<int64_t>();
-        const bool known = value >= 0 && value < std::ssize(kWords);
-        return {{"text", known ? kWords[value] : "unknown (" + std::to_string(value) + ")"},
-                {"value", value}};
+        return {{"text", locking_text(value)}, {"value", value}};
     } catch (const std::exception&) {
         return nullptr;  // The rest is worth showing.
     }
@@ -89,6 +85,12 @@ Json settings_json(uint8_t id) {
 }
 
 }  // namespace
+
+std::string locking_text(int64_t status) {
+    constexpr const char* kWords[] = {"not in use", "free run", "cold locking", "warm locking", "locked"};
+    const bool known = status >= 0 && status < std::ssize(kWords);
+    return known ? kWords[status] : "unknown (" + std::to_string(status) + ")";
+}
 
 Exit ptp(const Request& request, Output& output) {
     const Found card = open_card(request.card, Asks::Server);

@@ -135,9 +135,13 @@ bool put_into(Json& file, uint8_t id, const Change& change) {
 
 /// Says what of the change is saved. The Failure when nothing is: the card has the change all the same.
 std::optional<Failure> save(uint8_t id, const Change& change) try {
-    Json file = read_configuration(configuration_path());
+    const std::string path = configuration_path();
+    Json file = read_configuration(path);
+    for (const Finding& finding : check_configuration(path)) {
+        if (finding.repeated) Output::note("not kept: the first of several keys " + printable(finding.key));
+    }
     const bool whole = put_into(file, id, change);
-    replace_configuration(configuration_path(), file);
+    replace_configuration(path, file);
     Output::note(
         "the change is in the card, and saved in the card configuration; the former is beside it, as .bak");
     if (!whole)

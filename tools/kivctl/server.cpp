@@ -49,25 +49,26 @@ int connection_error(uint32_t host, uint32_t port) {
     return error;
 }
 
-struct Answer {
+/// An answer, and whether it, or the end of waiting for it, came before the limit.
+struct Timed {
     HttpResult result;
     bool in_time;
 };
 
-Answer ask(const std::string& url, const std::string& path) {
+Timed ask_server(const std::string& url, const std::string& path, int seconds = kLimit) {
     HttpClient client(url);
-    client.set_timeout(kLimit);
+    client.set_timeout(seconds);
     client.set_retry(1, 0);
     const auto start = std::chrono::steady_clock::now();
     HttpResult result = client.get(path);
-    return {std::move(result), std::chrono::steady_clock::now() - start < std::chrono::seconds(kLimit)};
+    return {std::move(result), std::chrono::steady_clock::now() - start < std::chrono::seconds(seconds)};
 }
 
 Failure bad_answer(const std::string& url, const std::string& what) {
     return {Layer::Server, "SERVER_ANSWER", url + ": " + what, kRemedy};
 }
 
-std::optional<Failure> problem_of(const Answer& answer, const std::string& url) {
+std::optional<Failure> problem_of(const Timed& answer, const std::string& url) {
     if (answer.result.success) return std::nullopt;
     if (answer.result.status != 0)
         return bad_answer(url, fmt::format("answered with HTTP status {}", answer.result.status));
@@ -107,7 +108,7 @@ std::optional<Failure> Server::problem() const {
 }
 
 Json Server::get(const std::string& path) const {
-    const Answer answer = ask(url(), path);
+    const Timed answer = ask_server(url(), path);
     if (const std::optional<Failure> problem = problem_of(answer, url() + path)) throw Failure(*problem);
     Json payload;
     if (!HpsHttpHelper::handle_json(answer.result, payload))
@@ -115,10 +116,9 @@ Json Server::get(const std::string& path) const {
     return payload;
 }
 
-std::string Server::get_raw(const std::string& path) const {
-    Answer answer = ask(url(), path);
-    if (const std::optional<Failure> problem = problem_of(answer, url() + path)) throw Failure(*problem);
-    return std::move(answer.result.body);
+Answer Server::ask(const std::string& path, int seconds) const {
+    HttpResult result = ask_server(url(), path, seconds).result;
+    return {result.status, std::move(result.body)};
 }
 
 }  // namespace kivctl

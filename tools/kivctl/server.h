@@ -10,6 +10,11 @@
 
 namespace kivctl {
 
+struct Answer {
+    int64_t status = 0;  ///< Of HTTP; 0: there was no answer.
+    std::string body;
+};
+
 class Server {
   public:
     /// IPv4, first octet in the most significant byte, and the TCP port, as the driver reports them.
@@ -25,8 +30,8 @@ class Server {
     /// The payload of a GET, asked once. Throws Failure; takes up to 2 s.
     Json get(const std::string& path) const;
 
-    /// The answer of a GET as it came, byte for byte. Throws Failure without a success.
-    std::string get_raw(const std::string& path) const;
+    /// The answer of a GET as it came, byte for byte, asked once. Takes up to `seconds`.
+    Answer ask(const std::string& path, int seconds) const;
 
   private:
     uint32_t address_;

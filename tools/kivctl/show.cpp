@@ -25,6 +25,13 @@ Json percent(double load) {
     return std::isfinite(load) ? Json(load) : Json();
 }
 
+/// TAI-UTC in seconds, as the PTP master tells it and says that it is valid.
+std::optional<int32_t> utc_offset(uint8_t id) {
+    kiv_ptp_status_t status{};
+    if (kiv_get_ptp_status(id, &status) != KIV_OK || status.is_master == 0) return std::nullopt;
+    return static_cast<int32_t>(status.master_value);
+}
+
 Json to_json(const kiv_stream_status_t& status) {
     return {{"control", status.control},
             {"control_bit_25", status.control_bit_25},
@@ -173,13 +180,14 @@ Exit streams(const Request& request, Output& output) {
 }
 
 Exit time(const Request& request, Output& output) {
-    const uint8_t id = open_card(request.card, Asks::Driver).device.device_id;
+    const Found card = open_card(request.card, Asks::Driver);
+    const uint8_t id = card.device.device_id;
     uint64_t epoch = 0;
     uint64_t point_1 = 0;
     uint64_t point_2 = 0;
     check(kiv_get_epoch_and_2point(id, &epoch, &point_1, &point_2), "asking for its time", id);
     Json json = document_of("time", id);
-    json["ptp_time"] = tai_json(epoch, std::nullopt);
+    json["ptp_time"] = tai_json(epoch, card.result == KIV_OK ? utc_offset(id) : std::nullopt);
     json["system_before"] = std::to_string(point_1);
     json["system_after"] = std::to_string(point_2);
     if (request.json) {

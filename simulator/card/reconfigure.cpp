@@ -1,4 +1,4 @@
-#include "card/ManagementState.h"
+#include "card/reconfigure.h"
 
 #include <arpa/inet.h>
 
@@ -10,37 +10,6 @@
 namespace kivsim {
 
 namespace {
-
-// What a card reports until it is told otherwise.
-// clang-format off
-constexpr char kHwmon[] = R"([
-    {"label": "FPGA FABRIC Digital Temperature #5", "input": 58, "max": 95, "critical": 100},
-    {"label": "Board Top Near FPGA Temperature",    "input": 47, "max": 75, "critical": 85},
-    {"label": "Board Bottom Near CVL Temperature",  "input": 45, "max": 75, "critical": 85},
-    {"label": "Board Rear Side Temperature",        "input": 39, "max": 70, "critical": 80},
-    {"label": "Board Front Side Temperature",       "input": 36, "max": 70, "critical": 80},
-    {"label": "QSFP1 Case Temperature",             "input": 41, "max": 70, "critical": 75},
-    {"label": "QSFP2 Case Temperature",             "input": 42, "max": 70, "critical": 75},
-    {"label": "Board Power",                        "input": 63, "max": 75}
-])";
-// clang-format on
-
-constexpr char kPtpMaster[] = R"({
-    "currentUtcOffset": 37, "currentUtcOffsetValid": 1, "eth_num": 0,
-    "grandmasterClockQuality": {"clockAccuracy": 33, "clockClass": 6, "offsetScaledLogVariance": 20061},
-    "grandmasterIdentity": "00:1d:c1:ff:fe:12:34:56",
-    "grandmasterPriority1": 128, "grandmasterPriority2": 128, "leap59": 0, "leap61": 0,
-    "logMinDelayReqInterval": -3, "logSyncInterval": -3, "parentIpAddr": "192.168.10.1",
-    "parentPortIdentity": {"clockIdentity": "00:1d:c1:ff:fe:12:34:56", "portNumber": 1},
-    "stepsRemoved": 1, "timeSource": 32, "two_step_mode": 1})";
-
-constexpr char kPtpManagement[] = R"({
-    "currentLocalOffset": 32400,
-    "daylightSaving": {"curr_dst": 0, "dst_at_next_discontinuity": 0, "dst_at_prev_jam_event": 0},
-    "defaultSystemFrameRate": {"denominator": 1001, "numerator": 30000},
-    "jumpSeconds": 0, "leapSecondJump": 0, "masterLockingStatus": 4, "previousJamLocalOffset": 32400,
-    "timeAddressFlags": {"color_frame": 0, "drop_frame": 1},
-    "timeOfNextJam": 1767193237, "timeOfNextJump": 0, "timeOfPreviousJam": 1767106837})";
 
 std::vector<std::string> split(const std::string& text, char separator) {
     std::vector<std::string> pieces(1);
@@ -78,17 +47,6 @@ bool set_address(std::vector<InterfaceSettings>& interfaces, const char* name, c
 }
 
 }  // namespace
-
-ManagementState::ManagementState(const CardSettings& settings)
-    : interfaces(settings.interfaces),
-      hwmon(kHwmon),
-      ptp_master(kPtpMaster),
-      ptp_management(kPtpManagement),
-      firmware(std::chrono::milliseconds(std::max(1u, settings.flash_ms)),
-               "card " + std::to_string(settings.id)),
-      faults(settings.http_faults),
-      wrapping(settings.wrapping),
-      log("management server started\n") {}
 
 std::string reconfigure(std::vector<InterfaceSettings>& interfaces, const std::string& command) {
     struct Group {

@@ -1,0 +1,101 @@
+// Commands with a simulator of their own.
+#include <signal.h>
+
+#include <filesystem>
+
+#include "kivctl/Kivctl.h"
+#include "support/Waiting.h"
+
+namespace {
+
+/// The folders of the simulators of one process.
+std::size_t folders(const std::string& pid) {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+        if (entry.path().filename().string().starts_with("kivctl-" + pid + "-")) ++count;
+    }
+    return count;
+}
+
+class OwnSimulator : public KivctlConfigured {
+  protected:
+    std::string cards_file(const std::string& text) const {
+        write_file(directory_ / "cards.json", text);
+        return directory_ / "cards.json";
+    }
+
+    /// A program that prints its process id first.
+    static Words telling_its_id(const Words& words) {
+        Words all{"/bin/sh", "-c", "echo $$; exec \"$0\" \"$@\"", KIVCTL_PROGRAM};
+        all.insert(all.end(), words.begin(), words.end());
+        return all;
+    }
+
+    static Ended run_and_look_behind(const Words& words) {
+        Ended ended = run_program(telling_its_id(words));
+        const std::size_t end = ended.out.find('\n');
+        EXPECT_EQ(folders(ended.out.substr(0, end)), 0u);
+        ended.out.erase(0, end + 1);
+        return ended;
+    }
+
+    TemporaryDirectory directory_;
+};
+
+}  // namespace
+
+TEST_F(OwnSimulator, EndsWithTheCommand) {
+    std::filesystem::remove("/Library/Application Support/Velmora/config/hps_boot.json");
+    const std::string file = cards_file(R"({"cards": [{"id": 5, "links": [true, false]}]})");
+    for (const Words& words :
+         std::vector<Words>{{"--sim", file, "--json", "link"},
+                                               {"--json", "--timeout", "20", "--sim=" + file, "link", "5"}}) {
+        const Ended ended = run_and_look_behind(words);
+        EXPECT_EQ(ended.status, 0) << ended.err;
+        EXPECT_EQ(parsed(ended.out)["ports"][1]["link"], "down");
+    }
+    EXPECT_EQ(json_of({"--sim", "scan"})["cards"].size(), 2u);
+
+    Program watch(telling_its_id({"--sim", "watch"}));
+    const std::string pid = watch.read_line();
+    EXPECT_NE(watch.read_line().find("card 1    link"), std::string::npos);
+    EXPECT_EQ(folders(pid), 1u);
+    watch.send_signal(SIGTERM);
+    EXPECT_EQ(watch.wait().status, 0);
+    EXPECT_EQ(folders(pid), 0u);
+    EXPECT_EQ(run_and_look_behind({"--sim", "--timeout", "1", "watch"}).status, 4);
+}
+
+TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
+    const std::string file = cards_file(R"({"cards": [{"id": 1}]})");
+    Program watch(kivctl({"--sim", file, "watch", "--json"}));
+    EXPECT_FALSE(watch.read_line().empty());
+    const auto simulator_runs = [&] {
+        return run_program(
+                   {"/bin/sh", "-c",
+                    "cat /proc/[0-9]*/cmdline 2>/dev/null | tr '\\0' ' ' | grep -qF -- \"--config $0\"",
+                    file})
+                   .status == 0;
+    };
+    EXPECT_TRUE(simulator_runs());
+    watch.send_signal(SIGKILL);
+    watch.wait();
+    EXPECT_TRUE(wait_until([&] { return !simulator_runs(); }));
+}
+
+TEST_F(OwnSimulator, SaysWhyItCannotRun) {
+    const std::pair<Words, const char*> kRefused[] = {
+        {{"--sim", cards_file(R"({"cards": [{"id": 5, "lnks": 1}]})"), "scan"}, "cards[0].lnks: unknown key"},
+        {{"--sim=/nowhere", "scan"}, "/nowhere: cannot be opened"},
+        {{"--sim", "", "scan"}, "is empty"},
+        {{"--sim=", "scan"}, "is empty"},
+        {{"--sim", "scna"}, "a command is missing behind \"--sim scna\""},
+        {{"--sim", "cards.json", "scna"}, "did you mean \"kivctl scan\"?"},
+        {{"scan", "--sim"}, "--sim stands before the command"},
+        {{"scan", "--sim=cards.json"}, "--sim stands before the command"}};
+    for (const auto& [words, message] : kRefused) {
+        const Ended refused = run_and_look_behind(words);
+        EXPECT_EQ(refused.status, 2) << message;
+        EXPECT_NE(refused.err.find(message), std::string::npos) << refused.err;
+    }
+}
