@@ -61,9 +61,13 @@ std::vector<const Command*> words_of_group(const std::string& group) {
 
 Table make_table() {
     Request unused;
-    Table table{common_options(unused).options, {}};
-    table.common.push_back({"-h,--help", "Show the help", ""});
-    table.commands.push_back({"kivctl", words_of_group(""), {}, {{"--version", "Show the versions", ""}}});
+    Table table{{{"-h,--help", "Show the help", ""}}, {{"kivctl", words_of_group("")}}};
+    table.commands[0].options.push_back({"--version", "Show the versions", ""});
+    for (const Option& option : common_options(unused).options) {
+        // One whose word may be left out stands before the command.
+        const bool before = !option.type.empty() && !takes_word(option);
+        (before ? table.commands[0].options : table.common).push_back(option);
+    }
     for (const Command& command : commands()) {
         const bool grouped = command.group != nullptr;
         Shown shown{
