@@ -226,7 +226,7 @@ def check_watch(kivctl, setups, schemas):
             events.append(json.loads(line)["event"])
             # A server may be lost before its driver; both are "lost".
             if events[-2:] != ["lost", "lost"]:
-                next(changes)()
+                next(changes, lambda: None)()
     finally:
         process.terminate()
     process.wait(timeout=60)
