@@ -9,12 +9,17 @@
 namespace {
 
 /// The folders of the simulators of one process.
-std::size_t folders(const std::string& pid) {
-    std::size_t count = 0;
+std::vector<std::filesystem::path> folders_of(const std::string& pid) {
+    std::vector<std::filesystem::path> found;
     for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
-        if (entry.path().filename().string().starts_with("kivctl-" + pid + "-")) ++count;
+        if (entry.path().filename().string().starts_with("kivctl-" + pid + "-"))
+            found.push_back(entry.path());
     }
-    return count;
+    return found;
+}
+
+std::size_t folders(const std::string& pid) {
+    return folders_of(pid).size();
 }
 
 class OwnSimulator : public KivctlConfigured {
@@ -49,7 +54,7 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
     const std::string file = cards_file(R"({"cards": [{"id": 5, "links": [true, false]}]})");
     for (const Words& words :
          std::vector<Words>{{"--sim", file, "--json", "link"},
-                                               {"--json", "--timeout", "20", "--sim=" + file, "link", "5"}}) {
+                            {"--json", "--timeout", "20", "--sim=" + file, "link", "5"}}) {
         const Ended ended = run_and_look_behind(words);
         EXPECT_EQ(ended.status, 0) << ended.err;
         EXPECT_EQ(parsed(ended.out)["ports"][1]["link"], "down");
@@ -58,7 +63,7 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
 
     Program watch(telling_its_id({"--sim", "watch"}));
     const std::string pid = watch.read_line();
-    EXPECT_NE(watch.read_line().find("card 1    link"), std::string::npos);
+    EXPECT_NE(watch.read_line().find("card 1    state"), std::string::npos);
     EXPECT_EQ(folders(pid), 1u);
     watch.send_signal(SIGTERM);
     EXPECT_EQ(watch.wait().status, 0);
@@ -68,7 +73,8 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
 
 TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
     const std::string file = cards_file(R"({"cards": [{"id": 1}]})");
-    Program watch(kivctl({"--sim", file, "watch", "--json"}));
+    Program watch(telling_its_id({"--sim", file, "watch", "--json"}));
+    const std::string pid = watch.read_line();
     EXPECT_FALSE(watch.read_line().empty());
     const auto simulator_runs = [&] {
         return run_program(
@@ -81,6 +87,8 @@ TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
     watch.send_signal(SIGKILL);
     watch.wait();
     EXPECT_TRUE(wait_until([&] { return !simulator_runs(); }));
+    for (const auto& folder : folders_of(pid))  // Nobody was left to remove it.
+        std::filesystem::remove_all(folder);
 }
 
 TEST_F(OwnSimulator, SaysWhyItCannotRun) {

@@ -58,7 +58,8 @@ class Unnamed {
 
 Ended run_self(const std::vector<std::string>& words) {
     [[maybe_unused]] static const bool registered = (at_end(end_child), true);
-    waiting_for(Layer::Driver, "a command whose result is collected");  // Also keeps a process that ends here.
+    // A process that ends on another thread starts nothing more: this waits for ever then.
+    waiting_for(Layer::Driver, "a command whose result is collected");
     const std::string program = own_program();
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& word : words)

@@ -39,13 +39,16 @@ class Failure : public std::exception {
 
     const char* what() const noexcept override { return message.c_str(); }
 
-    Failure& of_card(uint8_t id) {
-        card = id;
-        return *this;
+    /// Copies: what is thrown is a value of its own.
+    Failure of_card(uint8_t id) const {
+        Failure copy(*this);
+        copy.card = id;
+        return copy;
     }
-    Failure& ends_with(Exit status) {
-        exit = status;
-        return *this;
+    Failure ends_with(Exit status) const {
+        Failure copy(*this);
+        copy.exit = status;
+        return copy;
     }
 
     /// Members "code", "name", "layer", "card", "message" and "remedy".

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -23,8 +24,9 @@ namespace kivctl {
 
 namespace {
 
-constexpr int kParts = 30;     ///< Of the time limit: one for a command, three for the doctor.
-constexpr int kLogLimit = 20;  ///< Seconds for a card's log, which may be long.
+constexpr int kParts = 30;       ///< Of the time limit: one for a command, three for the doctor.
+constexpr int kAnswerLimit = 2;  ///< Seconds.
+constexpr int kLogLimit = 20;    ///< Seconds for a card's log, which may be long.
 
 struct Missing {
     std::string name;
@@ -95,10 +97,13 @@ std::map<std::string, Answer> Collection::answers(const std::string& folder, con
         return answers;
     }
     const Server server(host->address, static_cast<uint32_t>(*port));
+    bool answers_at_all = false;
     for (const std::string path : kAnswers) {
         const bool is_log = path == kLog;
         const std::string name = folder + "server" + path + (is_log ? ".txt" : ".json");
-        const Answer& answer = answers[path] = server.ask(path, is_log ? kLogLimit : 2);
+        const Answer& answer = answers[path] =
+            server.ask(path, is_log && answers_at_all ? kLogLimit : kAnswerLimit);
+        answers_at_all |= answer.status != 0;
         if (answer.status == 0) {
             missing.push_back({name, "GET " + path + ": the management server gave no whole answer"});
         } else {
@@ -139,7 +144,7 @@ void Collection::configuration() {
     const std::string path = configuration_path();
     std::ifstream file(path, std::ios::binary);
     const std::string name = "configuration/hps_boot.json";
-    if (file) {
+    if (file && std::filesystem::is_regular_file(path)) {
         add(name, "the card configuration of the machine, " + path,
             {std::istreambuf_iterator<char>(file), {}});
     } else {

@@ -253,12 +253,7 @@ class Watch {
         const uint8_t id = card.device.device_id;
         kiv_net_status_t net{};
         const kiv_result_t driver = kiv_get_net_status(id, &net);
-        if (driver != KIV_OK && !look_for_driver().found) {
-            const std::lock_guard lock(mutex_);
-            lose_driver(look_for_driver().problem);
-            ask_for_search();
-            return;
-        }
+        if (driver != KIV_OK && is_of_driver()) return;
         set_lost(id, "card", &Known::card_lost, driver != KIV_OK,
                  driver == KIV_OK ? "" : "its registers cannot be read");
         if (driver == KIV_OK) print_state(id, net);
@@ -267,6 +262,17 @@ class Watch {
         if (driver == KIV_OK) return;
         const std::lock_guard lock(mutex_);
         ask_for_search();
+    }
+
+    /// Whether a card cannot be read because the driver is lost. Then no card is, nor its server.
+    bool is_of_driver() {
+        const DriverProcess driver = look_for_driver();
+        const std::lock_guard lock(mutex_);
+        // Another card's look may have found it lost; by now it may be back, with other connections.
+        if (driver.found && !driver_lost_) return false;
+        lose_driver(driver.problem);
+        ask_for_search();
+        return true;
     }
 
     void print_state(uint8_t id, const kiv_net_status_t& net) {
