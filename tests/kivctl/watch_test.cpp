@@ -42,7 +42,7 @@ TEST_F(KivctlCard, WatchShowsTheStateAndThenChangesUntilASignal) {
                                                     {"port": 1, "changed": true, "link": "down"}])"));
     change({{"ptp_state", 3}});
     EXPECT_EQ(next(text), "card 1    ptp    state 3");
-    EXPECT_EQ(next_event(json), parsed(R"({"card": 1, "event": "ptp", "state": 3})"));
+    EXPECT_EQ(next_event(json), parsed(R"({"card": 1, "event": "ptp", "ptp_state": 3})"));
 
     json.send_signal(SIGINT);
     text.send_signal(SIGTERM);

@@ -33,6 +33,7 @@ constexpr Command kCommands[] = {
     {"config", "init",    "Make a first configuration; never over one that exists",     Takes::NoCard,    kShort, config_init},
     {"config", "show",    "Show what the configuration says",                           Takes::NoCard,    kShort, config_show},
     {nullptr,  "explain", "Say what a result code or an exit status means",             Takes::NoCard,    kShort, explain, explain_options},
+    {nullptr,  "completion", "Print the completion script of a shell",                 Takes::NoCard,    kShort, completion, completion_options},
     {nullptr,  "version", "Show the versions of tool, library, driver client and driver", Takes::NoCard,  kShort, version},
 };
 // clang-format on

@@ -46,7 +46,7 @@ struct Request {
 struct Option {
     std::string name;  ///< One without dashes stands for itself on the command line, and is required.
     std::string help;
-    std::string type;  ///< As the help shows it; empty for a flag.
+    std::string type;  ///< As the help shows it, empty for a flag: "N|off", lower case for words as they are.
 
     /// Takes the text, or says why not.
     std::function<std::string(const std::string& text)> take = nullptr;
@@ -123,6 +123,8 @@ Exit config_show(const Request& request, Output& output);
 
 Exit explain(const Request& request, Output& output);
 Options explain_options(Request& request);
+Exit completion(const Request& request, Output& output);
+Options completion_options(Request& request);
 Exit version(const Request& request, Output& output);
 
 }  // namespace kivctl

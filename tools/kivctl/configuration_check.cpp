@@ -128,7 +128,21 @@ class Lines : public nlohmann::json_sax<Json> {
     std::string error_;
 };
 
-enum class Kind { Number, Switch, Octet, Vlan, Port, Text, Address, Netmask, Ptp, Ports, Tunnel, Cards };
+enum class Kind {
+    Number,
+    Switch,
+    Octet,
+    Interval,
+    Vlan,
+    Port,
+    Text,
+    Address,
+    Netmask,
+    Ptp,
+    Ports,
+    Tunnel,
+    Cards
+};
 struct Row {
     const char* name;
     Kind kind;
@@ -136,8 +150,8 @@ struct Row {
 
 // clang-format off
 constexpr Row kRoot[]   = {{"version", Kind::Number}, {"ptp", Kind::Ptp}, {"devices", Kind::Cards}, {"mactun", Kind::Tunnel}};
-constexpr Row kPtp[]    = {{"announceReceiptTimeout", Kind::Octet}, {"domainNumber", Kind::Number}, {"logAnnounceInterval", Kind::Number},
-                           {"logDelayReqInterval", Kind::Number}, {"unicast_delay_req", Kind::Switch}};
+constexpr Row kPtp[]    = {{"announceReceiptTimeout", Kind::Octet}, {"domainNumber", Kind::Octet}, {"logAnnounceInterval", Kind::Interval},
+                           {"logDelayReqInterval", Kind::Interval}, {"unicast_delay_req", Kind::Switch}};
 constexpr Row kCard[]   = {{"device_id", Kind::Octet}, {"chip_id", Kind::Text}, {"maceth0", Kind::Ports}, {"maceth1", Kind::Ports}};
 constexpr Row kPort[]   = {{"ip_addr", Kind::Address}, {"netmask", Kind::Netmask}, {"tos", Kind::Octet}, {"ttl", Kind::Octet}, {"vlan_id", Kind::Vlan}};
 constexpr Row kTunnel[] = {{"ip_addr", Kind::Address}, {"server_port", Kind::Port}};
@@ -233,6 +247,7 @@ class Checker {
         double least = std::numeric_limits<int32_t>::min();
         double most = std::numeric_limits<int32_t>::max();
         if (kind == Kind::Octet) least = 0, most = 255;
+        if (kind == Kind::Interval) least = -128, most = 127;
         if (kind == Kind::Vlan) least = 0, most = 4094;
         if (kind == Kind::Port) least = 1, most = 65535;
         if (kind == Kind::Switch) least = 0, most = 1;

@@ -78,7 +78,7 @@ Exit flash(const Request& request, Output& output) {
 }
 
 Options flash_select_options(Request& request) {
-    return {{number_option("SLOT", "0 or 1", " ", 0, 1, request.select)}};
+    return {{number_option("SLOT", "Slot of the flash", "0|1", 0, 1, request.select)}};
 }
 
 Exit flash_select(const Request& request, Output& output) {

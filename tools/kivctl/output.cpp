@@ -87,7 +87,7 @@ void Output::print_failure(const Failure& failure, bool json) noexcept try {
     if (!json || ftrylockfile(results_.get()) != 0) return;
     Json object = document("error");
     object.update(failure.json());
-    const std::string text = dump(object, 4);
+    const std::string text = dump(object, -1);  // One line: it may stand below those of watch.
     std::fwrite(text.data(), 1, text.size(), results_.get());
     std::fflush(results_.get());
     funlockfile(results_.get());

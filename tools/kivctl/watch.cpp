@@ -72,7 +72,7 @@ std::optional<Described> describe(const kiv_event_hwmon_t& report) {
 std::optional<Described> describe(uint32_t ptp_state, Known& known) {
     if (known.ptp_state == ptp_state) return std::nullopt;
     known.ptp_state = ptp_state;
-    return Described{{{"event", "ptp"}, {"state", ptp_state}}, fmt::format("state {}", ptp_state)};
+    return Described{{{"event", "ptp"}, {"ptp_state", ptp_state}}, fmt::format("state {}", ptp_state)};
 }
 
 /// From the register; the rest of the record is the server's, which is asked after it.
