@@ -1,5 +1,8 @@
 // What the command line takes, and what is said when it does not.
+#include <csignal>
+
 #include "kivctl/Kivctl.h"
+#include "support/Waiting.h"
 
 TEST_F(KivctlCard, TakesWholeNumbersInRangeAndNothingElse) {
     const std::string file = image();
@@ -16,6 +19,10 @@ TEST_F(KivctlCard, TakesWholeNumbersInRangeAndNothingElse) {
         {{"flash", "write", file}, ""},
         {{"flash", "write", "010", file}, "is no card's id"},
         {{"flash", "write", "1", ""}, "the text is empty"},
+        {{"flash", "2", "write", "1", file}, "two cards are named: "},
+        {{"flash", "wait", "1", "2"}, "two cards are named: "},
+        {{"ptp", "1", "set", "2", "--vlan0", "off", "--vlan1", "off"}, "two cards are named: "},
+        {{"scan", "\x1b[31mx"}, "\\u001b[31mx"},
         {{"flash", "wait"}, "say which one"},
         {{"flash", "select", "1"}, "SLOT is required"},
         {{"flash", "select", "1", ""}, "no decimal number from 0 to 1"},
@@ -54,6 +61,42 @@ TEST_F(KivctlCard, TakesWholeNumbersInRangeAndNothingElse) {
     expect({"ptp", "set", "--help"}, 0, "--vlan0");
     EXPECT_EQ(run({"-v", "link"}).err.find("kivctl:"), std::string::npos);
     EXPECT_NE(run({"-v", "info", "1"}).err, "") << "the library's log";
+}
+
+TEST_F(KivctlCard, KeepsItsStreamsApart) {
+    const auto shell = [](const std::string& line) {
+        return run_program({"/bin/sh", "-c", line, kKivctlProgram});
+    };
+    EXPECT_EQ(parsed(shell("exec \"$0\" flash wait 1 --json 2>&-").out)["state"], "idle");
+    EXPECT_EQ(shell("exec \"$0\" scan >&-").status, 1);
+    EXPECT_EQ(parsed(shell("exec \"$0\" scan --json <&- 2>&-").out)["complete"], true);
+    EXPECT_EQ(shell("\"$0\" explain 0 | true; exit 0").err.find("Segm"), std::string::npos);
+    // Nobody reads the messages: the time limit holds all the same.
+    add_fault(R"({"path": "/hps/hwmon/info", "delay_ms": 60000})");
+    const Ended blocked = shell("mkfifo '" + (directory_ / "fifo") + "'; exec 3<>'" + (directory_ / "fifo") +
+                                "'; head -c 65536 /dev/zero >&3; exec \"$0\" status 1 --timeout 1 2>&3");
+    EXPECT_EQ(blocked.status, 4);
+}
+
+TEST_F(KivctlCard, EndsAsInterruptedOnAnySignal) {
+    add_fault(R"({"path": "/hps/hwmon/info", "delay_ms": 60000})");
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        Program waiting(kivctl({"status", "1", "--json"}));
+        const std::string asked = "hwmon/info";
+        const auto count = [&] {
+            const std::string log = read_file(directory_ / "requests");
+            std::size_t found = 0;
+            for (std::size_t at = 0; (at = log.find(asked, at)) != std::string::npos; ++at)
+                ++found;
+            return found;
+        };
+        const std::size_t before = count();
+        EXPECT_TRUE(wait_until([&] { return count() > before; }));
+        waiting.send_signal(signal);
+        const Ended ended = waiting.wait();
+        EXPECT_EQ(ended.status, 5);
+        EXPECT_EQ(parsed(ended.out)["name"], "INTERRUPTED");
+    }
 }
 
 TEST_F(Kivctl, NeedsTheIdWhereThereAreSeveralCards) {

@@ -64,10 +64,13 @@ TEST_F(KivctlCard, MarksSensorsAndLeavesOutWhatIsNotReported) {
     EXPECT_EQ(status["pci_link"], parsed(R"({"text": "x16 gen 4", "width": 16, "generation": 4})"));
 
     change({{"hwmon",
-             {{{"label", "Board Rear Side Temperature"}, {"input", -5}, {"max", 70}, {"critical", 80}},
+             {{{"label", "Board Top Near FPGA Temperature"}, {"input", 58.7}, {"max", 70}, {"critical", 80}},
+              {{"label", "Board Rear Side Temperature"}, {"input", -5}, {"max", 70}, {"critical", 80}},
               {{"label", "Board Front Side Temperature"}, {"input", 70}, {"max", 70}, {"critical", 80}},
               {{"label", "QSFP1 Case Temperature"}, {"input", 81}, {"max", 70}, {"critical", 80}}}}});
     status = json_of({"status"}, 3);
+    EXPECT_EQ(status["sensors"][1]["state"], "not reported") << "a fraction is no reading";
+    EXPECT_TRUE(status["sensors"][1]["input"].is_null());
     EXPECT_EQ(status["attention"], true);
     EXPECT_EQ(status["sensors"][0],
               parsed(R"({"name": "FPGA fabric", "input": null, "max": null, "critical": null,

@@ -71,16 +71,17 @@ TEST_F(KivctlCard, FlashWaitTakesUpTheWait) {
 }
 
 TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
-    // The first two looks at the state are the library's own.
-    add_fault(R"({"path": "/hps/firmware/status", "nth": 4, "patch": "Verify FAILED: code 7"})");
+    // The first looks at the state are before the upload, by this program and the library, and the library's
+    // own wait.
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 5, "patch": "Verify FAILED: code 7"})");
     Json error = json_of({"flash", "write", "1", image()}, 1);
     EXPECT_EQ(error["name"], "WRITE_FAILED");
     EXPECT_EQ(error["card"], 1);
     EXPECT_NE(error["message"].get<std::string>().find("Verify FAILED: code 7"), std::string::npos);
     json_of({"flash", "wait", "1"});
 
-    add_fault(R"({"path": "/hps/firmware/status", "nth": 14, "status": 503})");
-    add_fault(R"({"path": "/hps/firmware/status", "nth": 15, "cut": "before"})");
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 15, "status": 503})");
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 16, "cut": "before"})");
     EXPECT_EQ(json_of({"flash", "write", "1", image("single failed looks")}).value("written_slot", -1), 1);
     control("DELETE", "/http_faults");
 
@@ -98,6 +99,47 @@ TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
     const Ended interrupted = waiting.wait();
     EXPECT_EQ(interrupted.status, 5);
     EXPECT_NE(interrupted.err.find("\"kivctl flash wait 1\" takes up the wait again"), std::string::npos);
+}
+
+TEST_F(KivctlCard, FlashWriteIsNotMisledByACardsWords) {
+    // Idle when it is looked at for the first time, and no failure.
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 4, "patch": "idle"})");
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 6, "patch": "writing, no errors so far"})");
+    EXPECT_EQ(json_of({"flash", "write", "1", image()})["written_slot"], 1);
+    control("DELETE", "/http_faults");
+
+    change({{"answers", {{"/hps/firmware/status", "Failed"}}}});
+    Json error = json_of({"flash", "write", "1", image("x")}, 1);
+    EXPECT_EQ(error["name"], "CARD_STATE") << "a wait would not help";
+    change({{"answers", {{"/hps/firmware/status", "erasing"}}}});
+    EXPECT_NE(json_of({"flash", "write", "1", image("x")}, 1)["message"].get<std::string>().find("erasing"),
+              std::string::npos);
+    change({{"answers", {{"/hps/firmware/status", 7}}}});
+    error = json_of({"flash", "write", "1", image("x")}, 1);
+    EXPECT_EQ(error["card"], 1);
+    EXPECT_NE(error["message"].get<std::string>().find("has no word for the state"), std::string::npos);
+    change({{"answers", {{"/hps/firmware/info", {{"User1", std::string(4'000'000, '"')}, {"User2", "x"}}}}}});
+    EXPECT_LT(expect({"flash", "--timeout", "5"}, 0, "(4000000 bytes in all)").out.size(), 2000u);
+}
+
+TEST_F(KivctlCard, FlashWriteSendsTheFileThatWasLookedAt) {
+    const std::string file = image();
+    add_fault(R"({"path": "/hps/firmware/info", "nth": 1, "delay_ms": 600})");
+    Program writing(kivctl({"flash", "write", "1", file}));
+    EXPECT_TRUE(wait_until([&] { return was_asked("firmware/status"); }));
+    write_file(file, "another image");
+    const Ended ended = writing.wait();
+    EXPECT_EQ(ended.status, 2);
+    EXPECT_NE(ended.err.find("nothing was sent: " + file + ": has changed"), std::string::npos) << ended.err;
+    EXPECT_FALSE(was_asked("firmware/upload"));
+}
+
+TEST_F(KivctlCard, FlashWriteGoesOnWithoutAReader) {
+    const Ended full = run_program(
+        {"/bin/sh", "-c", "exec \"$0\" flash write 1 \"$1\" > /dev/full", kKivctlProgram, image()});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.err.find("standard output cannot be written"), std::string::npos);
+    EXPECT_EQ(json_of({"flash"})["slots"][1], kImage) << "it was written all the same";
 }
 
 TEST_F(KivctlCard, FlashWriteGivesUpOnACardThatFallsSilentAndSaysThatItMayGoOn) {

@@ -117,6 +117,14 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
     remove((in_the_way + "/file").c_str());
     remove(in_the_way.c_str());
 
+    add_fault(
+        R"({"path": "/hps/control/network/reconfig", "nth": 1, "carried_out": false, "status": 200, "body": "x"})");
+    const Json lied =
+        json_of({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--ip0", "10.9.9.9/24", "--save"}, 1);
+    EXPECT_EQ(lied["error"]["name"], "NOT_TAKEN");
+    EXPECT_EQ(lied["saved"], false);
+    EXPECT_EQ(configuration_.read(), ConfigurationFile::sample());
+    control("DELETE", "/http_faults");
     add_fault(R"({"path": "/hps/control/network/reconfig", "status": 500})");
     expect(change, 1, "whether the card took the change is not known");
     EXPECT_EQ(configuration_.read(), ConfigurationFile::sample());

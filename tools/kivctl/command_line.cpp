@@ -56,7 +56,7 @@ Failure unknown_word(const char* group, const std::string& word) {
 class CommandLine {
   public:
     explicit CommandLine(Request& request) : request_(request) {
-        app_.set_version_flag("--version", "");
+        app_.add_flag("--version", version_, "Show versions, as the command of that name");
         for (const Option& option : common_options(request_).options)
             add(app_, option);
         for (const Command& command : commands())
@@ -75,9 +75,8 @@ class CommandLine {
             app_.parse(std::move(words));
         } catch (const CLI::CallForHelp&) {
             throw HelpWanted{app_.help()};
-        } catch (const CLI::CallForVersion&) {
-            return row("version");
         }
+        if (version_) return row("version");
         const CLI::App* chosen = &app_;
         while (!chosen->get_subcommands().empty())
             chosen = chosen->get_subcommands().front();
@@ -108,6 +107,9 @@ class CommandLine {
         if (command.card != Takes::NoCard) {
             const auto take = [this, name = command.name, is_group](const std::string& text) -> std::string {
                 const std::optional<int64_t> id = number_of(text, 0, 255);
+                if (id && request_.card)
+                    throw usage("two cards are named: " + std::to_string(*request_.card) + " and " + text,
+                                "one card, behind the last word of the command");
                 if (id) {
                     request_.card = static_cast<uint8_t>(*id);
                     return "";
@@ -140,6 +142,7 @@ class CommandLine {
     }
 
     Request& request_;
+    bool version_ = false;
     CLI::App app_{
         "Looks at the media-network cards of this machine and changes their settings.\n"
         "Results go to standard output, messages to standard error.",
@@ -196,7 +199,7 @@ const Command& parse(std::vector<std::string> words, Request& request) {
     try {
         return CommandLine(request).parse(std::move(words));
     } catch (const CLI::ParseError& error) {
-        throw usage(error.what());
+        throw usage(printable(error.what()));
     }
 }
 

@@ -184,7 +184,7 @@ Outcome CardUnderTest::ptp() {
         state = text;  // The lowest that is set counts.
         break;
     }
-    const auto locking = management().get("/hps/ptp/management").at("masterLockingStatus").get<int64_t>();
+    const int32_t locking = management().get_number("/hps/ptp/management", "masterLockingStatus");
     return {locking == kLocked ? Result::Ok : Result::Warn,
             fmt::format("master: {} ({}), register state {}", locking_text(locking), locking, state),
             locking == kLocked ? "" : "see that the grandmaster can be reached and has the same domain"};

@@ -3,7 +3,11 @@
 #include <kiv/kiv_api.h>
 
 #include <algorithm>
+#include <chrono>
+#include <future>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "cards.h"
 #include "commands.h"
@@ -14,6 +18,8 @@
 namespace kivctl {
 
 namespace {
+
+constexpr int kPatience = 2;  ///< Seconds, with the version of a driver that may hang.
 
 kivDriverClientList all_functions() {
     const DriverProcess driver = look_for_driver();
@@ -43,6 +49,14 @@ std::string client_version(const kivDriverClient& client) {
     uint16_t patch = 0;
     client.get_version(major, minor, patch);
     return version_text(major, minor, patch);
+}
+
+/// Null without a driver or a card.
+Json version_of_driver() noexcept try {
+    const kivDriverClientList clients = all_functions();
+    return clients.empty() ? Json() : Json(driver_version(*clients.front()));
+} catch (const std::exception&) {
+    return nullptr;
 }
 
 Json to_json(const kivDriverClient& client) {
@@ -129,11 +143,14 @@ Exit version(const Request& request, Output& output) {
     json["library"] = version_text(library.major, library.minor, library.revision);
     json["client"] = client_version(kivDriverClient(kivDriverClient::pf0_st2110_id, 0));
     json["driver"] = nullptr;
-    try {
-        const kivDriverClientList clients = all_functions();
-        if (!clients.empty()) json["driver"] = driver_version(*clients.front());
-    } catch (const Failure&) {
-        // Without a driver the other versions are worth knowing all the same.
+    // Without a driver, or one that hangs, the other versions are worth knowing all the same.
+    const auto asked = std::make_shared<std::promise<Json>>();
+    std::thread([asked] { asked->set_value(version_of_driver()); }).detach();
+    std::future<Json> answer = asked->get_future();
+    if (answer.wait_for(std::chrono::seconds(kPatience)) == std::future_status::ready) {
+        json["driver"] = answer.get();
+    } else {
+        Output::note(fmt::format("the driver gives no answer within {} s", kPatience));
     }
     if (request.json) {
         output.print_json(json);

@@ -32,7 +32,8 @@ constexpr Advice kAdvice[] = {
 }  // namespace
 
 const char* name_of(Layer layer) {
-    constexpr const char* kNames[] = {"argument", "configuration", "driver", "network", "server", "card"};
+    constexpr const char* kNames[] = {"argument", "configuration", "driver", "network",
+                                      "server",   "card",          "program"};
     return kNames[static_cast<int>(layer)];
 }
 

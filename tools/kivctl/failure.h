@@ -25,7 +25,7 @@ enum Exit : int {
 };
 
 /// Where it went wrong.
-enum class Layer { Argument, Configuration, Driver, Network, Server, Card };
+enum class Layer { Argument, Configuration, Driver, Network, Server, Card, Program };
 const char* name_of(Layer layer);
 
 class Failure : public std::exception {

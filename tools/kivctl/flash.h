@@ -13,14 +13,20 @@ namespace kivctl {
 
 struct FlashSlots {
     std::array<std::string, 2> image;  ///< Identifiers, as the card writes them.
-    std::optional<int> next_boot;      ///< Nothing when neither slot is marked.
+    std::optional<int> next_boot;      ///< Nothing when neither slot is marked, or both are.
+    bool both_marked = false;
 };
 
-/// Throws Failure.
+/// Throws Failure, with a card of that card.
 FlashSlots read_slots(const Server& server);
+FlashSlots read_slots(const Found& card);
 
-/// The card's word for what its flash does; "idle" when nothing. Throws Failure.
+/// The card's word for what its flash does; "idle" when nothing. Throws Failure, with a card of that card.
 std::string read_state(const Server& server);
+std::string read_state(const Found& card);
+
+/// Whether that word says that a write has come to a bad end.
+bool says_failure(const std::string& word);
 
 /// Adds "slots", "next_boot_slot".
 void add_to(Json& json, const FlashSlots& slots);

@@ -1,21 +1,16 @@
 // The write of a firmware image, from the file to the slot that has changed.
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <chrono>
 #include <nlohmann/json.hpp>
-#include <system_error>
 #include <thread>
 
 #include "commands.h"
 #include "flash.h"
 #include "guard.h"
-#include "time_text.h"
+#include "image_file.h"
+#include "progress.h"
 
 namespace kivctl {
 
@@ -25,93 +20,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kTick{250};
 constexpr std::chrono::seconds kSilence{15};  ///< How long a card may give no answer while it writes.
-constexpr int64_t kLargest = int64_t{256} << 20;
 
-/// Size of an image that can be sent. Throws what is wrong with the file, of which no card is to blame.
-int64_t size_of_image(const std::string& path) {
-    const auto refuse = [&](const std::string& what) {
-        return Failure(Layer::Argument, "FILE", "nothing was sent: " + printable(path) + ": " + what)
-            .ends_with(kUsage);
-    };
-    struct stat state {};
-    if (stat(path.c_str(), &state) != 0) throw refuse(std::generic_category().message(errno));
-    if (!S_ISREG(state.st_mode)) throw refuse("is no regular file");
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) throw refuse("cannot be read: " + std::generic_category().message(errno));
-    close(file);
-    if (state.st_size == 0) throw refuse("is empty");
-    if (state.st_size > kLargest)
-        throw refuse(fmt::format("has {} bytes; an image has at most {}", state.st_size, kLargest));
-    return state.st_size;
-}
-
-/// What a person sees of a write: on a terminal one line that lives, else a line for each phase.
-class Progress {
-  public:
-    Progress(Output& output, bool silent)
-        : output_(output), silent_(silent), live_(!silent && output.is_terminal()) {}
-    ~Progress() {
-        if (open_line_) std::fputs("\n", stderr);  // A failure has come in between; its message follows.
-    }
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
-
-    void phase(const std::string& name) {
-        if (name == phase_) return show();
-        phase_ = name;
-        detail_.clear();
-        if (!live_ && !silent_) output_.print(phase_ + "\n");
-        show();
-    }
-
-    void detail(std::string text) {
-        detail_ = std::move(text);
-        show();
-    }
-
-    void end(const std::string& name) {
-        phase_ = name;
-        detail_.clear();
-        if (!live_ && !silent_) output_.print(text() + "\n");
-        show();
-        if (live_) output_.print("\n");
-        open_line_ = false;
-    }
-
-    int64_t seconds() const {
-        return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start_).count();
-    }
-
-  private:
-    void show() {
-        if (!live_) return;
-        output_.print("\r\x1b[K" + text());  // From the line's start, what was there removed.
-        open_line_ = true;
-    }
-    std::string text() const {
-        return fmt::format("{:<10}{}{}", phase_, minutes_and_seconds(Clock::now() - start_),
-                           detail_.empty() ? "" : "  " + detail_);
-    }
-
-    Output& output_;
-    const bool silent_;
-    const bool live_;
-    const Clock::time_point start_ = Clock::now();
-    std::string phase_;
-    std::string detail_;
-    bool open_line_ = false;
-};
-
-/// Whether the card's word for its state says that the write has come to a bad end.
-bool says_failure(const std::string& word) {
-    std::string lower = word;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    constexpr const char* kWords[] = {"fail",    "error",    "abort",   "cancel",
-                                      "invalid", "mismatch", "timeout", "corrupt"};
-    return std::any_of(std::begin(kWords), std::end(kWords),
-                       [&](const char* bad) { return lower.find(bad) != std::string::npos; });
-}
+constexpr std::chrono::seconds kStart{10};  ///< How long a card may take to begin.
 
 std::string may_go_on(uint8_t id) {
     return fmt::format(
@@ -119,30 +29,56 @@ std::string may_go_on(uint8_t id) {
         id);
 }
 
-/// Waits until the card's flash is idle. Throws when the card says that the write has failed, and when it
-/// gives no answer for too long.
-void wait_until_idle(const Found& card, Progress& progress) {
-    const uint8_t id = card.device.device_id;
-    const Server server = server_of(card);
-    auto last_answer = Clock::now();
+bool differ(const FlashSlots& a, const FlashSlots& b) {
+    return a.image != b.image;
+}
+
+/// Whether the wait is over: the card is idle after it was seen busy, a slot has changed, or nothing begins.
+/// Throws when the card says that the write has failed.
+class Waiting {
+  public:
+    Waiting(const Found& card, const FlashSlots& before) : card_(card), before_(before) {}
+
+    bool is_over(Progress& progress) {
+        const std::string word = read_state(card_);
+        if (word == "idle")
+            return busy_ || differ(read_slots(card_), before_) || Clock::now() - start_ > kStart;
+        busy_ = true;
+        if (says_failure(word)) {
+            const uint8_t id = card_.device.device_id;
+            throw Failure(Layer::Card, "WRITE_FAILED",
+                          fmt::format("card {} says that the write failed: {}", id, printable(word)),
+                          "the slot that boots is untouched unless \"kivctl flash\" says otherwise")
+                .of_card(id);
+        }
+        progress.phase(printable(word));
+        return false;
+    }
+
+    bool was_busy() const { return busy_; }
+
+  private:
+    const Found& card_;
+    const FlashSlots& before_;
+    const Clock::time_point start_ = Clock::now();
+    bool busy_ = false;
+};
+
+/// Asks again and again; a card that writes may leave single questions unanswered, but not for long.
+template <typename Ask>
+auto ask_patiently(const Found& card, Progress& progress, Ask ask) {
+    const auto start = Clock::now();
     for (;;) {
         try {
-            const std::string word = read_state(server);
-            last_answer = Clock::now();
-            if (word == "idle") return;
-            if (says_failure(word))
-                throw Failure(
-                    Layer::Card, "WRITE_FAILED",
-                    fmt::format("card {} says that the write failed: {}", id, printable(word)),
-                    "the slot that boots is untouched unless \"kivctl flash\" says otherwise; write again")
-                    .of_card(id);
-            progress.phase(printable(word));
+            return ask();
         } catch (const Failure& failure) {
-            if (failure.name == "WRITE_FAILED") throw;
-            if (Clock::now() - last_answer > kSilence)
+            const bool answered = failure.layer != Layer::Server && failure.layer != Layer::Network;
+            if (answered) throw;
+            const uint8_t id = card.device.device_id;
+            if (Clock::now() - start > kSilence)
                 throw Failure(failure.layer, "NO_ANSWER",
-                              fmt::format("card {} has given no answer for {} s: {}", id, kSilence.count(),
-                                          failure.message),
+                              fmt::format("card {} has given no good answer for {} s: {}", id,
+                                          kSilence.count(), failure.message),
                               may_go_on(id))
                     .of_card(id);
             progress.detail("no answer, asking again");
@@ -151,27 +87,54 @@ void wait_until_idle(const Found& card, Progress& progress) {
     }
 }
 
-/// The slots after a write; asked for a while, as a card may be short of time.
-FlashSlots read_slots_patiently(const Server& server) {
-    const auto end = Clock::now() + kSilence;
-    for (;;) {
-        try {
-            return read_slots(server);
-        } catch (const Failure&) {
-            if (Clock::now() > end) throw;
-        }
+void wait_until_over(const Found& card, Waiting& waiting, Progress& progress) {
+    while (!ask_patiently(card, progress, [&] { return waiting.is_over(progress); }))
         std::this_thread::sleep_for(kTick);
+}
+
+/// Throws why a card does not take an image, in its own word.
+void need_idle(const Found& card) {
+    const uint8_t id = card.device.device_id;
+    const std::string word = read_state(card);
+    if (word == "idle") return;
+    if (says_failure(word))
+        throw Failure(Layer::Card, "CARD_STATE",
+                      fmt::format("nothing was sent: card {} reports \"{}\", and takes no image so", id,
+                                  printable(word)),
+                      "restart the card's processor; its manual says how")
+            .of_card(id);
+    Failure busy = failure_of(KIV_ERR_BUSY, "the upload", id);
+    busy.message = fmt::format("nothing was sent: card {} is busy with its flash: {}", id, printable(word));
+    throw Failure(busy);
+}
+
+/// Why the upload did not go well: the file's fault, or the card's.
+Failure why_not_uploaded(kiv_result_t result, const Found& card, const Image& image) {
+    const uint8_t id = card.device.device_id;
+    Failure failure = failure_of(result, "the upload", id);
+    if (!image.is_as_it_was()) {
+        failure.layer = Layer::Argument;
+        failure.name = "FILE_CHANGED";
+        failure.message = printable(image.path()) + ": has changed while it was sent";
+    } else if (result == KIV_ERR_REST) {
+        failure.message = fmt::format(
+            "card {}: the image was not taken: the upload or the start of the write was refused or not "
+            "answered",
+            id);
+    } else {
+        return failure;
     }
+    failure.remedy =
+        fmt::format("\"kivctl flash {}\" tells whether the card is writing; -v shows the log", id);
+    return failure;
 }
 
 /// Uploads the image and starts its write.
-void upload(const Found& card, const std::string& path, int64_t size, Progress& progress) {
-    const uint8_t id = card.device.device_id;
-    progress.phase("uploading");
+void upload(const Found& card, const Image& image, Progress& progress) {
     struct Told {
         Progress& progress;
         int64_t size;
-    } told{progress, size};
+    } told{progress, image.size()};
     const auto tell = [](uint64_t sent, uint64_t total, void* user) {
         // Around the image stands some text: what was sent of the whole is at most the image.
         const Told& self = *static_cast<Told*>(user);
@@ -179,18 +142,16 @@ void upload(const Found& card, const std::string& path, int64_t size, Progress& 
         const int64_t of_image = std::clamp<int64_t>(static_cast<int64_t>(sent) - around, 0, self.size);
         self.progress.detail(fmt::format("{} of {} bytes", of_image, self.size));
     };
-    const kiv_result_t result = kiv_write_flash_image_with_progress(id, path.c_str(), tell, &told);
-    if (result == KIV_OK) return;
-    Failure failure = failure_of(result, "the upload", id);
-    if (result == KIV_ERR_REST) {
-        failure.message = fmt::format(
-            "card {}: the image was not taken: the upload or the start of the write was refused or not "
-            "answered",
-            id);
-        failure.remedy =
-            fmt::format("\"kivctl flash {}\" tells whether the card is writing; -v shows the log", id);
-    }
-    throw Failure(failure);
+    if (!image.is_as_it_was()) throw image.refusal("has changed since it was looked at");
+    const uint8_t id = card.device.device_id;
+    const kiv_result_t result = kiv_write_flash_image_with_progress(id, image.path().c_str(), tell, &told);
+    if (result != KIV_OK) throw why_not_uploaded(result, card, image);
+    if (image.is_as_it_was()) return;
+    throw Failure(Layer::Argument, "FILE_CHANGED",
+                  fmt::format("{}: has changed while it was sent, and card {} writes what was there then",
+                              printable(image.path()), id),
+                  "\"kivctl flash wait\" waits for the card; then write the file again")
+        .of_card(id);
 }
 
 struct Written {
@@ -199,7 +160,7 @@ struct Written {
 };
 
 /// Which slot has another image than before. Throws when none has: nothing that was seen says "done".
-Written compare(const FlashSlots& before, const FlashSlots& after, uint8_t id) {
+Written compare(const FlashSlots& before, const FlashSlots& after, bool was_busy, uint8_t id) {
     Written written{after, std::nullopt};
     const bool changed[] = {before.image[0] != after.image[0], before.image[1] != after.image[1]};
     if (changed[0] && changed[1])
@@ -209,13 +170,32 @@ Written compare(const FlashSlots& before, const FlashSlots& after, uint8_t id) {
     if (!changed[0] && !changed[1])
         throw Failure(
             Layer::Card, "NOT_WRITTEN",
-            fmt::format("card {} is idle again, but no slot has changed: nothing was written, or one had "
-                        "this image already",
-                        id),
+            fmt::format("card {}: {}, and no slot has changed: nothing was written, or one had this "
+                        "image already",
+                        id, was_busy ? "it is idle again" : "no write was seen to start"),
             "\"kivctl flash\" shows both slots")
             .of_card(id);
     written.slot = changed[0] ? 0 : 1;
     return written;
+}
+
+/// The end of a write that goes on.
+Written wait_for_write(const Found& card, const FlashSlots& before, Progress& progress) {
+    const uint8_t id = card.device.device_id;
+    Waiting waiting(card, before);
+    wait_until_over(card, waiting, progress);
+    guard().also_say("");
+    try {
+        const FlashSlots after = ask_patiently(card, progress, [&] { return read_slots(card); });
+        return compare(before, after, waiting.was_busy(), id);
+    } catch (const Failure& failure) {
+        if (failure.name != "NO_ANSWER") throw;
+        throw Failure(
+            failure.layer, "SLOT_UNKNOWN",
+            fmt::format("card {} is idle again, but does not tell its slots: {}", id, failure.message),
+            fmt::format("\"kivctl flash {}\" asks again", id))
+            .of_card(id);
+    }
 }
 
 void select_written_slot(const Found& card, int slot) try {
@@ -231,11 +211,6 @@ void select_written_slot(const Found& card, int slot) try {
 
 void expect_long_wait(uint8_t id) {
     guard().also_say(may_go_on(id));
-    guard().end_on_signals(Failure(Layer::Card, "INTERRUPTED",
-                                   fmt::format("interrupted while card {} is being written", id),
-                                   may_go_on(id))
-                               .of_card(id)
-                               .ends_with(kInterrupted));
     waiting_for(Layer::Card, "the card's flash");
 }
 
@@ -269,27 +244,27 @@ Options flash_write_options(Request& request) {
 Exit flash_write(const Request& request, Output& output) {
     if (request.no_wait && request.select_written)
         throw usage("--select needs the end of the write: it and --no-wait exclude each other");
-    const int64_t size = size_of_image(request.file);
+    const Image image(request.file);
     const Found card = open_card(request.card, Asks::Server);
     const uint8_t id = card.device.device_id;
-    const Server server = server_of(card);
-    const FlashSlots before = read_slots(server);
+    need_idle(card);
+    const FlashSlots before = read_slots(card);
     Json json = document("flash-write");
     json["card"] = id;
     json["file"] = request.file;
-    json["bytes"] = size;
+    json["bytes"] = image.size();
 
     Progress progress(output, request.json);
+    progress.phase("uploading");
     expect_long_wait(id);
-    upload(card, request.file, size, progress);
+    upload(card, image, progress);
     Written written{before, std::nullopt};
     if (request.no_wait) {
         progress.end("writing");
         json["state"] = "writing";
         Output::note(fmt::format("the card goes on by itself: \"kivctl flash wait {}\" waits for it", id));
     } else {
-        wait_until_idle(card, progress);
-        written = compare(before, read_slots_patiently(server), id);
+        written = wait_for_write(card, before, progress);
         if (request.select_written) select_written_slot(card, *written.slot);
         progress.end("done");
         json["state"] = "done";
@@ -302,9 +277,8 @@ Exit flash_write(const Request& request, Output& output) {
 Exit flash_wait(const Request& request, Output& output) {
     const Found card = open_card(request.card, Asks::Server);
     const uint8_t id = card.device.device_id;
-    const Server server = server_of(card);
-    const FlashSlots before = read_slots(server);
-    const bool was_idle = read_state(server) == "idle";
+    const FlashSlots before = read_slots(card);
+    const bool was_idle = read_state(card) == "idle";
     Json json = document("flash-wait");
     json["card"] = id;
     Progress progress(output, request.json);
@@ -313,8 +287,7 @@ Exit flash_wait(const Request& request, Output& output) {
         Output::note(fmt::format("card {} writes nothing: \"kivctl flash {}\" shows its slots", id, id));
     } else {
         expect_long_wait(id);
-        wait_until_idle(card, progress);
-        written = compare(before, read_slots_patiently(server), id);
+        written = wait_for_write(card, before, progress);
         progress.end("done");
     }
     json["state"] = was_idle ? "idle" : "done";

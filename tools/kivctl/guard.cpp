@@ -29,9 +29,9 @@ struct Awaited {
 /// What the guard's thread reads; never destroyed, as that thread is not joined.
 struct State {
     std::mutex mutex;
-    Awaited awaited{Layer::Driver, "the driver"};
+    Awaited awaited{Layer::Configuration, "the configuration file"};
     std::string remedy;
-    std::optional<Failure> failure_of_signal;
+    bool signals_are_the_end = false;
     std::vector<std::function<void()>> at_end;
 };
 
@@ -49,17 +49,10 @@ void tell_guard(int) {
     errno = before;
 }
 
-[[noreturn]] void end_for_signal(Output& output, bool json) {
-    std::optional<Failure> failure;
-    {
-        const std::lock_guard lock(state().mutex);
-        failure = state().failure_of_signal;
-    }
-    if (failure) output.print_failure(*failure, json);
-    end_process(failure ? failure->exit : kDone);
-}
-
-[[noreturn]] void end_for_time(Output& output, bool json, int seconds) {
+/// Ends the process with a failure in what the command waits for.
+[[noreturn]] void end_waiting(Output& output, bool json, const char* name, const std::string& message,
+                              Exit status) {
+    claim_end();
     Awaited awaited{};
     std::string remedy;
     {
@@ -67,18 +60,28 @@ void tell_guard(int) {
         awaited = state().awaited;
         remedy = state().remedy;
     }
-    output.print_failure(
-        Failure(awaited.layer, "TIMEOUT",
-                fmt::format("no end within {} s: waiting for {}", seconds, awaited.what), remedy),
-        json);
-    end_process(kTimeIsUp);
+    output.print_failure(Failure(awaited.layer, name, message + awaited.what, remedy), json);
+    end_process(status);
+}
+
+[[noreturn]] void end_for_signal(Output& output, bool json) {
+    bool is_end = false;
+    {
+        const std::lock_guard lock(state().mutex);
+        is_end = state().signals_are_the_end;
+    }
+    if (!is_end) end_waiting(output, json, "INTERRUPTED", "interrupted while waiting for ", kInterrupted);
+    claim_end();
+    end_process(kDone);
 }
 
 void watch_over(Output& output, bool json, int seconds) {
     const auto end = Clock::now() + std::chrono::seconds(seconds);
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (seconds > 0 && left <= 0) end_for_time(output, json, seconds);
+        if (seconds > 0 && left <= 0)
+            end_waiting(output, json, "TIMEOUT", fmt::format("no end within {} s: waiting for ", seconds),
+                        kTimeIsUp);
         pollfd signals{g_signal_pipe[0], POLLIN, 0};
         if (poll(&signals, 1, seconds > 0 ? static_cast<int>(left) : -1) > 0) end_for_signal(output, json);
     }
@@ -93,27 +96,28 @@ void waiting_for(Layer layer, const char* what) {
 
 Guard::Guard(Output& output, bool json, int seconds) {
     if (pipe(g_signal_pipe) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-    state().remedy = "--timeout gives it more time; \"kivctl doctor\" finds what does not answer";
-    // Signals find the main thread or this one; both only write into the pipe.
+    also_say("");
+    struct sigaction action {};
+    action.sa_handler = tell_guard;
+    action.sa_flags = SA_RESTART;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(signal, &action, nullptr);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
     std::thread([=, &output] { watch_over(output, json, seconds); }).detach();
     g_guard = this;
 }
 
-void Guard::end_on_signals(std::optional<Failure> failure) {
-    {
-        const std::lock_guard lock(state().mutex);
-        state().failure_of_signal = std::move(failure);
-    }
-    struct sigaction action {};
-    action.sa_handler = tell_guard;
-    action.sa_flags = SA_RESTART;
-    for (const int signal : {SIGINT, SIGTERM})
-        sigaction(signal, &action, nullptr);
+void Guard::signals_are_the_end() {
+    const std::lock_guard lock(state().mutex);
+    state().signals_are_the_end = true;
 }
 
-void Guard::also_say(std::string remedy) {
+void Guard::also_say(const std::string& remedy) {
     const std::lock_guard lock(state().mutex);
-    state().remedy = std::move(remedy);
+    state().remedy = remedy.empty()
+                         ? "--timeout gives it more time; \"kivctl doctor\" finds what does not answer"
+                         : remedy;
 }
 
 Guard& guard() {
@@ -123,6 +127,12 @@ Guard& guard() {
 void at_end(std::function<void()> action) {
     const std::lock_guard lock(state().mutex);
     state().at_end.push_back(std::move(action));
+}
+
+void claim_end() {
+    static std::atomic_flag claimed;
+    while (claimed.test_and_set())
+        pause();  // The other thread ends the process.
 }
 
 void end_process(int status) {

@@ -3,7 +3,6 @@
 #define KIVCTL_GUARD_H
 
 #include <functional>
-#include <optional>
 #include <string>
 
 #include "output.h"
@@ -18,14 +17,16 @@ void waiting_for(Layer layer, const char* what);
 /// answers no call, and nothing in the process can end the wait.
 class Guard {
   public:
-    /// No limit for 0 seconds.
+    /// No limit for 0 seconds. From now on SIGINT, SIGTERM and SIGHUP end the process at once, as
+    /// interrupted; a closed pipe is a failure to write, and no signal.
     Guard(Output& output, bool json, int seconds);
 
-    /// From now on SIGINT and SIGTERM end the process at once: as done, or with the failure.
-    void end_on_signals(std::optional<Failure> failure);
+    /// From now on a signal is how the command ends as it should.
+    void signals_are_the_end();
 
-    /// What the message of the time limit adds: what may go on without this program.
-    void also_say(std::string remedy);
+    /// What the messages of time limit and signals add: what may go on without this program. Empty: what a
+    /// command that changes nothing adds.
+    void also_say(const std::string& remedy);
 
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
@@ -36,6 +37,9 @@ Guard& guard();
 
 /// What end_process() is to remove; it runs once, on any thread. For each call one action, the last first.
 void at_end(std::function<void()> action);
+
+/// The calling thread is the one that says how the command ended. Does not return when another one is.
+void claim_end();
 
 /// Ends the process without waiting for the library's threads: its timers take half a second to close.
 [[noreturn]] void end_process(int status);

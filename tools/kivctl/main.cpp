@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 
 #include "cards.h"
 #include "command_line.h"
@@ -25,8 +26,6 @@ int run(const Command& command, const Request& request, Output& output) {
     const int limit = request.timeout ? static_cast<int>(*request.timeout) : command.timeout;
     kivctl::Guard guard(output, request.json, limit);
     if (request.simulation) {
-        guard.end_on_signals(
-            Failure(kivctl::Layer::Argument, "INTERRUPTED", "interrupted").ends_with(kivctl::kInterrupted));
         kivctl::start_simulation(*request.simulation);
     }
     if (request.verbose) show_log();
@@ -40,19 +39,24 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of 
     Request request;
     try {
         Output output;
+        std::optional<Failure> failure;
         try {
-            kivctl::end_process(
-                run(kivctl::parse({argv + std::min(argc, 1), argv + argc}, request), request, output));
+            const int status =
+                run(kivctl::parse({argv + std::min(argc, 1), argv + argc}, request), request, output);
+            kivctl::claim_end();
+            kivctl::end_process(status);
         } catch (const kivctl::HelpWanted& help) {
             output.print(help.text);
             kivctl::end_process(kivctl::kDone);
-        } catch (const Failure& failure) {
-            output.print_failure(failure, request.json);
-            kivctl::end_process(failure.exit);
+        } catch (const Failure& thrown) {
+            failure = thrown;
         } catch (const std::exception& error) {
-            output.print_failure(Failure(kivctl::Layer::Card, "UNEXPECTED", error.what()), request.json);
-            kivctl::end_process(kivctl::kFailed);
+            failure = Failure(kivctl::Layer::Program, "UNEXPECTED", error.what(),
+                              "this is a defect of the program: what it did before is not known");
         }
+        kivctl::claim_end();
+        output.print_failure(*failure, request.json);
+        kivctl::end_process(failure->exit);
     } catch (const std::exception& error) {
         Output::note(error.what());
         return kivctl::kFailed;

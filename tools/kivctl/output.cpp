@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <string_view>
 #include <system_error>
 
 namespace kivctl {
@@ -22,22 +24,42 @@ std::string dump(const Json& json, int indent) {
 
 [[noreturn]] void throw_not_written() {
     throw Failure(Layer::Argument, "OUTPUT",
-                  std::string("standard output cannot be written: ") + std::generic_category().message(errno),
-                  "what was asked of the card is done, its result is not all printed");
+                  "standard output cannot be written: " + std::generic_category().message(errno));
+}
+
+/// Writes to a reader who may have stopped reading: pieces that fit into a pipe which has room.
+void write_patiently(int file, std::string_view text) noexcept {
+    constexpr std::size_t kPiece = 512;
+    constexpr int kPatience = 1000;  // Milliseconds.
+    while (!text.empty()) {
+        pollfd entry{file, POLLOUT, 0};
+        if (poll(&entry, 1, kPatience) <= 0) return;
+        const ssize_t count = write(file, text.data(), std::min(text.size(), kPiece));
+        if (count <= 0) return;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
 }
 
 }  // namespace
 
 Output::Output() {
-    const int results = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);  // Whoever reads them waits for no child.
-    results_.reset(results < 0 ? nullptr : fdopen(results, "w"));
-    if (!results_) throw Failure(Layer::Argument, "OUTPUT", "standard output is not open");
+    // A standard stream that is closed would give its number to the next file that is opened.
+    const bool closed = fcntl(STDOUT_FILENO, F_GETFD) < 0;
+    for (int number = open("/dev/null", O_RDWR); number >= 0 && number <= STDERR_FILENO;)
+        number = dup(number);
+    results_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);  // Whoever reads them waits for no child.
+    if (closed || results_ < 0) throw Failure(Layer::Argument, "OUTPUT", "standard output is not open");
     dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
 void Output::print(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), results_.get());
-    if (std::fflush(results_.get()) != 0) throw_not_written();
+    const std::lock_guard lock(mutex_);
+    for (std::size_t written = 0; written < text.size();) {
+        const ssize_t count = write(results_, text.data() + written, text.size() - written);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) throw_not_written();
+        written += static_cast<std::size_t>(count);
+    }
 }
 
 void Output::print_json(const Json& json, int indent) {
@@ -84,25 +106,24 @@ void Output::print_record(const std::vector<Name>& lines, const Json& object) {
 
 void Output::print_failure(const Failure& failure, bool json) noexcept try {
     note(failure.text());
-    if (!json || ftrylockfile(results_.get()) != 0) return;
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!json || !lock) return;
     Json object = document("error");
     object.update(failure.json());
-    const std::string text = dump(object, -1);  // One line: it may stand below those of watch.
-    std::fwrite(text.data(), 1, text.size(), results_.get());
-    std::fflush(results_.get());
-    funlockfile(results_.get());
+    write_patiently(results_, dump(object, -1));  // One line: it may stand below those of watch.
 } catch (...) {
     // Without memory the status has to say it.
 }
 
 bool Output::is_terminal() const {
     const char* const kind = std::getenv("TERM");
-    return isatty(fileno(results_.get())) != 0 && kind != nullptr && *kind != '\0' &&
-           std::strcmp(kind, "dumb") != 0;
+    return isatty(results_) != 0 && kind != nullptr && *kind != '\0' && std::strcmp(kind, "dumb") != 0;
 }
 
-void Output::note(const std::string& text) noexcept {
-    std::fprintf(stderr, "kivctl: %s\n", text.c_str());
+void Output::note(const std::string& text) noexcept try {
+    write_patiently(STDERR_FILENO, "kivctl: " + text + "\n");
+} catch (...) {
+    // Without memory the status has to say it.
 }
 
 Json document(const std::string& command) {
@@ -110,13 +131,15 @@ Json document(const std::string& command) {
 }
 
 std::string printable(const std::string& text) {
+    constexpr std::size_t kLong = 1000;
+    if (text.size() > kLong)
+        return printable(text.substr(0, kLong)) + fmt::format("... ({} bytes in all)", text.size());
     // The JSON library's words for it, without the quotation marks: bytes that are no text become U+FFFD.
     const std::string quoted = Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
-    std::string shown = quoted.substr(1, quoted.size() - 2);
-    for (const char plain : {'"', '\\', '/'}) {
-        const std::string escaped = std::string("\\") + plain;
-        for (std::size_t at = 0; (at = shown.find(escaped, at)) != std::string::npos; ++at)
-            shown.erase(at, 1);
+    std::string shown;
+    for (std::size_t i = 1; i + 1 < quoted.size(); ++i) {
+        const bool plain = quoted[i] == '\\' && (quoted[i + 1] == '"' || quoted[i + 1] == '\\');
+        shown += quoted[plain ? ++i : i];
     }
     return shown;
 }

@@ -2,8 +2,7 @@
 #ifndef KIVCTL_OUTPUT_H
 #define KIVCTL_OUTPUT_H
 
-#include <cstdio>
-#include <memory>
+#include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
@@ -37,26 +36,25 @@ class Output {
     void print_record(const std::vector<Name>& lines, const Json& object);
 
     /// The failure on standard error; with `json` also as an object among the results. Never throws, and
-    /// never waits for another thread that prints.
+    /// never waits for another thread that prints, nor long for who reads.
     void print_failure(const Failure& failure, bool json) noexcept;
 
     /// True when a person looks at the results as they come, on a terminal that can move its cursor.
     bool is_terminal() const;
 
-    /// A message beside the results.
+    /// A message beside the results. Gives up when nobody takes it within a second.
     static void note(const std::string& text) noexcept;
 
   private:
-    struct CloseFile {
-        void operator()(FILE* file) const { std::fclose(file); }
-    };
-    std::unique_ptr<FILE, CloseFile> results_;
+    int results_;  ///< A descriptor; the process ends with it open.
+    std::mutex mutex_;
 };
 
 /// The object that a command prints: "schema" says what it is and which version of it.
 Json document(const std::string& command);
 
-/// As a terminal may show it: control characters of texts that came from a card are escaped.
+/// As a terminal may show it: control characters of texts that came from a card are escaped, and a text that
+/// no person would read to its end is cut.
 std::string printable(const std::string& text);
 
 /// A value as a person reads it: null is "-", a fraction has two decimals, members of an array stand side by

@@ -49,10 +49,10 @@ Json selected_source(uint8_t id) {
 
 Json locking_json(const Server& server) {
     try {
-        const Json management = server.get("/hps/ptp/management");
-        const auto value = management.at("masterLockingStatus").get<int64_t>();
+        const int32_t value = server.get_number("/hps/ptp/management", "masterLockingStatus");
         return {{"text", locking_text(value)}, {"value", value}};
-    } catch (const std::exception&) {
+    } catch (const Failure& failure) {
+        Output::note(failure.text());
         return nullptr;  // The rest is worth showing.
     }
 }

@@ -3,8 +3,10 @@
 #include <kiv/kiv_api.h>
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "cards.h"
 #include "commands.h"
@@ -34,6 +36,7 @@ constexpr NumberOption kNumbers[] = {  // As PtpChange::numbers.
     {"--ttl1",                     "Time to live of port 1",                          0, 255},
 };
 constexpr std::size_t kGlobals = 4;  ///< The rest are the ports'.
+constexpr std::chrono::seconds kApplied{5};  ///< How long a card may take to list what it was sent.
 // clang-format on
 
 /// What goes to the card.
@@ -93,6 +96,31 @@ kiv_net_config_t net_of(const Change& change) {
     net.port_1.vlan_enable = change.vlans[1] != 0;
     net.port_1.vlan_id = static_cast<uint16_t>(change.vlans[1]);
     return net;
+}
+
+/// Waits until the card lists the addresses that were sent: a server that says "ok" may not have done it.
+std::optional<Failure> why_not_seen(uint8_t id, const Change& change) {
+    const auto end = std::chrono::steady_clock::now() + kApplied;
+    const auto taken = [&](unsigned i, const PortAddress& now) {
+        return now.address == change.ports[i].address && now.prefix == change.ports[i].prefix;
+    };
+    for (;;) {
+        std::string seen;
+        try {
+            const std::array<PortAddress, 2> now = port_addresses(id);
+            if (taken(0, now[0]) && taken(1, now[1])) return std::nullopt;
+            seen = fmt::format("it lists {}/{} and {}/{}", dotted(now[0].address), now[0].prefix,
+                               dotted(now[1].address), now[1].prefix);
+        } catch (const Failure& failure) {
+            seen = failure.message;
+        }
+        if (std::chrono::steady_clock::now() > end)
+            return Failure(Layer::Card, "NOT_TAKEN",
+                           fmt::format("card {} said that it takes the change, but: {}", id, seen),
+                           "see \"kivctl net\"; nothing was saved")
+                .of_card(id);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
 }
 
 /// Without an answer nobody knows what the card did.
@@ -268,20 +296,25 @@ Exit ptp_set(const Request& request, Output& output) {
     }
     guard().also_say("the card may have taken the change: see \"kivctl net\" and \"kivctl ptp\"");
     send(id, change);
-    std::optional<Failure> not_saved;
-    if (request.ptp.save) {
-        not_saved = save(id, change);
-    } else {
+    std::optional<Failure> failure = why_not_seen(id, change);
+    if (!failure) {
         Output::note(
-            "the change is in the card, not in the card configuration: the next \"ptp set\" starts from the "
-            "PTP "
-            "settings there; --save keeps a change");
+            "the card lists the addresses that were sent; VLANs, TOS, TTL and PTP settings cannot be read "
+            "back");
+        if (request.ptp.save) {
+            failure = save(id, change);
+        } else {
+            Output::note(
+                "the change is in the card, not in the card configuration: the next \"ptp set\" starts from "
+                "the PTP "
+                "settings there; --save keeps a change");
+        }
     }
-    json["saved"] = request.ptp.save && !not_saved;
-    json["error"] = not_saved ? not_saved->json() : Json();
+    json["saved"] = request.ptp.save && !failure;
+    json["error"] = failure ? failure->json() : Json();
     print(json, request.json, output);
-    if (not_saved) Output::note(not_saved->text());
-    return not_saved ? kFailed : kDone;
+    if (failure) Output::note(failure->text());
+    return failure ? kFailed : kDone;
 }
 
 }  // namespace kivctl

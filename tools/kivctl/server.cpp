@@ -10,8 +10,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <iterator>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
@@ -80,6 +83,15 @@ std::optional<Failure> problem_of(const Timed& answer, const std::string& url) {
 
 }  // namespace
 
+std::optional<int32_t> whole_number(const Json& value) {
+    if (!value.is_number_integer()) return std::nullopt;
+    constexpr auto kMost = static_cast<uint64_t>(std::numeric_limits<int32_t>::max());
+    if (value.is_number_unsigned() && value.get<uint64_t>() > kMost) return std::nullopt;
+    const auto number = value.get<int64_t>();
+    if (number < std::numeric_limits<int32_t>::min()) return std::nullopt;
+    return static_cast<int32_t>(number);
+}
+
 std::string Server::address() const {
     return fmt::format("{}:{}", dotted(address_), port_);
 }
@@ -99,8 +111,18 @@ std::optional<Failure> Server::problem() const {
             kRemedy);
     }
     try {
-        if (!get("/hps/info/networks").contains("interfaces"))
-            return bad_answer(url(), "the answer lists no interfaces");
+        const Json networks = get("/hps/info/networks");
+        const auto is_interface = [](const Json& entry) {
+            constexpr const char* kTexts[] = {"if_name", "ip_addr", "netmask", "hw_addr"};
+            return entry.is_object() &&
+                   std::all_of(std::begin(kTexts), std::end(kTexts), [&](const char* key) {
+                       return entry.contains(key) && entry[key].is_string();
+                   });
+        };
+        if (!networks.is_object() || !networks.contains("interfaces") || !networks["interfaces"].is_array() ||
+            !std::all_of(networks["interfaces"].begin(), networks["interfaces"].end(), is_interface))
+            return bad_answer(url() + "/hps/info/networks",
+                              "the answer lists no interfaces as they should be");
     } catch (const Failure& failure) {
         return failure;
     }
@@ -114,6 +136,14 @@ Json Server::get(const std::string& path) const {
     if (!HpsHttpHelper::handle_json(answer.result, payload))
         throw bad_answer(url() + path, "the answer is no JSON");
     return payload;
+}
+
+int32_t Server::get_number(const std::string& path, const std::string& key) const {
+    const Json payload = get(path);
+    const std::optional<int32_t> number =
+        payload.is_object() && payload.contains(key) ? whole_number(payload[key]) : std::nullopt;
+    if (!number) throw bad_answer(url() + path, "has no whole number \"" + key + "\"");
+    return *number;
 }
 
 Answer Server::ask(const std::string& path, int seconds) const {

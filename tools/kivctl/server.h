@@ -10,6 +10,9 @@
 
 namespace kivctl {
 
+/// The value as a whole number of 32 bits; nothing when it is anything else, a fraction for instance.
+std::optional<int32_t> whole_number(const Json& value);
+
 struct Answer {
     int64_t status = 0;  ///< Of HTTP; 0: there was no answer.
     std::string body;
@@ -29,6 +32,9 @@ class Server {
 
     /// The payload of a GET, asked once. Throws Failure; takes up to 2 s.
     Json get(const std::string& path) const;
+
+    /// A member of such a payload, which must be a whole number of 32 bits. Throws Failure.
+    int32_t get_number(const std::string& path, const std::string& key) const;
 
     /// The answer of a GET as it came, byte for byte, asked once. Takes up to `seconds`.
     Answer ask(const std::string& path, int seconds) const;

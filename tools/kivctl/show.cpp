@@ -32,6 +32,27 @@ std::optional<int32_t> utc_offset(uint8_t id) {
     return static_cast<int32_t>(status.master_value);
 }
 
+/// Null for readings that the card reports as no whole number: the record has a 0 for them.
+void leave_out_unreadable(const Server& server, Json& sensors) {
+    constexpr const char* kLabels[] = {"FPGA FABRIC Digital Temperature #5",
+                                       "Board Top Near FPGA Temperature",
+                                       "Board Bottom Near CVL Temperature",
+                                       "Board Rear Side Temperature",
+                                       "Board Front Side Temperature",
+                                       "QSFP1 Case Temperature",
+                                       "QSFP2 Case Temperature"};
+    for (const Json& entry : server.get("/hps/hwmon/info")) {
+        if (!entry.is_object() || !entry.contains("label") ||
+            (entry.contains("input") && whole_number(entry["input"])))
+            continue;
+        const auto known = std::find(std::begin(kLabels), std::end(kLabels), entry["label"]);
+        if (known == std::end(kLabels)) continue;
+        Json& sensor = sensors[static_cast<std::size_t>(known - std::begin(kLabels))];
+        sensor["input"] = nullptr;
+        sensor["state"] = "not reported";
+    }
+}
+
 Json to_json(const kiv_stream_status_t& status) {
     return {{"control", status.control},
             {"control_bit_25", status.control_bit_25},
@@ -80,7 +101,8 @@ Exit info(const Request& request, Output& output) {
 }
 
 Exit status(const Request& request, Output& output) {
-    const uint8_t id = open_card(request.card, Asks::Server).device.device_id;
+    const Found card = open_card(request.card, Asks::Server);
+    const uint8_t id = card.device.device_id;
     constexpr uint8_t kUntouched = UINT8_MAX;
     kiv_card_status_t status{};
     status.pci_link_b = kUntouched;
@@ -90,6 +112,7 @@ Exit status(const Request& request, Output& output) {
     Json sensors = Json::array();
     for (unsigned i = 0; i < std::size(status.sensor); ++i)
         sensors.push_back(sensor_json(i, status.sensor[i]));
+    leave_out_unreadable(server_of(card), sensors);
     const bool alarm = std::any_of(sensors.begin(), sensors.end(), is_alarm);
     json["attention"] = alarm;
     json["sensors"] = sensors;

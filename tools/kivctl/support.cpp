@@ -232,8 +232,7 @@ Options support_options(Request& request) {
 
 Exit support(const Request& request, Output& output) {
     const std::string name = default_name();
-    guard().end_on_signals(
-        Failure(Layer::Argument, "INTERRUPTED", "interrupted: no file is left").ends_with(kInterrupted));
+    waiting_for(Layer::Card, "what the commands collect");
     guard().also_say("no file is left; --timeout gives it more time");
     Archive archive(request.file.empty() ? name + ".tar.gz" : request.file, name);
     Collection collection(std::max(static_cast<int>(request.timeout.value_or(kSupportLimit)) / kParts, 1));

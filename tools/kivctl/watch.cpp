@@ -346,7 +346,7 @@ class Watch {
 }  // namespace
 
 Exit watch(const Request& request, Output& output) {
-    guard().end_on_signals(std::nullopt);
+    guard().signals_are_the_end();
     Watch(output, request).run();
     return kDone;
 }
