@@ -202,6 +202,7 @@ void change_configuration(const std::string& path, const std::function<void(Json
                                    "\"kivctl config show\" tells whether it has the change")
                                .ends_with(kInterrupted));
     const FolderLock lock(real.parent_path().string());
+    waiting_for(Layer::Configuration, "the disk of the card configuration");
     const std::string former = read_text(real.string());
     Json document = document_of(path, former);
     change(document);
