@@ -1,7 +1,15 @@
 // The configuration file: looked at, made, and shown.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "kivctl/Kivctl.h"
+#include "support/Waiting.h"
+
+namespace fs = std::filesystem;
 
 TEST_F(KivctlConfigured, ConfigCheckNamesKeyAndLine) {
     expect({"config", "check"}, 0, "hps_boot.json: good\n");
@@ -28,6 +36,12 @@ TEST_F(KivctlConfigured, ConfigCheckNamesKeyAndLine) {
         {with("\"version\": 1,", "\"version\": 1, \"version\": 2,"), 3,
          "version: stands there more than once"},
         {with("\"device_id\": 2", "\"device_id\": 1"), 3, "devices[1].device_id: is another card's too"},
+        {with("\"device_id\": 1", "\"device_id\": true"), 3, "devices[0].device_id: is no whole number"},
+        {with("\"device_id\": 1", "\"device_id\": 1.9"), 3, "devices[0].device_id: is no whole number"},
+        {with("\"domainNumber\": 127", "\"domainNumber\": 1e300"), 3, "is not between 0 and 255"},
+        {with("\"version\": 1", "\"version\": " + std::string(30, '9')), 3, "is not between -2147483648"},
+        {with("192.168.10.11", "192.168.10.11\\u0000x"), 3, "ip_addr: is no IPv4 address"},
+        {sample + '\0', 3, "holds a NUL byte"},
         {std::string(200, '['), 1, "levels"},
         {"", 1, "line 1: "},
     };
@@ -37,6 +51,10 @@ TEST_F(KivctlConfigured, ConfigCheckNamesKeyAndLine) {
         // The check and the library agree on what can be loaded.
         EXPECT_EQ(run({"config", "show"}).status, status == 1 ? 1 : 0) << text;
     }
+    configuration_.write("[]");
+    EXPECT_EQ(expect({"config", "check"}, 1).out, "must be an object\n") << "it is on no line";
+    configuration_.write(with("\"maceth0\": {", "\"\\u001b[2J\": [], \"maceth7\": {"));
+    EXPECT_EQ(run({"config", "show"}).err.find('\x1b'), std::string::npos) << "a terminal obeys no key";
     configuration_.write(with("\"ttl\": 64,", "\"ttl\": \"64\","));
     EXPECT_EQ(
         json_of({"config", "check"}, 1)["findings"],
@@ -61,6 +79,68 @@ TEST_F(KivctlConfigured, ConfigInitMakesTheSampleButNeverOverAFile) {
     EXPECT_NE(shown.out.find("2     KIV-1002  1     192.168.20.12  255.255.255.0  46   64   0\n"),
               std::string::npos);
     EXPECT_EQ(json_of({"config", "show"})["configuration"], parsed(ConfigurationFile::sample()));
+}
+
+TEST_F(KivctlConfigured, ConfigSaysWhatStandsInThePlaceOfTheFile) {
+    const std::string path = configuration_.path();
+    const auto expect_all = [&](const char* problem) {
+        for (const char* const command : {"check", "show", "init"}) {
+            const Ended ended = run({"config", command});
+            const bool exists = std::string(command) == "init" && !fs::is_symlink(path);
+            EXPECT_EQ(ended.status, 1);
+            EXPECT_NE(ended.err.find(exists ? "exists already" : problem), std::string::npos) << ended.err;
+            EXPECT_EQ(ended.err.find("sudo"), std::string::npos) << ended.err;
+        }
+    };
+    ASSERT_EQ(truncate(path.c_str(), (64 << 20) + 1), 0);
+    expect_all("has 67108865 bytes; a configuration has at most 67108864");
+    configuration_.remove();
+    fs::create_directory(path);
+    expect_all("is no regular file");
+    for (const char* const target : {"nowhere", "hps_boot.json"}) {
+        configuration_.remove();
+        fs::create_symlink(target, path);
+        expect_all(target == std::string("nowhere")
+                       ? "is a link to a file that is not there\n        make that"
+                       : "Too many levels of symbolic links");
+    }
+    configuration_.remove();
+}
+
+TEST_F(KivctlSettings, SaveKeepsOwnerModeAndWhatOthersHaveChanged) {
+    const std::string path = configuration_.path();
+    const std::string folder = fs::path(path).parent_path();
+    std::string text = ConfigurationFile::sample();
+    text.replace(text.find("\"device_id\": 1"), 14, "\"device_id\": true");  // To the library it is card 1.
+    configuration_.write(text);
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(path.c_str(), 1000, 1001), 0);
+    }
+    ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+    struct stat before {};
+    ASSERT_EQ(stat(path.c_str(), &before), 0);
+
+    const int lock = open(folder.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    expect({"ptp", "set", "1", "--vlan0", "6", "--vlan1", "off", "--save", "--timeout", "1"}, 4,
+           "waiting for the end of another change of the card configuration");
+    EXPECT_EQ(configuration_.read(), text);
+    Program saving(kivctl({"ptp", "set", "1", "--vlan0", "7", "--vlan1", "off", "--save"}));
+    EXPECT_TRUE(wait_until([&] { return last_reconfiguration().find(",7,") != std::string::npos; }));
+    configuration_.write(text.replace(text.find("\"version\": 1"), 12, "\"version\": 9"));
+    close(lock);
+    const Ended saved = saving.wait();
+    EXPECT_EQ(saved.status, 0) << saved.err;
+    const Json file = parsed(configuration_.read());
+    EXPECT_EQ(file["version"], 9);
+    EXPECT_EQ(file["devices"][0]["maceth0"]["vlan_id"], 7);
+    for (const std::string& name : {path, path + ".bak"}) {
+        struct stat after {};
+        ASSERT_EQ(stat(name.c_str(), &after), 0);
+        EXPECT_EQ(std::tie(after.st_mode, after.st_uid, after.st_gid),
+                  std::tie(before.st_mode, before.st_uid, before.st_gid))
+            << name;
+    }
 }
 
 TEST_F(KivctlConfigured, WorksWithoutAConfigurationWhereNoneIsNeeded) {

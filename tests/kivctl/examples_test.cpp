@@ -1,7 +1,11 @@
 // The examples, as a person runs them.
+#include <signal.h>
+
 #include <algorithm>
 
 #include "kivctl/Kivctl.h"
+#include "support/LoopbackServer.h"
+#include "support/Waiting.h"
 
 TEST_F(KivctlSettings, HasExamplesOnTheExportedClassesBesideIt) {
     const Ended driver = run_program({USE_DRIVER_PROGRAM, "1", "4"});
@@ -29,21 +33,48 @@ TEST_F(KivctlSettings, HasExamplesInCBesideIt) {
               "card word    0x5354323131300001\nFPGA fabric  58 (alarm at 95)\nboard power  63\n"
               "port 0       02:4b:56:00:01:00, link up\nport 1       02:4b:56:00:01:01, link up\n"
               "PTP          state 0, grandmaster 0x001DC1FFFE123456\n");
+    // The library looks at the state before and after the upload; to the next look the card has not begun
+    // yet.
+    add_fault(R"({"path": "/hps/firmware/status", "nth": 3, "patch": "idle"})");
     const Ended written = run_program({WRITE_FLASH_PROGRAM, "1", image()});
     EXPECT_EQ(written.status, 0) << written.err;
     EXPECT_NE(written.out.find("\nslot 1 is written: "), std::string::npos) << written.out;
     const Ended again = run_program({WRITE_FLASH_PROGRAM, "1", image()});
     EXPECT_EQ(again.status, 1);
     EXPECT_EQ(again.err, "no slot has changed: nothing was written\n");
+    change({{"flash_ms", 20000}});  // No end before the signal.
+    Program interrupted({WRITE_FLASH_PROGRAM, "1", image("interrupted")});
+    EXPECT_TRUE(wait_until([&] { return text_of(json_of({"flash"})["state"]) != "\"idle\""; }));
+    interrupted.send_signal(SIGINT);
+    const Ended ended = interrupted.wait();
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.err, "the card may still be writing: leave its power on\n");
     EXPECT_NE(run_program({WRITE_FLASH_PROGRAM, "1", image("")}).err.find(" has 0 bytes"), std::string::npos);
     const Ended watched = run_program({WATCH_EVENTS_PROGRAM, "3"});
     EXPECT_EQ(watched.status, 0) << watched.err;
     EXPECT_EQ(watched.out, "card 1: link of port 0 is up, of port 1 up\n");
 
-    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
-             {READ_CARD_PROGRAM}, {READ_CARD_PROGRAM, "x"}, {WRITE_FLASH_PROGRAM, "256", "f"}})
+    for (const std::vector<std::string>& words :
+         std::vector<std::vector<std::string>>{{READ_CARD_PROGRAM},
+                                               {READ_CARD_PROGRAM, "x"},
+                                               {WRITE_FLASH_PROGRAM, "256", "f"},
+                                               {WRITE_FLASH_PROGRAM, "01", "f"}})
         EXPECT_EQ(run_program(words).status, 2);
     for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
              {READ_CARD_PROGRAM, "2"}, {WRITE_FLASH_PROGRAM, "1", "/nonexistent"}})
         EXPECT_EQ(run_program(words).status, 1);
+}
+
+TEST_F(KivctlConfigured, HasAnExampleThatWritesACardBesideOneWithoutServer) {
+    kivsim::CardSettings card = kivsim::believable_card(1);
+    card.flash_ms = 1;  // Its end comes before the first look: only the slot tells.
+    kivsim::CardSettings other = kivsim::believable_card(2);
+    other.external_server = true;
+    other.tunnel_port = unused_port();
+    RunningSimulator simulator({card, other});
+    const Ended written = run_program({WRITE_FLASH_PROGRAM, "1", ConfigurationFile::path()});
+    EXPECT_EQ(written.status, 0) << written.err;
+    EXPECT_NE(run_program({WRITE_FLASH_PROGRAM, "2", ConfigurationFile::path()})
+                  .err.find("card 2 cannot be used: "),
+              std::string::npos);
 }

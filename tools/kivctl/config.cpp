@@ -1,6 +1,4 @@
 // The card configuration of this machine.
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -26,11 +24,8 @@ Exit config_check(const Request& request, Output& output) {
         }
         output.print_json(json);
     } else {
-        for (const Finding& finding : findings) {
-            const std::string line = finding.line == 0 ? "" : fmt::format("line {}: ", finding.line);
-            output.print(printable(line + finding.key + (finding.key.empty() ? "" : ": ") + finding.problem) +
-                         (finding.fatal ? "\n" : " (warning)\n"));
-        }
+        for (const Finding& finding : findings)
+            output.print(finding.text() + (finding.fatal ? "\n" : " (warning)\n"));
         if (findings.empty()) output.print(path + ": good\n");
     }
     return bad ? kFailed : findings.empty() ? kDone : kAttention;

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdint>
-#include <fstream>
 #include <iterator>
 #include <limits>
 #include <map>
@@ -16,6 +16,7 @@
 
 #include "configuration.h"
 #include "numbers.h"
+#include "output.h"
 
 namespace kivctl {
 
@@ -130,6 +131,7 @@ class Lines : public nlohmann::json_sax<Json> {
 
 enum class Kind {
     Number,
+    Id,
     Switch,
     Octet,
     Interval,
@@ -152,7 +154,7 @@ struct Row {
 constexpr Row kRoot[]   = {{"version", Kind::Number}, {"ptp", Kind::Ptp}, {"devices", Kind::Cards}, {"mactun", Kind::Tunnel}};
 constexpr Row kPtp[]    = {{"announceReceiptTimeout", Kind::Octet}, {"domainNumber", Kind::Octet}, {"logAnnounceInterval", Kind::Interval},
                            {"logDelayReqInterval", Kind::Interval}, {"unicast_delay_req", Kind::Switch}};
-constexpr Row kCard[]   = {{"device_id", Kind::Octet}, {"chip_id", Kind::Text}, {"maceth0", Kind::Ports}, {"maceth1", Kind::Ports}};
+constexpr Row kCard[]   = {{"device_id", Kind::Id}, {"chip_id", Kind::Text}, {"maceth0", Kind::Ports}, {"maceth1", Kind::Ports}};
 constexpr Row kPort[]   = {{"ip_addr", Kind::Address}, {"netmask", Kind::Netmask}, {"tos", Kind::Octet}, {"ttl", Kind::Octet}, {"vlan_id", Kind::Vlan}};
 constexpr Row kTunnel[] = {{"ip_addr", Kind::Address}, {"server_port", Kind::Port}};
 // clang-format on
@@ -236,7 +238,8 @@ class Checker {
 
     void address(const std::string& text, const std::string& key, Kind kind) {
         in_addr parsed{};
-        if (inet_pton(AF_INET, text.c_str(), &parsed) != 1)
+        const bool cut = text.find('\0') != std::string::npos;  // There inet_pton() ends.
+        if (cut || inet_pton(AF_INET, text.c_str(), &parsed) != 1)
             warn(key, "is no IPv4 address such as \"192.168.10.11\"");
         else if (kind == Kind::Netmask && !is_contiguous(ntohl(parsed.s_addr)))
             warn(key, "is no netmask: its one bits do not stand together");
@@ -246,11 +249,13 @@ class Checker {
         const double given = json.is_boolean() ? static_cast<double>(json.get<bool>()) : json.get<double>();
         double least = std::numeric_limits<int32_t>::min();
         double most = std::numeric_limits<int32_t>::max();
-        if (kind == Kind::Octet) least = 0, most = 255;
+        if (kind == Kind::Octet || kind == Kind::Id) least = 0, most = 255;
         if (kind == Kind::Interval) least = -128, most = 127;
         if (kind == Kind::Vlan) least = 0, most = 4094;
         if (kind == Kind::Port) least = 1, most = 65535;
         if (kind == Kind::Switch) least = 0, most = 1;
+        if (given != std::trunc(given) || (kind == Kind::Id && json.is_boolean()))
+            warn(key, "is no whole number");
         if (given < least || given > most)
             warn(key, "is not between " + std::to_string(static_cast<int64_t>(least)) + " and " +
                           std::to_string(static_cast<int64_t>(most)));
@@ -271,12 +276,16 @@ std::string refusal_of_library(const std::string& path) {
 
 }  // namespace
 
+std::string Finding::text() const {
+    return printable((line == 0 ? "" : "line " + std::to_string(line) + ": ") + key +
+                     (key.empty() ? "" : ": ") + problem);
+}
+
 std::vector<Finding> check_configuration(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
-        throw Failure(Layer::Configuration, "CONFIGURATION_FILE", path + ": cannot be read",
-                      "\"kivctl config init\" makes a first one");
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    return check_text(path, read_text(path));
+}
+
+std::vector<Finding> check_text(const std::string& path, const std::string& text) {
     int line = 1;
     Lines lines(line);
     const CountingIterator first(text.data(), &line);
@@ -291,6 +300,8 @@ std::vector<Finding> check_configuration(const std::string& path) {
     std::vector<Finding>& findings = checker.findings;
     for (const std::string& key : lines.repeated())
         findings.push_back({lines.of(key), key, "stands there more than once: the last counts", false, true});
+    if (text.find('\0') != std::string::npos)  // The parser, and the library's, ends there.
+        findings.push_back({line, "", "holds a NUL byte: what stands behind it has no effect", false});
     const std::string refusal = refusal_of_library(path);
     const bool explained =
         std::any_of(findings.begin(), findings.end(), [](const Finding& f) { return f.fatal; });
@@ -298,6 +309,22 @@ std::vector<Finding> check_configuration(const std::string& path) {
     std::stable_sort(findings.begin(), findings.end(),
                      [](const Finding& a, const Finding& b) { return a.line < b.line; });
     return std::move(findings);
+}
+
+std::vector<Finding> check_settings(const std::string& path, uint8_t id) {
+    const Json file = read_configuration(path);
+    const Json& cards = file["devices"];
+    const auto entry =
+        std::find_if(cards.begin(), cards.end(), [id](const Json& card) { return is_entry_of(card, id); });
+    const std::string ports = "devices[" + std::to_string(entry - cards.begin()) + "].maceth";
+    std::vector<Finding> findings = check_configuration(path);
+    const auto is_other = [&](const Finding& finding) {
+        const std::string& key = finding.key;
+        const bool of_port = key.starts_with(ports) && (key.ends_with(".tos") || key.ends_with(".ttl"));
+        return finding.repeated || !(key.starts_with("ptp.") || of_port);
+    };
+    findings.erase(std::remove_if(findings.begin(), findings.end(), is_other), findings.end());
+    return findings;
 }
 
 }  // namespace kivctl

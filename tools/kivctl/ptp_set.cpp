@@ -146,7 +146,7 @@ bool put_into(Json& file, uint8_t id, const Change& change) {
     file["ptp"]["unicast_delay_req"] = change.ptp.config.enabled;
     bool found = false;
     for (Json& card : file["devices"]) {
-        if (card["device_id"] != id) continue;
+        if (!is_entry_of(card, id)) continue;
         found = true;
         for (std::size_t i = 0; i < 2; ++i) {
             const PortAddress& port = change.ports[i];
@@ -164,12 +164,11 @@ bool put_into(Json& file, uint8_t id, const Change& change) {
 /// Says what of the change is saved. The Failure when nothing is: the card has the change all the same.
 std::optional<Failure> save(uint8_t id, const Change& change) try {
     const std::string path = configuration_path();
-    Json file = read_configuration(path);
     for (const Finding& finding : check_configuration(path)) {
         if (finding.repeated) Output::note("not kept: the first of several keys " + printable(finding.key));
     }
-    const bool whole = put_into(file, id, change);
-    replace_configuration(path, file);
+    bool whole = false;
+    change_configuration(path, [&](Json& file) { whole = put_into(file, id, change); });
     Output::note(
         "the change is in the card, and saved in the card configuration; the former is beside it, as .bak");
     if (!whole)
