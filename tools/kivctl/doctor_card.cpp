@@ -227,9 +227,10 @@ Outcome CardUnderTest::flash() {
 
 Outcome CardUnderTest::time() {
     const Json master = management().get("/hps/ptp/master");
-    const Json valid = master.value("currentUtcOffsetValid", Json(0));
-    if (valid == 0 || valid == false || valid.is_null())
-        return {Result::Skip, "the card does not know the difference of TAI and UTC"};
+    const Json valid = master.value("currentUtcOffsetValid", Json(false));
+    // Cards write it as a number or as a boolean.
+    const bool is_valid = valid.is_boolean() ? valid.get<bool>() : valid.is_number() && valid != 0;
+    if (!is_valid) return {Result::Skip, "the card does not know the difference of TAI and UTC"};
     uint64_t tai = 0;
     check_driver(function(kivDriverClient::pf0_st2110_id).get_ptp_epoch_time(&tai), "asking for its PTP time",
                  id_);

@@ -52,11 +52,11 @@ std::string client_version(const kivDriverClient& client) {
 }
 
 /// Null without a driver or a card.
-Json version_of_driver() noexcept try {
+Json version_of_driver() try {
     const kivDriverClientList clients = all_functions();
     return clients.empty() ? Json() : Json(driver_version(*clients.front()));
-} catch (const std::exception&) {
-    return nullptr;
+} catch (...) {
+    return {};
 }
 
 Json to_json(const kivDriverClient& client) {

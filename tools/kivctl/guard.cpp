@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -138,8 +139,9 @@ void claim_end() {
 void end_process(int status) {
     // Never unlocked: another thread that comes here must not end the process in the midst of it.
     state().mutex.lock();
-    for (auto action = state().at_end.rbegin(); action != state().at_end.rend(); ++action)
-        (*action)();
+    std::reverse(state().at_end.begin(), state().at_end.end());
+    for (const auto& action : state().at_end)
+        action();
     std::_Exit(status);
 }
 

@@ -53,6 +53,7 @@ fs::path make_folder() {
 /// Its standard input is `in`, its standard output `out`, its standard error goes to a file.
 pid_t spawn(const std::vector<std::string>& words, int in, int out, const std::string& errors) {
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (const std::string& word : words)
         argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
@@ -121,6 +122,7 @@ void start_simulation(const std::string& cards) {
     close(ready.ends[1]);
     if (!wait_until_ready(ready.ends[0])) throw ended(pid, errors);
     close(ready.ends[0]);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the guard's thread, the only other one, reads no environment.
     setenv("KIVSIM_SOCKET", socket.c_str(), 1);
 }
 
