@@ -1,6 +1,8 @@
 // PTP settings and state, and their change.
 #include <sys/stat.h>
 
+#include <regex>
+
 #include "kivctl/Kivctl.h"
 
 TEST_F(KivctlSettings, PtpSetChangesOnlyWhatIsGivenAndSavesOnlyOnDemand) {
@@ -92,13 +94,20 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
     EXPECT_EQ(last_reconfiguration(), "none");
     expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--tos0", "1", "--tos1", "2", "--ttl0",
             "3", "--ttl1", "4", "--domain", "9", "--save"},
-           0, "not saved: addresses, VLANs, TOS and TTL");
+           1, "not saved: addresses, VLANs, TOS and TTL");
     EXPECT_EQ(parsed(configuration_.read())["ptp"]["domainNumber"], 9);
     EXPECT_EQ(parsed(configuration_.read())["site"], "Studio 4") << "keys that are not known stay";
     configuration_.write(no_entry);
     expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--tos0", "1", "--tos1", "2", "--ttl0",
             "3", "--ttl1", "4", "--save"},
-           0, "not kept: the first of several keys site");
+           1, "not kept: the first of several keys site");
+
+    configuration_.write(std::regex_replace(ConfigurationFile::sample(), std::regex("127,"), "300,"));
+    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off"}, 1,
+           "line 5: ptp.domainNumber: is not between 0 and 255");
+    EXPECT_EQ(last_reconfiguration().find("macptp=300"), std::string::npos);
+    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--domain", "7"}, 0,
+           "the change is in the card");
 
     // The card takes the change, and then the file cannot be kept: a folder stands where the former one goes.
     configuration_.write(ConfigurationFile::sample());

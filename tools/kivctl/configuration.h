@@ -51,8 +51,7 @@ bool is_entry_of(const Json& entry, uint8_t id);
 
 /// Reads the file, lets `change` change its document, and puts that into its place: at every moment there is
 /// a whole file. The former one stays as "PATH.bak"; owner and mode stay. One change at a time: others wait,
-/// on a lock of the folder. Ends the process on signals from now on. Throws Failure; the former file is in
-/// its place then.
+/// on a lock of the folder. Throws Failure; the former file is in its place then.
 void change_configuration(const std::string& path, const std::function<void(Json&)>& change);
 
 /// Makes the file, and its folders, unless it exists. Throws Failure.

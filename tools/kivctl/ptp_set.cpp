@@ -171,15 +171,23 @@ std::optional<Failure> save(uint8_t id, const Change& change) try {
     change_configuration(path, [&](Json& file) { whole = put_into(file, id, change); });
     Output::note(
         "the change is in the card, and saved in the card configuration; the former is beside it, as .bak");
-    if (!whole)
-        Output::note(fmt::format(
-            "not saved: addresses, VLANs, TOS and TTL, as the configuration has no entry for card {}", id));
-    return std::nullopt;
+    if (whole) return std::nullopt;
+    return Failure(
+               Layer::Configuration, "SAVED_IN_PART",
+               fmt::format("not saved: addresses, VLANs, TOS and TTL, as the configuration has no entry for "
+                           "card {}; the PTP settings are",
+                           id),
+               "add an entry for the card to \"devices\"")
+        .of_card(id);
 } catch (const Failure& failure) {
     Failure said(failure);
     said.name = "NOT_SAVED";
     said.message = fmt::format("card {} has taken the change, but it is not saved: {}", id, failure.message);
     return said.of_card(id);
+} catch (const std::exception& error) {
+    return Failure(Layer::Program, "NOT_SAVED",
+                   fmt::format("card {} has taken the change, but it is not saved: {}", id, error.what()))
+        .of_card(id);
 }
 
 Json to_json(const Change& change, uint8_t id) {
@@ -215,6 +223,29 @@ void print(const Json& json, bool as_json, Output& output) {
 bool says_all(const PtpChange& change) {
     return change.unicast_delay_req && std::all_of(change.numbers.begin(), change.numbers.end(),
                                                    [](const auto& number) { return number.has_value(); });
+}
+
+/// Refuses to send what the library makes of a number in the file that the card cannot have.
+void need_good_settings(const PtpChange& change, uint8_t id) {
+    constexpr const char* kKeys[] = {"ptp.announceReceiptTimeout",
+                                     "ptp.domainNumber",
+                                     "ptp.logAnnounceInterval",
+                                     "ptp.logDelayReqInterval",
+                                     ".maceth0.tos",
+                                     ".maceth1.tos",
+                                     ".maceth0.ttl",
+                                     ".maceth1.ttl"};
+    if (configuration_problem()) return;  // Then nothing comes from the file.
+    for (const Finding& finding : check_settings(configuration_path(), id)) {
+        bool given = finding.key == "ptp.unicast_delay_req" && change.unicast_delay_req;
+        for (std::size_t i = 0; i < std::size(kKeys); ++i)
+            given = given || (finding.key.ends_with(kKeys[i]) && change.numbers[i]);
+        if (given) continue;
+        throw Failure(Layer::Configuration, "CONFIGURATION",
+                      "nothing was sent: in the card configuration, " + finding.text(),
+                      "mend it there, or give the option for it")
+            .of_card(id);
+    }
 }
 
 void check_words(const Request& request) {
@@ -282,6 +313,7 @@ Exit ptp_set(const Request& request, Output& output) {
     if (!says_all(request.ptp)) need_configuration();
     const uint8_t id = open_card(request.card, Asks::Server).device.device_id;
     Change change{port_addresses(id), {*request.ptp.vlan[0], *request.ptp.vlan[1]}, ptp_settings(id)};
+    need_good_settings(request.ptp, id);
     change_addresses(request.ptp, change.ports);
     change_ptp(request.ptp, change.ptp);
     Json json = to_json(change, id);
