@@ -19,8 +19,7 @@ Outcome configuration(Machine& machine) {
     if (findings.empty()) return {Result::Ok, path};
     const Finding& first = findings.front();
     const std::string others = findings.size() == 1 ? "" : fmt::format(" (and {} more)", findings.size() - 1);
-    return {Result::Warn,
-            fmt::format("{}, line {}: {} {}{}", path, first.line, first.key, first.problem, others),
+    return {Result::Warn, path + ": " + first.text() + others,
             "\"kivctl config check\" lists all that is wrong"};
 }
 

@@ -4,9 +4,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 
@@ -142,13 +139,11 @@ void Collection::card(uint8_t id, const std::string& server) {
 
 void Collection::configuration() {
     const std::string path = configuration_path();
-    std::ifstream file(path, std::ios::binary);
     const std::string name = "configuration/hps_boot.json";
-    if (file && std::filesystem::is_regular_file(path)) {
-        add(name, "the card configuration of the machine, " + path,
-            {std::istreambuf_iterator<char>(file), {}});
-    } else {
-        missing.push_back({name, path + ": cannot be read"});
+    try {
+        add(name, "the card configuration of the machine, " + path, read_text(path));
+    } catch (const Failure& failure) {
+        missing.push_back({name, failure.message});
     }
 }
 
