@@ -131,7 +131,7 @@ TEST_F(Doctor, NamesTheFaultOfTheMachine) {
     configuration_.write(R"({"version": 1, "ptp": {"announceReceiptTimeout": 3, "domainNumber": 127,
         "logAnnounceInterval": 0, "logDelayReqInterval": 0, "unicast_delay_req": 1}, "devices": [], "more": 1,
         "mactun": {"ip_addr": "127.0.0.1", "server_port": 80}})");
-    finds({"configuration", "WARN", ": more is not known", 3}, nullptr);
+    finds({"configuration", "WARN", ": more: is not known", 3}, nullptr);
     finds({"interfaces", "SKIP", "no entry", 3}, 1);
     std::filesystem::remove("/Library/Application Support/Velmora/config/hps_boot.json");
     finds({"configuration", "FAIL", "No such file", 1}, nullptr);
