@@ -117,7 +117,7 @@ class CommandLine {
                 if (is_group && !text.empty() && std::isalpha(static_cast<unsigned char>(text[0])) != 0)
                     throw unknown_word(name, text);
                 if (text.empty()) return "the card's id is empty: a shell variable that is not set?";
-                return "\"" + printable(text) + "\" is no card's id: a decimal number from 0 to 255";
+                return quoted(text) + " is no card's id: a decimal number from 0 to 255";
             };
             add(*sub, {"ID", "Card, as listed by scan", " ", take})->required(false);
         }

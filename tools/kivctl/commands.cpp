@@ -62,7 +62,7 @@ Option number_option(std::string name, std::string help, std::string type, int64
     const auto take = [least, most, &value](const std::string& text) -> std::string {
         value = number_of(text, least, most);
         if (value) return "";
-        return "\"" + printable(text) + "\" is no decimal number from " + std::to_string(least) + " to " +
+        return quoted(text) + " is no decimal number from " + std::to_string(least) + " to " +
                std::to_string(most);
     };
     return {std::move(name), std::move(help), std::move(type), take};

@@ -299,7 +299,7 @@ fi
 Options completion_options(Request& request) {
     const auto take = [&request](const std::string& text) -> std::string {
         request.word = text;
-        return text == "bash" || text == "zsh" ? "" : "\"" + printable(text) + "\" is neither bash nor zsh";
+        return text == "bash" || text == "zsh" ? "" : quoted(text) + " is neither bash nor zsh";
     };
     return {{{"SHELL", "The shell that reads the script", "bash|zsh", take}}};
 }

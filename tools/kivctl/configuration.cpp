@@ -140,7 +140,7 @@ Json document_of(const std::string& path, const std::string& text) {
 
 void replace(const std::string& path, const std::string& former, const Json& document) {
     const struct stat state = state_of(path);
-    const std::string suffix = "." + std::to_string(getpid());
+    const std::string suffix = fmt::format(".{}", getpid());
     const Temporary fresh(path + ".new" + suffix);
     const Temporary kept(path + ".bak" + suffix);
     write_new(fresh.path, document.dump(4) + "\n", &state);

@@ -41,7 +41,7 @@ std::string problem_at(const char* path) {
     if (stat(path, &state) != 0) return error_text();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    std::memcpy(address.sun_path, path, strnlen(path, sizeof address.sun_path - 1));
     const int socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     const bool connected =
         socket >= 0 && connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;

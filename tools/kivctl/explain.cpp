@@ -85,8 +85,7 @@ Exit explain(const Request& request, Output& output) {
     add(meanings, request, "driver status", kStatuses);
     if (meanings.empty())
         throw Failure(
-            Layer::Argument, "UNKNOWN_CODE",
-            "\"" + printable(request.word) + "\" is no code that this program knows",
+            Layer::Argument, "UNKNOWN_CODE", quoted(request.word) + " is no code that this program knows",
             request.code ? "a code that begins with 0xE0000 is the driver's or the platform's" : "");
     if (request.json) {
         Json json = document("explain");

@@ -135,13 +135,17 @@ std::string printable(const std::string& text) {
     if (text.size() > kLong)
         return printable(text.substr(0, kLong)) + fmt::format("... ({} bytes in all)", text.size());
     // The JSON library's words for it, without the quotation marks: bytes that are no text become U+FFFD.
-    const std::string quoted = Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
+    const std::string dumped = Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
     std::string shown;
-    for (std::size_t i = 1; i + 1 < quoted.size(); ++i) {
-        const bool plain = quoted[i] == '\\' && (quoted[i + 1] == '"' || quoted[i + 1] == '\\');
-        shown += quoted[plain ? ++i : i];
+    for (std::size_t i = 1; i + 1 < dumped.size(); ++i) {
+        const bool plain = dumped[i] == '\\' && (dumped[i + 1] == '"' || dumped[i + 1] == '\\');
+        shown += dumped[plain ? ++i : i];
     }
     return shown;
+}
+
+std::string quoted(const std::string& text) {
+    return fmt::format("\"{}\"", printable(text));
 }
 
 std::string text_of(const Json& value) {

@@ -57,6 +57,9 @@ Json document(const std::string& command);
 /// no person would read to its end is cut.
 std::string printable(const std::string& text);
 
+/// The same between quotation marks.
+std::string quoted(const std::string& text);
+
 /// A value as a person reads it: null is "-", a fraction has two decimals, members of an array stand side by
 /// side, of an object only "text".
 std::string text_of(const Json& value);

@@ -279,7 +279,7 @@ Options ptp_set_options(Request& request) {
                                         least, most, change.numbers[i]));
     }
     const auto on_off = [&change](const std::string& text) -> std::string {
-        if (text != "on" && text != "off") return "\"" + printable(text) + "\" is neither on nor off";
+        if (text != "on" && text != "off") return quoted(text) + " is neither on nor off";
         change.unicast_delay_req = text == "on";
         return "";
     };
@@ -288,11 +288,11 @@ Options ptp_set_options(Request& request) {
         const std::string number = std::to_string(i);
         const auto address = [&change, i](const std::string& text) -> std::string {
             change.address[i] = network_of(text);
-            return change.address[i] ? "" : "\"" + printable(text) + "\" is no address like 192.168.10.11/24";
+            return change.address[i] ? "" : quoted(text) + " is no address like 192.168.10.11/24";
         };
         const auto vlan = [&change, i](const std::string& text) -> std::string {
             change.vlan[i] = text == "off" ? 0 : number_of(text, 1, 4094);
-            return change.vlan[i] ? "" : "\"" + printable(text) + "\" is no VLAN: 1 to 4094, or off";
+            return change.vlan[i] ? "" : quoted(text) + " is no VLAN: 1 to 4094, or off";
         };
         options.push_back(
             {"--ip" + number, "Address and prefix length of port " + number, "A.B.C.D/N", address});
