@@ -119,7 +119,7 @@ static int find_card(uint8_t id) {
     const kiv_log_config_t log = {KIV_LOG_LEVEL_WARNING};
     kiv_scan_each_t found = {0};
     kiv_result_t result = kiv_open(&log);
-    if (result == KIV_OK) result = kiv_scan_each(&id, &found);
+    if (result == KIV_OK) result = kiv_scan_each(&id, 0, &found);
     if (result == KIV_OK) result = found.count == 0 ? KIV_ERR_NO_DEVICE : found.cards[0].result;
     if (result != KIV_OK) fprintf(stderr, "card %u cannot be used: %s\n", id, kiv_result_text(result));
     return result == KIV_OK;

@@ -282,7 +282,7 @@ TEST_F(Scan, OfEachCardLetsNoBadOneHideTheOthers) {
                                 card_with_fault(6, fault(wire::kInit).status(-1)),
                                 kivsim::believable_card(7)});
     kiv_scan_each_t scan{};
-    ASSERT_EQ(kiv_scan_each(nullptr, &scan), KIV_OK);
+    ASSERT_EQ(kiv_scan_each(nullptr, 0, &scan), KIV_OK);
     const std::pair<unsigned, kiv_result_t> expected[] = {
         {1, KIV_OK}, {5, KIV_ERR_REST}, {6, KIV_ERR_FAILED}, {7, KIV_OK}, {9, KIV_ERR_FAILED}};
     ASSERT_EQ(scan.count, std::size(expected));
@@ -298,19 +298,19 @@ TEST_F(Scan, OfEachCardLetsNoBadOneHideTheOthers) {
         EXPECT_EQ(net_of(card.device.device_id) == KIV_OK, card.result == KIV_OK || id == 9);
     }
     EXPECT_EQ(scan.cards[1].tunnel.tunnel_value, closed);
-    EXPECT_EQ(kiv_scan_each(nullptr, nullptr), KIV_ERR_NULL_ARGUMENT);
+    EXPECT_EQ(kiv_scan_each(nullptr, 0, nullptr), KIV_ERR_NULL_ARGUMENT);
     EXPECT_EQ(info_of(7), KIV_OK) << "the scan before stays";
     EXPECT_EQ(info_of(5), KIV_OK) << "its driver answers all the same";
 
     const uint8_t only = 7;
     const std::size_t opened = simulator.calls(wire::kInit).size();
-    ASSERT_EQ(kiv_scan_each(&only, &scan), KIV_OK);
+    ASSERT_EQ(kiv_scan_each(&only, 0, &scan), KIV_OK);
     ASSERT_EQ(scan.count, 1u);
     EXPECT_EQ(scan.cards[0].device.device_id, 7);
     EXPECT_EQ(simulator.calls(wire::kInit).size(), opened + 2) << "no other card is opened";
     EXPECT_EQ(info_of(1), KIV_ERR_NO_DEVICE);
     const uint8_t none = 77;
-    ASSERT_EQ(kiv_scan_each(&none, &scan), KIV_OK);
+    ASSERT_EQ(kiv_scan_each(&none, 0, &scan), KIV_OK);
     EXPECT_EQ(scan.count, 0u);
 }
 
@@ -332,7 +332,7 @@ TEST_F(Scan, OfEachCardOpensThemAtTheSameTime) {
     LoopbackServer second({reply(1), next});
     RunningSimulator simulator({card_with_server(1, first.port()), card_with_server(2, second.port())});
     kiv_scan_each_t scan{};
-    ASSERT_EQ(kiv_scan_each(nullptr, &scan), KIV_OK);
+    ASSERT_EQ(kiv_scan_each(nullptr, 0, &scan), KIV_OK);
     EXPECT_EQ(met, 2);
     ASSERT_EQ(scan.count, 2u);
     EXPECT_EQ(scan.cards[1].result, KIV_OK);

@@ -74,8 +74,49 @@ TEST_F(Kivctl, NothingThatHangsTriesThePatienceOfItsUser) {
     const std::size_t before = simulator.calls(wire::kReadPci64).size();
     Program watching(kivctl({"watch"}), {});
     EXPECT_TRUE(wait_until([&] { return simulator.calls(wire::kReadPci64).size() > before; }));
+    const Ended full = run_program({"/bin/sh", "-c", "exec \"$0\" watch > /dev/full", kKivctlProgram});
+    EXPECT_EQ(full.status, 1) << "a thread that hangs holds up nothing";
     watching.send_signal(SIGTERM);
     EXPECT_EQ(watching.wait(std::chrono::seconds(5)).status, 0) << "also while the scan waits";
+}
+
+TEST_F(Kivctl, ADriverThatHangsForOneCardHidesNoOther) {
+    const RunningSimulator simulator({kivsim::believable_card(1), kivsim::believable_card(2)});
+    const auto let_hang = [&](uint32_t selector) {
+        const Json faults{{"driver_faults", {{{"selector", selector}, {"delay_ms", 100'000}}}}};
+        EXPECT_EQ(simulator.control("PATCH", "", text_of(faults)).status, 200);
+    };
+    for (const uint32_t selector : {wire::kReadPci64, wire::kInit}) {
+        let_hang(selector);
+        const Json scan = json_of({"scan", "--timeout", "3"}, 1);
+        ASSERT_EQ(scan["cards"].size(), 2u);
+        EXPECT_EQ(scan["cards"][0]["error"]["name"], "TIMEOUT");
+        EXPECT_EQ(scan["cards"][0]["error"]["message"],
+                  "card 1: the driver lists it, but gave no answer about it within 2.0 s");
+        EXPECT_EQ(scan["cards"][1]["ports"][0]["ip_address"], "192.168.10.12");
+    }
+    for (const uint32_t selector : {wire::kLoadBootConf, wire::kGetDeviceConf}) {
+        let_hang(selector);
+        expect({"scan", "--timeout", "1"}, 4, "the driver, which hangs while it lists its cards");
+        expect({"link", "2", "--timeout", "1"}, 4, "the driver, which hangs while it lists its cards");
+    }
+}
+
+TEST_F(Kivctl, TheRightOneIsBlamed) {
+    kivsim::CardSettings late = kivsim::believable_card(1);
+    late.driver_faults = {fault(wire::kReadPci64).nth(6).delay_ms(60'000)};
+    const RunningSimulator simulator({late});
+    expect({"link", "1", "--timeout", "1"}, 4, "an answer of the driver about the card");
+    simulator.control("PATCH", "", R"({"driver_faults": [{"selector": 31, "reply_size": 3}]})");
+    expect({"scan"}, 1, "the driver gives no address of its management server");
+    const Json error = json_of({"status", "1"}, 1);
+    EXPECT_EQ(error["layer"], "driver");
+    for (const char* const wrong : {"0", "[1]", R"({"a": 1})", R"([{"if_name": 5}])"}) {
+        simulator.control("PATCH", "",
+                          R"({"driver_faults": [], "answers": {"/hps/info/networks": {"interfaces": )" +
+                              std::string(wrong) + "}}}");
+        EXPECT_EQ(json_of({"status", "1"}, 1)["layer"], "server") << wrong;
+    }
 }
 
 TEST_F(KivctlCard, EndsWhenItsAnswerIsOut) {

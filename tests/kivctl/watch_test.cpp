@@ -1,7 +1,11 @@
 // The watch over cards: present state, events, and what is lost and found.
 #include <signal.h>
 
+#include <algorithm>
+#include <set>
+
 #include "kivctl/Kivctl.h"
+#include "support/DriverFault.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -10,6 +14,27 @@ namespace {
 std::string next(Program& watch) {
     const std::string line = watch.read_line();
     return line.size() > 25 ? line.substr(25) : line;
+}
+
+/// The next lines, as many as there are phrases; each phrase is in one of them, in whatever order.
+void expect_next(Program& watch, const std::vector<std::string>& phrases) {
+    std::string lines;
+    for (std::size_t i = 0; i < phrases.size(); ++i)
+        lines += next(watch) + "\n";
+    for (const std::string& phrase : phrases)
+        EXPECT_NE(lines.find(phrase), std::string::npos) << phrase << " is not in\n" << lines;
+}
+
+/// Until the driver has listed its cards once more.
+void wait_for_listing(const RunningSimulator& simulator, const std::string& service) {
+    const auto opened = [&] {
+        const std::vector<DriverEvent> trace = simulator.trace();
+        return std::count_if(trace.begin(), trace.end(), [&](const DriverEvent& event) {
+            return event.event == "open" && event.service == service;
+        });
+    };
+    const auto before = opened();
+    EXPECT_TRUE(wait_until([&] { return opened() > before; }));
 }
 
 Json next_event(Program& watch) {
@@ -58,18 +83,14 @@ TEST_F(Kivctl, WatchSaysWhatIsLostAndFound) {
     auto simulator = std::make_unique<RunningSimulator>();
     const std::string socket = simulator->socket_path();
     Program watch(kivctl({"watch"}));
-    EXPECT_NE(next(watch).find("card 1    state"), std::string::npos);
-    EXPECT_NE(next(watch).find("card 2    state"), std::string::npos);
+    expect_next(watch, {"card 1    state", "card 2    state"});
 
     simulator->control("PATCH", "", R"({"removed": true})", 2);
-    std::string lost = next(watch) + next(watch);
-    EXPECT_NE(lost.find("card 2    lost   card"), std::string::npos) << lost;
-    EXPECT_NE(lost.find("card 2    lost   server: http://127.0.0.1:"), std::string::npos) << lost;
+    expect_next(watch, {"card 2    lost   card", "card 2    lost   server: http://127.0.0.1:"});
+    wait_for_listing(*simulator,
+                     "card 1 function 0");  // The search does not end with the cards that are there.
     simulator->control("PATCH", "", R"({"removed": false, "links": [false, true]})", 2);
-    std::string found = next(watch) + next(watch) + next(watch);
-    for (const char* const part :
-         {"card 2    found  card", "card 2    found  server", "card 2    link   port 0 down"})
-        EXPECT_NE(found.find(part), std::string::npos) << found;
+    expect_next(watch, {"card 2    found  card", "card 2    found  server", "card 2    link   port 0 down"});
 
     simulator->control("POST", "/http_faults", R"({"path": "/hps/info/networks", "status": 503})", 1);
     EXPECT_NE(next(watch).find("card 1    lost   server: http://127.0.0.1:"), std::string::npos);
@@ -85,4 +106,83 @@ TEST_F(Kivctl, WatchSaysWhatIsLostAndFound) {
     EXPECT_EQ(next(watch), "          found  driver");
     watch.send_signal(SIGINT);
     EXPECT_EQ(watch.wait(std::chrono::seconds(5)).status, 0);
+}
+
+TEST_F(Kivctl, WatchSeesADriverThatWasReplacedAtOnce) {
+    RunningSimulator simulator;
+    Program watch(kivctl({"watch", "--json"}));
+    EXPECT_EQ(next_event(watch)["event"], "state");
+    EXPECT_EQ(next_event(watch)["event"], "state");
+    simulator.stop();
+    const kivsim::Simulator again(kivsim::default_cards(), simulator.socket_path(), "");
+    std::set<std::string> lost;
+    std::set<std::string> ever;
+    const auto all_seen = [&] {
+        return ever.contains("driver null") || ever.contains("card 1") + ever.contains("card 2") == 2;
+    };
+    while (!all_seen() || !lost.empty()) {
+        const Json event = next_event(watch);
+        if (!event.contains("what")) break;
+        const std::string what = event["what"].get<std::string>() + " " + text_of(event["card"]);
+        if (event["event"] == "lost") {
+            lost.insert(what);
+            ever.insert(what);
+        } else {
+            EXPECT_EQ(lost.erase(what), 1u) << what;
+        }
+    }
+    EXPECT_TRUE(all_seen() && lost.empty()) << testing::PrintToString(ever) << testing::PrintToString(lost);
+}
+
+TEST_F(Kivctl, WatchLetsNoCardThatFailsOrHangsHideAnother) {
+    RunningSimulator simulator(
+        {kivsim::believable_card(1), kivsim::believable_card(2), kivsim::believable_card(3)});
+    Program watch(kivctl({"watch"}));
+    expect_next(watch, {"card 1    state", "card 2    state", "card 3    state"});
+
+    simulator.control("POST", "/driver_faults", R"({"selector": 6, "status": "0xE00002CA"})", 3);
+    EXPECT_EQ(next(watch), "card 3    lost   card: its registers cannot be read");
+    wait_for_listing(simulator, "card 2 function 0");
+    simulator.control("PATCH", "", R"({"links": [true, false]})", 2);
+    EXPECT_EQ(next(watch), "card 2    link   port 1 down");
+    simulator.control("DELETE", "/driver_faults", "", 3);
+    EXPECT_EQ(next(watch), "card 3    found  card");
+
+    simulator.control("POST", "/driver_faults", R"({"selector": 6, "delay_ms": 12000})", 1);
+    EXPECT_EQ(next(watch), "card 1    lost   card: no answer for 5 s");
+    simulator.control("DELETE", "/driver_faults", "", 1);
+    simulator.control("PATCH", "", R"({"removed": true})", 2);
+    expect_next(watch, {"card 2    lost   card", "card 2    lost   server"});
+    simulator.control("PATCH", "", R"({"removed": false})", 2);
+    expect_next(watch, {"card 2    found  card", "card 2    found  server", "card 1    found  card"});
+}
+
+TEST_F(Kivctl, WatchSaysThatTheDriverHangs) {
+    kivsim::CardSettings card = kivsim::believable_card(1);
+    card.driver_faults = {fault(wire::kLoadBootConf).nth(1).delay_ms(8000)};
+    const RunningSimulator simulator({card});
+    Program watch(kivctl({"watch"}));
+    EXPECT_EQ(next(watch), "          lost   driver: no answer for 5 s while it lists its cards");
+    EXPECT_EQ(next(watch), "          found  driver");
+    EXPECT_NE(next(watch).find("card 1    state"), std::string::npos);
+}
+
+TEST_F(Kivctl, WatchLooksAtAllCardsAtOnce) {
+    std::vector<kivsim::CardSettings> cards;
+    for (uint8_t id = 1; id <= 20; ++id) {
+        cards.push_back(kivsim::believable_card(id));
+        if (id == 20) continue;
+        kivsim::HttpFault& hangs = cards.back().http_faults.emplace_back();
+        hangs.path = "/hps/info/networks";
+        hangs.delay_ms = 20'000;
+    }
+    const RunningSimulator simulator(cards);
+    Program watch(kivctl({"watch"}));
+    const Stopwatch stopwatch;
+    EXPECT_NE(next(watch).find("card 20   state"), std::string::npos) << "its server answers";
+    int states = 0;
+    for (int i = 0; i < 38; ++i)
+        states += next(watch).find("state  port 0 up") != std::string::npos;
+    EXPECT_EQ(states, 19) << "the others say that the server is lost";
+    EXPECT_LT(stopwatch.elapsed(), std::chrono::seconds(15)) << "two seconds each, one after another";
 }

@@ -8,7 +8,9 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
+#include "configuration.h"
 #include "driver_process.h"
 #include "guard.h"
 #include "numbers.h"
@@ -19,6 +21,9 @@ namespace kivctl {
 namespace {
 
 std::optional<Failure> g_configuration_problem;
+uint32_t g_scan_limit_ms = 0;  ///< 0: none.
+
+constexpr const char* kLook = "\"kivctl doctor\" looks at each step; -v shows the log";
 
 /// In the order of kiv_card_status_t.
 constexpr const char* kSensorNames[] = {"FPGA fabric", "Board near FPGA", "Board near CVL", "Board rear",
@@ -34,18 +39,22 @@ Failure no_card(const DriverProcess& driver) {
             driver.remedy};
 }
 
-std::vector<Found> scan_each(const uint8_t* only) {
+/// The time limit can only come while the driver lists its cards: opening them has a limit of its own.
+void look_for_cards() {
     const DriverProcess driver = look_for_driver();
     if (!driver.found) throw no_driver(driver);
-    waiting_for(Layer::Driver, "the driver and the cards' servers, in the scan");
+    waiting_for(Layer::Driver, "the driver, which hangs while it lists its cards");
+}
+
+std::vector<Found> scan_each(const uint8_t* only) {
+    look_for_cards();
     kiv_scan_each_t scan{};
-    if (const kiv_result_t result = kiv_scan_each(only, &scan); result != KIV_OK) {
+    if (const kiv_result_t result = kiv_scan_each(only, g_scan_limit_ms, &scan); result != KIV_OK) {
         Failure failure(Layer::Driver, kiv_result_name(result),
                         fmt::format("the scan failed: {} (0x{:08X})", kiv_result_text(result), result));
         failure.code = result;
         throw Failure(failure);
     }
-    waiting_for(Layer::Server, "an answer of the card");
     return {scan.cards, scan.cards + scan.count};
 }
 
@@ -65,10 +74,21 @@ Found only_card() {
     return cards.front();
 }
 
+/// What a server that is to blame for the result has. A driver may fail beside a server that does not answer.
+const char* name_of_fault(kiv_result_t result) {
+    return result == KIV_ERR_BUSY ? "SERVER_TIMEOUT" : "SERVER_ANSWER";
+}
+
 }  // namespace
 
-void open_library() {
+void open_library(int seconds) {
+    g_scan_limit_ms = static_cast<uint32_t>(seconds) * 2000 / 3;
     const kiv_log_config_t log{KIV_LOG_LEVEL_INFO};
+    g_configuration_problem = unreadable(configuration_path());
+    if (g_configuration_problem) {
+        kivLog_open(&log, KIV_LOG_SINK_DEFAULT, nullptr, nullptr);
+        return;
+    }
     try {
         kiv_open(&log);
     } catch (const std::runtime_error& error) {
@@ -92,21 +112,43 @@ std::vector<Found> scan_cards() {
     return cards;
 }
 
+std::map<uint8_t, kivDriverClientList> list_cards() {
+    look_for_cards();
+    std::map<uint8_t, kivDriverClientList> cards;
+    for (auto& function : kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME))
+        cards[function->device_conf.device_index].push_back(std::move(function));
+    return cards;
+}
+
 Failure problem_of(const Found& card) {
     const uint8_t id = card.device.device_id;
     Failure failure = failure_of(card.result, "opening", id);
-    if (card.result == KIV_ERR_REST) {
-        if (const std::optional<Failure> found = server_of(card).problem()) {
-            failure.layer = found->layer;
-            failure.message = fmt::format("card {}: its management server: {}", id, found->message);
-            failure.remedy = found->remedy;
-        }
-    } else {
+    if (card.tunnel.tunnel_address == 0 && card.tunnel.tunnel_value == 0) {
+        failure.layer = Layer::Driver;
+        failure.message = fmt::format("card {}: the driver gives no address of its management server", id);
+        failure.remedy = kLook;
+        return failure;
+    }
+    waiting_for(Layer::Server, "an answer of a card's management server");
+    const std::optional<Failure> server = server_of(card).problem();
+    if (server && (card.result == KIV_ERR_REST || server->name == name_of_fault(card.result))) {
+        failure.layer = server->layer;
+        failure.message = fmt::format("card {}: its management server: {}", id, server->message);
+        failure.remedy = server->remedy;
+    } else if (card.result == KIV_ERR_BUSY) {
+        failure =
+            Failure(Layer::Driver, "TIMEOUT",
+                    fmt::format("card {}: the driver lists it, but gave no answer about it within {:.1f} s",
+                                id, g_scan_limit_ms / 1000.0),
+                    kLook)
+                .of_card(id)
+                .ends_with(kTimeIsUp);
+    } else if (card.result != KIV_ERR_REST) {
         failure.layer = Layer::Driver;
         failure.message =
             fmt::format("card {}: the driver lists it, but cannot open it or read its registers (0x{:08X})",
                         id, card.result);
-        failure.remedy = "\"kivctl doctor\" looks at each step; -v shows the log";
+        failure.remedy = kLook;
     }
     return failure;
 }
@@ -128,6 +170,8 @@ Found open_card(std::optional<uint8_t> id, Asks asks) {
     }
     const bool usable = card.result == KIV_OK || (card.result == KIV_ERR_REST && asks == Asks::Driver);
     if (!usable) throw problem_of(card);
+    asks == Asks::Driver ? waiting_for(Layer::Driver, "an answer of the driver about the card")
+                         : waiting_for(Layer::Server, "an answer of the card");
     return card;
 }
 

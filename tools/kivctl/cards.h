@@ -2,10 +2,12 @@
 #ifndef KIVCTL_CARDS_H
 #define KIVCTL_CARDS_H
 
+#include <kiv/kivDriverClient.h>
 #include <kiv/kiv_api.h>
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,8 +17,9 @@
 
 namespace kivctl {
 
-/// Opens the library. A configuration that cannot be loaded is no failure: few commands need it.
-void open_library();
+/// Opens the library, for a command that has so many seconds (0: no limit), of which two thirds are for the
+/// scan. A configuration that cannot be loaded is no failure: few commands need it.
+void open_library(int seconds);
 
 /// Why the configuration was not loaded, if it was not.
 const std::optional<Failure>& configuration_problem();
@@ -34,7 +37,11 @@ inline Server server_of(const Found& card) {
 /// when the driver has no cards.
 std::vector<Found> scan_cards();
 
-/// Why a card cannot be used: its server is asked directly when it was the server.
+/// The PCI functions of the cards, by id, in the driver's order, without a scan. Throws when there is no
+/// driver.
+std::map<uint8_t, kivDriverClientList> list_cards();
+
+/// Why a card cannot be used: its server is asked directly.
 Failure problem_of(const Found& card);
 
 /// Throws that there is no such card.

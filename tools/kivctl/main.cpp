@@ -29,7 +29,7 @@ int run(const Command& command, const Request& request, Output& output) {
         kivctl::start_simulation(*request.simulation);
     }
     if (request.verbose) show_log();
-    kivctl::open_library();
+    kivctl::open_library(limit);
     return command.run(request, output);
 }
 

@@ -165,12 +165,16 @@ KIV_API kiv_result_t kiv_scan_internal(kiv_scan_internal_t* scan);
  * answer; calls for them fail, but for those that ask the driver alone. The cards are opened at the same
  * time: a server that hangs delays this call by its own 7 seconds, however many do.
  *
+ * `limit_ms`, when it is not 0, is how long the opening may take: a card that has not answered then has
+ * KIV_ERR_BUSY, and calls for it may wait as this one would have. Until its driver answers, the next scan and
+ * kiv_close wait for it.
+ *
  * `only`, when it is not null, is the id of the one card to open and watch: no other is listed, or waited
  * for.
  *
  * KIV_ERR_NULL_ARGUMENT for a null `scan`. KIV_ERR_FAILED when the cards cannot be looked for at all.
  */
-KIV_API kiv_result_t kiv_scan_each(const uint8_t* only, kiv_scan_each_t* scan);
+KIV_API kiv_result_t kiv_scan_each(const uint8_t* only, uint32_t limit_ms, kiv_scan_each_t* scan);
 
 /*
  * Id of the card that is selected as PTP source. KIV_ERR_FAILED when none is, or before a scan;

@@ -1,7 +1,11 @@
 // The scan, and the close that ends it.
 #include <algorithm>
+#include <chrono>
 #include <future>
+#include <list>
 #include <memory>
+#include <optional>
+#include <thread>
 #include <utility>
 
 #include <kiv/kiv_api.h>
@@ -16,6 +20,7 @@ namespace {
 
 using api::Process;
 using device::Device;
+using Clock = std::chrono::steady_clock;
 
 /// Opens the card's accesses in order, then its management-server client. An exception is a failure.
 kiv_result_t open_card(Device& card) noexcept {
@@ -117,31 +122,64 @@ kiv_result_t scan_internal(Process& process, kiv_scan_internal_t& out) {
     return KIV_OK;
 }
 
-kiv_scan_each_card_t scan_one(Device& card) {
+/// What is known of a card without a call to the driver.
+kiv_scan_each_card_t unread(Device& card, kiv_result_t result) {
     kiv_scan_each_card_t scanned{};
-    const uint8_t id = card.info().id;
-    scanned.result = open_card(card);
-    if (scanned.result == KIV_OK) {
-        scanned.result = get_record(id, scanned.device);
-    } else {
-        log_error(kApiSource, "[{}]Open Fail", unsigned{id});
-    }
-    if (scanned.result != KIV_OK) scanned.device = {};
-    scanned.device.device_id = id;
+    scanned.result = result;
+    scanned.device.device_id = card.info().id;
     card.get_tun_config(scanned.tunnel.tunnel_address, scanned.tunnel.tunnel_value);
     return scanned;
 }
 
-kiv_result_t scan_each(Process& process, const uint8_t* only, kiv_scan_each_t& out) {
+kiv_scan_each_card_t scan_one(Device& card) {
+    const uint8_t id = card.info().id;
+    kiv_scan_each_card_t scanned = unread(card, open_card(card));
+    if (scanned.result != KIV_OK) {
+        log_error(kApiSource, "[{}]Open Fail", unsigned{id});
+        return scanned;
+    }
+    kiv_scan_card_device_t record{};
+    scanned.result = get_record(id, record);
+    if (scanned.result == KIV_OK) scanned.device = record;
+    return scanned;
+}
+
+/// The scan of one card, on a thread of its own, which is left where it is when its driver hangs.
+class CardScan {
+  public:
+    explicit CardScan(std::shared_ptr<Device> card) : card_(std::move(card)) {
+        std::packaged_task<kiv_scan_each_card_t()> scan([card = card_] { return scan_one(*card); });
+        result_ = scan.get_future();
+        thread_ = start_library_thread(std::move(scan));
+    }
+    ~CardScan() {
+        if (thread_.joinable()) thread_.detach();
+    }
+    CardScan(const CardScan&) = delete;
+    CardScan& operator=(const CardScan&) = delete;
+
+    kiv_scan_each_card_t result(const std::optional<Clock::time_point>& end) {
+        if (end && result_.wait_until(*end) != std::future_status::ready) return unread(*card_, KIV_ERR_BUSY);
+        thread_.join();
+        return result_.get();
+    }
+
+  private:
+    std::shared_ptr<Device> card_;
+    std::future<kiv_scan_each_card_t> result_;
+    std::thread thread_;
+};
+
+kiv_result_t scan_each(Process& process, const uint8_t* only, uint32_t limit_ms, kiv_scan_each_t& out) {
     process.g_ScanInfo.clear();
     process.scanned_each.clear();
-    std::vector<std::future<kiv_scan_each_card_t>> scans;
-    for (const auto& card : replace_manager(process, only)->allDevices()) {
-        const SignalsBlocked blocked;
-        scans.push_back(std::async(std::launch::async, [card] { return scan_one(*card); }));
-    }
-    for (auto& scan : scans)
-        process.scanned_each.push_back(scan.get());
+    std::list<CardScan> scans;
+    for (auto& card : replace_manager(process, only)->allDevices())
+        scans.emplace_back(std::move(card));
+    std::optional<Clock::time_point> end;
+    if (limit_ms != 0) end = Clock::now() + std::chrono::milliseconds(limit_ms);
+    for (CardScan& scan : scans)
+        process.scanned_each.push_back(scan.result(end));
     std::sort(process.scanned_each.begin(), process.scanned_each.end(),
               [](const auto& a, const auto& b) { return a.device.device_id < b.device.device_id; });
     out = {static_cast<uint32_t>(process.scanned_each.size()), process.scanned_each.data()};
@@ -202,9 +240,9 @@ kiv_result_t kiv_scan_internal(kiv_scan_internal_t* scan) {
     return kiv::scan_in_turn(scan, kiv::scan_internal);
 }
 
-kiv_result_t kiv_scan_each(const uint8_t* only, kiv_scan_each_t* scan) {
-    return kiv::scan_in_turn(scan, [only](kiv::api::Process& process, kiv_scan_each_t& out) {
-        return kiv::scan_each(process, only, out);
+kiv_result_t kiv_scan_each(const uint8_t* only, uint32_t limit_ms, kiv_scan_each_t* scan) {
+    return kiv::scan_in_turn(scan, [=](kiv::api::Process& process, kiv_scan_each_t& out) {
+        return kiv::scan_each(process, only, limit_ms, out);
     });
 }
 
