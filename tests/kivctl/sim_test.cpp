@@ -63,7 +63,7 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
 
     Program watch(telling_its_id({"--sim", "watch"}));
     const std::string pid = watch.read_line();
-    EXPECT_NE(watch.read_line().find("card 1    state"), std::string::npos);
+    EXPECT_NE(watch.read_line().find("    state  port 0 up"), std::string::npos);
     EXPECT_EQ(folders(pid), 1u);
     watch.send_signal(SIGTERM);
     EXPECT_EQ(watch.wait().status, 0);
