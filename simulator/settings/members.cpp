@@ -138,7 +138,7 @@ CardSettings card_of(const Node& node) {
     return card;
 }
 
-CardSettings changed_card(const Node& node, CardSettings present) {
+CardSettings changed_card(const Node& node, const CardSettings& present) {
     CardSettings changed = present;
     read_members(node, changed);
     for (const Member& member : kMembers) {

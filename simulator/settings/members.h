@@ -12,7 +12,7 @@ CardSettings card_of(const ConfigNode& node);
 
 /// What a running card with the settings `present` becomes with the members of `node`. Throws BadConfig, also
 /// when a member has another value than now and cannot change while the card runs.
-CardSettings changed_card(const ConfigNode& node, CardSettings present);
+CardSettings changed_card(const ConfigNode& node, const CardSettings& present);
 
 /// As the cards file has it. Throws BadConfig for what no cards file can hold.
 Json json_of(const CardSettings& card);

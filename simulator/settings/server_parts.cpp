@@ -16,7 +16,7 @@ using Node = ConfigNode;
 constexpr const char* kWrappings[] = {"object", "text", "none"};  // In the order of the enumeration.
 
 std::string slot_of(const Node& node) {
-    const std::string text = node.text();
+    std::string text = node.text();
     if (text.size() != 32 || !bytes_of_hex(text)) node.complain("must be 32 hexadecimal digits");
     return text;
 }

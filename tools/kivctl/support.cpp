@@ -72,7 +72,7 @@ Json Collection::command(const std::string& name, const std::vector<std::string>
     const Ended ended = run_self(all);
     in_time_ = ended.status != kTimeIsUp;
     log_ += fmt::format("== {}: exit status {}\n{}", line, ended.status, ended.err);
-    const Json json = Json::parse(ended.out, nullptr, false);
+    Json json = Json::parse(ended.out, nullptr, false);
     if (!json.is_object()) {
         missing.push_back({name, line + fmt::format(": printed nothing, exit status {}", ended.status)});
         return nullptr;
