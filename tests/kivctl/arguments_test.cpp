@@ -56,7 +56,8 @@ TEST_F(KivctlCard, TakesWholeNumbersInRangeAndNothingElse) {
     Json error = json_of({"info", "010"}, 2);
     EXPECT_EQ(error["name"], "USAGE");
     EXPECT_EQ(error["layer"], "argument");
-    for (const Words& words : std::vector<Words>{{"--help"}, {"flash", "--help"}, {"ptp", "set", "--help"}})
+    for (const Words& words : std::vector<Words>{
+             {"--help"}, {"flash", "--help"}, {"ptp", "set", "--help"}, {"help"}, {"help", "flash", "write"}})
         expect(words, 0, "--");
     expect({"ptp", "set", "--help"}, 0, "--vlan0");
     EXPECT_EQ(run({"-v", "link"}).err.find("kivctl:"), std::string::npos);

@@ -50,6 +50,7 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
     expect({"time"}, 0, " TAI (TAI-UTC not known)");
     expect({"version"}, 0, "Driver client  2.3.1\nDriver         1.4.0\n");
     expect({"explain", "0xC1000700"}, 0, "result 0xC1000700, KIV_ERR_BUSY: ");
+    expect({"explain", "BUSY"}, 0, "result 0xC1000700, KIV_ERR_BUSY: ");
     expect({"explain", "3"}, 0, "exit status 3, ATTENTION: ");
     expect({"explain", "kIOReturnBusy"}, 0, "driver status 0xE00002D5");
     expect({"explain", "0xDEAD"}, 1, "is no code");

@@ -187,7 +187,10 @@ const Command& parse(std::vector<std::string> words, Request& request) {
     request.json = std::find(words.begin(), words.end(), "--json") != words.end();
     take_simulation(words, request);
     const std::size_t at = command_at(words);
-    if (at < words.size()) {
+    if (at < words.size() && words[at] == "help") {
+        words.erase(words.begin() + static_cast<std::ptrdiff_t>(at));
+        words.push_back("--help");
+    } else if (at < words.size()) {
         if (!is_command(nullptr, words[at])) throw unknown_word(nullptr, words[at]);
         const Command& command = *std::find_if(commands().begin(), commands().end(), [&](const Command& row) {
             return row.group == nullptr && words[at] == row.name;

@@ -62,7 +62,8 @@ Json to_json(const char* kind, uint64_t code, const char* name, const char* text
 template <std::size_t count>
 void add(Json& meanings, const Request& request, const char* kind, const Meaning (&rows)[count]) {
     for (const Meaning& row : rows) {
-        if (request.code ? row.code == *request.code : request.word == row.name)
+        const bool named = request.word == row.name || "KIV_ERR_" + request.word == row.name;
+        if (request.code ? row.code == *request.code : named)
             meanings.push_back(to_json(kind, row.code, row.name, row.text));
     }
 }
@@ -75,7 +76,8 @@ Options explain_options(Request& request) {
         request.code = code_of(text);
         return text.empty() ? "the code is empty" : "";
     };
-    return {{{"CODE", "A decimal number, a hexadecimal one behind 0x, or a name", " ", take}}};
+    return {{{"CODE", "A decimal number, a hexadecimal one behind 0x, or a name, with or without KIV_ERR_",
+              " ", take}}};
 }
 
 Exit explain(const Request& request, Output& output) {
