@@ -79,6 +79,33 @@ TEST_F(KivctlCard, WatchShowsTheStateAndThenChangesUntilASignal) {
     EXPECT_EQ(run({"watch", "2"}).status, 1);
 }
 
+TEST_F(KivctlCard, WatchLogsToAFileThatMayBeFullForAWhile) {
+    const std::string log = directory_ / "events";
+    const std::string former = std::string(1000, ' ') + "\n";
+    write_file(log, former);
+    // A limit of 1024 bytes to a file stands for the end of a disk.
+    Program watch({"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 2; exec \"$0\" watch --json --log \"$1\"",
+                   kKivctlProgram, log});
+    const std::string state = watch.read_line();
+    EXPECT_EQ(read_file(log), former + state.substr(0, 1024 - former.size()));
+    change({{"links", {false, true}}});
+    EXPECT_NE(watch.read_line(), "");
+    truncate(log.c_str(), 0);
+    change({{"ptp_state", 3}});
+    const std::string last = watch.read_line();
+    watch.send_signal(SIGTERM);
+    const Ended ended = watch.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_NE(ended.err.find("events: File too large: lines are left out until it can be written again"),
+              std::string::npos)
+        << ended.err;
+    EXPECT_NE(ended.err.find(": written again; 2 lines were left out"), std::string::npos) << ended.err;
+    EXPECT_EQ(read_file(log), "\n" + last + "\n") << "behind half of a line a new one begins";
+
+    for (const std::string& bad : {directory_ / "none/log", directory_ / ".", std::string("/dev/full")})
+        expect({"watch", "--log", bad}, 2, bad + ": ");
+}
+
 TEST_F(Kivctl, WatchSaysWhatIsLostAndFound) {
     auto simulator = std::make_unique<RunningSimulator>();
     const std::string socket = simulator->socket_path();

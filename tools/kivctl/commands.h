@@ -116,6 +116,7 @@ Exit support(const Request& request, Output& output);
 Options support_options(Request& request);
 
 Exit watch(const Request& request, Output& output);
+Options watch_options(Request& request);
 
 Exit config_check(const Request& request, Output& output);
 Exit config_init(const Request& request, Output& output);

@@ -126,6 +126,10 @@ void Output::note(const std::string& text) noexcept try {
     // Without memory the status has to say it.
 }
 
+std::string json_line(const Json& json) {
+    return dump(json, -1);
+}
+
 Json document(const std::string& command) {
     return {{"schema", "kivctl." + command + "/1"}};
 }

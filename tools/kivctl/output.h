@@ -53,6 +53,10 @@ class Output {
 /// The object that a command prints: "schema" says what it is and which version of it.
 Json document(const std::string& command);
 
+/// One line with its end. What a card sends as text need not be text, and may hold codes that a terminal
+/// obeys.
+std::string json_line(const Json& json);
+
 /// As a terminal may show it: control characters of texts that came from a card are escaped, and a text that
 /// no person would read to its end is cut.
 std::string printable(const std::string& text);

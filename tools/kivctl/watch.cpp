@@ -16,6 +16,7 @@
 #include "device/registers.h"
 #include "driver_process.h"
 #include "guard.h"
+#include "log_file.h"
 #include "time_text.h"
 #include "watch_events.h"
 
@@ -86,7 +87,9 @@ Server server_of(const kivDriverClientList& functions) {
 /// all. Never destroyed: a thread whose driver hangs cannot be waited for.
 class Watch {
   public:
-    Watch(Output& output, const Request& request) : output_(output), request_(request) {}
+    Watch(Output& output, const Request& request) : output_(output), request_(request) {
+        if (!request.file.empty()) log_.emplace(request.file);
+    }
 
     /// Until it fails.
     void run() {
@@ -255,11 +258,12 @@ class Watch {
     }
 
     void print(std::optional<uint8_t> id, const Described& event) {
+        Json line = document("watch");
+        line["time"] = time_now(true);
+        line["card"] = id ? Json(*id) : Json();
+        line.update(event.json);
+        if (log_) log_->add(line);
         if (request_.json) {
-            Json line = document("watch");
-            line["time"] = time_now(true);
-            line["card"] = id ? Json(*id) : Json();
-            line.update(event.json);
             output_.print_json(line, -1);
         } else {
             output_.print(fmt::format("{}  {:<8}  {:<5}  {}\n", time_now(false),
@@ -270,7 +274,8 @@ class Watch {
 
     Output& output_;
     const Request& request_;
-    std::mutex mutex_;  ///< Guards all below, and keeps lines in the order of what they tell.
+    std::optional<LogFile> log_;
+    std::mutex mutex_;  ///< Guards all below and the log, and keeps lines in the order of what they tell.
     std::condition_variable condition_;
     std::map<uint8_t, Card> cards_;
     std::optional<Failure> failure_;
@@ -280,6 +285,11 @@ class Watch {
 };
 
 }  // namespace
+
+Options watch_options(Request& request) {
+    return {
+        {text_option("--log", "Add the events to this file, a JSON object a line", "FILE", request.file)}};
+}
 
 Exit watch(const Request& request, Output& output) {
     guard().signals_are_the_end();
