@@ -35,6 +35,7 @@ struct Request {
     std::optional<std::string> simulation;  ///< The cards file, which may be empty.
     std::string file;
     bool no_wait = false;
+    bool show_status = false;
     bool select_written = false;
     std::optional<int64_t> select;  ///< Slot.
     std::optional<uint64_t> code;

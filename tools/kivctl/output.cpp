@@ -67,20 +67,9 @@ void Output::print_json(const Json& json, int indent) {
 }
 
 void Output::print_table(const std::vector<std::vector<std::string>>& rows) {
-    std::vector<std::size_t> widths;
-    for (const auto& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], row[i].size());
-    }
     std::string text;
-    for (const auto& row : rows) {
-        std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i)
-            line += fmt::format("{:<{}}  ", row[i], widths[i]);
-        line.erase(line.find_last_not_of(' ') + 1);
+    for (const std::string& line : table_lines(rows))
         text += line + "\n";
-    }
     print(text);
 }
 
@@ -124,6 +113,23 @@ void Output::note(const std::string& text) noexcept try {
     write_patiently(STDERR_FILENO, "kivctl: " + text + "\n");
 } catch (...) {
     // Without memory the status has to say it.
+}
+
+std::vector<std::string> table_lines(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::vector<std::string> lines;
+    for (const auto& row : rows) {
+        std::string& line = lines.emplace_back();
+        for (std::size_t i = 0; i < row.size(); ++i)
+            line += fmt::format("{:<{}}  ", row[i], widths[i]);
+        line.erase(line.find_last_not_of(' ') + 1);
+    }
+    return lines;
 }
 
 std::string json_line(const Json& json) {

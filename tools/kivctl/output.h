@@ -50,6 +50,9 @@ class Output {
     std::mutex mutex_;
 };
 
+/// Rows with their members in columns, without line ends.
+std::vector<std::string> table_lines(const std::vector<std::vector<std::string>>& rows);
+
 /// The object that a command prints: "schema" says what it is and which version of it.
 Json document(const std::string& command);
 

@@ -38,6 +38,13 @@ std::string time_now(bool utc) {
                        milliseconds, utc ? "Z" : "");
 }
 
+std::string short_time(double seconds) {
+    if (seconds < 10) return fmt::format("{:.1f} s", seconds);
+    if (seconds < 120) return fmt::format("{:.0f} s", seconds);
+    if (seconds < 7200) return fmt::format("{:.0f} min", seconds / 60);
+    return fmt::format("{:.0f} h", seconds / 3600);
+}
+
 std::string minutes_and_seconds(std::chrono::steady_clock::duration time) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time).count();
     return fmt::format("{}:{:02}", seconds / 60, seconds % 60);

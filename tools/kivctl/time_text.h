@@ -18,6 +18,9 @@ Json tai_json(uint64_t nanoseconds, std::optional<int32_t> utc_offset);
 /// The present time with milliseconds: local for a person, UTC for a program.
 std::string time_now(bool utc);
 
+/// "0.4 s", "45 s", "12 min", "3 h"
+std::string short_time(double seconds);
+
 /// "0:07"
 std::string minutes_and_seconds(std::chrono::steady_clock::duration time);
 

@@ -19,6 +19,7 @@
 #include "log_file.h"
 #include "time_text.h"
 #include "watch_events.h"
+#include "watch_status.h"
 
 namespace kivctl {
 
@@ -87,9 +88,8 @@ Server server_of(const kivDriverClientList& functions) {
 /// all. Never destroyed: a thread whose driver hangs cannot be waited for.
 class Watch {
   public:
-    Watch(Output& output, const Request& request) : output_(output), request_(request) {
-        if (!request.file.empty()) log_.emplace(request.file);
-    }
+    Watch(Output& output, const Request& request, std::optional<LogFile> log)
+        : output_(output), request_(request), log_(std::move(log)) {}
 
     /// Until it fails.
     void run() {
@@ -287,13 +287,17 @@ class Watch {
 }  // namespace
 
 Options watch_options(Request& request) {
-    return {
-        {text_option("--log", "Add the events to this file, a JSON object a line", "FILE", request.file)}};
+    return {{{"--status", "A screen of the present state instead of events, drawn anew every second", "",
+              nullptr, &request.show_status},
+             text_option("--log", "Add what --json prints to this file too", "FILE", request.file)}};
 }
 
 Exit watch(const Request& request, Output& output) {
     guard().signals_are_the_end();
-    (new Watch(output, request))->run();
+    std::optional<LogFile> log;
+    if (!request.file.empty()) log.emplace(request.file);
+    if (request.show_status) show_status(request, std::move(log), output);
+    (new Watch(output, request, std::move(log)))->run();
     return kDone;
 }
 
