@@ -26,6 +26,7 @@ constexpr Command kCommands[] = {
     {"flash",  "wait",    "Wait until a write that goes on has ended",                  Takes::NamedCard, kFlash, flash_wait},
     {"flash",  "select",  "Choose the slot that the card boots next",                   Takes::NamedCard, kShort, flash_select, flash_select_options},
     {nullptr,  "watch",   "Print the state and then events, of one card or of all, until Ctrl-C", Takes::AllOrOne, kNone, watch},
+    {nullptr,  "serve",   "Serve the values of all cards to browsers and Prometheus, until Ctrl-C", Takes::NoCard, kNone, serve, serve_options},
     {nullptr,  "doctor",  "Check machine, driver and cards, and say what to do",         Takes::AllOrOne,  kDoctorLimit, doctor},
     {nullptr,  "support", "Collect what tells about machine and cards into one file",   Takes::NoCard,    kSupportLimit, support, support_options},
     {nullptr,  "config",  "Look at the card configuration of this machine",             Takes::NoCard,    kShort, nullptr},

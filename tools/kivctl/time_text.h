@@ -18,6 +18,9 @@ Json tai_json(uint64_t nanoseconds, std::optional<int32_t> utc_offset);
 /// The present time with milliseconds: local for a person, UTC for a program.
 std::string time_now(bool utc);
 
+/// A point in time for a program: UTC with milliseconds.
+std::string utc_text(std::chrono::system_clock::time_point time);
+
 /// "0:07"
 std::string minutes_and_seconds(std::chrono::steady_clock::duration time);
 
