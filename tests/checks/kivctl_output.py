@@ -52,6 +52,7 @@ ROWS = [
     ("good", "watch", ["9"], FAILED, "error"),
     ("good", "registers", ["1"], DONE, "registers"),
     ("none", "registers", ["1"], FAILED, "error"),
+    ("good", "serve", ["--listen", "localhost:1"], USAGE, "error"),
     ("none", "doctor", [], FAILED, "doctor"),
     ("none", "doctor", ["x"], USAGE, "error"),
     ("bad", "support", ["-o", "FOLDER/support/"], ATTENTION, "support"),
@@ -235,6 +236,28 @@ def check_watch(kivctl, setups, schemas):
     return complaints
 
 
+def check_serve(kivctl, setups, schemas):
+    """With good cards, with bad ones, and without a driver."""
+    complaints = []
+    for name in ("good", "bad", "none"):
+        process = subprocess.Popen([kivctl, "serve", "--listen", "127.0.0.1:0", "--json"], env=setups.environment(name),
+                                   text=True, stdout=subprocess.PIPE)
+        try:
+            line = process.stdout.readline()
+            complaints += schemas.complaints(line, "serve")
+            url = json.loads(line)["url"]
+            urllib.request.urlopen(url + "metrics", timeout=30).read()  # Waits for the cards.
+            for page in ["cards.json"] + ["history.json?card=1"] * (name != "none"):
+                answer = urllib.request.urlopen(url + page, timeout=30).read()
+                complaints += [f"{name}: {page}: {complaint}"
+                               for complaint in schemas.complaints(answer, page.partition(".")[0])]
+        finally:
+            process.terminate()
+        if process.wait(timeout=60) != DONE:
+            complaints.append(f"serve ends with {process.returncode}")
+    return complaints
+
+
 def main():
     if len(sys.argv) == 3 and shutil.which("unshare") and subprocess.run([*OWN_LIBRARY, "true"]).returncode == 0:
         return subprocess.run([*OWN_LIBRARY, sys.executable, *sys.argv, "own"]).returncode
@@ -251,9 +274,10 @@ def main():
         for row in rows:
             complaints += check_row(row, kivctl, setups, schemas)
         complaints += check_interrupted_write(kivctl, setups, schemas)
+        complaints += check_serve(kivctl, setups, schemas)
         complaints += check_watch(kivctl, setups, schemas)
         complaints += schemas.complaints((folder / "support/index.json").read_text(), "support-index")
-    covered = {row[1] for row in ROWS + CONFIGURED_ROWS} | {"watch"}
+    covered = {row[1] for row in ROWS + CONFIGURED_ROWS} | {"watch", "serve"}
     complaints += [f"{command}: no row tries it" for command in documented_commands(kivctl) if command not in covered]
     unused = set(schemas.validators) - schemas.used - {row[4] for row in left_out}
     complaints += [f"schema {name}: no answer has it" for name in sorted(unused)]

@@ -25,10 +25,6 @@ uint32_t g_scan_limit_ms = 0;  ///< 0: none.
 
 constexpr const char* kLook = "\"kivctl doctor\" looks at each step; -v shows the log";
 
-/// In the order of kiv_card_status_t.
-constexpr const char* kSensorNames[] = {"FPGA fabric", "Board near FPGA", "Board near CVL", "Board rear",
-                                        "Board front", "QSFP1 case",      "QSFP2 case"};
-
 Failure no_driver(const DriverProcess& driver) {
     return {Layer::Driver, "NO_DRIVER", fmt::format("no driver at {}: {}", driver.where, driver.problem),
             driver.remedy};
@@ -215,31 +211,6 @@ Json to_json(const PtpSettings& settings) {
         if (settings.ports_known) json[keys[i]] = {config.port_params[2 * i], config.port_params[2 * i + 1]};
     }
     return json;
-}
-
-Json pci_link_json(unsigned width, unsigned generation) {
-    return {
-        {"text", fmt::format("x{} gen {}", width, generation)}, {"width", width}, {"generation", generation}};
-}
-
-Json sensor_json(unsigned number, const kiv_sensor_t& sensor) {
-    const auto limit = [](uint32_t value) { return value == 0 ? Json() : Json(static_cast<int32_t>(value)); };
-    Json json{{"name", kSensorNames[number]},
-              {"input", nullptr},
-              {"max", limit(sensor.max)},
-              {"critical", limit(sensor.critical)},
-              {"state", "not reported"}};
-    if (sensor.input == 0 && sensor.max == 0 && sensor.critical == 0) return json;
-    const auto reached = [&](uint32_t value) {
-        return value != 0 && static_cast<int32_t>(sensor.input) >= static_cast<int32_t>(value);
-    };
-    json["input"] = static_cast<int32_t>(sensor.input);
-    json["state"] = reached(sensor.critical) ? "critical" : reached(sensor.max) ? "above max" : "ok";
-    return json;
-}
-
-bool is_alarm(const Json& sensor) {
-    return sensor["state"] == "critical" || sensor["state"] == "above max";
 }
 
 }  // namespace kivctl

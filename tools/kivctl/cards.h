@@ -75,19 +75,6 @@ struct PtpSettings {
 PtpSettings ptp_settings(uint8_t id);
 Json to_json(const PtpSettings& settings);
 
-/// How a master is locked to its reference, in the words of SMPTE ST 2059-2.
-std::string locking_text(int64_t status);
-
-/// "text", "width" and "generation" of a PCI link, null when nobody tells it.
-Json pci_link_json(unsigned width, unsigned generation);
-
-/// A sensor of a report: "name", "input", "max", "critical" and "state", null for what is not reported.
-/// Readings are signed: the record carries one below zero as an unsigned number.
-Json sensor_json(unsigned number, const kiv_sensor_t& sensor);
-
-/// Whether a sensor's "state" asks for attention.
-bool is_alarm(const Json& sensor);
-
 }  // namespace kivctl
 
 #endif

@@ -40,6 +40,7 @@ struct Request {
     std::optional<int64_t> select;  ///< Slot.
     std::optional<uint64_t> code;
     std::string word;
+    std::string listen = "127.0.0.1:9644";
     PtpChange ptp;
 };
 
@@ -118,6 +119,9 @@ Options support_options(Request& request);
 
 Exit watch(const Request& request, Output& output);
 Options watch_options(Request& request);
+
+Exit serve(const Request& request, Output& output);
+Options serve_options(Request& request);
 
 Exit config_check(const Request& request, Output& output);
 Exit config_init(const Request& request, Output& output);

@@ -12,7 +12,9 @@
 #include "cards.h"
 #include "doctor.h"
 #include "flash.h"
+#include "functions.h"
 #include "numbers.h"
+#include "records.h"
 #include "server.h"
 
 namespace kivctl {
@@ -58,15 +60,7 @@ class CardUnderTest {
     bool has_server() const { return has_server_; }
 
   private:
-    /// Throws when the card has no such function.
-    kivDriverClient& function(uint8_t id) {
-        const auto found = std::find_if(functions_.begin(), functions_.end(),
-                                        [&](const auto& client) { return client->get_func_id() == id; });
-        if (found == functions_.end())
-            throw Failure(Layer::Driver, "NO_FUNCTION", fmt::format("no connection to function {}", id),
-                          "another program may have it for itself, or the driver does not publish it");
-        return **found;
-    }
+    kivDriverClient& function(uint8_t id) { return function_of(functions_, id); }
     uint64_t read(const registers::Register& where) {
         kivDriverClient& client =
             function(where.function == 0 ? kivDriverClient::pf0_st2110_id : kivDriverClient::pf1_cpeng_id);

@@ -14,6 +14,7 @@
 #include "driver_process.h"
 #include "functions.h"
 #include "guard.h"
+#include "records.h"
 
 namespace kivctl {
 
@@ -88,6 +89,30 @@ kivDriverClientList functions_of(std::optional<uint8_t> card) {
     std::erase_if(clients, [&](const auto& client) { return client->device_conf.device_index != id; });
     if (clients.empty()) throw_no_such_card(id);
     return clients;
+}
+
+kivDriverClient& function_of(const kivDriverClientList& functions, uint8_t id) {
+    const auto found = std::find_if(functions.begin(), functions.end(),
+                                    [&](const auto& client) { return client->get_func_id() == id; });
+    if (found == functions.end())
+        throw Failure(Layer::Driver, "NO_FUNCTION", fmt::format("no connection to function {}", id),
+                      "another program may have it for itself, or the driver does not publish it");
+    return **found;
+}
+
+std::optional<uint64_t> read_register(const kivDriverClientList& functions,
+                                      const kiv::registers::Register& where) try {
+    kivDriverClient& client = function_of(
+        functions, where.function == 0 ? kivDriverClient::pf0_st2110_id : kivDriverClient::pf1_cpeng_id);
+    if (where.width == 64) {
+        uint64_t value = 0;
+        return client.read_pci64(where.bar, where.offset, &value) == 0 ? std::optional(value) : std::nullopt;
+    }
+    uint32_t value = 0;
+    return client.read_pci32(where.bar, where.offset, &value) == 0 ? std::optional<uint64_t>(value)
+                                                                   : std::nullopt;
+} catch (const Failure&) {
+    return std::nullopt;
 }
 
 Exit driver(const Request& request, Output& output) {

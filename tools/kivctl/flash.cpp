@@ -68,6 +68,10 @@ std::string read_state(const Found& card) {
     return of_card(card, [](const Server& server) { return read_state(server); });
 }
 
+Json state_json(const std::string& word) {
+    return {{"state", word == "idle" ? "idle" : "busy"}, {"phase", word}};
+}
+
 bool says_failure(const std::string& word) {
     constexpr const char* kBad[] = {"fail",    "error",    "abort",   "cancel",
                                     "invalid", "mismatch", "timeout", "corrupt"};
@@ -117,8 +121,7 @@ Exit flash(const Request& request, Output& output) {
     Json json = document("flash");
     json["card"] = card.device.device_id;
     add_to(json, slots);
-    json["state"] = word == "idle" ? "idle" : "busy";
-    json["phase"] = word;
+    json.update(state_json(word));
     if (request.json) {
         output.print_json(json);
     } else {

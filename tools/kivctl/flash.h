@@ -25,6 +25,9 @@ FlashSlots read_slots(const Found& card);
 std::string read_state(const Server& server);
 std::string read_state(const Found& card);
 
+/// "state" and "phase" of that word.
+Json state_json(const std::string& word);
+
 /// Whether that word says that a write has come to a bad end.
 bool says_failure(const std::string& word);
 

@@ -4,6 +4,7 @@
 
 #include "cards.h"
 #include "commands.h"
+#include "records.h"
 #include "time_text.h"
 
 namespace kivctl {
@@ -47,10 +48,9 @@ Json selected_source(uint8_t id) {
     return kiv_get_id_selected_ptp_card(&source) == KIV_OK ? Json(source == id) : Json();
 }
 
-Json locking_json(const Server& server) {
+Json ask_locking(const Server& server) {
     try {
-        const int32_t value = server.get_number("/hps/ptp/management", "masterLockingStatus");
-        return {{"text", locking_text(value)}, {"value", value}};
+        return locking_json(server.get_number("/hps/ptp/management", "masterLockingStatus"));
     } catch (const Failure& failure) {
         Output::note(failure.text());
         return nullptr;  // The rest is worth showing.
@@ -65,7 +65,7 @@ Json state_json(const Found& card) {
     check(kiv_get_ptp_status(id, &status), "asking for its PTP state", id);
     const auto offset = static_cast<int32_t>(status.master_value);
     const bool valid = status.is_master != 0;
-    return {{"master_locking", locking_json(server_of(card))},
+    return {{"master_locking", ask_locking(server_of(card))},
             {"register_state", status.state == kUntouched ? Json() : Json(status.state)},
             {"time", tai_json(status.tai_time, valid ? std::optional(offset) : std::nullopt)},
             {"utc_offset", offset},
@@ -85,12 +85,6 @@ Json settings_json(uint8_t id) {
 }
 
 }  // namespace
-
-std::string locking_text(int64_t status) {
-    constexpr const char* kWords[] = {"not in use", "free run", "cold locking", "warm locking", "locked"};
-    const bool known = status >= 0 && status < std::ssize(kWords);
-    return known ? kWords[status] : "unknown (" + std::to_string(status) + ")";
-}
 
 Exit ptp(const Request& request, Output& output) {
     const Found card = open_card(request.card, Asks::Server);

@@ -5,8 +5,6 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
-#include "device/registers.h"
-
 #include "commands.h"
 #include "functions.h"
 
@@ -38,35 +36,26 @@ constexpr Row kRows[] = {
 // clang-format on
 
 /// Null when the card has no such function, or the driver cannot read the register.
-Json value_of(kivDriverClient* function, const registers::Register& where) {
-    if (function == nullptr) return nullptr;
-    if (where.width == 64) {
-        uint64_t value = 0;
-        return function->read_pci64(where.bar, where.offset, &value) == 0 ? Json(hex64(value)) : Json();
-    }
-    uint32_t value = 0;
-    return function->read_pci32(where.bar, where.offset, &value) == 0 ? Json(fmt::format("0x{:08X}", value))
-                                                                      : Json();
+Json value_of(const kivDriverClientList& functions, const registers::Register& where) {
+    const std::optional<uint64_t> value = read_register(functions, where);
+    if (!value) return nullptr;
+    return where.width == 64 ? hex64(*value) : fmt::format("0x{:08X}", *value);
 }
 
 }  // namespace
 
 Exit registers(const Request& request, Output& output) {
-    kivDriverClientList functions = functions_of(request.card);
+    const kivDriverClientList functions = functions_of(request.card);
     const uint8_t id = functions.front()->device_conf.device_index;
     Json json = document("registers");
     json["card"] = id;
     json["registers"] = Json::array();
     for (const Row& row : kRows) {
-        const uint8_t function =
-            row.where.function == 0 ? kivDriverClient::pf0_st2110_id : kivDriverClient::pf1_cpeng_id;
-        kivDriverClient* const client =
-            kivDriverClient::get_class_ptr_ByPciId_FuncId(functions, id, function);
         json["registers"].push_back({{"name", row.name},
                                      {"function", row.where.function},
                                      {"bar", row.where.bar},
                                      {"offset", fmt::format("0x{:05X}", row.where.offset)},
-                                     {"value", value_of(client, row.where)}});
+                                     {"value", value_of(functions, row.where)}});
     }
     const bool whole = std::none_of(json["registers"].begin(), json["registers"].end(),
                                     [](const Json& row) { return row["value"].is_null(); });

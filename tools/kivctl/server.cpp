@@ -100,16 +100,18 @@ std::string Server::url() const {
     return "http://" + address() + "/api/v1.0";
 }
 
-std::optional<Failure> Server::problem() const {
+std::optional<Failure> Server::connection_problem() const {
     const int error = connection_error(address_, port_);
-    if (error != 0) {
-        const bool slow = error == ETIMEDOUT;
-        return Failure(
-            Layer::Network, slow ? "SERVER_TIMEOUT" : "SERVER_REFUSED",
-            fmt::format("{}: {}", url(),
-                        slow ? "no connection within 2 s" : std::generic_category().message(error)),
-            kRemedy);
-    }
+    if (error == 0) return std::nullopt;
+    const bool slow = error == ETIMEDOUT;
+    return Failure(Layer::Network, slow ? "SERVER_TIMEOUT" : "SERVER_REFUSED",
+                   fmt::format("{}: {}", url(),
+                               slow ? "no connection within 2 s" : std::generic_category().message(error)),
+                   kRemedy);
+}
+
+std::optional<Failure> Server::problem() const {
+    if (const std::optional<Failure> unreachable = connection_problem()) return unreachable;
     try {
         const Json networks = get("/hps/info/networks");
         const auto is_interface = [](const Json& entry) {

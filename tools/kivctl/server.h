@@ -30,6 +30,9 @@ class Server {
     /// cannot be used (server). Nothing when it answers well. Takes up to 4 s.
     std::optional<Failure> problem() const;
 
+    /// Why no connection can be made; nothing when one can. Takes up to 2 s.
+    std::optional<Failure> connection_problem() const;
+
     /// The payload of a GET, asked once. Throws Failure; takes up to 2 s.
     Json get(const std::string& path) const;
 

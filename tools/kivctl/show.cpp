@@ -2,12 +2,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
 #include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "cards.h"
 #include "commands.h"
+#include "records.h"
 #include "time_text.h"
 
 namespace kivctl {
@@ -20,46 +20,11 @@ Json document_of(const char* command, uint8_t id) {
     return json;
 }
 
-/// A percentage; one that is infinite or no number says nothing.
-Json percent(double load) {
-    return std::isfinite(load) ? Json(load) : Json();
-}
-
 /// TAI-UTC in seconds, as the PTP master tells it and says that it is valid.
 std::optional<int32_t> utc_offset(uint8_t id) {
     kiv_ptp_status_t status{};
     if (kiv_get_ptp_status(id, &status) != KIV_OK || status.is_master == 0) return std::nullopt;
     return static_cast<int32_t>(status.master_value);
-}
-
-/// Null for readings that the card reports as no whole number: the record has a 0 for them.
-void leave_out_unreadable(const Server& server, Json& sensors) {
-    constexpr const char* kLabels[] = {"FPGA FABRIC Digital Temperature #5",
-                                       "Board Top Near FPGA Temperature",
-                                       "Board Bottom Near CVL Temperature",
-                                       "Board Rear Side Temperature",
-                                       "Board Front Side Temperature",
-                                       "QSFP1 Case Temperature",
-                                       "QSFP2 Case Temperature"};
-    for (const Json& entry : server.get("/hps/hwmon/info")) {
-        if (!entry.is_object() || !entry.contains("label") ||
-            (entry.contains("input") && whole_number(entry["input"])))
-            continue;
-        const auto known = std::find(std::begin(kLabels), std::end(kLabels), entry["label"]);
-        if (known == std::end(kLabels)) continue;
-        Json& sensor = sensors[static_cast<std::size_t>(known - std::begin(kLabels))];
-        sensor["input"] = nullptr;
-        sensor["state"] = "not reported";
-    }
-}
-
-Json to_json(const kiv_stream_status_t& status) {
-    return {{"control", status.control},
-            {"control_bit_25", status.control_bit_25},
-            {"control_bit_26", status.control_bit_26},
-            {"reg_404", status.reg_404},
-            {"reg_804", status.reg_804},
-            {"resources", {status.resource_0, status.resource_1, status.resource_2}}};
 }
 
 }  // namespace
@@ -112,12 +77,11 @@ Exit status(const Request& request, Output& output) {
     Json sensors = Json::array();
     for (unsigned i = 0; i < std::size(status.sensor); ++i)
         sensors.push_back(sensor_json(i, status.sensor[i]));
-    leave_out_unreadable(server_of(card), sensors);
+    leave_out_unreadable(server_of(card).get("/hps/hwmon/info"), sensors);
     const bool alarm = std::any_of(sensors.begin(), sensors.end(), is_alarm);
     json["attention"] = alarm;
     json["sensors"] = sensors;
-    // The record does not tell a board without power from one that does not report it.
-    json["board_power"] = status.board_power == 0 ? Json() : Json(static_cast<int32_t>(status.board_power));
+    json["board_power"] = power_json(status.board_power);
     json["pci_link"] =
         status.pci_link_b == kUntouched ? Json() : pci_link_json(status.pci_link_b, status.pci_link_a);
     if (request.json) {
@@ -155,15 +119,8 @@ Exit link(const Request& request, Output& output) {
     const uint8_t id = open_card(request.card, Asks::Driver).device.device_id;
     kiv_net_status_t status{};
     check(kiv_get_net_status(id, &status), "asking for its links", id);
-    const uint32_t up[] = {status.link_up_0, status.link_up_1};
     Json json = document_of("link", id);
-    json["ports"] = Json::array();
-    for (unsigned i = 0; i < 2; ++i) {
-        json["ports"].push_back({{"port", i},
-                                 {"link", up[i] != 0 ? "up" : "down"},
-                                 {"load_a_percent", percent(status.load_a[i])},
-                                 {"load_b_percent", percent(status.load_b[i])}});
-    }
+    json["ports"] = ports_json(status);
     if (request.json) {
         output.print_json(json);
     } else {
@@ -183,8 +140,8 @@ Exit streams(const Request& request, Output& output) {
     check(kiv_get_tx_stream_status(id, &tx), "asking for its transmit streams", id);
     check(kiv_get_rx_stream_status(id, &rx), "asking for its receive streams", id);
     Json json = document_of("streams", id);
-    json["tx"] = to_json(tx);
-    json["rx"] = to_json(rx);
+    json["tx"] = stream_json(tx);
+    json["rx"] = stream_json(rx);
     if (request.json) {
         output.print_json(json);
         return kDone;

@@ -16,6 +16,15 @@ std::string date_and_time(std::time_t seconds, bool utc, const char* format) {
     return {text, std::strftime(text, sizeof text, format, &parts)};
 }
 
+std::string text_of(std::chrono::system_clock::time_point time, bool utc) {
+    const auto milliseconds =
+        std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+    return fmt::format(
+        "{}.{:03}{}",
+        date_and_time(milliseconds / 1000, utc, utc ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S"),
+        milliseconds % 1000, utc ? "Z" : "");
+}
+
 }  // namespace
 
 Json tai_json(uint64_t nanoseconds, std::optional<int32_t> utc_offset) {
@@ -29,13 +38,11 @@ Json tai_json(uint64_t nanoseconds, std::optional<int32_t> utc_offset) {
 }
 
 std::string time_now(bool utc) {
-    const auto now = std::chrono::system_clock::now();
-    const auto milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    return fmt::format("{}.{:03}{}",
-                       date_and_time(std::chrono::system_clock::to_time_t(now), utc,
-                                     utc ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S"),
-                       milliseconds, utc ? "Z" : "");
+    return text_of(std::chrono::system_clock::now(), utc);
+}
+
+std::string utc_text(std::chrono::system_clock::time_point time) {
+    return text_of(time, true);
 }
 
 std::string short_time(double seconds) {

@@ -21,6 +21,9 @@ std::string time_now(bool utc);
 /// "0.4 s", "45 s", "12 min", "3 h"
 std::string short_time(double seconds);
 
+/// A point in time for a program: UTC with milliseconds.
+std::string utc_text(std::chrono::system_clock::time_point time);
+
 /// "0:07"
 std::string minutes_and_seconds(std::chrono::steady_clock::duration time);
 

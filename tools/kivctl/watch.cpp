@@ -13,8 +13,8 @@
 
 #include "cards.h"
 #include "commands.h"
-#include "device/registers.h"
 #include "driver_process.h"
+#include "functions.h"
 #include "guard.h"
 #include "log_file.h"
 #include "time_text.h"
@@ -66,17 +66,6 @@ struct Card {
     bool missing = false;       ///< Its registers could not be read.
     kivDriverClientList fresh;  ///< Connections that its look is to take in place of those that it has.
 };
-
-std::optional<uint64_t> read_status(const kivDriverClientList& functions) {
-    const auto& where = kiv::registers::kStatus;
-    uint64_t status = 0;
-    for (const auto& function : functions) {
-        if (function->get_func_id() == kivDriverClient::pf1_cpeng_id &&
-            function->read_pci64(where.bar, where.offset, &status) == 0)
-            return status;
-    }
-    return std::nullopt;
-}
 
 Server server_of(const kivDriverClientList& functions) {
     const kivDriverClient::device_conf_t& conf = functions.front()->device_conf;
@@ -214,7 +203,7 @@ class Watch {
         {
             const Waiting waiting(mutex_, card.asked);
             take_fresh(card, functions);
-            status = read_status(functions);
+            status = read_register(functions, kiv::registers::kStatus);
         }
         const std::lock_guard lock(mutex_);
         card.missing = !status;

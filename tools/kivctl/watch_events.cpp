@@ -1,27 +1,19 @@
 #include "watch_events.h"
 
 #include <fmt/format.h>
-#include <kiv/SystemMonitorData.h>
 
-#include <iterator>
-
-#include "cards.h"
 #include "device/statusRegister.h"
 #include "output.h"
+#include "records.h"
 
 namespace kivctl {
 
 namespace registers = kiv::registers;
 
 std::optional<Sensors> sensors_of(const Server& server) try {
-    kiv::device::SystemMonitorData data;
-    // What a card sends as text need not be text.
-    const std::string report =
-        server.get("/hps/hwmon/info").dump(-1, ' ', false, Json::error_handler_t::replace);
-    if (!kiv::device::parse_json_to_struct_cpp(report, data)) return std::nullopt;
     Sensors sensors{Json::array(), ""};
-    for (unsigned i = 0; i < std::size(data.sensors); ++i) {
-        const Json sensor = sensor_json(i, data.sensors[i]);
+    const Json report = report_json(server.get("/hps/hwmon/info"));
+    for (const Json& sensor : report["sensors"]) {
         if (sensor["input"].is_null()) continue;
         sensors.list.push_back(sensor);
         if (!is_alarm(sensor)) continue;
