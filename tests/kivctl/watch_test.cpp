@@ -106,6 +106,46 @@ TEST_F(KivctlCard, WatchLogsToAFileThatMayBeFullForAWhile) {
         expect({"watch", "--log", bad}, 2, bad + ": ");
 }
 
+TEST_F(Kivctl, WatchShowsTheStatusOfAllCardsAndHowOldItIs) {
+    RunningSimulator simulator;
+    const TemporaryDirectory directory;
+    Program screen(kivctl({"watch", "--status"}));
+    Program json(kivctl({"watch", "--status", "--json", "--log", directory / "log", "2"}));
+    /// The next line with all of these, in this order.
+    const auto line_with = [&](const std::vector<std::string>& phrases) {
+        for (std::string line = screen.read_line();; line = screen.read_line()) {
+            std::size_t at = 0;
+            for (const std::string& phrase : phrases)
+                at = at == std::string::npos ? at : line.find(phrase, at);
+            if (at != std::string::npos) return line;
+        }
+    };
+    line_with({"  2 cards: 2 ok"});
+    line_with(
+        {"2     ok", "up 42.5/10.0", "up 40.0/5.0", " s ", "locked", "Board near FPGA 47/75", "63", "idle"});
+    simulator.control("PATCH", "", R"({"links": [false, true]})", 1);
+    line_with({"1     ok", "down 42.5"});
+    simulator.control("POST", "/http_faults", R"({"path": "/hps/hwmon/info", "status": 503})", 1);
+    line_with({"1     no server", "down 42.5", " s !  "});
+    line_with({"card 1, server: ", "503"});
+    line_with({"! the last value that was read"});
+    simulator.control("PATCH", "", R"({"removed": true})", 2);
+    line_with({"2     lost", "up 42.5/10.0", " s !"});
+
+    std::string line = json.read_line();
+    const std::string first = line;
+    while (parsed(line)["cards"].empty() || parsed(line)["cards"][0]["state"] != "lost")
+        line = json.read_line();
+    EXPECT_EQ(parsed(line)["schema"], "kivctl.cards/1");
+    EXPECT_EQ(parsed(line)["cards"].size(), 1u);
+    EXPECT_EQ(parsed(line)["cards"][0]["ages"]["ports"]["stale"], true);
+    screen.send_signal(SIGINT);
+    EXPECT_EQ(screen.wait().status, 0);
+    json.send_signal(SIGTERM);
+    json.wait();
+    EXPECT_TRUE(read_file(directory / "log").starts_with(first + "\n"));
+}
+
 TEST_F(Kivctl, WatchSaysWhatIsLostAndFound) {
     auto simulator = std::make_unique<RunningSimulator>();
     const std::string socket = simulator->socket_path();

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -107,6 +108,12 @@ void Output::print_failure(const Failure& failure, bool json) noexcept try {
 bool Output::is_terminal() const {
     const char* const kind = std::getenv("TERM");
     return isatty(results_) != 0 && kind != nullptr && *kind != '\0' && std::strcmp(kind, "dumb") != 0;
+}
+
+TerminalSize Output::terminal_size() const {
+    winsize size{};
+    if (ioctl(results_, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) return {24, 80};
+    return {size.ws_row, size.ws_col};
 }
 
 void Output::note(const std::string& text) noexcept try {

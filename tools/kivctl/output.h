@@ -2,6 +2,7 @@
 #ifndef KIVCTL_OUTPUT_H
 #define KIVCTL_OUTPUT_H
 
+#include <cstddef>
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -15,6 +16,11 @@ namespace kivctl {
 struct Name {
     const char* key;
     const char* text;
+};
+
+struct TerminalSize {
+    std::size_t rows;
+    std::size_t columns;
 };
 
 /// While it lives, results go to what was standard output, and whatever else the process writes there (the
@@ -41,6 +47,9 @@ class Output {
 
     /// True when a person looks at the results as they come, on a terminal that can move its cursor.
     bool is_terminal() const;
+
+    /// Of that terminal: 24 by 80 when it does not tell.
+    TerminalSize terminal_size() const;
 
     /// A message beside the results. Gives up when nobody takes it within a second.
     static void note(const std::string& text) noexcept;

@@ -1,10 +1,9 @@
 // A screen of all cards, drawn anew every second.
 #include <fmt/format.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -32,7 +31,8 @@ std::string age_text(const Json& card, const char* part) {
 
 std::string state_text(const Json& card) {
     if (card["state"] != "ok") return text_of(card["state"]);
-    if (card["sources"]["server"]["ok"] != true) return "no server";
+    const Json& server = card["sources"]["server"];
+    if (server["ok"] != true && !server["reason"].is_null()) return "no server";
     return card["attention"] == true ? "attention" : "ok";
 }
 
@@ -149,25 +149,10 @@ std::vector<std::string> lines_of(const Json& document, std::size_t most_cards) 
     return lines;
 }
 
-struct Size {
-    std::size_t rows = SIZE_MAX;
-    std::size_t columns = SIZE_MAX;
-};
-
-Size terminal_size() {
-    winsize size{};
-    // Results have a number of their own; the message stream is mostly the same terminal.
-    for (const int file : {STDERR_FILENO, STDIN_FILENO}) {
-        if (ioctl(file, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0)
-            return {size.ws_row, size.ws_col};
-    }
-    return {24, 80};
-}
-
 void draw(const Json& document, Output& output) {
     constexpr std::size_t kAround = 5;  // Heading, titles and lines between them.
     const bool live = output.is_terminal();
-    const Size size = live ? terminal_size() : Size{};
+    const TerminalSize size = live ? output.terminal_size() : TerminalSize{SIZE_MAX, SIZE_MAX};
     const std::vector<std::string> lines = lines_of(document, size.rows > kAround ? size.rows - kAround : 1);
     std::string text = live ? "\x1b[H" : "";
     for (std::size_t i = 0; i < std::min(lines.size(), size.rows - 1); ++i)
