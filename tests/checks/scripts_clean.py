@@ -11,7 +11,7 @@ import sys
 def main():
     root = pathlib.Path(sys.argv[1])
     shell = [root / ".ci/run", *(f for f in (root / "scripts").iterdir() if f.read_bytes().startswith(b"#!/usr/bin/env bash"))]
-    python = list((root / "tests/checks").glob("*.py"))
+    python = [*(root / "tests/checks").glob("*.py"), *(root / "docs/site").glob("*.py")]
     failed = False
     for linter, files in (("shellcheck", shell), ("pyflakes3", python)):
         if shutil.which(linter) is None:

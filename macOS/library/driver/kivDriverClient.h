@@ -18,6 +18,8 @@
 #include <kiv/threadSafety.h>
 
 class kivDriverClient;
+
+/// Clients in the driver's order.
 using kivDriverClientList = std::vector<std::shared_ptr<kivDriverClient>>;
 
 struct __CFRunLoop;
@@ -41,7 +43,7 @@ struct buffer_info {
 
 /// DMA memory that a client has allocated.
 struct dextBuffer {
-    uint32_t id;
+    uint32_t id;                     ///< The caller's.
     uint32_t depth;                  ///< Number of elements.
     std::vector<buffer_info> infos;  ///< In their order.
 };
@@ -86,13 +88,16 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
         uint8_t ptp_selected;
     };
 
+    /// How many resources of the card are in use: three counts for each direction.
     struct use_resource {
         uint16_t tx[3];
         uint16_t rx[3];
     };
+    /// The driver's two values for the function's PCI link.
     struct pci_link_info {
         uint8_t value[2];
     };
+    /// Command to the ANC engine, as the driver takes it.
     struct anc_control {
         uint8_t a;
         uint32_t b;
@@ -132,7 +137,9 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// runs, as close(). Exceptions are dropped.
     void set_callback(std::function<void(const InterruptEvent&)> callback);
 
+    /// Whether there is a connection.
     bool isOpen() const { return connect_ != 0; }
+    /// 22 or 23, as which the service was opened.
     uint8_t get_func_id() const { return func_id_; }
 
     // ---- Driver calls -----------------------------------------------------------------------------------
@@ -141,13 +148,17 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// leave may also be that of the process's other clients, which call init() again if they stay.
     int32_t init();
     int32_t deinit();
-    int32_t load_boot_conf(boot_conf_t& conf);  ///< Untouched on failure.
+
+    /// Reads what the driver knows of the function. Untouched on failure.
+    int32_t load_boot_conf(boot_conf_t& conf);
+    /// Sets and reads the settings of the card that the driver keeps.
     int32_t set_device_conf(const device_conf_t& conf);
     int32_t get_device_conf(device_conf_t& conf);  ///< All but `ptp_selected`. Untouched on failure.
 
     /// Version of this client, 2.3.1, without a call.
     void get_version(uint16_t& major, uint16_t& minor, uint16_t& patch) const;
-    int32_t get_version_dext(uint16_t& major, uint16_t& minor, uint16_t& patch);  ///< Untouched on failure.
+    /// Version of the driver. Untouched on failure.
+    int32_t get_version_dext(uint16_t& major, uint16_t& minor, uint16_t& patch);
 
     /// Registers; `offset` in bytes from the start of the BAR. A value is 0 when the call fails, and
     /// untouched on a closed client.
@@ -178,10 +189,13 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// 0 on every failure, also on a closed client. A null `time` is noticed after the call, if that
     /// succeeds.
     int32_t get_ptp_epoch_time(uint64_t* time);
+    /// PTP time, and the two readings of the system clock around it.
     int32_t get_ptp_epoch_time_and_system_time(uint64_t& a, uint64_t& b, uint64_t& c);
 
+    /// The driver's reset; the two numbers are its own.
     int32_t reset(int32_t a, int32_t b);
-    int32_t reset_buffer();  ///< The driver's buffer state; not the buffers below.
+    /// Resets the driver's buffer state; not the buffers below.
+    int32_t reset_buffer();
 
     /// Switches the messages of one interrupt on or off. Numbers are the driver's: which there are, and what
     /// the arguments of their messages say, is up to the driver and to the function that it serves. Messages
@@ -191,9 +205,12 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
 
     /// Hands `count` (at most 254) ANC descriptors of two words each to the driver.
     int32_t set_descriptor_anc(bool direction, uint32_t& count, uint64_t* descriptors);
+    /// Gives the ANC engine a command.
     int32_t control_anc(const anc_control& control);
-    int32_t get_anc_info(uint64_t* a, uint64_t* b);  ///< Either may be null. Untouched on failure.
-    bool is_hpq_anc_enable();                        ///< False also when the register cannot be read.
+    /// Two values of the ANC engine. Either pointer may be null. Untouched on failure.
+    int32_t get_anc_info(uint64_t* a, uint64_t* b);
+    /// Whether the ANC engine is on. False also when the register cannot be read.
+    bool is_hpq_anc_enable();
 
     /// Learns the bus addresses of the first two ANC memories and maps all four. Stops at the first failure.
     int32_t init_anc_buffer();
@@ -204,10 +221,12 @@ class KIV_API kivDriverClient : public ThreadManager, public std::enable_shared_
     /// the memory again or the client is closed.
     buffer_info get_anc_buffer(unsigned number) const;
 
+    /// Has the driver keep a value for this connection, and forget it.
     int32_t register_process_data(bool flag, uint8_t number, uint16_t value, uint32_t data);
     int32_t unregister_process_data(bool flag, uint8_t number, uint16_t value);
-    int32_t get_use_resource_data(use_resource& resource);  ///< Untouched on failure.
-    int32_t get_pci_link_info(pci_link_info& info);         ///< Untouched on failure.
+    /// What the card has in use, and its PCI link. Untouched on failure.
+    int32_t get_use_resource_data(use_resource& resource);
+    int32_t get_pci_link_info(pci_link_info& info);
 
     // ---- Buffers: DMA memory with all its elements mapped. A client that is closed has forgotten them. ---
 

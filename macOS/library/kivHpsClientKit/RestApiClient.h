@@ -10,6 +10,7 @@
 
 namespace kiv::rest {
 
+/// The management-server client of a card that a scan has found.
 class KIV_API RestApiClient final : public IRestApiClient {
   public:
     /// `address`: dotted IPv4 address, colon, decimal port. No network activity.

@@ -56,6 +56,7 @@ class KIV_API ThreadManager {
     /// Clears a manager's `running` when its run_thread() ends, however that ends.
     class ClearRunning {
       public:
+        /// `manager` outlives it.
         explicit ClearRunning(ThreadManager& manager) : manager_(manager) {}
         ~ClearRunning();
         ClearRunning(const ClearRunning&) = delete;

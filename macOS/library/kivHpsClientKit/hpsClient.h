@@ -31,6 +31,7 @@ struct Endpoint;
 /// client.
 class KIV_API hpsClient {
   public:
+    /// A client without a server.
     hpsClient();
 
     /// Ends the background threads: at once, or when the request that they are in returns. In a forked child
@@ -121,11 +122,13 @@ class KIV_API hpsClient {
 
     // ---- Registration of a process --------------------------------------------------------------------
 
+    /// Registers a process with the card, and says that it is still there.
     int32_t registry_alive(int32_t id);
     int32_t keep_alive(int32_t id);
 
     // ---- Firmware -------------------------------------------------------------------------------------
 
+    /// Uploads a firmware image, see HttpClient::upload().
     int32_t fw_upload(const std::string& file_path);
     int32_t fw_upload(const std::string& file_path, const UploadProgress& progress);
 

@@ -26,11 +26,13 @@ struct hps_igmp {
 
 /// The PTP master that the card follows, as IEEE 1588 names its data.
 struct PtpMaster {
+    /// Quality of the grandmaster's clock.
     struct ClockQuality {
         int32_t clockAccuracy = 0;
         int32_t clockClass = 0;
         int32_t offsetScaledLogVariance = 0;
     };
+    /// The port that the card follows.
     struct PortIdentity {
         std::string clockIdentity;
         int32_t portNumber = 0;
@@ -56,15 +58,18 @@ struct PtpMaster {
 
 /// Synchronisation metadata of SMPTE ST 2059-2, as the card reports it.
 struct PtpManagement {
+    /// Daylight saving time now, at the next change and at the last jam.
     struct DaylightSaving {
         int32_t curr_dst = 0;
         int32_t dst_at_next_discontinuity = 0;
         int32_t dst_at_prev_jam_event = 0;
     };
+    /// Frames a second.
     struct FrameRate {
         int32_t denominator = 0;
         int32_t numerator = 0;
     };
+    /// Flags of the time code.
     struct TimeAddressFlags {
         int32_t color_frame = 0;
         int32_t drop_frame = 0;

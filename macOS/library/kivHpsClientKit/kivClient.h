@@ -54,6 +54,7 @@ class KIV_API HttpClient {
     /// milliseconds (100 at first).
     void set_retry(int count, int interval_ms);
 
+    /// Asks for `path`.
     HttpResult get(const std::string& path);
 
     /// The body is `json` on one line. Throws the JSON library's type_error when a text in it is not UTF-8.

@@ -1,11 +1,11 @@
 /*
  * The C interface to the media-network cards of this machine. C11 or later, or C++11 or later.
  *
- *   kiv_log_config_t log = {KIV_LOG_LEVEL_INFO};
- *   kiv_open(&log);
- *   kiv_scan_t found;
- *   if (kiv_scan(&found) == KIV_OK) { ... found.devices[0 .. found.count - 1] ... }
- *   kiv_close();
+ *     kiv_log_config_t log = {KIV_LOG_LEVEL_INFO};
+ *     kiv_open(&log);
+ *     kiv_scan_t found;
+ *     if (kiv_scan(&found) == KIV_OK) { ... found.devices[0 .. found.count - 1] ... }
+ *     kiv_close();
  *
  * Rules
  *

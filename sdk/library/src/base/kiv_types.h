@@ -188,8 +188,8 @@ typedef struct kiv_stream_status_t {
     uint8_t reg_804;        /* Low byte of the register at block + 0x804. */
     uint8_t resource_2;     /* Third resource value. */
 } kiv_stream_status_t;
-typedef kiv_stream_status_t kiv_tx_stream_status_t;
-typedef kiv_stream_status_t kiv_rx_stream_status_t;
+typedef kiv_stream_status_t kiv_tx_stream_status_t; /* Use of the transmit streams. */
+typedef kiv_stream_status_t kiv_rx_stream_status_t; /* Use of the receive streams. */
 
 /* One temperature sensor. Units are the card's own. */
 typedef struct kiv_sensor_t {

@@ -65,6 +65,7 @@ struct KIV_API CardConfig {
     void save_to_file(const std::string& path) const;
 };
 
+/// The JSON of the file and of its parts. Reading throws the JSON library's exceptions.
 KIV_API void to_json(nlohmann::ordered_json& json, const PtpConfig& value);
 KIV_API void to_json(nlohmann::ordered_json& json, const MacEthConfig& value);
 KIV_API void to_json(nlohmann::ordered_json& json, const DeviceConfig& value);

@@ -36,15 +36,16 @@ struct StreamRegisters;
 /// Log lines go to kivLog.h: there are none before kivLog_open or kiv_open.
 class KIV_API Device {
   public:
+    /// One for each PCI function.
     using AccessList = std::vector<std::unique_ptr<access::IDeviceAccess>>;
 
     /// Takes over the card's accesses (one for each PCI function) and its management-server client; the
     /// client may be null.
     Device(DeviceInfo info, AccessList accesses, std::unique_ptr<rest::IRestApiClient> rest);
 
-    const DeviceInfo& info() const { return info_; }
-    const AccessList& accesses() const { return accesses_; }
-    rest::IRestApiClient* rest() const { return rest_.get(); }
+    const DeviceInfo& info() const { return info_; }            ///< As the enumerator found the card.
+    const AccessList& accesses() const { return accesses_; }    ///< In the order of its PCI functions.
+    rest::IRestApiClient* rest() const { return rest_.get(); }  ///< May be null.
 
     // ---- Queries ----------------------------------------------------------------------------------------
 
@@ -73,6 +74,7 @@ class KIV_API Device {
     /// Tunnel address and the TCP port of the management server there.
     kiv_result_t get_tun_config(uint32_t& address, uint32_t& mask);
 
+    /// Registers of the streams, and the driver's resource counts.
     kiv_result_t get_tx_stream_status(kiv_tx_stream_status_t& status);
     kiv_result_t get_rx_stream_status(kiv_rx_stream_status_t& status);
 
@@ -96,8 +98,11 @@ class KIV_API Device {
     kiv_result_t upload_image(const std::string& path);
     kiv_result_t upload_image(const std::string& path, const UploadProgress& progress);
 
+    /// 0 when the flash is idle, else 1.
     kiv_result_t get_flash_write_status(kiv_flash_status_t& status);
+    /// Chooses the slot, 0 or 1, that boots next. KIV_ERR_INVALID_PARAM for another.
     kiv_result_t select_flash_slot(const kiv_flash_slot_t& slot);
+    /// Identifiers of the images in both slots, and the slot that boots next.
     kiv_result_t get_flash_config(kiv_flash_config_t& config);
 
     // ---- Events -----------------------------------------------------------------------------------------
@@ -109,6 +114,7 @@ class KIV_API Device {
     /// Removes all callbacks. None runs any more when this returns.
     void removeCallback();
 
+    /// What was last seen stays while an event is disabled.
     void enableEvent(kiv_event_type_t type);
     void disableEvent(kiv_event_type_t type);
 

@@ -10,6 +10,7 @@
 
 namespace kiv::device {
 
+/// A DeviceInfo names its factory by `platform`.
 using DeviceFactoryRegistry = std::unordered_map<std::string, std::unique_ptr<IDeviceFactory>>;
 
 }  // namespace kiv::device

@@ -15,6 +15,7 @@ struct PciFunction {
     uint8_t function = 0;
 };
 
+/// What a Device needs to know of its card from the start.
 struct DeviceInfo {
     std::string platform;  ///< Key of the platform's factory.
     std::string note;      ///< Not used by the device layer.

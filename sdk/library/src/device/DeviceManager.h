@@ -23,6 +23,7 @@ namespace kiv::device {
 /// getDevice gives may go when the owner releases it. Everything else belongs to one thread at a time.
 class KIV_API DeviceManager {
   public:
+    /// What is called on a Device.
     using Poll = bool (Device::*)();
 
     /// `registry` is used by loadDevices() only and must live as long as that is called.
@@ -45,6 +46,7 @@ class KIV_API DeviceManager {
     /// Calls `poll` on the Device every `period`, for as long as it exists. The scheduler's task id, or 0
     /// when the id is unknown.
     uint64_t scheduleDevicePoll(const unsigned& id, std::chrono::milliseconds period, Poll poll);
+    /// Ends such calls; an unknown task is ignored.
     void cancelTask(uint64_t task);
 
     /// Releases one Device. Its polls find it gone.
@@ -56,6 +58,7 @@ class KIV_API DeviceManager {
     /// The Device, or null. The shared form keeps it alive.
     Device* getDevice(unsigned id);
     std::shared_ptr<Device> getDeviceShared(unsigned id);
+    /// Whether there is a Device with this id.
     bool exists(unsigned id);
 
     /// Every Device, in no particular order.

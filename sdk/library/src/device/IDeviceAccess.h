@@ -12,14 +12,17 @@ namespace kiv::access {
 /// concurrent calls. `offset` is in bytes from the start of the BAR.
 class KIV_API IDeviceAccess {
   public:
+    /// For the PCI function with that number.
     explicit IDeviceAccess(uint32_t function) : function_(function) {}
     virtual ~IDeviceAccess() = default;
     IDeviceAccess(const IDeviceAccess&) = delete;
     IDeviceAccess& operator=(const IDeviceAccess&) = delete;
 
+    /// Opens the connection for register access and calls; called once, before all else. close() ends it.
     virtual int32_t open() = 0;
     virtual int32_t close() = 0;
     virtual bool isOpen() const = 0;
+    /// Registers.
     virtual int32_t readRegister32(uint8_t bar, uint64_t offset, uint32_t& value) = 0;
     virtual int32_t writeRegister32(uint8_t bar, uint64_t offset, uint32_t value) = 0;
     virtual int32_t readRegister64(uint8_t bar, uint64_t offset, uint64_t& value) = 0;
@@ -37,6 +40,7 @@ class KIV_API IDeviceAccess {
     virtual int32_t selected_ptp_card() = 0;
     /// The three times of the driver, as it reports them.
     virtual int32_t getEpochAnd2point(uint64_t& a, uint64_t& b, uint64_t& c) = 0;
+    /// The two values of the PCI link, the driver's second first.
     virtual int32_t getLinkStatus(uint8_t& a, uint8_t& b) = 0;
 
     /// Number of the PCI function that this object serves.

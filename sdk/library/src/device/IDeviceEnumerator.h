@@ -9,10 +9,12 @@
 
 namespace kiv::device {
 
+/// Used by one thread at a time.
 class KIV_API IDeviceEnumerator {
   public:
     virtual ~IDeviceEnumerator() = default;
 
+    /// The cards that are there now, each once.
     virtual std::vector<DeviceInfo> enumerate() = 0;
 
     /// The platform's handle of a card's PCI function, or null. Owned by the enumerator.

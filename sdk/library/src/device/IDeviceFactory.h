@@ -11,6 +11,7 @@
 
 namespace kiv::device {
 
+/// One for each platform.
 class KIV_API IDeviceFactory {
   public:
     virtual ~IDeviceFactory() = default;

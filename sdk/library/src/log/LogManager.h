@@ -34,6 +34,7 @@ KIV_API LogConfig loadConfigDefault();
 /// 0 to 3 become error, warning, info, debug; every other value becomes off.
 KIV_API spdlog::level::level_enum to_spdlog_level(kiv_log_level_t level);
 
+/// Owns the process's logger.
 class KIV_API LogManager {
   public:
     /// Created at first use, never destroyed.

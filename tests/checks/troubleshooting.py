@@ -1,0 +1,50 @@
+"""docs/troubleshooting.md names every result code as the header does, every name of a failure of kivctl, and every message of the
+library's log; and no message that nothing writes.
+
+usage: troubleshooting.py ROOT
+"""
+import pathlib
+import re
+import sys
+
+root = pathlib.Path(sys.argv[1])
+page = (root / "docs/troubleshooting.md").read_text()
+
+
+def sources(*folders):
+    return "\n".join(path.read_text() for folder in folders for path in sorted((root / folder).rglob("*.cpp")))
+
+
+def stem(text):
+    """The words of a message that are always the same: up to its first value, or behind it."""
+    words = re.split(r"\{\}|%|=|\\n", re.sub(r"^\[\{\}\]", "", text))
+    return words[0].rstrip()
+
+
+library, tool = sources("sdk", "macOS"), sources("tools/kivctl")
+header = (root / "sdk/library/src/base/kiv_types.h").read_text()
+complaints = []
+
+for code, text in re.findall(r'ROW\((\w+), +"(.*)"\)', header):
+    value = re.search(rf"#define {code} .*0x(\w+)u", header)[1]
+    if f"| `{code}` | `0x{value}` | {text} |" not in page:
+        complaints.append(f"{code} is not in the table of codes as in the header: 0x{value}, {text}")
+
+names = re.findall(r'Layer::\w+,\s*"([A-Z_]+)"|name = "([A-Z_]+)"', tool)
+for name in sorted({one or other for one, other in names} - {""}):
+    if f"`{name}`" not in page:
+        complaints.append(f"kivctl fails with {name}, which is not in the table of names")
+
+LOGGED = r'(?:log_error|complain|driver_log)\((?:__LINE__|\w+|\s|,)*"((?:[^"\\]|\\.)*)"'
+for message in re.findall(LOGGED, library):
+    if stem(message) and f"`{stem(message)}" not in page.replace("`[{}]", "`"):
+        complaints.append(f"the library logs {message!r}, which is not in the tables of messages")
+
+by_message = page[page.index("\n## By message"):page.index("\n## What it looks like")]
+for row in re.findall(r"^\| (`.*?) \|", by_message, re.M):
+    for message in re.findall(r"`([^`]+)`", row):
+        if stem(message) not in library:
+            complaints.append(f"nothing in the library says {message!r}")
+
+print("\n".join(complaints) or "every code and message is explained")
+sys.exit(1 if complaints else 0)
