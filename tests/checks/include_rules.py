@@ -50,6 +50,7 @@ ROOMS = {
                            "settings", "driver process", "nlohmann", "CLI"]),
     "kivctl":            (r"tools/kivctl/",                    ["kiv/kiv_api.h", "kiv/kiv_types.h", "kiv/kivLog.h", "nlohmann", "fmt", "CLI"]),
     "examples":          (r"examples/",                        ["kiv/kiv_api.h", "kiv/kivLog.h"]),
+    "python":            (r"python/",                          ["kiv/kiv_api.h", "pybind11"]),
     "test support":      (r"tests/support/",                   ["base", "log", "simulator", "simulator card", "settings", "wire", "nlohmann", "httplib.h"]),
     "benchmarks":        (r"benchmarks/",                      ["*"]),
     "tests":             (r"tests/",                           ["*"]),
@@ -85,10 +86,10 @@ ONLY_IN = {"curl": {"macOS/library/kivHpsClientKit/kivClient.cpp"}}
 JSON_HEADER = "sdk/library/src/base/kiv_json.h"
 
 LIBRARIES = {"archive.h", "archive_entry.h", "nlohmann", "spdlog", "fmt", "curl", "CLI", "httplib.h", "os", "IOKit", "CoreFoundation", "mach",
-             "pthread", "CommonCrypto"}
+             "pthread", "CommonCrypto", "pybind11"}
 # Where private include lines start: an area's own files first.
-AREAS = ["sdk/library/src", "macOS/library", "linux/platform/src", "simulator", "tools/kivctl", "tests", "benchmarks"]
-CUSTOMERS = ("kivctl", "examples")
+AREAS = ["sdk/library/src", "macOS/library", "linux/platform/src", "simulator", "tools/kivctl", "python", "tests", "benchmarks"]
+CUSTOMERS = ("kivctl", "examples", "python")
 TESTING = ("tests", "test support", "benchmarks")
 
 
@@ -130,7 +131,7 @@ def picture():
 class Tree:
     def __init__(self, root):
         self.root = root
-        tops = ["sdk", "macOS", "linux", "simulator", "tools", "examples", "tests", "benchmarks"]
+        tops = ["sdk", "macOS", "linux", "simulator", "tools", "examples", "python", "tests", "benchmarks"]
         self.files = sorted(str(f.relative_to(root)) for top in tops for f in (root / top).rglob("*")
                             if f.suffix in (".h", ".cpp", ".c"))
         self.known = set(self.files)

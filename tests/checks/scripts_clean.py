@@ -1,4 +1,4 @@
-"""The shell scripts and the Python checks pass their linters.
+"""The shell scripts and what is written in Python pass their linters.
 
 usage: scripts_clean.py ROOT
 """
@@ -11,7 +11,7 @@ import sys
 def main():
     root = pathlib.Path(sys.argv[1])
     shell = [root / ".ci/run", *(f for f in (root / "scripts").iterdir() if f.read_bytes().startswith(b"#!/usr/bin/env bash"))]
-    python = [*(root / "tests/checks").glob("*.py"), *(root / "docs/site").glob("*.py")]
+    python = [f for folder in ("docs/site", "python/kiv", "tests/checks", "tests/python") for f in (root / folder).glob("*.py")]
     failed = False
     for linter, files in (("shellcheck", shell), ("pyflakes3", python)):
         if shutil.which(linter) is None:
