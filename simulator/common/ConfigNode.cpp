@@ -72,6 +72,13 @@ bool ConfigNode::boolean() const {
     return json_->get<bool>();
 }
 
+double ConfigNode::real(double least, double greatest) const {
+    const double value = json_->is_number() ? json_->get<double>() : least - 1;
+    if (value < least || value > greatest)
+        complain("must be a number from " + text_of(least) + " to " + text_of(greatest));
+    return value;
+}
+
 uint64_t ConfigNode::number_up_to(uint64_t greatest) const {
     uint64_t value = 0;
     if (json_->is_number_unsigned()) {
