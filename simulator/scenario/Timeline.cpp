@@ -134,7 +134,7 @@ std::string Timeline::undo(Deed& deed, Deeds::iterator later) {
             }
         }
         if (above != nullptr) {
-            above->before = change.before;
+            if (above->before == change.after) above->before = change.before;
         } else if (value_at(card, change.place) == change.after) {
             set_at(card, change.place, change.before, deed.step->what.way());
         } else {
