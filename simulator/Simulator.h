@@ -30,6 +30,8 @@ class Simulator {
 
     const std::string& socket_path() const { return socket_path_; }
 
+    const std::vector<std::shared_ptr<VirtualCard>>& cards() const { return cards_; }
+
     /// "address:port" of each card's management server, in the order of the cards.
     std::vector<std::string> server_addresses() const;
 

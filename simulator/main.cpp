@@ -9,7 +9,8 @@
 #include <nlohmann/json.hpp>
 
 #include "Simulator.h"
-#include "settings/cards_file.h"
+#include "scenario/Scenario.h"
+#include "scenario/Timeline.h"
 
 namespace {
 
@@ -22,14 +23,25 @@ struct Options {
     std::string socket;
     std::string trace;
     std::string requests;
+    double speed = 0;  ///< 0: the scenario's.
     uint16_t control = 0;
     bool ready_json = false;
     bool with_stdin = false;
 };
 
 void add_options(CLI::App& app, Options& options) {
-    app.add_option("--config", options.config, "Cards to simulate (default: two with believable values)")
+    app.add_option("--config,--scenario", options.config,
+                   "Cards to simulate, and what happens to them (default: two with believable values)")
         ->type_name("FILE");
+    app.add_option("--speed", options.speed,
+                   "How many seconds of the timeline run in one (default: the file's)")
+        ->type_name("FACTOR")
+        ->check([](const std::string& text) {
+            double speed = 0;
+            const bool fits = CLI::detail::lexical_cast(text, speed) && speed >= kivsim::kLeastSpeed &&
+                              speed <= kivsim::kGreatestSpeed;
+            return fits ? "" : "must be from 0.001 to 1000: " + text;
+        });
     app.add_option("--socket", options.socket,
                    "Driver socket (default: the one that programs of this user look at)")
         ->type_name("PATH");
@@ -87,12 +99,15 @@ void run(const Options& options) {
     sigaddset(&ends, SIGINT);
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    const std::vector<kivsim::CardSettings> cards =
-        options.config.empty() ? kivsim::default_cards() : kivsim::load_cards(options.config);
-    const kivsim::Simulator simulator(cards, options.socket, options.trace, options.requests,
+    const kivsim::Scenario scenario = options.config.empty() ? kivsim::Scenario{kivsim::default_cards()}
+                                                             : kivsim::load_scenario(options.config);
+    const kivsim::Simulator simulator(scenario.cards, options.socket, options.trace, options.requests,
                                       options.control);
-    options.ready_json ? say_ready_json(simulator, cards) : say_ready(simulator);
+    options.ready_json ? say_ready_json(simulator, scenario.cards) : say_ready(simulator);
     std::fflush(stdout);
+    const auto say = [](const std::string& line) { std::fprintf(stderr, "kivsim: %s\n", line.c_str()); };
+    kivsim::Timeline timeline(scenario, simulator.cards(), say);
+    const kivsim::TimelineThread running(timeline, options.speed > 0 ? options.speed : scenario.speed, say);
     wait_for_end(ends, options.with_stdin);
 }
 
@@ -103,8 +118,9 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of 
     Options options;
     add_options(app, options);
     std::string checked;
-    CLI::App* const check = app.add_subcommand("check", "Read a cards file and say what is wrong with it");
-    check->add_option("FILE", checked, "Cards file")->required();
+    CLI::App* const check =
+        app.add_subcommand("check", "Read a scenario or a cards file and say what is wrong with it");
+    check->add_option("FILE", checked, "Scenario or cards file")->required();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -112,7 +128,11 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of 
     }
     try {
         if (*check) {
-            std::printf("%s: %zu cards\n", checked.c_str(), kivsim::load_cards(checked).size());
+            const kivsim::Scenario scenario = kivsim::load_scenario(checked);
+            std::printf("%s: %zu cards", checked.c_str(), scenario.cards.size());
+            if (const std::size_t steps = scenario.timeline.size(); steps != 0)
+                std::printf(", %zu step%s", steps, steps == 1 ? "" : "s");
+            std::printf("\n");
         } else {
             run(options);
         }

@@ -49,6 +49,7 @@ struct FirmwareSettings {
     uint8_t next_boot_slot = 0;
     /// The word that is reported; absent: that of the write under way, or "idle".
     std::optional<std::string> status;
+    std::string fails_while{};  ///< The phase in which the next write fails; empty: in none.
 };
 
 /// Use of the streams' resources.

@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <iterator>
 #include <span>
 #include <utility>
 
@@ -52,9 +53,7 @@ std::string Firmware::switch_to(uint64_t slot) {
 
 std::string Firmware::status() {
     settle();
-    if (!started_) return card_.firmware.status.value_or("idle");
-    const auto quarters = (Clock::now() - *started_) * 4 / write_time();
-    return quarters < 1 ? "erasing" : quarters < 3 ? "writing" : "verifying";
+    return started_ ? kFlashPhases[phase()] : card_.firmware.status.value_or("idle");
 }
 
 std::string Firmware::slot(unsigned number) {
@@ -63,9 +62,25 @@ std::string Firmware::slot(unsigned number) {
            (number == card_.firmware.next_boot_slot ? " [Next Boot Image]" : "");
 }
 
-/// Completes a write whose time is over; a status that was set from outside ends it undone.
+/// The phase of the write that is under way.
+int Firmware::phase() const {
+    const auto quarters = (Clock::now() - *started_) * 4 / write_time();
+    return quarters < 1 ? 0 : quarters < 3 ? 1 : 2;
+}
+
+/// Completes a write whose time is over, and lets one fail in its phase; a status that was set from outside
+/// ends it undone.
 void Firmware::settle() {
-    if (card_.firmware.status) started_.reset();
+    FirmwareSettings& settings = card_.firmware;
+    if (settings.status) started_.reset();
+    if (!started_) return;
+    const auto* const failing =
+        std::find(std::begin(kFlashPhases), std::end(kFlashPhases), settings.fails_while);
+    if (phase() >= failing - std::begin(kFlashPhases)) {
+        settings.fails_while.clear();
+        settings.status = "failed";
+        started_.reset();
+    }
     if (!started_ || Clock::now() - *started_ < write_time()) return;
     started_.reset();
     card_.firmware.slots[1 - card_.firmware.next_boot_slot] = written_;

@@ -34,6 +34,7 @@ class Firmware {
   private:
     using Clock = std::chrono::steady_clock;
     void settle();
+    int phase() const;
     std::chrono::milliseconds write_time() const;
 
     CardSettings& card_;
@@ -41,6 +42,9 @@ class Firmware {
     std::optional<Clock::time_point> started_;  ///< While a write is under way.
     std::string written_;                       ///< Identifier of the image that is being written.
 };
+
+/// The phases of a write, in their order.
+inline constexpr const char* kFlashPhases[] = {"erasing", "writing", "verifying"};
 
 /// 32 lower-case hexadecimal digits.
 std::string md5_of(const std::string& bytes);

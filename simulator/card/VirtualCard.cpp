@@ -84,11 +84,8 @@ void VirtualCard::apply(CardSettings given) {
     device_conf.ptp_selected = settings.ptp_selected;
 }
 
-CardSettings VirtualCard::present() {
-    const std::string firmware_status = firmware.status();  // Completes a write whose time is over.
+CardSettings VirtualCard::with_status() {
     CardSettings whole = settings;
-    whole.firmware.status = firmware_status;
-    whole.registers = bars.registers();
     uint64_t status = 0;
     bars.read(registers::kStatus.bar, registers::kStatus.offset, status);
     whole.links = {(status & mask(kLinkBits[0])) != 0, (status & mask(kLinkBits[1])) != 0};
@@ -101,6 +98,14 @@ CardSettings VirtualCard::present() {
         }
         whole.ptp_state = entry.state;
     }
+    return whole;
+}
+
+CardSettings VirtualCard::present() {
+    const std::string firmware_status = firmware.status();  // Completes a write whose time is over.
+    CardSettings whole = with_status();
+    whole.firmware.status = firmware_status;
+    whole.registers = bars.registers();
     return whole;
 }
 

@@ -40,8 +40,10 @@ class VirtualCard {
     /// Holding the mutex: takes these settings, and sets the registers in them.
     void apply(CardSettings given);
 
-    /// Holding the mutex: the settings with the registers that are not zero, and all that follows from the
-    /// state.
+    /// Holding the mutex: the settings with links and PTP state, as the status register has them.
+    CardSettings with_status();
+
+    /// Holding the mutex: these with the registers that are not zero, and all that follows from the state.
     CardSettings present();
 
     std::mutex mutex;  ///< Guards all below.

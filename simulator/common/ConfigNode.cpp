@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <charconv>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 
 namespace kivsim {
@@ -70,6 +71,14 @@ std::string ConfigNode::text() const {
 bool ConfigNode::boolean() const {
     if (!json_->is_boolean()) complain("must be true or false");
     return json_->get<bool>();
+}
+
+double ConfigNode::real(double least, double greatest) const {
+    const double value = json_->is_number() ? json_->get<double>() : least - 1;
+    if (value >= least && value <= greatest) return value;
+    char limits[64];
+    std::snprintf(limits, sizeof limits, "%.10g to %.10g", least, greatest);
+    complain(std::string("must be a number from ") + limits);
 }
 
 uint64_t ConfigNode::number_up_to(uint64_t greatest) const {

@@ -39,8 +39,15 @@ class ConfigNode {
     void each_member(const std::function<void(const std::string& key, const ConfigNode& value)>& use) const;
 
     const Json& json() const { return *json_; }
+
+    /// "SOURCE: key", as complaints begin.
+    const std::string& way() const { return way_; }
+
     std::string text() const;
     bool boolean() const;
+
+    /// A JSON number in these limits, with or without a fraction.
+    double real(double least, double greatest) const;
 
     /// A number, or a text of one in decimal or, after "0x", in hexadecimal digits.
     template <typename Number>

@@ -10,11 +10,11 @@ namespace kivsim {
 
 using Json = nlohmann::ordered_json;
 
-/// Members that a JSON object may have.
+/// Members that a JSON object may have, and objects or arrays that an array may have.
 inline constexpr int kMostMembers = 10'000;
 
-/// Throws std::exception. Refuses also nesting beyond all use, which would cost the stack, and objects of so
-/// many members that looking for each would cost minutes.
+/// Throws std::exception. Refuses also nesting beyond all use, which would cost the stack, and objects and
+/// arrays of so many that looking for each, as the parser does too, would cost minutes.
 Json parse_json(const std::string& text);
 
 /// In one line, or with an indent; what is no UTF-8 is replaced.

@@ -7,6 +7,7 @@
 
 #include "common/ConfigNode.h"
 #include "common/hex.h"
+#include "settings/changes.h"
 #include "settings/faults.h"
 #include "settings/members.h"
 #include "settings/parts.h"
@@ -85,31 +86,6 @@ Answer memory_answer(VirtualCard& card, std::string_view name) {
     return json_answer(200, hex(bytes));
 }
 
-/// Messages for the programs that have registered.
-void post_messages(VirtualCard& card, const ConfigNode& node) {
-    node.members({"arguments", "count", "rate"});
-    MessageStream stream;
-    node.at("arguments").each([&](const ConfigNode& item) {
-        stream.arguments.push_back(item.number<uint64_t>());
-    });
-    if (stream.arguments.size() == 2 || stream.arguments.size() > 16)
-        node.at("arguments").complain("must be none, one, or 3 to 16");
-    take(node, "count", stream.left);
-    uint32_t rate = 0;
-    take(node, "rate", rate);
-    if (rate != 0) stream.pause = std::chrono::nanoseconds(1'000'000'000 / rate);
-    const std::lock_guard lock(card.mutex);
-    card.driver.streams.push_back(stream);
-    if (card.wake_driver) card.wake_driver();
-}
-
-/// The members of a PATCH replace what the card has: all of them, or none when one is bad.
-void change(VirtualCard& card, const ConfigNode& node) {
-    const std::lock_guard lock(card.mutex);
-    card.apply(changed_card(node, card.settings));
-    if (card.wake_driver) card.wake_driver();
-}
-
 Json settings_of(VirtualCard& card) {
     const std::lock_guard lock(card.mutex);
     return json_of(card.present());
@@ -153,7 +129,9 @@ Answer get_card(const Call& call) {
 }
 
 Answer patch_card(const Call& call) {
-    change(call.card, call.body());
+    const ConfigNode body = call.body();
+    const std::lock_guard lock(call.card.mutex);
+    change(call.card, body);
     return done();
 }
 
@@ -165,8 +143,10 @@ Answer get_memory(const Call& call) {
     return memory_answer(call.card, call.rest);
 }
 
-Answer send_messages(const Call& call) {
-    post_messages(call.card, call.body());
+Answer post_messages(const Call& call) {
+    const ConfigNode body = call.body();
+    const std::lock_guard lock(call.card.mutex);
+    send_messages(call.card, body);
     return done();
 }
 
@@ -182,7 +162,7 @@ constexpr Row kRows[] = {
     {"PATCH",  "",               patch_card},
     {"GET",    "/settings",      get_settings},
     {"GET",    "/memory/",       get_memory},
-    {"POST",   "/messages",      send_messages},
+    {"POST",   "/messages",      post_messages},
     {"GET",    "/http_faults",   get_faults<&CardSettings::http_faults>},
     {"POST",   "/http_faults",   add_fault<&CardSettings::http_faults, http_fault_of>},
     {"DELETE", "/http_faults",   remove_faults<&CardSettings::http_faults>},

@@ -1,5 +1,7 @@
 #include "settings/members.h"
 
+#include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <type_traits>
 #include <utility>
@@ -146,6 +148,12 @@ CardSettings changed_card(const Node& node, const CardSettings& present) {
             node.at(member.key).complain("is fixed while the card runs");
     }
     return changed;
+}
+
+Json member_json(const CardSettings& card, const std::string& key) {
+    const auto* const member = std::find_if(std::begin(kMembers), std::end(kMembers),
+                                            [&](const Member& row) { return row.key == key; });
+    return member == std::end(kMembers) ? left_out(card) : member->write(card);
 }
 
 Json json_of(const CardSettings& card) {

@@ -14,6 +14,9 @@ CardSettings card_of(const ConfigNode& node);
 /// when a member has another value than now and cannot change while the card runs.
 CardSettings changed_card(const ConfigNode& node, const CardSettings& present);
 
+/// One member as the cards file has it; discarded when there is no such member, or nothing to say of it.
+Json member_json(const CardSettings& card, const std::string& key);
+
 /// As the cards file has it. Throws BadConfig for what no cards file can hold.
 Json json_of(const CardSettings& card);
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/ipText.h"
+#include "card/Firmware.h"
 #include "common/hex.h"
 #include "server/endpoints.h"
 #include "settings/parts.h"
@@ -18,6 +19,15 @@ constexpr const char* kWrappings[] = {"object", "text", "none"};  // In the orde
 std::string slot_of(const Node& node) {
     std::string text = node.text();
     if (text.size() != 32 || !bytes_of_hex(text)) node.complain("must be 32 hexadecimal digits");
+    return text;
+}
+
+/// A phase of a write, or null for none.
+std::string phase_of(const Node& node) {
+    if (node.json().is_null()) return "";
+    std::string text = node.text();
+    if (std::find(std::begin(kFlashPhases), std::end(kFlashPhases), text) == std::end(kFlashPhases))
+        node.complain("must be \"erasing\", \"writing\", \"verifying\" or null");
     return text;
 }
 
@@ -57,7 +67,7 @@ Membership membership_of(const Node& node) {
 }
 
 void read_firmware(const Node& node, CardSettings& card) {
-    node.members({"slots", "next_boot_slot", "status"});
+    node.members({"slots", "next_boot_slot", "status", "fails_while"});
     if (node.has("slots")) {
         std::vector<std::string> slots;
         node.at("slots").each([&](const Node& item) { slots.push_back(slot_of(item)); });
@@ -67,12 +77,15 @@ void read_firmware(const Node& node, CardSettings& card) {
     take(node, "next_boot_slot", card.firmware.next_boot_slot);
     if (card.firmware.next_boot_slot > 1) node.at("next_boot_slot").complain("must be 0 or 1");
     if (node.has("status")) card.firmware.status = node.at("status").text();
+    if (node.has("fails_while")) card.firmware.fails_while = phase_of(node.at("fails_while"));
 }
 
 Json firmware_json(const CardSettings& card) {
+    const std::string& fails_while = card.firmware.fails_while;
     return {{"slots", card.firmware.slots},
             {"next_boot_slot", card.firmware.next_boot_slot},
-            {"status", card.firmware.status.value_or("idle")}};
+            {"status", card.firmware.status.value_or("idle")},
+            {"fails_while", fails_while.empty() ? Json() : Json(fails_while)}};
 }
 
 void read_answers(const Node& node, CardSettings& card) {

@@ -4,7 +4,7 @@
 #include <filesystem>
 
 #include "kivctl/Kivctl.h"
-#include "settings/cards_file.h"
+#include "scenario/Scenario.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ class Doctor : public KivctlConfigured {
     std::vector<kivsim::CardSettings> cards(const std::string& members) const {
         const std::string file = directory_ / "cards.json";
         write_file(file, R"({"cards": [{"id": 1)" + (members.empty() ? "" : ", " + members) + "}]}");
-        return kivsim::load_cards(file);
+        return kivsim::load_scenario(file).cards;
     }
 
     static void finds(const Finding& wanted, Json card, const char* timeout = "30") {

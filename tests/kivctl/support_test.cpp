@@ -7,7 +7,7 @@
 #include <regex>
 
 #include "kivctl/Kivctl.h"
-#include "settings/cards_file.h"
+#include "scenario/Scenario.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -72,7 +72,7 @@ TEST_F(Support, BringsTheCardsToAnotherDesk) {
     write_file(directory_ / "unusual.json", kUnusual);
     std::map<std::string, std::string> there;
     {
-        const RunningSimulator field(kivsim::load_cards(directory_ / "unusual.json"));
+        const RunningSimulator field(kivsim::load_scenario(directory_ / "unusual.json").cards);
         there = collect(directory_ / "there/");
     }
     EXPECT_NE(there["card-3/status.json"].find("-7"), std::string::npos) << there["card-3/status.json"];
@@ -81,7 +81,7 @@ TEST_F(Support, BringsTheCardsToAnotherDesk) {
     EXPECT_NE(reason(there, "card-9/server/hps/control/igmp.json"), "");
     EXPECT_NE(there["log.txt"].find("== kivctl info 9: exit status"), std::string::npos);
 
-    const RunningSimulator desk(kivsim::load_cards(directory_ / "there/cards.json"));
+    const RunningSimulator desk(kivsim::load_scenario(directory_ / "there/cards.json").cards);
     const std::map<std::string, std::string> here = collect(directory_ / "here/");
     EXPECT_EQ(here.size(), there.size());
     there["log.txt"] = here.at("log.txt");

@@ -1,7 +1,7 @@
-#include "settings/cards_file.h"
 #include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
 #include "card/CardSettings.h"
+#include "scenario/Scenario.h"
 
 #include <tuple>
 
@@ -15,7 +15,7 @@ std::string complaint_about(const std::string& text) {
     const std::string path = directory / "cards.json";
     write_file(path, text);
     try {
-        kivsim::load_cards(path);
+        kivsim::load_scenario(path);
     } catch (const kivsim::BadConfig& error) {
         const std::string what = error.what();
         return what.starts_with(path + ": ") ? what.substr(path.size() + 2) : "no file name: " + what;
@@ -82,7 +82,7 @@ TEST(CardsFile, GivesItsKeysTheirMeaning) {
         "tunnel": {"address": "10.1.2.3", "port": 65535}, "server": "external",
         "driver_faults": [{"selector": 5, "nth": 2, "status": "0xE00002D5", "delay_ms": 7, "reply_size": 0}]
     }, {"id": 0}]})");
-    const std::vector<kivsim::CardSettings> cards = kivsim::load_cards(directory / "cards.json");
+    const std::vector<kivsim::CardSettings> cards = kivsim::load_scenario(directory / "cards.json").cards;
     ASSERT_EQ(cards.size(), 2u);
     const kivsim::CardSettings& card = cards[0];
     EXPECT_EQ(std::tuple(card.id, card.bus, card.device), std::tuple(254, 9, 31));

@@ -15,6 +15,7 @@
 #include "support/LoopbackServer.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace {
 
@@ -133,6 +134,33 @@ TEST(Kivsim, ChecksACardsFileAndStartsNothing) {
         EXPECT_EQ(std::tuple(ended.status, ended.out, ended.err), std::tuple(status, out, err));
     }
     EXPECT_FALSE(std::filesystem::exists(directory / "driver.sock"));
+}
+
+TEST(Kivsim, RunsAScenarioAtItsSpeedAndTellsItsSteps) {
+    const TemporaryDirectory directory;
+    const std::string file = directory / "scenario.json";
+    write_file(file, R"({"cards": [{"id": 1}], "speed": 0.001,
+                         "timeline": [{"at_s": 20, "card": 1, "patch": {"log": "told"}, "for_s": 1e5}]})");
+    const std::vector<std::string> command = {KIVSIM_PROGRAM, "--socket", directory / "driver.sock",
+                                              "--scenario", file};
+    for (const bool fast : {true, false}) {
+        std::vector<std::string> words = command;
+        if (fast) words.insert(words.end(), {"--speed", "1000"});
+        Program program(words);
+        const std::string ready = program.read_line();
+        const std::string control = ready.substr(ready.rfind(' ') + 1);
+        const auto log = [&] {
+            return parsed(ask_address(control, "GET", "/cards/1/settings").body).at("log").get<std::string>();
+        };
+        EXPECT_TRUE(!fast || wait_until([&] { return log() == "told"; })) << log();
+        program.send_signal(SIGTERM);
+        const Ended ended = program.wait();
+        EXPECT_EQ(std::tuple(ended.status, ended.err),
+                  std::tuple(0, fast ? "kivsim: 20 s card 1: patch {\"log\":\"told\"} for 100000 s\n" : ""));
+    }
+    EXPECT_EQ(run_program({KIVSIM_PROGRAM, "check", file}).out, file + ": 1 cards, 1 step\n");
+    for (const char* const wrong : {"nan", "0", "1001", "x"})
+        EXPECT_EQ(run_program({KIVSIM_PROGRAM, "--speed", wrong}).status, 2) << wrong;
 }
 
 TEST(Kivsim, ServesAProgramThatStartsItAndEndsWithThatProgramsPipe) {

@@ -23,7 +23,7 @@ constexpr char kMembers[] = R"({
     "hwmon": [{"label": "Board Power", "input": 99, "max": 75}], "ptp_master": {}, "ptp_management": null,
     "memberships": [{"pid": -5, "dst_ip_addr": "239.0.0.1", "if_name": "maceth0", "ssm_source_addr": "10.0.0.9"}],
     "firmware": {"slots": ["00112233445566778899aabbccddeeff", "ffeeddccbbaa99887766554433221100"],
-                 "next_boot_slot": 1, "status": "failed"},
+                 "next_boot_slot": 1, "status": "failed", "fails_while": "writing"},
     "flash_ms": 10, "log": "line\n", "wrapping": "none", "interrupt_ms": 5,
     "answers": {"/hps/ptp/master": {"a": [1.5, null]}, "/hps/download/log": "recorded"},
     "http_faults": [{"path": "/hps/firmware/", "method": "POST", "nth": 2, "delay_ms": 1, "cut": "inside", "status": 500,
@@ -65,7 +65,7 @@ TEST(CardSettings, AreReadBackAndMakeTheSameCardsAgain) {
         EXPECT_EQ(settings_of(simulator), before);
     }
     write_file(directory / "cards.json", before);
-    const RunningSimulator again(kivsim::load_cards(directory / "cards.json"));
+    const RunningSimulator again(kivsim::load_scenario(directory / "cards.json").cards);
     EXPECT_EQ(settings_of(again), before);
 }
 
@@ -118,7 +118,7 @@ TEST(CardSettings, AreTheSameFromTheFileAndWhileACardRuns) {
     write_file(directory / "cards.json", text_of({{"cards", {card}}}));
     for (const bool from_file : {true, false}) {
         SCOPED_TRACE(from_file);
-        const RunningSimulator simulator(from_file ? kivsim::load_cards(directory / "cards.json")
+        const RunningSimulator simulator(from_file ? kivsim::load_scenario(directory / "cards.json").cards
                                                    : std::vector{kivsim::believable_card(1)});
         if (!from_file) {
             EXPECT_EQ(simulator.control("PATCH", "", kMembers).status, 200);

@@ -5,7 +5,7 @@
 
 #include "Simulator.h"
 #include "card/CardSettings.h"
-#include "settings/cards_file.h"
+#include "scenario/Scenario.h"
 
 #include <cstdint>
 #include <memory>
