@@ -337,9 +337,12 @@ TEST_F(Kivctl, ServeSaysWhyItCannotListen) {
 }
 
 TEST_F(Kivctl, ServeAsksACardNoMoreForManyBrowsers) {
-    const RunningSimulator simulator(cards(2));
+    std::vector<kivsim::CardSettings> two = cards(2);
+    two[0].driver_faults = {fault(wire::kGetPciLinkInfo).delay_ms(30)};  // In the midst of a sample.
+    const RunningSimulator simulator(two);
     Serve serve;
-    EXPECT_TRUE(serve.wait_for("kiv_temperature_celsius{card=\"2\""));
+    EXPECT_TRUE(serve.wait_for("kiv_temperature_celsius{card=\"2\"") &&
+                serve.wait_for("kiv_stream_resources{card=\"1\""));
     const auto asked = [&] {
         const std::vector<CardRequest> requests = simulator.requests();
         return std::count_if(requests.begin(), requests.end(), [](const CardRequest& request) {
@@ -350,13 +353,15 @@ TEST_F(Kivctl, ServeAsksACardNoMoreForManyBrowsers) {
     const Stopwatch watch;
     std::vector<std::thread> browsers;
     std::atomic<int> answers{0};
+    std::atomic<int> holes{0};
     for (int i = 0; i < 8; ++i) {
         browsers.emplace_back([&, i] {
             while (watch.elapsed() < milliseconds(2500)) {
-                const Page page = serve.get(i == 0       ? "/metrics"
+                const Page page = serve.get(i < 3        ? "/metrics"
                                             : i % 2 == 0 ? "/history.json?card=1"
                                                          : "/cards.json");
                 if (page.status == 200) ++answers;
+                if (i < 3 && !Serve::has(page.body, "kiv_port_up{card=\"1\"")) ++holes;
             }
         });
     }
@@ -366,6 +371,7 @@ TEST_F(Kivctl, ServeAsksACardNoMoreForManyBrowsers) {
     EXPECT_LE(asked() - before, 2 * (seconds + 1)) << answers << " answers";
     EXPECT_GE(asked() - before, 4) << "the samples are renewed";
     EXPECT_GT(answers, 40);
+    EXPECT_EQ(holes, 0) << "scrapes without a card that is well";
 }
 
 TEST_F(Kivctl, ServeScrapesSixtyFourCardsInTheTimeOfTheSlowest) {
