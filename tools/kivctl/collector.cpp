@@ -20,7 +20,8 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr seconds kIdle{5};      ///< How often a source is sampled when nobody asks.
+constexpr seconds kIdle{5};      ///< How often a source is sampled when nobody asks,
+constexpr seconds kWanted{1};    ///< and at most when somebody does.
 constexpr seconds kSearch{3};    ///< How often the cards are looked for.
 constexpr seconds kPatience{2};  ///< How long an answer may take; the wait for it goes on.
 
@@ -101,11 +102,11 @@ Collector::Collector() {
 
 // ---- Who asks -------------------------------------------------------------------------------------------
 
-void Collector::refresh(Clock::duration limit) {
+Clock::time_point Collector::refresh(Clock::duration limit) {
     const Clock::time_point start = Clock::now();
-    const auto is_done = [&](const Sampled& sampled) {
-        return sampled.end > start - kFresh || is_late(sampled);
-    };
+    // All values of a sample are read after its beginning.
+    const Clock::time_point fresh = start - kWanted;
+    const auto is_done = [&](const Sampled& sampled) { return sampled.begin >= fresh || is_late(sampled); };
     std::unique_lock lock(mutex_);
     for (auto& [id, card] : cards_) {
         for (Sampled* const sampled : {&card.driver, &card.server}) {
@@ -114,11 +115,12 @@ void Collector::refresh(Clock::duration limit) {
         }
     }
     sampled_.wait_until(lock, start + limit, [&] {
-        const bool listed = listing_.end != Clock::time_point() || is_late(listing_);
+        const bool listed = listing_.begin != Clock::time_point() || is_late(listing_);
         return listed && std::all_of(cards_.begin(), cards_.end(), [&](const auto& entry) {
                    return is_done(entry.second.driver) && is_done(entry.second.server);
                });
     });
+    return fresh;
 }
 
 Snapshot Collector::snapshot() {
@@ -186,10 +188,10 @@ void Collector::lose(std::span<Reading> parts) {
         part = {std::move(part.value), part.read};
 }
 
-void Collector::end_sample(Sampled& sampled, Clock::time_point start) {
+void Collector::end_sample(Sampled& sampled, Clock::time_point begin) {
     const std::lock_guard lock(mutex_);
-    sampled.end = Clock::now();
-    sampled.took = sampled.end - start;
+    sampled.begin = begin;
+    sampled.took = Clock::now() - begin;
     sampled_.notify_all();
 }
 
@@ -202,7 +204,7 @@ void Collector::keep_sampling(Sampled& sampled, Sample sample) {
             std::unique_lock lock(mutex_);
             sampled.wake.wait_until(lock, start + kIdle, [&] { return sampled.wanted; });
         }
-        std::this_thread::sleep_until(start + kFresh);
+        std::this_thread::sleep_until(start + kWanted);
         const std::lock_guard lock(mutex_);
         sampled.wanted = false;
     }

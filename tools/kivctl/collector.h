@@ -69,16 +69,14 @@ struct Snapshot {
 /// however many ask, they share the samples.
 class Collector {
   public:
-    static constexpr std::chrono::seconds kFresh{1};  ///< How old a sample may be that nobody has to renew.
-
     /// `new`, and keep it.
     Collector();
     Collector(const Collector&) = delete;
     Collector& operator=(const Collector&) = delete;
 
-    /// Waits, at most so long, until all cards have fresh samples. A source that has not answered for some
-    /// seconds is not waited for.
-    void refresh(Clock::duration limit);
+    /// Waits, at most so long, until all cards have fresh samples, and tells since when a value counts as
+    /// fresh. A source that has not answered for some seconds is not waited for.
+    Clock::time_point refresh(Clock::duration limit);
 
     Snapshot snapshot();
 
@@ -89,7 +87,7 @@ class Collector {
     /// How the asking of a source goes.
     struct Sampled {
         std::optional<Clock::time_point> asked;  ///< Since when an answer is waited for.
-        Clock::time_point end;                   ///< Of the last sample.
+        Clock::time_point begin;                 ///< Of the last sample that has ended.
         std::chrono::duration<double> took{0};
         std::map<Layer, uint64_t> errors;
         bool wanted = false;  ///< Somebody waits for the next sample.
@@ -115,7 +113,7 @@ class Collector {
     void sample_server(Card& card, Dues& dues);
     template <typename Read>
     bool take(Sampled& sampled, Reading& reading, Layer layer, Read read);
-    void end_sample(Sampled& sampled, Clock::time_point start);
+    void end_sample(Sampled& sampled, Clock::time_point begin);
     void lose(std::span<Reading> parts);
     static CardValues values_of(uint8_t id, const Card& card);
 

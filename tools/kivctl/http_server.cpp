@@ -68,15 +68,15 @@ class LimitedStream final : public httplib::Stream {
   public:
     explicit LimitedStream(int socket) : socket_(socket) {}
 
-    // Newer versions of the library ask for the waiting by other names.
-    bool is_readable() const override { return next_ < end_ || wait_for(POLLIN, read_end_); }
+    // Without "override": which of these the library's class has depends on its version.
+    bool is_readable() const { return next_ < end_ || wait_for(POLLIN, read_end_); }
     bool wait_readable() const { return is_readable(); }
-    bool is_writable() const override { return wait_for(POLLOUT, read_end_ + kToAnswer); }
+    bool is_writable() const { return wait_for(POLLOUT, read_end_ + kToAnswer); }
     bool wait_writable() const { return is_writable(); }
     time_t duration() const { return 0; }
 
     /// The library asks for single bytes while it reads header lines: those come from a buffer.
-    ssize_t read(char* data, size_t size) override {
+    ssize_t read(char* data, size_t size) {
         if (next_ == end_) {
             if (left_ == 0 || !is_readable()) return -1;
             const ssize_t received = recv(socket_, buffer_.data(), std::min(buffer_.size(), left_), 0);
@@ -92,13 +92,11 @@ class LimitedStream final : public httplib::Stream {
     }
 
     /// The socket does not block: what it takes is less than all when the reader is slow.
-    ssize_t write(const char* data, size_t size) override {
-        return is_writable() ? send(socket_, data, size, 0) : -1;
-    }
+    ssize_t write(const char* data, size_t size) { return is_writable() ? send(socket_, data, size, 0) : -1; }
 
-    void get_remote_ip_and_port(std::string& ip, int& port) const override { nobody(ip, port); }
-    void get_local_ip_and_port(std::string& ip, int& port) const override { nobody(ip, port); }
-    socket_t socket() const override { return socket_; }
+    void get_remote_ip_and_port(std::string& ip, int& port) const { nobody(ip, port); }
+    void get_local_ip_and_port(std::string& ip, int& port) const { nobody(ip, port); }
+    socket_t socket() const { return socket_; }
 
     /// Ends the connection so that the answer arrives although not all of the request was read.
     void finish() {

@@ -151,12 +151,12 @@ constexpr Metric kMetrics[] = {
 // clang-format on
 
 /// Whether a part is good at this moment. Some are not asked for with every sample.
-bool is_good(const Reading& reading, Part part, Clock::time_point since) {
+bool is_good(const Reading& reading, Part part, Clock::time_point fresh) {
     const auto reads = server_reads();
     const bool has_period = std::any_of(reads.begin(), reads.end(), [&](const ServerRead& read) {
         return read.part == part && read.period > std::chrono::seconds(0);
     });
-    return !reading.stale && (has_period || reading.read->steady >= since);
+    return !reading.stale && (has_period || reading.read->steady >= fresh);
 }
 
 /// A family of all sources: of the machine and of the cards.
@@ -208,21 +208,21 @@ void add_sources(std::string& text, const Snapshot& snapshot) {
 
 }  // namespace
 
-std::string metrics_text(const Snapshot& snapshot, Clock::time_point since) {
+std::string metrics_text(const Snapshot& snapshot, Clock::time_point fresh) {
     std::string text;
     Family(text, "kiv_scan_duration_seconds", "gauge", "What the last search for cards took.")
         .add({}, snapshot.driver.took.count());
     {
         Family family(text, "kiv_card_up", "gauge", "Whether the driver can read the card's registers.");
         for (const CardValues& card : snapshot.cards)
-            Adder(family, card.id)(is_good(card.parts[kPorts], kPorts, since));
+            Adder(family, card.id)(is_good(card.parts[kPorts], kPorts, fresh));
     }
     for (const Metric& metric : kMetrics) {
         Family family(text, metric.name, "gauge", metric.help);
         for (const CardValues& card : snapshot.cards) {
             const Reading& reading = card.parts[metric.part];
             Adder adder(family, card.id);
-            if (is_good(reading, metric.part, since)) metric.add(reading.value, adder);
+            if (is_good(reading, metric.part, fresh)) metric.add(reading.value, adder);
         }
     }
     {
@@ -230,7 +230,7 @@ std::string metrics_text(const Snapshot& snapshot, Clock::time_point since) {
                       "PTP time of the card less the time of the host.");
         for (const CardValues& card : snapshot.cards) {
             const std::optional<int64_t> offset = card.offset_to_host();
-            if (offset && is_good(card.parts[kClock], kClock, since))
+            if (offset && is_good(card.parts[kClock], kClock, fresh))
                 Adder(family, card.id)(*offset, {}, kNanosecond);
         }
     }

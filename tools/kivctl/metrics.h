@@ -7,8 +7,8 @@
 namespace kivctl {
 
 /// Only what is good at this moment: a part that is stale has no series, nor one that should have been
-/// sampled since `since` and was not.
-std::string metrics_text(const Snapshot& snapshot, Clock::time_point since);
+/// sampled since `fresh` and was not.
+std::string metrics_text(const Snapshot& snapshot, Clock::time_point fresh);
 
 }  // namespace kivctl
 

@@ -24,10 +24,8 @@ HttpAnswer json_answer(const Json& json) {
 }
 
 HttpAnswer metrics(Collector& collector) {
-    const Clock::time_point start = Clock::now();
-    collector.refresh(kScrape);
-    return {"text/plain; version=0.0.4; charset=utf-8",
-            metrics_text(collector.snapshot(), start - Collector::kFresh)};
+    const Clock::time_point fresh = collector.refresh(kScrape);
+    return {"text/plain; version=0.0.4; charset=utf-8", metrics_text(collector.snapshot(), fresh)};
 }
 
 HttpAnswer cards(Collector& collector) {

@@ -1,0 +1,409 @@
+// The server for browsers and Prometheus: what it says of cards that are well, fail, hang and return, and
+// what it refuses.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <optional>
+#include <regex>
+
+#include "kivctl/Kivctl.h"
+#include "support/DriverFault.h"
+#include "support/Waiting.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using namespace std::string_literals;
+
+struct Page {
+    int status = 0;  ///< 0: no answer.
+    std::string head;
+    std::string body;
+};
+
+/// A connection to the server, which sends what it is told.
+class Caller {
+  public:
+    explicit Caller(uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        const timeval limit{20, 0};
+        setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    }
+    ~Caller() { close(socket_); }
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
+
+    void say(const std::string& text) const {
+        [[maybe_unused]] const ssize_t sent = send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
+    }
+
+    /// All until the server ends the connection.
+    Page answer() const {
+        std::string text;
+        char piece[4096];
+        for (ssize_t count = 0; (count = recv(socket_, piece, sizeof piece, 0)) > 0;)
+            text.append(piece, static_cast<std::size_t>(count));
+        const std::size_t end = text.find("\r\n\r\n");
+        if (!text.starts_with("HTTP/1.1 ") || end == std::string::npos) return {};
+        return {std::stoi(text.substr(9)), text.substr(0, end + 2), text.substr(end + 4)};
+    }
+
+  private:
+    int socket_;
+};
+
+class Serve {
+  public:
+    explicit Serve(const Words& before = {})
+        : program_([&] {
+              Words words{kKivctlProgram};
+              words.insert(words.end(), before.begin(), before.end());
+              words.insert(words.end(), {"serve", "--listen", "127.0.0.1:0", "--json"});
+              return words;
+          }()) {
+        const std::string line = program_.read_line();
+        if (!line.empty()) port_ = parsed(line)["port"].get<uint16_t>();
+    }
+
+    uint16_t port() const { return port_; }
+
+    Page ask(const std::string& request) const {
+        const Caller caller(port_);
+        caller.say(request);
+        return caller.answer();
+    }
+    Page get(const std::string& path, const std::string& host = "localhost") const {
+        return ask("GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n");
+    }
+    std::string metrics() const { return get("/metrics").body; }
+    Json cards() const { return parsed(get("/cards.json").body)["cards"]; }
+
+    /// Until a scrape has, or has not, a line.
+    bool wait_for(const std::string& line, bool there = true) const {
+        return wait_until([&] { return has(metrics(), line) == there; });
+    }
+    static bool has(const std::string& metrics, const std::string& line) {
+        return ("\n" + metrics).find("\n" + line) != std::string::npos;
+    }
+
+    Ended end() {
+        program_.send_signal(SIGTERM);
+        return program_.wait(std::chrono::seconds(5));
+    }
+
+  private:
+    Program program_;
+    uint16_t port_ = 0;
+};
+
+std::optional<double> value_of(const std::string& metrics, const std::string& series) {
+    const std::size_t at = ("\n" + metrics).find("\n" + series + " ");
+    return at == std::string::npos ? std::nullopt
+                                   : std::optional(std::stod(metrics.substr(at + series.size())));
+}
+
+long series_of(const std::string& metrics, const std::string& card) {
+    const std::regex series("\n\\w+\\{card=\"" + card + "\"");
+    return std::distance(std::sregex_iterator(metrics.begin(), metrics.end(), series),
+                         std::sregex_iterator());
+}
+
+std::vector<kivsim::CardSettings> cards(unsigned count) {
+    std::vector<kivsim::CardSettings> cards;
+    for (unsigned id = 1; id <= count; ++id)
+        cards.push_back(kivsim::believable_card(static_cast<uint8_t>(id)));
+    return cards;
+}
+
+}  // namespace
+
+TEST_F(Kivctl, ServeTellsPrometheusWhatTheCardsTell) {
+    RunningSimulator simulator(cards(2));
+    simulator.control("PATCH", "", R"({"links": [true, false], "ptp_state": 3, "pci_link": [8, 3],
+        "answers": {"/hps/firmware/status": "wri\"t\\i\nng"},
+        "hwmon": [{"label": "QSFP1 Case Temperature", "input": -4, "max": 70, "critical": 80},
+                  {"label": "QSFP2 Case Temperature", "input": "hot", "max": 70, "critical": 80}]})");
+    Serve serve;
+    EXPECT_TRUE(serve.wait_for("kiv_flash_slot_info{card=\"2\""));
+    const Page page = serve.get("/metrics");
+    EXPECT_NE(page.head.find("\r\nContent-Type: text/plain; version=0.0.4"), std::string::npos) << page.head;
+    const char* const kLines[] = {
+        R"(kiv_card_up{card="1"} 1)",
+        R"(kiv_port_up{card="1",port="0"} 1)",
+        R"(kiv_port_up{card="1",port="1"} 0)",
+        R"(kiv_port_load_ratio{card="1",port="0",path="a"} 0.425)",
+        R"(kiv_temperature_celsius{card="1",sensor="QSFP1 case"} -4)",
+        R"(kiv_temperature_max_celsius{card="2",sensor="FPGA fabric"} 95)",
+        R"(kiv_temperature_critical_celsius{card="2",sensor="FPGA fabric"} 100)",
+        R"(kiv_board_power{card="2"} 63)",
+        R"(kiv_pci_link_lanes{card="1"} 8)",
+        R"(kiv_pci_link_generation{card="1"} 3)",
+        R"(kiv_ptp_state{card="1"} 3)",
+        R"(kiv_ptp_locking_status{card="1"} 4)",
+        R"(kiv_ptp_utc_offset_seconds{card="1"} 37)",
+        R"(kiv_ptp_grandmaster_info{card="1",identity="0x001DC1FFFE123456"} 1)",
+        R"(kiv_flash_busy{card="1"} 1)",
+        R"(kiv_flash_state_info{card="1",state="wri\"t\\i\\nng"} 1)",
+        R"(kiv_flash_slot_info{card="1",slot="1",image="10ee8a7a77e3dde67b062e99efe8ea07",next_boot="no"} 1)",
+        R"(kiv_stream_resources{card="1",direction="tx",resource="2"} 16)",
+        R"(kiv_source_up{card="2",source="server"} 1)"};
+    for (const char* const line : kLines)
+        EXPECT_TRUE(Serve::has(page.body, std::string(line) + "\n")) << line << " is not in\n" << page.body;
+    for (const char* const none :
+         {R"(kiv_temperature_celsius{card="1",sensor="QSFP2)",
+          R"(kiv_temperature_celsius{card="1",sensor="FPGA)", R"(kiv_board_power{card="1")"})
+        EXPECT_FALSE(Serve::has(page.body, none)) << "not reported, yet there is " << none;
+    EXPECT_LT(std::abs(value_of(page.body, R"(kiv_ptp_offset_seconds{card="2"})").value_or(37)), 0.05);
+    EXPECT_LT(series_of(page.body, "2"), 150);
+    EXPECT_GT(series_of(page.body, "2"), 60);
+
+    const Json json = serve.cards()[0];
+    EXPECT_EQ(json["ports"][1]["link"], "down");
+    EXPECT_EQ(json["flash"]["state"], "busy");
+    EXPECT_EQ(json["sensors"][6]["state"], "not reported");
+    EXPECT_FALSE(json["ages"]["ptp"]["stale"]);
+    EXPECT_TRUE(wait_until(
+        [&] { return !parsed(serve.get("/history.json?card=1").body)["series"][0]["points"].empty(); }));
+    const Json history = parsed(serve.get("/history.json?card=2").body);
+    EXPECT_EQ(history["series"].size(), 12u);
+    EXPECT_EQ(history["series"][0]["points"].back(), 58);
+    EXPECT_EQ(history["series"][7]["points"].back(), 42.5);
+    EXPECT_EQ(serve.end().status, 0);
+}
+
+TEST_F(Kivctl, ServeDropsWhatFailsAndTakesUpWhatReturns) {
+    auto simulator = std::make_unique<RunningSimulator>();
+    const std::string socket = simulator->socket_path();
+    Serve serve;
+    EXPECT_TRUE(serve.wait_for("kiv_flash_slot_info{card=\"1\"") &&
+                serve.wait_for("kiv_card_up{card=\"2\"} 1"));
+
+    simulator->control("POST", "/http_faults", R"({"path": "/hps/", "cut": "before"})", 1);
+    EXPECT_TRUE(serve.wait_for("kiv_source_up{card=\"1\",source=\"server\"} 0"));
+    std::string metrics = serve.metrics();
+    for (const char* const gone :
+         {"kiv_temperature_celsius", "kiv_flash", "kiv_ptp_locking", "kiv_board_power"})
+        EXPECT_FALSE(std::regex_search(metrics, std::regex("\n" + std::string(gone) + "\\w*\\{card=\"1\"")))
+            << gone;
+    EXPECT_TRUE(Serve::has(metrics, "kiv_port_up{card=\"1\",port=\"0\"} 1"));
+    EXPECT_TRUE(Serve::has(metrics, "kiv_temperature_celsius{card=\"2\",sensor=\"FPGA fabric\"} 58"));
+    EXPECT_GE(value_of(metrics, R"(kiv_errors_total{card="1",source="server",layer="server"})").value_or(0),
+              1);
+    const Json failing = serve.cards()[0];
+    EXPECT_EQ(failing["sensors"][0]["input"], 58) << "the last good value stays";
+    EXPECT_TRUE(failing["ages"]["sensors"]["stale"] && failing["ages"]["flash"]["stale"]);
+    EXPECT_NE(text_of(failing["sources"]["server"]["reason"]).find("hung up"), std::string::npos);
+    EXPECT_FALSE(failing["ages"]["ports"]["stale"]);
+    simulator->control("DELETE", "/http_faults", "", 1);
+    EXPECT_TRUE(serve.wait_for("kiv_flash_slot_info{card=\"1\"")) << serve.metrics();
+
+    simulator->control("PATCH", "", R"({"removed": true})", 2);
+    EXPECT_TRUE(serve.wait_for("kiv_card_up{card=\"2\"} 0") &&
+                serve.wait_for("kiv_temperature_celsius{card=\"2\"", false));
+    metrics = serve.metrics();
+    EXPECT_FALSE(
+        std::regex_search(metrics, std::regex("\nkiv_(port|stream|ptp|pci|temp|flash)\\w*\\{card=\"2\"")));
+    EXPECT_EQ(serve.cards()[1]["state"], "lost");
+    simulator->control("PATCH", "", R"({"removed": false, "links": [false, true]})", 2);
+    EXPECT_TRUE(serve.wait_for("kiv_port_up{card=\"2\",port=\"0\"} 0")) << "another connection is needed";
+
+    (*simulator).stop();
+    EXPECT_TRUE(serve.wait_for("kiv_source_up{source=\"driver\"} 0") &&
+                serve.wait_for("kiv_card_up{card=\"1\"} 0"));
+    EXPECT_GE(value_of(serve.metrics(), R"(kiv_errors_total{source="driver",layer="driver"})").value_or(0),
+              1);
+    const kivsim::Simulator again(cards(3), socket, "");
+    EXPECT_TRUE(serve.wait_for("kiv_port_up{card=\"3\",port=\"0\"} 1")) << "a card that is new";
+    EXPECT_TRUE(serve.wait_for("kiv_port_up{card=\"1\",port=\"0\"} 1"));
+}
+
+TEST_F(Kivctl, ServeStartsWithoutADriver) {
+    const TemporaryDirectory directory;
+    setenv("KIVSIM_SOCKET", (directory / "socket").c_str(), 1);
+    Serve serve;
+    EXPECT_TRUE(serve.wait_for("kiv_source_up{source=\"driver\"} 0"));
+    EXPECT_EQ(serve.cards(), Json::array());
+    EXPECT_EQ(serve.get("/history.json?card=1").status, 404);
+}
+
+TEST_F(Kivctl, ServeLetsNothingThatHangsDelayAScrapeOrHideAnother) {
+    RunningSimulator simulator(cards(3));
+    Serve serve;
+    for (const char* const card : {"1", "2", "3"})
+        EXPECT_TRUE(serve.wait_for("kiv_temperature_celsius{card=\"" + std::string(card)));
+    simulator.control("POST", "/driver_faults", R"({"selector": 6, "delay_ms": 600000})", 1);
+    simulator.control("POST", "/http_faults", R"({"path": "/hps/", "delay_ms": 600000})", 2);
+    const auto scrape = [&] {
+        const Stopwatch watch;
+        const std::string metrics = serve.metrics();
+        EXPECT_LT(watch.elapsed(), milliseconds(1500 + 500));
+        EXPECT_TRUE(Serve::has(metrics, "kiv_temperature_celsius{card=\"3\",sensor=\"FPGA fabric\"} 58"));
+        EXPECT_TRUE(Serve::has(metrics, "kiv_port_up{card=\"3\",port=\"0\"} 1"));
+        EXPECT_TRUE(Serve::has(metrics, "kiv_port_up{card=\"2\",port=\"0\"} 1")) << "its server hangs";
+        EXPECT_TRUE(Serve::has(metrics, "kiv_temperature_celsius{card=\"1\",sensor=\"FPGA fabric\"} 58"))
+            << "its driver hangs";
+        return metrics;
+    };
+    EXPECT_TRUE(wait_until([&] {
+        const std::string metrics = scrape();
+        return Serve::has(metrics, "kiv_card_up{card=\"1\"} 0") &&
+               !Serve::has(metrics, "kiv_port_up{card=\"1\"") &&
+               !Serve::has(metrics, "kiv_temperature_celsius{card=\"2\"");
+    }));
+    EXPECT_TRUE(wait_until([&] { return !serve.cards()[0]["sources"]["driver"]["reason"].is_null(); }));
+    scrape();
+}
+
+TEST_F(Kivctl, ServeAnswersQuestionsOfThisMachineAlone) {
+    const RunningSimulator simulator(cards(1));
+    Serve serve;
+    const std::string port = ":" + std::to_string(serve.port());
+    for (const std::string& host : {"localhost" + port, "127.0.0.1" + port, "127.0.0.1"s, "[::1]:8080"s})
+        EXPECT_EQ(serve.get("/", host).status, 200) << host;
+    for (const char* const host :
+         {"cards.example.net", "127.0.0.1.example.net", "localhost.example.net:80", "127.evil", ""})
+        EXPECT_EQ(serve.get("/cards.json", host).status, 421) << host;
+
+    const Page page = serve.get("/");
+    EXPECT_NE(page.body.find("<title>"), std::string::npos);
+    for (const char* const line :
+         {"X-Content-Type-Options: nosniff", "Content-Security-Policy: default-src 'none'",
+          "Cache-Control: no-store", "Content-Type: text/html"})
+        EXPECT_NE(page.head.find(line), std::string::npos) << line;
+    const Page head = serve.ask("HEAD / HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    EXPECT_EQ(head.status, 200);
+    EXPECT_EQ(head.body, "");
+    EXPECT_EQ(serve.get("/nothing").status, 404);
+    EXPECT_EQ(serve.get("/history.json").status, 400);
+    EXPECT_EQ(serve.get("/history.json?card=0x1").status, 400);
+    for (const char* const method : {"POST", "PUT", "PATCH", "DELETE", "OPTIONS"}) {
+        const Page refused = serve.ask(
+            std::string(method) + " /cards.json HTTP/1.1\r\nHost: localhost\r\nContent-Length: 3\r\n\r\nabc");
+        EXPECT_EQ(refused.status, 405) << method;
+        EXPECT_NE(refused.head.find("Allow: GET, HEAD"), std::string::npos) << refused.head;
+    }
+    for (const CardRequest& request : simulator.requests())
+        EXPECT_EQ(request.method, "GET") << "nothing is written to a card";
+}
+
+TEST_F(Kivctl, ServeBoundsRequestsAndConnections) {
+    const RunningSimulator simulator(cards(1));
+    Serve serve;
+    const std::string start = "GET / HTTP/1.1\r\nHost: localhost\r\n";
+    const std::string kilobyte(1000, 'a');
+    std::string headers;
+    for (int i = 0; i < 100; ++i)
+        headers += "X-Header: " + kilobyte + "\r\n";
+    std::string path;
+    for (int i = 0; i < 100; ++i)
+        path += kilobyte;
+    for (const std::string& request :
+         {start + headers + "\r\n", start + "X-Long: " + path + "\r\n\r\n",
+          "GET /" + path + " HTTP/1.1\r\n\r\n", path, "\r\n\r\n"s, "GET"s + '\0' + "\r\n\r\n"}) {
+        const Page page = serve.ask(request);
+        EXPECT_TRUE(page.status == 0 || page.status >= 400) << page.status << " " << request.substr(0, 60);
+    }
+    EXPECT_EQ(serve.get("/").status, 200);
+
+    std::vector<std::unique_ptr<Caller>> silent;
+    for (int i = 0; i < 64; ++i)
+        silent.push_back(std::make_unique<Caller>(serve.port()));
+    // The server takes connections in their order.
+    EXPECT_EQ(Caller(serve.port()).answer().status, 503);
+    const Stopwatch watch;
+    EXPECT_TRUE(wait_until([&] { return serve.get("/").status == 200; })) << "those who say nothing stay";
+    EXPECT_GT(watch.elapsed(), milliseconds(1000)) << "they had no time to say something";
+    silent.clear();
+    EXPECT_TRUE(wait_until([&] { return serve.get("/metrics").status == 200; }));
+}
+
+TEST_F(Kivctl, ServeSaysWhyItCannotListen) {
+    const RunningSimulator simulator(cards(1));
+    Serve serve;
+    const std::string taken = "127.0.0.1:" + std::to_string(serve.port());
+    expect({"serve", "--listen", taken}, 1, "cannot listen at " + taken + ": Address already in use");
+    expect({"serve", "--listen", "192.0.2.1:1"}, 1, "cannot listen at 192.0.2.1:1: Cannot assign");
+    for (const char* const wrong :
+         {"9644", "localhost:9644", "127.0.0.1", "127.0.0.1:65536", "::1:5", "[::1]", ""})
+        expect({"serve", "--listen", wrong}, 2, "is no numeric address and port");
+}
+
+TEST_F(Kivctl, ServeAsksACardNoMoreForManyBrowsers) {
+    std::vector<kivsim::CardSettings> two = cards(2);
+    two[0].driver_faults = {fault(wire::kGetPciLinkInfo).delay_ms(30)};  // In the midst of a sample.
+    const RunningSimulator simulator(two);
+    Serve serve;
+    EXPECT_TRUE(serve.wait_for("kiv_temperature_celsius{card=\"2\"") &&
+                serve.wait_for("kiv_stream_resources{card=\"1\""));
+    const auto asked = [&] {
+        const std::vector<CardRequest> requests = simulator.requests();
+        return std::count_if(requests.begin(), requests.end(), [](const CardRequest& request) {
+            return request.path.ends_with("/hps/hwmon/info");
+        });
+    };
+    const auto before = asked();
+    const Stopwatch watch;
+    std::vector<std::thread> browsers;
+    std::atomic<int> answers{0};
+    std::atomic<int> holes{0};
+    for (int i = 0; i < 8; ++i) {
+        browsers.emplace_back([&, i] {
+            while (watch.elapsed() < milliseconds(2500)) {
+                const Page page = serve.get(i < 3        ? "/metrics"
+                                            : i % 2 == 0 ? "/history.json?card=1"
+                                                         : "/cards.json");
+                if (page.status == 200) ++answers;
+                if (i < 3 && !Serve::has(page.body, "kiv_port_up{card=\"1\"")) ++holes;
+            }
+        });
+    }
+    for (std::thread& browser : browsers)
+        browser.join();
+    const auto seconds = watch.elapsed().count() / 1000 + 1;
+    EXPECT_LE(asked() - before, 2 * (seconds + 1)) << answers << " answers";
+    EXPECT_GE(asked() - before, 4) << "the samples are renewed";
+    EXPECT_GT(answers, 40);
+    EXPECT_EQ(holes, 0) << "scrapes without a card that is well";
+}
+
+TEST_F(Kivctl, ServeScrapesSixtyFourCardsInTheTimeOfTheSlowest) {
+    constexpr int kCards = 64;
+    constexpr milliseconds kSlow{300};
+    std::vector<kivsim::CardSettings> many = cards(kCards);
+    for (kivsim::CardSettings& card : many) {
+        kivsim::HttpFault fault;
+        fault.path = "/hps/hwmon/info";
+        fault.delay_ms = static_cast<uint32_t>(kSlow.count());
+        card.http_faults.push_back(fault);
+    }
+    const RunningSimulator simulator(many);
+    Serve serve;
+    const auto all_there = [](const std::string& metrics) {
+        for (int id = 1; id <= kCards; ++id) {
+            if (!Serve::has(metrics, "kiv_temperature_celsius{card=\"" + std::to_string(id) + "\""))
+                return false;
+        }
+        return true;
+    };
+    EXPECT_TRUE(wait_until([&] { return all_there(serve.metrics()); }));
+    milliseconds longest{0};
+    for (int i = 0; i < 3; ++i) {
+        // No sample is fresh any more.
+        const Stopwatch old;
+        wait_until([&] { return old.elapsed() > milliseconds(1500); });
+        const Stopwatch watch;
+        const std::string metrics = serve.metrics();
+        longest = std::max(longest, watch.elapsed());
+        EXPECT_TRUE(all_there(metrics));
+    }
+    RecordProperty("longest_scrape_ms", static_cast<int>(longest.count()));
+    EXPECT_LE(longest, kSlow * 13 / 10 + milliseconds(5) * kCards) << "of 64 cards";
+}
