@@ -1,4 +1,4 @@
-# What cpack makes: Debian packages of the three components, and an archive of the sources. packaging/README.md has more.
+# What cpack makes: Debian packages of the three components, and an archive of the sources. docs/packaging.md has more.
 
 set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${debian}/changelog)
