@@ -131,7 +131,8 @@ TEST_F(Kivctl, ServeTellsPrometheusWhatTheCardsTell) {
         "hwmon": [{"label": "QSFP1 Case Temperature", "input": -4, "max": 70, "critical": 80},
                   {"label": "QSFP2 Case Temperature", "input": "hot", "max": 70, "critical": 80}]})");
     Serve serve;
-    EXPECT_TRUE(serve.wait_for("kiv_flash_slot_info{card=\"2\""));
+    EXPECT_TRUE(serve.wait_for("kiv_flash_slot_info{card=\"1\"") &&
+                serve.wait_for("kiv_flash_slot_info{card=\"2\""));
     const Page page = serve.get("/metrics");
     EXPECT_NE(page.head.find("\r\nContent-Type: text/plain; version=0.0.4"), std::string::npos) << page.head;
     const char* const kLines[] = {
@@ -406,5 +407,7 @@ TEST_F(Kivctl, ServeScrapesSixtyFourCardsInTheTimeOfTheSlowest) {
         EXPECT_TRUE(all_there(metrics));
     }
     RecordProperty("scrape_ms", static_cast<int>(shortest.count()));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LE(shortest, kSlow * 13 / 10 + milliseconds(5) * kCards) << "of 64 cards";
+#endif
 }

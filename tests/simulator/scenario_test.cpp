@@ -201,14 +201,14 @@ TEST(Timeline, BeginsAnewAndAStepThatIsRefusedHoldsUpNoOther) {
                      {"at_s": 1, "card": 1, "patch": {"bus": 1}, "for_s": 1}, {"at_s": 1, "card": 1, "patch": {"device": 9}})",
                   R"(, "loop_s": 2)");
     const std::string bus = course.at(0, "/bus");
-    for (const double round : {0, 2, 4, 2000}) {
+    for (const double round : {0, 2, 4, 40}) {
         EXPECT_EQ(course.at(round + 1, "/bus"), "1");
         EXPECT_EQ(course.at(round + 2, "/bus"), bus);
     }
-    EXPECT_EQ(course.lines.back(), R"(2002 s card 1: patch {"bus":1} is over)");
+    EXPECT_EQ(course.lines.back(), R"(42 s card 1: patch {"bus":1} is over)");
     course.by_hand(R"({"hwmon": null, "device": 0})");
-    EXPECT_THROW(course.timeline.advance_to(2003), kivsim::BadConfig);
-    EXPECT_EQ(course.at(2003, "/device"), "9");
+    EXPECT_THROW(course.timeline.advance_to(43), kivsim::BadConfig);
+    EXPECT_EQ(course.at(43, "/device"), "9");
 }
 
 TEST(Timeline, RunsByTheClockUntilItsThreadIsEnded) {

@@ -234,8 +234,8 @@ void Collector::sample_driver(Card& card, kivDriverClientList& functions) {
     end_sample(card.driver, start);
 }
 
-/// The values of a sample first, which somebody may wait for, then those that are due, one after the other. A
-/// sample that is wanted meanwhile comes before the rest of them.
+/// The values of a sample first, which somebody may wait for, then those that are due, one after the other.
+/// When the next sample is wanted meanwhile, it comes before the rest of them, unless that is missing.
 void Collector::sample_server(Card& card, Dues& dues) {
     const Clock::time_point start = Clock::now();
     const auto address = [&] {
@@ -252,14 +252,17 @@ void Collector::sample_server(Card& card, Dues& dues) {
         dues = {};
     }
     end_sample(card.server, start);
-    bool another = there;
-    for (std::size_t i = 1; another && i < reads.size(); ++i) {
+    bool taken = false;
+    for (std::size_t i = 1; there && i < reads.size(); ++i) {
         const ServerRead& each = reads[i];
         if (Clock::now() < dues[each.part]) continue;
+        {
+            const std::lock_guard lock(mutex_);
+            if (taken && card.server.wanted && !card.parts[each.part].stale) break;
+        }
         take_part(each);
         dues[each.part] = Clock::now() + each.period;
-        const std::lock_guard lock(mutex_);
-        another = !card.server.wanted;
+        taken = true;
     }
 }
 

@@ -138,6 +138,7 @@ int listening_socket(const Endpoint& where) {
     const int socket = ::socket(address->ai_family, SOCK_STREAM, 0);
     if (socket < 0) throw cannot_listen(where, errno);
     fcntl(socket, F_SETFD, FD_CLOEXEC);
+    fcntl(socket, F_SETFL, O_NONBLOCK);
     const int on = 1;
     setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (bind(socket, address->ai_addr, address->ai_addrlen) == 0 && listen(socket, SOMAXCONN) == 0)
@@ -245,9 +246,11 @@ HttpServer::~HttpServer() {
 
 void HttpServer::run() {
     for (;;) {
+        pollfd entry{socket_, POLLIN, 0};
+        poll(&entry, 1, -1);
         const int connection = accept(socket_, nullptr, nullptr);
         if (connection < 0) {
-            // No descriptors are left, or the one who called has gone: it passes.
+            // The one who called has gone, or no descriptors are left: it passes.
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             continue;
         }
