@@ -1,4 +1,4 @@
-# What cpack makes: Debian packages of the three components, and an archive of the sources. docs/packaging.md has more.
+# What cpack makes: Debian packages of the components, and an archive of the sources. docs/packaging.md has more.
 
 set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${debian}/changelog)
@@ -15,9 +15,13 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                                                 WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_ALL library development tools)
+if(TARGET kivpython)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
 set(CPACK_COMPONENT_TOOLS_DEPENDS library)
+set(CPACK_COMPONENT_PYTHON_DEPENDS library)
 set(CPACK_PRE_BUILD_SCRIPTS ${debian}/finish.cmake)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -68,6 +72,22 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "tool and simulator of the media-network card
 kivctl shows the PCI Express media-network cards of a machine and what is
 wrong with them, changes their settings and writes their firmware. kivsim
 simulates such cards, for tests without hardware.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kiv)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+# The compiled part is for one minor version of Python, the one that built it.
+if(TARGET kivpython)
+  get_target_property(python kivpython KIV_PYTHON_VERSION)
+  string(REGEX REPLACE "([0-9]+)[.]([0-9]+).*" "\\1;\\2" python "${python}")
+  list(GET python 0 major)
+  list(GET python 1 minor)
+  math(EXPR next "${minor} + 1")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= ${major}.${minor}), python3 (<< ${major}.${next})")
+endif()
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${debian}/python/postinst ${debian}/python/prerm)
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "Python package of the media-network cards
+Finds the PCI Express media-network cards of a machine, sets them up, watches
+them and writes their firmware, from Python programs.")
 
 set(CPACK_SOURCE_GENERATOR TGZ)
 set(CPACK_SOURCE_PACKAGE_FILE_NAME kiv-${PROJECT_VERSION})
