@@ -55,15 +55,26 @@ int64_t host_ns() {
 }
 
 /// The card is asked between two readings of the host's clock, and its time belongs to their middle: the
-/// error is at most half of what the call takes, some tens of microseconds.
+/// error is at most half of what the call takes, some tens of microseconds. The shortest of some calls
+/// counts, for one may be held up on a busy machine.
 Json read_clock(kivDriverClientList& functions) {
+    constexpr int kCalls = 3;
     const std::optional<uint32_t> state = kiv::device::ptp_state(read(functions, registers::kStatus));
     kivDriverClient& client = media(functions);
-    uint64_t tai = 0;
-    const int64_t before = host_ns();
-    check_driver(client.get_ptp_epoch_time(&tai), "asking for its PTP time", client.device_conf.device_index);
-    const int64_t middle = before + (host_ns() - before) / 2;
-    return {{"register_state", state ? Json(*state) : Json()}, {"tai_ns", tai}, {"host_ns", middle}};
+    Json json{{"register_state", state ? Json(*state) : Json()}};
+    int64_t shortest = INT64_MAX;
+    for (int i = 0; i < kCalls; ++i) {
+        uint64_t tai = 0;
+        const int64_t before = host_ns();
+        check_driver(client.get_ptp_epoch_time(&tai), "asking for its PTP time",
+                     client.device_conf.device_index);
+        const int64_t took = host_ns() - before;
+        if (took >= shortest) continue;
+        shortest = took;
+        json["tai_ns"] = tai;
+        json["host_ns"] = before + took / 2;
+    }
+    return json;
 }
 
 Json read_pci_link(kivDriverClientList& functions) {
