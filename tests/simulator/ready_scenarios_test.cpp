@@ -1,5 +1,6 @@
 // The scenarios that are installed: each makes its trouble, as a program sees it through the C interface.
 #include <filesystem>
+#include <future>
 #include <iomanip>
 #include <sstream>
 

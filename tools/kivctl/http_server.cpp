@@ -69,6 +69,7 @@ class LimitedStream final : public httplib::Stream {
     explicit LimitedStream(int socket) : socket_(socket) {}
 
     // Without "override": which of these the library's class has depends on its version.
+    // NOLINTBEGIN(modernize-use-override)
     bool is_readable() const { return next_ < end_ || wait_for(POLLIN, read_end_); }
     bool wait_readable() const { return is_readable(); }
     bool is_writable() const { return wait_for(POLLOUT, read_end_ + kToAnswer); }
@@ -97,6 +98,7 @@ class LimitedStream final : public httplib::Stream {
     void get_remote_ip_and_port(std::string& ip, int& port) const { nobody(ip, port); }
     void get_local_ip_and_port(std::string& ip, int& port) const { nobody(ip, port); }
     socket_t socket() const { return socket_; }
+    // NOLINTEND(modernize-use-override)
 
     /// Ends the connection so that the answer arrives although not all of the request was read.
     void finish() {
