@@ -262,7 +262,7 @@ TEST(DriverNotification, OpensAndClosesTwoHundredTimesInARow) {
             ASSERT_EQ(client->close(), 0);
         }
     }
-    EXPECT_LT(watch.elapsed().count(), 10'000);
+    EXPECT_LT(watch.elapsed().count(), 20'000);
 }
 
 TEST(DriverNotification, OutlivesTheDriverProcess) {

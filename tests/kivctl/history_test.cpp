@@ -69,7 +69,8 @@ TEST(History, OfSixtyFourCardsTakesLittleMemory) {
             cards.back()->record(kStart + i * seconds(5), values(static_cast<float>(i)));
     }
     const std::size_t bytes = used() - before;
+    if (bytes == 0) GTEST_SKIP() << "the allocator of a sanitizer counts nothing";
     RecordProperty("bytes", static_cast<int>(bytes));
     EXPECT_LT(bytes, std::size_t{64} << 20);
-    EXPECT_GE(bytes + 1, sizeof(History)) << "a sanitizer's memory is its own";
+    EXPECT_GE(bytes, 64 * sizeof(History));
 }

@@ -111,7 +111,7 @@ std::optional<Failure> Server::connection_problem() const {
 }
 
 std::optional<Failure> Server::problem() const {
-    if (const std::optional<Failure> unreachable = connection_problem()) return unreachable;
+    if (std::optional<Failure> unreachable = connection_problem()) return unreachable;
     try {
         const Json networks = get("/hps/info/networks");
         const auto is_interface = [](const Json& entry) {
