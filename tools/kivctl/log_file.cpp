@@ -37,7 +37,7 @@ bool LogFile::write_all(const std::string& text) {
 
 void LogFile::add(const Json& json) {
     // A line that follows half of one begins anew, so that only that one is lost to a reader.
-    if (write_all((torn_ ? "\n" : "") + json_line(json))) {
+    if (write_all(fmt::format("{}{}", torn_ ? "\n" : "", json_line(json)))) {
         if (left_out_ > 0)
             Output::note(
                 fmt::format("{}: written again; {} lines were left out", printable(path_), left_out_));
