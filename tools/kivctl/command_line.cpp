@@ -189,7 +189,7 @@ const Command& parse(std::vector<std::string> words, Request& request) {
     const std::size_t at = command_at(words);
     if (at < words.size() && words[at] == "help") {
         words.erase(words.begin() + static_cast<std::ptrdiff_t>(at));
-        words.push_back("--help");
+        words.emplace_back("--help");
     } else if (at < words.size()) {
         if (!is_command(nullptr, words[at])) throw unknown_word(nullptr, words[at]);
         const Command& command = *std::find_if(commands().begin(), commands().end(), [&](const Command& row) {
