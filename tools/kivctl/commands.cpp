@@ -53,8 +53,9 @@ Options common_options(Request& request) {
                                    86'400, request.timeout);
     // For the help: it may stand without its FILE, so that it is taken off the line before the parser sees
     // it.
-    Option simulation{"--sim", "Before the command: run it with simulated cards, of a cards file or two",
-                      "[FILE]", [](const std::string&) { return ""; }};
+    Option simulation{
+        "--sim", "Before the command: run it with two simulated cards, or those of a cards file or scenario",
+        "[FILE]", [](const std::string&) { return ""; }};
     return {{json, verbose, timeout, simulation}};
 }
 
