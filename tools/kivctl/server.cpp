@@ -64,7 +64,10 @@ Timed ask_server(const std::string& url, const std::string& path, int seconds = 
     client.set_retry(1, 0);
     const auto start = std::chrono::steady_clock::now();
     HttpResult result = client.get(path);
-    return {std::move(result), std::chrono::steady_clock::now() - start < std::chrono::seconds(seconds)};
+    // The end of waiting may come a little before its time.
+    constexpr std::chrono::milliseconds kEarly{50};
+    return {std::move(result),
+            std::chrono::steady_clock::now() - start < std::chrono::seconds(seconds) - kEarly};
 }
 
 Failure bad_answer(const std::string& url, const std::string& what) {
