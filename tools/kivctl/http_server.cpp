@@ -49,9 +49,15 @@ Address resolve(const Endpoint& where) {
             }};
 }
 
+/// Whatever way the address is written.
 bool is_loopback(std::string_view host) {
-    return host == "localhost" || host == "[::1]" || host == "::1" ||
-           (host.starts_with("127.") && resolve({std::string(host), 0}));
+    if (host == "localhost") return true;
+    if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
+    const Address address = resolve({std::string(host), 0});
+    if (!address) return false;
+    if (address->ai_family == AF_INET6)
+        return IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(address->ai_addr)->sin6_addr);
+    return ntohl(reinterpret_cast<const sockaddr_in*>(address->ai_addr)->sin_addr.s_addr) >> 24 == 127;
 }
 
 /// The host of a Host header, without its port.
