@@ -31,8 +31,7 @@ std::string age_text(const Json& card, const char* part) {
 
 std::string state_text(const Json& card) {
     if (card["state"] != "ok") return text_of(card["state"]);
-    const Json& server = card["sources"]["server"];
-    if (server["ok"] != true && !server["reason"].is_null()) return "no server";
+    if (is_stale(card, "sensors") && !card["sources"]["server"]["reason"].is_null()) return "no server";
     return card["attention"] == true ? "attention" : "ok";
 }
 
@@ -165,7 +164,8 @@ void draw(const Json& document, Output& output) {
 void show_status(const Request& request, std::optional<LogFile> log, Output& output) {
     Collector& collector = *new Collector;
     for (Clock::time_point next = Clock::now();; std::this_thread::sleep_until(next)) {
-        next += kRedraw;
+        // What was left out while the process was stopped is not made up for.
+        next = std::max(next, Clock::now()) + kRedraw;
         collector.refresh(kWait);
         Json document = cards_document(collector.snapshot());
         if (request.card) {
