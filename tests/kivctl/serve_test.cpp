@@ -161,7 +161,21 @@ TEST_F(Kivctl, ServeTellsPrometheusWhatTheCardsTell) {
          {R"(kiv_temperature_celsius{card="1",sensor="QSFP2)",
           R"(kiv_temperature_celsius{card="1",sensor="FPGA)", R"(kiv_board_power{card="1")"})
         EXPECT_FALSE(Serve::has(page.body, none)) << "not reported, yet there is " << none;
-    EXPECT_LT(std::abs(value_of(page.body, R"(kiv_ptp_offset_seconds{card="2"})").value_or(37)), 0.05);
+    const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+    const struct {
+        const char* series;
+        double least, most;
+    } ranges[] = {{R"(kiv_ptp_time_seconds{card="2"})", now.count() + 37 - 3, now.count() + 37 + 1},
+                  {R"(kiv_ptp_offset_seconds{card="2"})", -0.05, 0.05},
+                  {R"(kiv_source_last_success_timestamp_seconds{card="2",source="server"})", now.count() - 3,
+                   now.count()},
+                  {R"(kiv_source_age_seconds{card="2",source="driver"})", 1e-6, 3},
+                  {R"(kiv_source_sample_duration_seconds{card="2",source="server"})", 1e-6, 2},
+                  {R"(kiv_scan_duration_seconds)", 1e-6, 2}};
+    for (const auto& range : ranges) {
+        const double value = value_of(page.body, range.series).value_or(NAN);
+        EXPECT_TRUE(value >= range.least && value <= range.most) << range.series << " " << value;
+    }
     EXPECT_LT(series_of(page.body, "2"), 150);
     EXPECT_GT(series_of(page.body, "2"), 60);
 
@@ -190,7 +204,7 @@ TEST_F(Kivctl, ServeDropsWhatFailsAndTakesUpWhatReturns) {
     EXPECT_TRUE(serve.wait_for("kiv_source_up{card=\"1\",source=\"server\"} 0"));
     std::string metrics = serve.metrics();
     for (const char* const gone :
-         {"kiv_temperature_celsius", "kiv_flash", "kiv_ptp_locking", "kiv_board_power"})
+         {"kiv_temperature_celsius", "kiv_flash", "kiv_ptp_locking", "kiv_ptp_offset", "kiv_board_power"})
         EXPECT_FALSE(std::regex_search(metrics, std::regex("\n" + std::string(gone) + "\\w*\\{card=\"1\"")))
             << gone;
     EXPECT_TRUE(Serve::has(metrics, "kiv_port_up{card=\"1\",port=\"0\"} 1"));
@@ -234,6 +248,24 @@ TEST_F(Kivctl, ServeStartsWithoutADriver) {
     EXPECT_EQ(serve.get("/history.json?card=1").status, 404);
 }
 
+TEST_F(Kivctl, ServeCallsNothingLostThatItHasNotAsked) {
+    std::vector<kivsim::CardSettings> slow = cards(1);
+    slow[0].driver_faults = {fault(wire::kReadPci64).nth(1).delay_ms(1200)};
+    kivsim::HttpFault& fault = slow[0].http_faults.emplace_back();
+    fault.path = "/hps/firmware/status";
+    fault.delay_ms = 1200;
+    const RunningSimulator simulator(slow);
+    const Serve serve;
+    EXPECT_TRUE(wait_until([&] {
+        const Json found = serve.cards();
+        if (found.empty()) return false;
+        EXPECT_EQ(found[0]["state"], "ok");
+        EXPECT_EQ(found[0]["sources"]["server"]["ok"], !found[0]["sensors"].is_null())
+            << "what was not asked for yet is no failure";
+        return !found[0]["flash"]["state"].is_null();
+    }));
+}
+
 TEST_F(Kivctl, ServeLetsNothingThatHangsDelayAScrapeOrHideAnother) {
     RunningSimulator simulator(cards(3));
     Serve serve;
@@ -241,10 +273,12 @@ TEST_F(Kivctl, ServeLetsNothingThatHangsDelayAScrapeOrHideAnother) {
         EXPECT_TRUE(serve.wait_for("kiv_temperature_celsius{card=\"" + std::string(card)));
     simulator.control("POST", "/driver_faults", R"({"selector": 6, "delay_ms": 600000})", 1);
     simulator.control("POST", "/http_faults", R"({"path": "/hps/", "delay_ms": 600000})", 2);
-    const auto scrape = [&] {
+    simulator.control("POST", "/driver_faults", R"({"selector": 26, "delay_ms": 600000})",
+                      3);  // The listing.
+    const auto scrape = [&](milliseconds limit) {
         const Stopwatch watch;
         const std::string metrics = serve.metrics();
-        EXPECT_LT(watch.elapsed(), milliseconds(1500 + 500));
+        EXPECT_LT(watch.elapsed(), limit);
         EXPECT_TRUE(Serve::has(metrics, "kiv_temperature_celsius{card=\"3\",sensor=\"FPGA fabric\"} 58"));
         EXPECT_TRUE(Serve::has(metrics, "kiv_port_up{card=\"3\",port=\"0\"} 1"));
         EXPECT_TRUE(Serve::has(metrics, "kiv_port_up{card=\"2\",port=\"0\"} 1")) << "its server hangs";
@@ -253,20 +287,27 @@ TEST_F(Kivctl, ServeLetsNothingThatHangsDelayAScrapeOrHideAnother) {
         return metrics;
     };
     EXPECT_TRUE(wait_until([&] {
-        const std::string metrics = scrape();
+        const std::string metrics = scrape(milliseconds(1500 + 500));
         return Serve::has(metrics, "kiv_card_up{card=\"1\"} 0") &&
+               Serve::has(metrics, "kiv_source_up{source=\"driver\"} 0") &&
                !Serve::has(metrics, "kiv_port_up{card=\"1\"") &&
                !Serve::has(metrics, "kiv_temperature_celsius{card=\"2\"");
     }));
-    EXPECT_TRUE(wait_until([&] { return !serve.cards()[0]["sources"]["driver"]["reason"].is_null(); }));
-    scrape();
+    EXPECT_TRUE(wait_until([&] {
+        const Json found = serve.cards();
+        return !found[0]["sources"]["driver"]["reason"].is_null() &&
+               !found[1]["sources"]["server"]["reason"].is_null();
+    }));
+    for (int i = 0; i < 3; ++i)
+        scrape(milliseconds(1000));  // It is known that they do not answer.
 }
 
 TEST_F(Kivctl, ServeAnswersQuestionsOfThisMachineAlone) {
     const RunningSimulator simulator(cards(1));
     Serve serve;
     const std::string port = ":" + std::to_string(serve.port());
-    for (const std::string& host : {"localhost" + port, "127.0.0.1" + port, "127.0.0.1"s, "[::1]:8080"s})
+    for (const std::string& host :
+         {"localhost" + port, "127.0.0.1" + port, "127.0.0.1"s, "[::1]:8080"s, "[0:0::1]"s})
         EXPECT_EQ(serve.get("/", host).status, 200) << host;
     for (const char* const host :
          {"cards.example.net", "127.0.0.1.example.net", "localhost.example.net:80", "127.evil", ""})

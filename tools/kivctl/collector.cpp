@@ -42,16 +42,17 @@ bool is_late(const Sampled& sampled) {
 /// The state of a source, whose parts are stale too when it does not answer.
 template <typename Sampled>
 Source source_of(const Sampled& sampled, std::span<Reading> parts) {
-    Source source{true, parts.front().read, "", sampled.took, sampled.errors};
+    Source source{false, parts.front().read, "", sampled.took, sampled.errors};
     if (is_late(sampled)) {
         source.reason = fmt::format("no answer for {} s", kPatience.count());
         for (Reading& part : parts)
             part.stale = true;
     }
     for (const Reading& part : parts) {
-        source.ok = source.ok && !part.stale;
         if (source.reason.empty()) source.reason = part.reason;
     }
+    // A part that has not been asked for yet, or again, is no failure.
+    source.ok = source.success && source.reason.empty();
     return source;
 }
 
@@ -79,7 +80,8 @@ History::Values values_for_history(const CardValues& card) {
         set(kSensorCount + 2 * i + 1, ports.value[i]["load_b_percent"]);
     }
     const std::optional<int64_t> offset = card.offset_to_host();
-    if (offset && !card.parts[kClock].stale) values.back() = static_cast<float>(*offset);
+    if (offset && !card.parts[kClock].stale && !card.parts[kMaster].stale)
+        values.back() = static_cast<float>(*offset);
     return values;
 }
 
@@ -97,6 +99,7 @@ std::optional<int64_t> CardValues::offset_to_host() const {
 
 Collector::Collector() {
     std::thread([this] { keep_finding(); }).detach();
+    std::thread([this] { keep_sampling(loading_, [this] { load_configuration(); }); }).detach();
     std::thread([this] { keep_recording(); }).detach();
 }
 
@@ -106,7 +109,9 @@ Clock::time_point Collector::refresh(Clock::duration limit) {
     const Clock::time_point start = Clock::now();
     // All values of a sample are read after its beginning.
     const Clock::time_point fresh = start - kWanted;
-    const auto is_done = [&](const Sampled& sampled) { return sampled.begin >= fresh || is_late(sampled); };
+    const auto is_done = [&](const Sampled& sampled) {
+        return sampled.begin >= fresh || sampled.failed || is_late(sampled);
+    };
     std::unique_lock lock(mutex_);
     for (auto& [id, card] : cards_) {
         for (Sampled* const sampled : {&card.driver, &card.server}) {
@@ -128,8 +133,10 @@ Snapshot Collector::snapshot() {
     Reading listed = listed_;
     Reading loaded = loaded_;
     Snapshot snapshot{{}, source_of(listing_, {&listed, 1}), source_of(loading_, {&loaded, 1}), {}};
-    for (const auto& [id, card] : cards_)
-        snapshot.cards.push_back(values_of(id, card));
+    for (const auto& [id, card] : cards_) {
+        const bool asked = card.driver.begin != Clock::time_point() || is_late(card.driver);
+        if (asked) snapshot.cards.push_back(values_of(id, card));
+    }
     return snapshot;
 }
 
@@ -188,9 +195,10 @@ void Collector::lose(std::span<Reading> parts) {
         part = {std::move(part.value), part.read};
 }
 
-void Collector::end_sample(Sampled& sampled, Clock::time_point begin) {
+void Collector::end_sample(Sampled& sampled, Clock::time_point begin, bool good) {
     const std::lock_guard lock(mutex_);
     sampled.begin = begin;
+    sampled.failed = !good;
     sampled.took = Clock::now() - begin;
     sampled_.notify_all();
 }
@@ -223,19 +231,16 @@ void Collector::sample_driver(Card& card, kivDriverClientList& functions) {
         return reads.front().read(functions);
     };
     const bool there = take(card.driver, card.parts[reads.front().part], Layer::Driver, read_first);
-    {
-        const std::lock_guard lock(mutex_);
-        card.missing = !there;
-    }
     if (!there) lose(of_driver(card.parts).subspan(1));
     for (std::size_t i = 1; there && i < reads.size(); ++i) {
         take(card.driver, card.parts[reads[i].part], Layer::Driver, [&] { return reads[i].read(functions); });
     }
-    end_sample(card.driver, start);
+    end_sample(card.driver, start, there);
 }
 
-/// The values of a sample first, which somebody may wait for, then those that are due, one after the other.
-/// When the next sample is wanted meanwhile, it comes before the rest of them, unless that is missing.
+/// The values of a sample first, which somebody may wait for, then those that are due, the one that is due
+/// the longest first: a slow server tells each in its turn. When the next sample is wanted meanwhile, it
+/// comes before the rest of them, unless that is missing.
 void Collector::sample_server(Card& card, Dues& dues) {
     const Clock::time_point start = Clock::now();
     const auto address = [&] {
@@ -251,18 +256,19 @@ void Collector::sample_server(Card& card, Dues& dues) {
         lose(of_server(card.parts).subspan(1));
         dues = {};
     }
-    end_sample(card.server, start);
-    bool taken = false;
-    for (std::size_t i = 1; there && i < reads.size(); ++i) {
-        const ServerRead& each = reads[i];
-        if (Clock::now() < dues[each.part]) continue;
+    end_sample(card.server, start, there);
+    const auto is_due_before = [&](const ServerRead& one, const ServerRead& other) {
+        return dues[one.part] < dues[other.part];
+    };
+    for (std::size_t taken = 0; there && taken + 1 < reads.size(); ++taken) {
+        const ServerRead& each = *std::min_element(reads.begin() + 1, reads.end(), is_due_before);
+        if (Clock::now() < dues[each.part]) break;
         {
             const std::lock_guard lock(mutex_);
-            if (taken && card.server.wanted && !card.parts[each.part].stale) break;
+            if (taken > 0 && card.server.wanted && !card.parts[each.part].stale) break;
         }
         take_part(each);
         dues[each.part] = Clock::now() + each.period;
-        taken = true;
     }
 }
 
@@ -271,14 +277,13 @@ void Collector::sample_server(Card& card, Dues& dues) {
 void Collector::keep_finding() {
     for (;;) {
         const Clock::time_point start = Clock::now();
-        take(listing_, listed_, Layer::Driver, [this] { return find_cards(); });
-        end_sample(listing_, start);
+        end_sample(listing_, start, take(listing_, listed_, Layer::Driver, [this] { return find_cards(); }));
         std::this_thread::sleep_for(kSearch);
     }
 }
 
-/// Gives new cards, and those that are missing, their connections. The others are closed, which asks the
-/// driver once more.
+/// Gives new cards, and those that failed, their connections. The others are closed, which asks the driver
+/// once more.
 Json Collector::find_cards() {
     std::map<uint8_t, kivDriverClientList> listed = list_cards();
     const std::lock_guard lock(mutex_);
@@ -287,27 +292,35 @@ Json Collector::find_cards() {
         Card& card = cards_[id];
         const kivDriverClient::device_conf_t& conf = functions.front()->device_conf;
         card.address.emplace(conf.tun, conf.port);
-        if (is_new || (card.missing && card.fresh.empty())) card.fresh.swap(functions);
-        if (!is_new) continue;
-        std::thread([this, &card] {
+        if (is_new || (card.driver.failed && card.fresh.empty())) card.fresh.swap(functions);
+        start(card.driver, [this, &card] {
             kivDriverClientList connections;
             keep_sampling(card.driver, [&] { sample_driver(card, connections); });
-        }).detach();
-        std::thread([this, &card] {
+        });
+        start(card.server, [this, &card] {
             Dues dues{};
             keep_sampling(card.server, [&] { sample_server(card, dues); });
-        }).detach();
+        });
     }
     return nullptr;
 }
 
-/// A point of every history for each interval, and a look at the card configuration.
+/// Once. When no thread is to be had, the next listing tries again.
+template <typename Body>
+void Collector::start(Sampled& sampled, Body body) {
+    if (!sampled.started) std::thread(body).detach();
+    sampled.started = true;
+}
+
+void Collector::load_configuration() {
+    const Clock::time_point start = Clock::now();
+    const auto load = [] { return Json(read_configuration(configuration_path()).size()); };
+    end_sample(loading_, start, take(loading_, loaded_, Layer::Configuration, load));
+}
+
+/// A point of every history for each interval.
 void Collector::keep_recording() {
     for (;;) {
-        const Clock::time_point start = Clock::now();
-        take(loading_, loaded_, Layer::Configuration,
-             [] { return Json(read_configuration(configuration_path()).size()); });
-        end_sample(loading_, start);
         const auto now = std::chrono::system_clock::now();
         const std::chrono::nanoseconds into = now.time_since_epoch() % History::kInterval;
         std::this_thread::sleep_for(History::kInterval - into);

@@ -56,9 +56,10 @@ struct CardValues {
 
 struct Snapshot {
     Stamp time;
-    Source driver;                  ///< Of the machine: it lists the cards.
-    Source configuration;           ///< The card configuration of this machine, which can be loaded or not.
-    std::vector<CardValues> cards;  ///< By id. A card that was seen once stays in the list.
+    Source driver;         ///< Of the machine: it lists the cards.
+    Source configuration;  ///< The card configuration of this machine, which can be loaded or not.
+    /// By id, from the first answer of its driver on, or when it is late. A card that was seen once stays.
+    std::vector<CardValues> cards;
 };
 
 /// Samples each card by two threads, one for its driver and one for its server, so that neither holds up the
@@ -75,7 +76,8 @@ class Collector {
     Collector& operator=(const Collector&) = delete;
 
     /// Waits, at most so long, until all cards have fresh samples, and tells since when a value counts as
-    /// fresh. A source that has not answered for some seconds is not waited for.
+    /// fresh. A source that failed last time, or has not answered for some seconds, is asked but not waited
+    /// for.
     Clock::time_point refresh(Clock::duration limit);
 
     Snapshot snapshot();
@@ -90,7 +92,9 @@ class Collector {
         Clock::time_point begin;                 ///< Of the last sample that has ended.
         std::chrono::duration<double> took{0};
         std::map<Layer, uint64_t> errors;
-        bool wanted = false;  ///< Somebody waits for the next sample.
+        bool started = false;  ///< Its thread.
+        bool failed = false;   ///< In the last sample that has ended it did not answer.
+        bool wanted = false;   ///< Somebody waits for the next sample.
         std::condition_variable wake;
     };
     struct Card {
@@ -98,7 +102,6 @@ class Collector {
         Sampled driver;
         Sampled server;
         std::optional<Server> address;
-        bool missing = false;       ///< Its registers could not be read.
         kivDriverClientList fresh;  ///< Connections to take in place of those that it has.
         History history;
     };
@@ -113,7 +116,10 @@ class Collector {
     void sample_server(Card& card, Dues& dues);
     template <typename Read>
     bool take(Sampled& sampled, Reading& reading, Layer layer, Read read);
-    void end_sample(Sampled& sampled, Clock::time_point begin);
+    void end_sample(Sampled& sampled, Clock::time_point begin, bool good);
+    template <typename Body>
+    static void start(Sampled& sampled, Body body);
+    void load_configuration();
     void lose(std::span<Reading> parts);
     static CardValues values_of(uint8_t id, const Card& card);
 

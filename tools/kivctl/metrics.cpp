@@ -52,10 +52,10 @@ class Adder {
   public:
     Adder(Family& family, uint8_t card) : family_(family), card_(std::to_string(card)) {}
 
-    void operator()(const Json& value, Labels labels = {}, double unit = 1) {
+    void operator()(const Json& value, Labels labels = {}, double parts = 1) {
         if (value.is_null()) return;
         labels.insert(labels.begin(), {"card", card_});
-        family_.add(labels, (value.is_boolean() ? value.get<bool>() : value.get<double>()) * unit);
+        family_.add(labels, (value.is_boolean() ? value.get<bool>() : value.get<double>()) / parts);
     }
 
   private:
@@ -63,8 +63,8 @@ class Adder {
     std::string card_;
 };
 
-constexpr double kPercent = 0.01;
-constexpr double kNanosecond = 1e-9;
+constexpr double kPercent = 100;  ///< Parts of a unit.
+constexpr double kNanoseconds = 1e9;
 
 /// A family that is made of one part.
 struct Metric {
@@ -131,7 +131,7 @@ constexpr Metric kMetrics[] = {
     {"kiv_ptp_state", "PTP state in the status register: 0, 1 or 3.", kClock,
      [](const Json& clock, Adder& add) { add(clock["register_state"]); }},
     {"kiv_ptp_time_seconds", "PTP time of the card, since 1970 TAI.", kClock,
-     [](const Json& clock, Adder& add) { add(clock["tai_ns"], {}, kNanosecond); }},
+     [](const Json& clock, Adder& add) { add(clock["tai_ns"], {}, kNanoseconds); }},
     {"kiv_ptp_locking_status", "How the master is locked: 0 not in use, 1 free run, 2 cold locking, 3 warm locking, 4 locked.", kLocking,
      [](const Json& locking, Adder& add) { add(locking["value"]); }},
     {"kiv_ptp_utc_offset_seconds", "TAI less UTC, as the PTP master tells it.", kMaster,
@@ -139,7 +139,9 @@ constexpr Metric kMetrics[] = {
     {"kiv_ptp_utc_offset_valid", "Whether the PTP master says that this is valid.", kMaster,
      [](const Json& master, Adder& add) { add(master["utc_offset_valid"]); }},
     {"kiv_ptp_grandmaster_info", "Identity of the grandmaster clock.", kMaster,
-     [](const Json& master, Adder& add) { add(1, {{"identity", master["grandmaster"]}}); }},
+     [](const Json& master, Adder& add) {
+         if (master["grandmaster"].is_string()) add(1, {{"identity", master["grandmaster"]}});
+     }},
     {"kiv_flash_busy", "Whether the flash is being written.", kFlashState,
      [](const Json& flash, Adder& add) { add(flash["state"] == "busy"); }},
     {"kiv_flash_state_info", "What the flash does, in the card's words.", kFlashState,
@@ -174,7 +176,8 @@ void add_of_sources(std::string& text, const Snapshot& snapshot, const char* nam
 void add_sources(std::string& text, const Snapshot& snapshot) {
     add_of_sources(text, snapshot, "kiv_source_up", "gauge", "Whether the source answers.",
                    [](Family& family, const Labels& labels, const Source& source) {
-                       family.add(labels, source.ok ? 1 : 0);
+                       const bool asked = source.success || !source.reason.empty();
+                       if (asked) family.add(labels, source.ok ? 1 : 0);
                    });
     add_of_sources(text, snapshot, "kiv_source_last_success_timestamp_seconds", "gauge",
                    "When the source answered last, since 1970 UTC.",
@@ -210,8 +213,10 @@ void add_sources(std::string& text, const Snapshot& snapshot) {
 
 std::string metrics_text(const Snapshot& snapshot, Clock::time_point fresh) {
     std::string text;
-    Family(text, "kiv_scan_duration_seconds", "gauge", "What the last search for cards took.")
-        .add({}, snapshot.driver.took.count());
+    {
+        Family family(text, "kiv_scan_duration_seconds", "gauge", "What the last search for cards took.");
+        if (snapshot.driver.ok) family.add({}, snapshot.driver.took.count());
+    }
     {
         Family family(text, "kiv_card_up", "gauge", "Whether the driver can read the card's registers.");
         for (const CardValues& card : snapshot.cards)
@@ -230,8 +235,9 @@ std::string metrics_text(const Snapshot& snapshot, Clock::time_point fresh) {
                       "PTP time of the card less the time of the host.");
         for (const CardValues& card : snapshot.cards) {
             const std::optional<int64_t> offset = card.offset_to_host();
-            if (offset && is_good(card.parts[kClock], kClock, fresh))
-                Adder(family, card.id)(*offset, {}, kNanosecond);
+            if (offset && is_good(card.parts[kClock], kClock, fresh) &&
+                is_good(card.parts[kMaster], kMaster, fresh))
+                Adder(family, card.id)(*offset, {}, kNanoseconds);
         }
     }
     add_sources(text, snapshot);

@@ -126,7 +126,8 @@ Json read_locking(const Server& server) {
     return locking_json(server.get_number("/hps/ptp/management", "masterLockingStatus"));
 }
 
-/// The identity as the library reads it: hexadecimal digits, perhaps with separators among them.
+/// The identity as the library reads it: hexadecimal digits, perhaps with separators among them. A master
+/// that is not in use may have none.
 Json read_master(const Server& server) {
     const Json master = server.get("/hps/ptp/master");
     const auto number = [&](const char* key) {
@@ -137,10 +138,11 @@ Json read_master(const Server& server) {
     std::string digits = master.is_object() ? master.value("grandmasterIdentity", "") : "";
     std::erase_if(digits, [](char letter) { return letter == ':' || letter == '.' || letter == '-'; });
     const std::optional<uint64_t> identity = code_of(digits.starts_with("0x") ? digits : "0x" + digits);
-    if (!offset || !valid || !identity)
-        throw Failure(Layer::Server, "SERVER_ANSWER",
-                      server.url() + "/hps/ptp/master: tells no grandmaster, or no TAI-UTC");
-    return {{"utc_offset", *offset}, {"utc_offset_valid", *valid != 0}, {"grandmaster", hex64(*identity)}};
+    if (!offset || !valid)
+        throw Failure(Layer::Server, "SERVER_ANSWER", server.url() + "/hps/ptp/master: tells no TAI-UTC");
+    return {{"utc_offset", *offset},
+            {"utc_offset_valid", *valid != 0},
+            {"grandmaster", identity ? Json(hex64(*identity)) : Json()}};
 }
 
 constexpr DriverRead kDriverReads[] = {
