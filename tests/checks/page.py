@@ -162,6 +162,7 @@ def check_detail(page):
         page.shows(f"#one [data-plot='{kind}']", *words)
         page.until(f"a line in the plot of {kind}", lambda: page.find(
             f"[data-plot='{kind}'] svg .series").get_attribute("d").startswith("M"))
+    page.keys(Keys.ESCAPE)
 
 
 def check_hostile_text(page):
@@ -174,6 +175,7 @@ def check_hostile_text(page):
 
 
 def check_phone(page):
+    """Also with the long reason of a server that fails."""
     page.size(PHONE)
     for fragment in ("#card=1", "#"):
         page.browser.execute_script(f"location.hash = '{fragment}'")
@@ -191,6 +193,13 @@ def check_changes(page, simulator):
     page.shows("#all .attention", "Card 1: QSFP1 case above max: 72 °C")
     page.shows("#changes", "Card 1: QSFP1 case above max")
     assert "warn" in page.find(cell(1, "hottest") + " b").get_attribute("class")
+    simulator.change(2, hwmon=[HOT])
+    page.shows("#all .attention li:nth-child(2)", "Card 2")
+    page.browser.execute_script("document.querySelector('#all .attention li:nth-child(2) a').focus()")
+    simulator.change(2, hwmon=[{**HOT, "input": 75}])
+    page.shows("#all .attention li:nth-child(1)", "Card 2: QSFP1 case critical")
+    assert page.focused().startswith("✖ Card 2"), "what moves keeps the focus"
+    simulator.change(2, hwmon=[{**HOT, "input": 40}])
     simulator.change(1, hwmon=[{**HOT, "input": 75}], links=[True, False])
     page.shows(cell(1, "state"), "critical")
     page.shows(cell(1, "port-1"), "down")
@@ -201,12 +210,16 @@ def check_changes(page, simulator):
 
 
 def check_lost_server(page, simulator):
-    """Its values grow stale; what the driver tells stays."""
+    """Its values grow stale; what the driver tells stays, and what it still tells itself."""
+    simulator.ask("POST", "/cards/1/http_faults", {"path": "/hps/firmware/status", "status": 503})
+    page.shows("#all .attention", "Card 1: management server answers in part only")
+    page.stale(1, "flash")
     simulator.ask("POST", "/cards/1/http_faults", {"path": "/", "cut": "before"})
     page.stale(1, "hottest", "power", "flash", "ptp")
     page.shows(cell(1, "port-0"), "up")
     page.shows("#all .attention", "Card 1: management server does not answer since")
     page.stale(2)
+    check_phone(page)
     simulator.ask("DELETE", "/cards/1/http_faults")
     page.stale(1)
 
@@ -256,7 +269,6 @@ def check(build, folder, stack):
     check_keyboard(page)
     check_hostile_text(page)
     check_detail(page)
-    check_phone(page)
     check_changes(page, simulator)
     check_lost_server(page, simulator)
     check_lost_card(page, simulator)

@@ -1,4 +1,4 @@
-// ---- All cards
+// The views: all cards, and one card.
 
 function bar(value, limits, level) {
   const end = Math.max(...limits.filter(isNumber), 1) * 1.1;
@@ -45,15 +45,13 @@ function row(card) {
   const findings = known.findings.get(card.card);
   const level = levelOf(findings);
   const cell = (name, label, old, ...content) => el("td", {role: "cell", "data-cell": name, "data-label": label,
-    class: `value ${old?.stale ? "stale" : ""}`}, content, old?.stale && el("span", {class: "unseen"}, ` stale ${old.since}`));
+    class: `value ${old?.stale ? "stale" : ""}`}, content, old?.stale && el("span", {class: "unseen"}, ` ${old.text}`));
   const first = oldest(card);
   return el("tr", {key: card.card, "data-card": String(card.card), role: "row", class: `is-${level}`},
     el("th", {scope: "row", role: "rowheader"}, el("a", {href: `#card=${card.card}`}, `Card ${card.card}`)),
     cell("state", null, null, sign(level), el("span", {class: level}, wordOf(card, level))),
     COLUMNS.map(([, , name, part, content, label]) => cell(name, label, age(card.ages?.[part]), content(card))),
-    el("td", {role: "cell", "data-cell": "age", class: first.stale ? "warn" : "value"},
-      // The exact age of a value that is well would change in all rows at once, and say nothing.
-      first.stale ? first.since : first.seconds < 5 ? "< 5 s" : first.text),
+    el("td", {role: "cell", "data-cell": "age", class: first.level === "warn" ? "warn" : "value"}, first.short),
     el("td", {role: "cell", "data-cell": "remark", class: `value remark ${level}`}, findings.map((one) => one.text).join("; ")));
 }
 
@@ -75,13 +73,11 @@ function allCards() {
     el("tbody", {role: "rowgroup"}, cards().map(row)))];
 }
 
-// ---- One card
-
 function panel(title, part, card, ...content) {
   const old = part && age(card.ages?.[part]);
   return el("section", {class: "panel", "data-part": part ?? title.toLowerCase()},
-    el("header", {}, el("h3", {}, title), old && el("span", {class: old.stale ? "warn" : "soft", "data-cell": "age"},
-      old.stale ? `▲ stale ${old.since}` : `${old.text} old`)),
+    el("header", {}, el("h3", {}, title), old && el("span", {class: old.level, "data-cell": "age"},
+      old.level === "warn" && "▲ ", old.text)),
     el("div", {class: `value ${old?.stale ? "stale" : ""}`}, content));
 }
 
@@ -130,8 +126,8 @@ const streamsPanel = ({streams, ...card}) => panel("Streams", "streams", card, s
     ["reg_404", "Register 0x404"], ["reg_804", "Register 0x804"], ["resources", "Resources in use"]].map(([key, name]) =>
     [name, ...["tx", "rx"].map((way) => [streams[way]?.[key] ?? NONE].flat().join(" "))])) : "Never read.");
 
-const sourceText = (source) => !source?.ok && !fails(source) ? NONE : source.ok ? el("span", {class: "ok"}, "● answers")
-  : el("span", {class: "warn"}, `▲ no answer${since(source)}`, source.reason && `: ${source.reason}`);
+const sourceText = (source, first) => source?.ok ? el("span", {class: "ok"}, "● answers")
+  : fails(source) ? el("span", {class: "warn"}, `▲ ${silence(source, first)}: ${source.reason}`) : NONE;
 
 function oneCard(card, id) {
   const others = cards().map((other) => other.card);
@@ -152,7 +148,8 @@ function oneCard(card, id) {
         panel("PCI link", "pci_link", card, card.pci_link?.text ?? NONE)),
       el("div", {class: "stack"}, portsPanel(card), ptpPanel(card)),
       el("div", {class: "stack"}, flashPanel(card), streamsPanel(card), panel("Sources", null, card,
-        list(["Driver", sourceText(card.sources?.driver)], ["Server", sourceText(card.sources?.server)])))),
+        list(["Driver", sourceText(card.sources?.driver, card.ages?.ports)],
+          ["Server", sourceText(card.sources?.server, card.ages?.sensors)])))),
     el("h3", {class: "unseen"}, "Last hour"),
     el("div", {class: "plots"}, plots(known.history?.card === id ? known.history : null))];
 }

@@ -1,4 +1,4 @@
-// ---- Elements. A view is made anew every second as a tree of these; show() changes what differs in the document, so
+// Elements. A view is made anew every second as a tree of these; show() changes what differs in the document, so
 // that focus, selection and scroll position stay. What cards say becomes text nodes and nothing else, whatever it is.
 
 class Wanted {
@@ -33,14 +33,16 @@ function setAttributes(node, wanted) {
   node.had = wanted;
 }
 
-/// Elements with a key keep their order, so what stands before the wanted one is gone.
+/// An element with a key stays the same wherever it moves to.
 function show(parent, wanted) {
+  const keys = new Set(wanted.map((want) => want.attributes?.key));
+  for (const node of [...parent.childNodes]) if (node.key != null && !keys.has(node.key)) node.remove();
   wanted.forEach((want, index) => {
     const here = parent.childNodes[index];
     let node = here;
     while (node && !fits(node, want)) node = want.attributes?.key == null ? null : node.nextSibling;
-    if (!node) node = parent.insertBefore(make(parent, want), here ?? null);
-    while (parent.childNodes[index] !== node) parent.childNodes[index].remove();
+    node ??= make(parent, want);
+    if (node !== here) parent.insertBefore(node, here ?? null);
     if (typeof want === "string") {
       if (node.data !== want) node.data = want;
     } else {

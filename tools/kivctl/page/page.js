@@ -1,4 +1,4 @@
-// ---- The page
+// The page: what stands around the views, asking for the values, and moving about.
 
 function summary() {
   const {driver, configuration} = known.document.sources ?? {};
@@ -19,11 +19,14 @@ function troubleText() {
   if (known.problem)
     return `No answer from kivctl serve since ${clock(known.document ? known.received : known.since)} (${known.problem}). `
       + (known.document ? "All values are from then. " : "") + "This page keeps asking.";
-  return fails(driver) && `The driver does not answer${since(driver)}: ${driver.reason}. All cards are out of reach.`;
+  const lost = cards().every((card) => card.state !== "ok");
+  return fails(driver) && `The driver does not answer${since(driver)}: ${driver.reason}. `
+    + (lost ? "All cards are out of reach." : "New cards are not found.");
 }
 
 function render() {
   const id = chosenCard();
+  const focused = document.activeElement;
   const trouble = troubleText();
   byId("all").hidden = id != null;
   byId("one").hidden = id == null;
@@ -36,6 +39,8 @@ function render() {
   const sign = known.problem ? "(!) " : troubled().length ? `(${troubled().length}) ` : "";
   const title = sign + (id == null ? "Cards" : `Card ${id}`);
   if (document.title !== title) document.title = title;
+  // An element that moved has lost it.
+  if (focused !== document.activeElement && focused.isConnected) focused.focus({preventScroll: true});
 }
 
 /// Says to screen readers what changed; nothing while only numbers do.

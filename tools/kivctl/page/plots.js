@@ -1,4 +1,4 @@
-// ---- Plots of the last hour
+// Plots of the last hour.
 
 const HOUR = 3600;
 /// Kind of series, title, least range of values.

@@ -1,4 +1,4 @@
-// ---- Texts
+// What is known of the cards, and how it is said.
 
 const NONE = "–";
 const isNumber = (value) => typeof value === "number" && Number.isFinite(value);
@@ -44,9 +44,11 @@ const chosenCard = () => /^#card=\d{1,3}$/.test(location.hash) ? Number(location
 const cards = () => known.document?.cards ?? [];
 /// Seconds since the last answer, which the ages in it do not have; 0 while answers come.
 const overdue = () => known.problem ? (Date.now() - known.received) / 1000 : 0;
-/// A source that has not been asked yet has neither answered nor a reason.
-const fails = (source) => source?.ok === false && Boolean(source.last_success || source.reason);
+/// A source that has not been asked yet is not ok, and has no reason.
+const fails = (source) => source?.ok === false && source.reason != null;
 const since = (source) => source?.last_success ? ` since ${clock(source.last_success)}` : "";
+/// Of a source of a card, by the part that is asked for first.
+const silence = (source, first) => first?.stale === false ? "answers in part only" : `does not answer${since(source)}`;
 
 /// PTP that is not in use needs nobody.
 const ptpLevel = (ptp) => ["not in use", "locked", undefined].includes(ptp.master_locking?.text) ? "" : "warn";
@@ -64,8 +66,8 @@ function findingsOf(card) {
   const newest = Object.values(card.ages ?? {}).map((age) => age?.since).filter(Boolean).sort().pop();
   if (card.state !== "ok") add("bad", "lost", newest ? `lost since ${clock(newest)}` : "lost");
   else {
-    for (const [name, title] of [["driver", "driver"], ["server", "management server"]])
-      if (fails(card.sources?.[name])) add("warn", name, `${title} does not answer${since(card.sources[name])}`);
+    for (const [name, title, first] of [["driver", "driver", "ports"], ["server", "management server", "sensors"]])
+      if (fails(card.sources?.[name])) add("warn", name, `${title} ${silence(card.sources[name], card.ages?.[first])}`);
     for (const sensor of stale("sensors") ? [] : card.sensors ?? []) {
       const level = sensorLevel(sensor);
       if (level) add(level, `${sensor.name} ${sensor.state}`, `${sensor.name} ${sensor.state}: ${signed(sensor.input)} °C`);
@@ -88,10 +90,13 @@ const wordOf = (card, level) => card.state !== "ok" ? "lost" : LEVELS[level].wor
 const sign = (level) => el("span", {class: level, "aria-hidden": "true"}, `${LEVELS[level].sign} `);
 
 function age(part) {
-  if (!part || !isNumber(part.age_s)) return {text: "never read", seconds: Infinity, stale: true, since: "never read"};
+  if (!isNumber(part?.age_s)) return {seconds: Infinity, stale: true, level: "soft", text: "never read", short: "never read"};
   const seconds = part.age_s + overdue();
-  const stale = part.stale || known.problem != null;
-  return {text: duration(seconds), seconds, stale, since: `since ${clock(part.since)}`};
+  const since = `since ${clock(part.since)}`;
+  if (part.stale || known.problem) return {seconds, stale: true, level: "warn", text: `stale ${since}`, short: since};
+  // The exact age of a value that is well would change in all rows at once, and say nothing.
+  const short = seconds < 5 ? "< 5 s" : duration(seconds);
+  return {seconds, stale: false, level: "soft", text: `${duration(seconds)} old`, short};
 }
 
 const oldest = (card) => Object.keys(PARTS).map((part) => age(card.ages?.[part]))
