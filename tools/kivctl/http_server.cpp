@@ -214,12 +214,14 @@ class HttpServer::Protocol final : public httplib::Server {
         LimitedStream stream(connection);
         if (!stream.is_readable()) return;
         bool closed = false;
+        // The library would put together an answer of each: thousands of times the page.
+        const auto without_ranges = [](httplib::Request& request) { request.ranges.clear(); };
         // Newer versions also take who asks whom.
         [&](auto& any) {
-            if constexpr (requires { this->process_request(any, true, closed, nullptr); }) {
-                process_request(any, true, closed, nullptr);
+            if constexpr (requires { this->process_request(any, true, closed, without_ranges); }) {
+                process_request(any, true, closed, without_ranges);
             } else {
-                process_request(any, "", 0, "", 0, true, closed, nullptr);
+                process_request(any, "", 0, "", 0, true, closed, without_ranges);
             }
         }(stream);
         stream.finish();
