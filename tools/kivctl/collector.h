@@ -88,19 +88,21 @@ class Collector {
   private:
     /// How the asking of a source goes.
     struct Sampled {
-        std::optional<Clock::time_point> asked;  ///< Since when an answer is waited for.
-        Clock::time_point begin;                 ///< Of the last sample that has ended.
-        std::chrono::duration<double> took{0};
+        /// From 0 on for the layers where they are to be expected: a monitoring system sees no first one of
+        /// a counter that begins with it.
         std::map<Layer, uint64_t> errors;
+        std::optional<Clock::time_point> asked = {};  ///< Since when an answer is waited for.
+        Clock::time_point begin = {};                 ///< Of the last sample that has ended.
+        std::chrono::duration<double> took{0};
         bool started = false;  ///< Its thread.
         bool failed = false;   ///< In the last sample that has ended it did not answer.
         bool wanted = false;   ///< Somebody waits for the next sample.
-        std::condition_variable wake;
+        std::condition_variable wake = {};
     };
     struct Card {
         std::array<Reading, kParts> parts;
-        Sampled driver;
-        Sampled server;
+        Sampled driver{{{Layer::Driver, 0}}};
+        Sampled server{{{Layer::Network, 0}, {Layer::Server, 0}}};
         std::optional<Server> address;
         kivDriverClientList fresh;  ///< Connections to take in place of those that it has.
         History history;
@@ -126,9 +128,9 @@ class Collector {
     std::mutex mutex_;  ///< Guards all below.
     std::condition_variable sampled_;
     std::map<uint8_t, Card> cards_;
-    Sampled listing_;
+    Sampled listing_{{{Layer::Driver, 0}}};
     Reading listed_;
-    Sampled loading_;  ///< Of the card configuration.
+    Sampled loading_{{{Layer::Configuration, 0}}};  ///< Of the card configuration.
     Reading loaded_;
 };
 
