@@ -5,7 +5,7 @@ function summary() {
   const [count, many] = [cards().length, troubled().length];
   const lost = cards().filter((card) => card.state !== "ok").length;
   const source = (name, state) => !fails(state) ? el("li", {key: name}, `${name} ok`)
-    : el("li", {key: name, class: "warn"}, `▲ ${name}${since(state)}: ${state.reason ?? "no answer"}`);
+    : el("li", {key: name, class: "warn"}, `▲ ${name}${since(state)}: ${state.reason}`);
   return [el("li", {key: "cards"}, `${count} card${count === 1 ? "" : "s"}`),
     many === 0 ? el("li", {key: "attention", class: "ok"}, "● none needs attention")
       : el("li", {key: "attention", class: "warn"}, `▲ ${many} need${many === 1 ? "s" : ""} attention`),
