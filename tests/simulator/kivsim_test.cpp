@@ -208,7 +208,8 @@ std::set<std::string> options_in(const std::string& text) {
 }
 
 TEST(Kivsim, HasAManualWithTheOptionsOfItsHelp) {
-    const std::string manual = std::regex_replace(read_file(KIVSIM_MANUAL), std::regex(R"(\\-)"), "-");
+    const std::string manual =
+        std::regex_replace(read_file(KIV_ROOT "man/kivsim.1"), std::regex(R"(\\-)"), "-");
     const std::string help = run_program({KIVSIM_PROGRAM, "--help"}).out;
     EXPECT_TRUE(options_in(help).contains("--with-stdin")) << help;
     EXPECT_EQ(options_in(manual), options_in(help));
