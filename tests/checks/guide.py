@@ -148,7 +148,7 @@ class Page:
                 elif language in FILES and name:
                     yield from self.file(language, name, content, found[i + 1:])
                 elif language != "text":
-                    yield f"{self.name}: a block of {language or 'no language'}, of which nothing is known, or without a name:\n{content}"
+                    yield f"{self.name}: a block of {language or 'no'} language that is not known, or without a name:\n{content}"
 
 
 def all_complaints(root, build, pages, home):
