@@ -93,14 +93,15 @@ void wait_for_end(const sigset_t& signals, bool with_stdin) {
 }
 
 void run(const Options& options) {
-    // Blocked before any thread starts, so that only the wait below sees them.
+    const kivsim::Scenario scenario = options.config.empty() ? kivsim::Scenario{kivsim::default_cards()}
+                                                             : kivsim::load_scenario(options.config);
+    // Blocked before any thread starts, so that only the wait below sees them. Reading takes its time, or
+    // waits for a pipe: a signal ends it.
     sigset_t ends;
     sigemptyset(&ends);
     sigaddset(&ends, SIGINT);
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    const kivsim::Scenario scenario = options.config.empty() ? kivsim::Scenario{kivsim::default_cards()}
-                                                             : kivsim::load_scenario(options.config);
     const kivsim::Simulator simulator(scenario.cards, options.socket, options.trace, options.requests,
                                       options.control);
     options.ready_json ? say_ready_json(simulator, scenario.cards) : say_ready(simulator);

@@ -13,7 +13,8 @@ from collections.abc import Callable, Iterator
 from contextlib import AbstractContextManager
 from typing import Any, NamedTuple, Union
 
-from . import _kiv  # type: ignore[attr-defined]
+# mypy: no-warn-return-any
+from . import _kiv  # type: ignore[attr-defined]  # A test compares what it gives with the types here.
 
 LOG_LEVEL_ERROR, LOG_LEVEL_WARNING, LOG_LEVEL_INFO, LOG_LEVEL_DEBUG, LOG_LEVEL_NONE = range(5)
 EVENT_LINK, EVENT_HWMON, EVENT_PTP = range(3)

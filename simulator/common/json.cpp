@@ -1,32 +1,69 @@
 #include "common/json.h"
 
-#include <array>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <vector>
 
 namespace kivsim {
 
-Json parse_json(const std::string& text) {
-    constexpr int kMostLevels = 64;
-    std::array<int, kMostLevels + 2>
-        entries{};  // Members, or objects and arrays, of what is open at a level.
-    std::array<bool, kMostLevels + 2> is_array{};
-    return Json::parse(text, [&](int level, Json::parse_event_t event, const Json&) {
-        if (level > kMostLevels) throw std::runtime_error("more than 64 levels of JSON");
-        const auto at = static_cast<std::size_t>(level);
-        const bool array = event == Json::parse_event_t::array_start;
-        const bool begins = array || event == Json::parse_event_t::object_start;
-        const bool counts = is_array[at] ? begins : event == Json::parse_event_t::key;
-        if (counts && ++entries[at] > kMostMembers)
+namespace {
+
+/// Goes through a text of which nothing is kept: what is beyond the limits costs no more than being read.
+class Limits {
+  public:
+    bool null() { return true; }
+    bool boolean(bool) { return true; }
+    bool number_integer(Json::number_integer_t) { return true; }
+    bool number_unsigned(Json::number_unsigned_t) { return true; }
+    bool number_float(Json::number_float_t, const std::string&) { return true; }
+    bool string(std::string&) { return true; }
+    bool binary(Json::binary_t&) { return true; }
+    bool start_object(std::size_t) { return begin(false); }
+    bool key(std::string&) { return count(open_.back()); }
+    bool end_object() { return end(); }
+    bool start_array(std::size_t) { return begin(true); }
+    bool end_array() { return end(); }
+
+    /// The parser of the whole says it.
+    bool parse_error(std::size_t, const std::string&, const Json::exception&) { return false; }
+
+  private:
+    static constexpr std::size_t kMostLevels = 64;
+
+    struct Open {
+        bool is_array;
+        int entries = 0;  ///< Members, or objects and arrays.
+    };
+
+    bool begin(bool is_array) {
+        if (open_.size() == kMostLevels) throw std::runtime_error("more than 64 levels of JSON");
+        if (!open_.empty() && open_.back().is_array) count(open_.back());
+        open_.push_back({is_array});
+        return true;
+    }
+
+    static bool count(Open& open) {
+        if (++open.entries > kMostMembers)
             throw std::runtime_error(
                 "more than " + std::to_string(kMostMembers) +
-                (is_array[at] ? " objects in one JSON array" : " members in one JSON object"));
-        if (begins) {
-            entries[at + 1] = 0;
-            is_array[at + 1] = array;
-        }
+                (open.is_array ? " objects in one JSON array" : " members in one JSON object"));
         return true;
-    });
+    }
+
+    bool end() {
+        open_.pop_back();
+        return true;
+    }
+
+    std::vector<Open> open_;
+};
+
+}  // namespace
+
+Json parse_json(const std::string& text) {
+    Limits limits;
+    Json::sax_parse(text, &limits);
+    return Json::parse(text);
 }
 
 std::string text_of(const Json& json, int indent) {

@@ -14,7 +14,7 @@ using Json = nlohmann::ordered_json;
 inline constexpr int kMostMembers = 10'000;
 
 /// Throws std::exception. Refuses also nesting beyond all use, which would cost the stack, and objects and
-/// arrays of so many that looking for each, as the parser does too, would cost minutes.
+/// arrays of so many that to look for each would cost minutes.
 Json parse_json(const std::string& text);
 
 /// In one line, or with an indent; what is no UTF-8 is replaced.

@@ -1,6 +1,6 @@
-"""What kivctl's completion scripts offer in a real bash and a real zsh.
+"""What the completion scripts of kivctl and kivsim offer in a real bash and a real zsh.
 
-usage: completion.py KIVCTL
+usage: completion.py ROOT KIVCTL
 """
 import os
 import pathlib
@@ -29,12 +29,14 @@ CASES = [
     (["kivctl", "flash", "write", "1", "--s"], {"--select"}, {"image.bin", "--save"}),
     (["kivctl", "explain", ""], set(), {"image.bin", "explain"}),
     (["kivctl", "completion", ""], {"bash", "zsh"}, {"image.bin"}),
+    (["kivsim", "--speed", "2", "--s"], {"--scenario", "--socket"}, {"--trace", "image.bin"}),
 ]
 
 
-def in_bash(script, words, folder):
+def in_bash(words, folder):
     """Without the options where none is begun, as zsh does it."""
-    line = f"source {script}; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _kivctl; printf '%s\\n' \"${{COMPREPLY[@]}}\""
+    line = ("source \"./$1\"; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _$1 \"$1\" \"${!#}\"; "
+            "printf '%s\\n' \"${COMPREPLY[@]}\"")
     result = subprocess.run(["bash", "--norc", "-uc", line, "bash", *words], cwd=folder, text=True, timeout=60,
                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     offered = set(result.stdout.split())
@@ -44,7 +46,7 @@ def in_bash(script, words, folder):
 class Zsh:
     """An interactive zsh, in which a person types and asks for the list."""
 
-    def __init__(self, script, folder):
+    def __init__(self, folder):
         self.process, self.terminal = pty.fork()
         if self.process == 0:
             os.chdir(folder)
@@ -79,21 +81,21 @@ class Zsh:
 
 
 def main():
-    kivctl = sys.argv[1]
+    root, kivctl = map(pathlib.Path, sys.argv[1:])
+    os.environ["PATH"] = f"{kivctl.parent}:{os.environ['PATH']}"
     complaints = []
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         (folder / "image.bin").write_text("image")
-        shells = {}
+        shutil.copytree(root / "simulator/completions", folder, dirs_exist_ok=True)
+        shells = [shell for shell in ("bash", "zsh") if shutil.which(shell)]
         for shell, script in (("bash", folder / "kivctl"), ("zsh", folder / "_kivctl")):
-            if shutil.which(shell):
-                script.write_text(subprocess.run([kivctl, "completion", shell], check=True, text=True, timeout=60,
-                                                 stdout=subprocess.PIPE).stdout)
-                shells[shell] = script
-        zsh = Zsh(shells["zsh"], folder) if "zsh" in shells else None
+            script.write_text(subprocess.run([kivctl, "completion", shell], check=True, text=True, timeout=60,
+                                             stdout=subprocess.PIPE).stdout)
+        zsh = Zsh(folder) if "zsh" in shells else None
         for words, wanted, unwanted in CASES:
-            for shell, script in shells.items():
-                offered = in_bash(script, words, folder) if shell == "bash" else zsh.offered(words)
+            for shell in shells:
+                offered = in_bash(words, folder) if shell == "bash" else zsh.offered(words)
                 # On the terminal stands what was typed, too.
                 strange = unwanted & offered - (set(words) if shell == "zsh" else set())
                 if not wanted <= offered or strange:

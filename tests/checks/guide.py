@@ -4,12 +4,13 @@ In a page (README.md, docs/*.md) the fenced blocks are, in their order,
 
     ```console       run line by line ("$ command"); it must print what stands below, but for ports, sockets and times
     ```sh            run as it is; it must end well
-    ```c NAME        a file, as are ```cpp, ```cmake and ```json with a NAME. A program that no line of the page builds is
-                     built here, as the guide's first page builds one
-    ```text          not looked at, nor a block without a NAME where one could stand
+    ```c NAME        a file, as are cpp, cmake, json and python. A program in C or C++ that no line of the page builds is
+                     built here, as the guide's first page builds one; those in Python are tests/python's to run
+    ```text          not looked at
 
-Each page has a folder of its own, in which build/release is this build. A page that shows
-commands and starts no simulator has one, whose control address is 127.0.0.1:9645 in the page.
+There are no others, and none that stand without a fence. Each page has a folder of its own, in which build/release is this
+build. A page that shows commands and starts no simulator has one, whose control address is 127.0.0.1:9645 in the page;
+kivctl serve has another port than the page says.
 
 usage: guide.py ROOT BUILD_DIRECTORY [PAGE...]
 """
@@ -20,6 +21,7 @@ import os
 import pathlib
 import re
 import shlex
+import socket
 import subprocess
 import sys
 import tempfile
@@ -28,13 +30,23 @@ CONFIGURATION = pathlib.Path("/Library/Application Support/Velmora/config/hps_bo
 CONTROL = "127.0.0.1:9645"
 FIRST = ["README.md", "docs/getting-started.md"]  # These work without a configuration; the second makes one.
 CHANGES_THE_MACHINE = re.compile(r"\b(sudo|apt|apt-get|dpkg|brew|systemctl|systemd-run)\b")
+FILES = ("c", "cpp", "cmake", "json", "python")
 BUILD = {"c": "cc -std=c11 -Wall -Wextra -Werror {} $(pkg-config --cflags --libs kiv)",
          "cpp": "c++ -std=c++20 -Wall -Wextra -Werror {} $(pkg-config --cflags --libs kiv-cpp)"}
 
 
 def blocks(text):
     """(language, file name, content) of each fenced block."""
-    return re.findall(r"^```(\w+)(?: *([\w./]+))?\n(.*?)^```", text, re.M | re.S)
+    return re.findall(r"^```(\w*)(?: *([\w./]+))?\n(.*?)^```", text, re.M | re.S)
+
+
+def unfenced(text):
+    return re.findall(r"^\n(?: {4}.*\n)+", re.sub(r"^```.*?^```", "", text, flags=re.M | re.S), re.M)
+
+
+def unused_port():
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        return server.getsockname()[1]
 
 
 def masked(text):
@@ -120,6 +132,10 @@ class Page:
             process.stdin.close()
 
     def complaints(self):
+        for content in unfenced(self.text):
+            yield f"{self.name}: code without a fence:{content}"
+        self.text = self.text.replace("$ kivctl serve &", f"$ kivctl serve --listen 127.0.0.1:{(port := unused_port())} &")
+        self.text = self.text.replace("127.0.0.1:9644", f"127.0.0.1:{port}")
         with self.simulator():
             found = blocks(self.text)
             for i, (language, name, content) in enumerate(found):
@@ -129,8 +145,10 @@ class Page:
                     yield from self.console(content)
                 elif language == "sh":
                     yield from self.commands(content)
-                elif name:
+                elif language in FILES and name:
                     yield from self.file(language, name, content, found[i + 1:])
+                elif language != "text":
+                    yield f"{self.name}: a block of {language or 'no'} language that is not known, or without a name:\n{content}"
 
 
 def all_complaints(root, build, pages, home):

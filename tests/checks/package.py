@@ -1,7 +1,7 @@
 """Programs in C find the installed package without a JSON library; its C++ classes only with the very version that built
-it. A request for another minor version is refused, and one for a later revision.
+it. A request for another minor version is refused, and one for a later revision. Every file for users is installed.
 
-usage: package.py BUILD_DIRECTORY VERSION
+usage: package.py ROOT BUILD_DIRECTORY VERSION
 """
 import os
 import pathlib
@@ -21,6 +21,8 @@ if(NOT TARGET kiv::kiv OR (PARTS AND NOT TARGET kiv::cpp))
   message(FATAL_ERROR "a target is missing")
 endif()
 """
+FOR_USERS = ("man/*", "packaging/*.service", "simulator/completions/*", "simulator/scenarios/*", "tools/kivctl/monitoring/*",
+             "tools/kivctl/schema/*")
 OTHER_VERSION = "set(PACKAGE_VERSION 3.0.0)\nset(PACKAGE_VERSION_COMPATIBLE TRUE)\n"
 OTHER_PC = "Name: nlohmann_json\nDescription: another one\nVersion: 3.0.0\n"
 
@@ -35,10 +37,13 @@ def main():
     complaints = []
     with tempfile.TemporaryDirectory() as folder:
         home = pathlib.Path(folder)
-        installed, output = run(["cmake", "--install", sys.argv[1], "--prefix", str(home / "kiv")])
+        installed, output = run(["cmake", "--install", sys.argv[2], "--prefix", str(home / "kiv")])
         if not installed:
             print(output)
             return 1
+        there = {path.name for path in (home / "kiv").rglob("*")}
+        sources = [path for pattern in FOR_USERS for path in pathlib.Path(sys.argv[1]).glob(pattern)]
+        complaints += [f"{path} is not installed" for path in sources if path.name not in there]
         (home / "other").mkdir()
         (home / "other/nlohmann_jsonConfig.cmake").write_text("")
         (home / "other/nlohmann_jsonConfigVersion.cmake").write_text(OTHER_VERSION)
@@ -51,16 +56,16 @@ def main():
             return ["cmake", "--fresh", "-G", "Ninja", "-S", folder, "-B", f"{folder}/build",
                     f"-DCMAKE_PREFIX_PATH={home}/kiv", f"-DPARTS={parts}", f"-DOTHER={other}", f"-DVERSION={version}"]
 
-        major, minor, revision = map(int, sys.argv[2].split("."))
+        major, minor, revision = map(int, sys.argv[3].split("."))
         minors = [f"{major}.{minor + 1}"] + ([f"{major}.{minor - 1}"] if minor else [])
         refused = [f"{major}.{minor}.{revision + 1}", f"{major + 1}", *(minors if major == 0 else minors[:1])]
         no_version, no_json = "considered but not accepted", "nlohmann_json"
         for command, environment, refusal in (
                 (configure("", home / "other"), {}, None), (configure("cpp", home / "other"), {}, no_json),
                 (configure("cpp"), {}, None),
-                *((configure("", version=version), {}, None) for version in (f"{major}.{minor}", sys.argv[2])),
+                *((configure("", version=version), {}, None) for version in (f"{major}.{minor}", sys.argv[3])),
                 *((configure("", version=version), {}, no_version) for version in refused),
-                (["pkg-config", "--print-errors", "--exists", f"kiv = {sys.argv[2]}"], other_pc, None),
+                (["pkg-config", "--print-errors", "--exists", f"kiv = {sys.argv[3]}"], other_pc, None),
                 (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], other_pc, no_json),
                 (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], pc, None)):
             found, output = run(command, environment)

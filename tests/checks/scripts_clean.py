@@ -10,7 +10,8 @@ import sys
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    shell = [root / ".ci/run", *(f for f in (root / "scripts").iterdir() if f.read_bytes().startswith(b"#!/usr/bin/env bash"))]
+    shell = [root / ".ci/run", *(root / "packaging/debian/python").iterdir(),
+             *(f for f in (root / "scripts").iterdir() if f.read_bytes().startswith(b"#!/usr/bin/env bash"))]
     python = [f for folder in ("docs/site", "python/kiv", "tests/checks", "tests/python") for f in (root / folder).glob("*.py")]
     failed = False
     for linter, files in (("shellcheck", shell), ("pyflakes3", python)):

@@ -1,5 +1,5 @@
 """docs/troubleshooting.md names every result code as the header does, every name of a failure of kivctl, and every message of the
-library's log; and no message that nothing writes.
+library, in its log and on its standard streams; and no message that nothing writes.
 
 usage: troubleshooting.py ROOT
 """
@@ -35,10 +35,11 @@ for name in sorted({one or other for one, other in names} - {""}):
     if f"`{name}`" not in page:
         complaints.append(f"kivctl fails with {name}, which is not in the table of names")
 
-LOGGED = r'(?:log_error|complain|driver_log)\((?:__LINE__|\w+|\s|,)*"((?:[^"\\]|\\.)*)"'
+LOGGED = (r'(?:(?:log_error|complain|driver_log|address_error|puts)\((?:__LINE__|\w+|\s|,)*|std::c(?:err|out) << )'
+          r'"((?:[^"\\]|\\.)*)"')
 for message in re.findall(LOGGED, library):
     if stem(message) and f"`{stem(message)}" not in page.replace("`[{}]", "`"):
-        complaints.append(f"the library logs {message!r}, which is not in the tables of messages")
+        complaints.append(f"the library says {message!r}, which is not in the tables of messages")
 
 by_message = page[page.index("\n## By message"):page.index("\n## What it looks like")]
 for row in re.findall(r"^\| (`.*?) \|", by_message, re.M):

@@ -56,7 +56,7 @@ TEST(Control, RefusesABadValueAndTakesACardOutOfItsSlotAndBack) {
         members += "\"" + std::to_string(i) + "\":0,";
     EXPECT_EQ(patch(members + "\"\":0}}"), refusal("more than 10000 members in one JSON object"));
     std::string numbers = "1";
-    for (int i = 0; i < 200'000; ++i)
+    for (int i = 0; i < 50'000; ++i)
         numbers += ",1";
     EXPECT_EQ(patch("{\"pci_link\": [" + numbers + "]}"), refusal("pci_link: must have 2 numbers"));
     for (const char* const text :

@@ -1,7 +1,7 @@
 #include <IOKit/IOKitLib.h>
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <kivplatform/descriptor.h>
+
+#include <future>
 
 #include <kiv/kivDriverClient.h>
 #include "support/DriverFault.h"
@@ -84,25 +84,17 @@ TEST_F(Faults, OfRequestsSayWhetherTheRequestIsCarriedOut) {
 
 TEST_F(Faults, ThatDelayAnswersOfOneCardHoldUpNoOther) {
     control("POST", "/http_faults", R"({"path": "/hps/hwmon/info", "delay_ms": 600000})");
-    const auto port = static_cast<uint16_t>(std::stoi(simulator->server_addresses()[0].substr(10)));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const std::string request = "GET /api/v1.0/hps/hwmon/info HTTP/1.1\r\nHost: x\r\n\r\n";
-    std::vector<kivplatform::Descriptor> waiting;
-    for (int i = 0; i < 16; ++i) {
-        waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const int fd = waiting.back().get();
-        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        ASSERT_EQ(send(fd, request.data(), request.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(request.size()));
-    }
+    std::vector<std::future<ControlAnswer>> waiting;
+    const std::string server = simulator->server_addresses()[0];
+    for (int i = 0; i < 16; ++i)
+        waiting.push_back(std::async(std::launch::async,
+                                     [&] { return ask_address(server, "GET", "/api/v1.0/hps/hwmon/info"); }));
     EXPECT_TRUE(wait_until([&] { return simulator.requests().size() == 16; })) << "all are under way";
     EXPECT_EQ(ask("GET", "/hps/hwmon/info", "", 1).status, 200) << "another card";
     EXPECT_EQ(ask("GET", "/hps/firmware/status").status, 200) << "the same card";
     control("DELETE", "/http_faults");
     EXPECT_EQ(ask("GET", "/hps/hwmon/info").status, 200);
+    simulator.stop();  // Ends their wait.
 }
 
 }  // namespace

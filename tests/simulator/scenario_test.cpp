@@ -1,4 +1,5 @@
-// The timeline of a scenario: what it refuses when it is read, and what its steps do and undo.
+// Cards files and scenarios: what is refused when they are read, and what the steps of a timeline do and
+// undo.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -15,24 +16,90 @@
 
 namespace {
 
-kivsim::Scenario scenario_of(const std::string& steps, const std::string& more = "") {
+/// What a file of this text says. Complaints must begin with the file's name, and are without it.
+kivsim::Scenario loaded(const std::string& text) {
     const TemporaryDirectory directory;
-    write_file(directory / "s.json",
-               R"({"cards": [{"id": 1}, {"id": 7}], "timeline": [)" + steps + "]" + more + "}");
+    const std::string path = directory / "s.json";
+    write_file(path, text);
     try {
-        return kivsim::load_scenario(directory / "s.json");
+        return kivsim::load_scenario(path);
     } catch (const kivsim::BadConfig& error) {
-        throw kivsim::BadConfig(std::string(error.what()).substr((directory / "s.json: ").size()));
+        const std::string what = error.what();
+        throw kivsim::BadConfig(what.starts_with(path + ": ") ? what.substr(path.size() + 2)
+                                                              : "no file name: " + what);
     }
 }
 
-std::string complaint_about(const std::string& steps, const std::string& more = "") {
+std::string complaint_about(const std::string& text) {
     try {
-        scenario_of(steps, more);
+        loaded(text);
     } catch (const kivsim::BadConfig& error) {
         return error.what();
     }
     return "";
+}
+
+std::string with_cards(const std::string& steps, const std::string& more = "") {
+    return R"({"cards": [{"id": 1}, {"id": 7}], "timeline": [)" + steps + "]" + more + "}";
+}
+
+TEST(CardsFile, ThatIsWrongNamesTheKey) {
+    const std::string number = R"(must be a number, 0 or greater, or a text such as "0x1F")";
+    const std::string address = R"(must be an IPv4 address such as "10.0.0.1")";
+    const std::pair<const char*, std::string> files[] = {
+        {"[]", "the top level must be an object"},
+        {"{}", "cards: missing"},
+        {R"({"cards": [], "card": []})", "card: unknown key"},
+        {R"({"cards": [{}]})", "cards[0].id: missing"},
+        {R"({"cards": [{"id": -1}]})", "cards[0].id: " + number},
+        {R"({"cards": [{"id": 1}, {"id": "0x01"}]})", "cards[1].id: is another card's"},
+    };
+    for (const auto& [text, expected] : files)
+        EXPECT_EQ(complaint_about(text), expected) << text;
+
+    const std::pair<const char*, std::string> cards[] = {
+        {R"("name": "x")", "name: unknown key"},
+        {R"("bus": "0x")", "bus: " + number},
+        {R"("identity": {"value": "18446744073709551616"})", "identity.value: " + number},
+        {R"("identity": {"text": "12345678901234567890123456789012345678901234567890123456789012345"})",
+         "identity.text: must have at most 64 characters"},
+        {R"("functions": [{"number": 0}])", "functions[0].connection_type: missing"},
+        {R"("functions": [{"number": 0, "connection_type": 22, "pci_link": [1]}])",
+         "functions[0].pci_link: must have 2 numbers"},
+        {R"("registers": {"6": {}})", R"(registers.6: BARs are "0" to "5")"},
+        {R"("addresses": ["10.0.0.1"])", "addresses: must have two entries, one for each media port"},
+        {R"("addresses": ["10.0.0.1", "10.0.0"])", "addresses[1]: " + address},
+        {R"("tunnel": {"address": "10.0.0.1"})",
+         "tunnel.address: must be a loopback address (127.x.x.x) unless the server is external"},
+        {R"("server": "internal")", R"(server: can only be "external")"},
+        {R"("server": "external", "tunnel": {"address": "127.0.0.1"})",
+         "server: needs \"tunnel\" with the address and the port of that server"},
+        {R"("server": "external", "tunnel": {"port": 80})",
+         "server: needs \"tunnel\" with the address and the port of that server"},
+        {R"("driver_faults": [{"selector": 4, "status": 4294967296}])",
+         "driver_faults[0].status: must be at most 4294967295"},
+    };
+    for (const auto& [members, expected] : cards)
+        EXPECT_EQ(complaint_about(R"({"cards": [{"id": 1, )" + std::string(members) + "}]}"),
+                  "cards[0]." + expected)
+            << members;
+
+    EXPECT_TRUE(complaint_about("{\"cards\":\n  [,]}").starts_with("parse error at line 2, column 4: "));
+}
+
+TEST(CardsFile, TakesItsRegistersInPlaceOfTheBelievableOnesAndMakesTheInterfaces) {
+    const std::vector<kivsim::CardSettings> cards = loaded(R"({"cards": [{
+        "id": "0xFE", "registers": {"5": {"0xFFFFF8": 1}}, "addresses": ["10.0.0.1", "255.255.255.255"],
+        "tunnel": {"address": "10.1.2.3", "port": 65535}, "server": "external"
+    }, {"id": 0}]})")
+                                                        .cards;
+    ASSERT_EQ(cards.size(), 2u);
+    EXPECT_EQ(cards[0].registers.size(), 1u);
+    EXPECT_EQ(
+        std::tuple(cards[0].id, cards[0].tunnel_address, cards[0].tunnel_port, cards[0].external_server),
+        std::tuple(254, 0x0A010203u, 65535, true));
+    EXPECT_EQ(cards[0].interfaces.at(1).ip_addr, "255.255.255.255");
+    EXPECT_EQ(cards[1].interfaces.at(2).ip_addr, "127.0.0.1");
 }
 
 TEST(Scenario, ThatIsWrongSaysWhereBeforeItRuns) {
@@ -88,17 +155,18 @@ TEST(Scenario, ThatIsWrongSaysWhereBeforeItRuns) {
     };
     // clang-format on
     for (const auto& row : rows)
-        EXPECT_EQ(complaint_about(row.step, row.more), row.complaint) << row.step;
+        EXPECT_EQ(complaint_about(with_cards(row.step, row.more)), row.complaint) << row.step;
     std::string many = "{}";
-    for (int i = 0; i < 10'000; ++i)
+    for (int i = 1; i < 10'000; ++i)
         many += ",{}";
-    EXPECT_EQ(complaint_about(many), "more than 10000 objects in one JSON array");
+    EXPECT_TRUE(complaint_about(with_cards(many)).starts_with("timeline[0]: "));
+    EXPECT_EQ(complaint_about(with_cards(many + ",{}")), "more than 10000 objects in one JSON array");
 }
 
 /// Cards that nobody serves, with a timeline that a test moves.
 struct Course {
     explicit Course(const std::string& steps, const std::string& more = "")
-        : scenario(scenario_of(steps, more)),
+        : scenario(loaded(with_cards(steps, more))),
           card(std::make_shared<kivsim::VirtualCard>(scenario.cards[0])),
           timeline(scenario, {card, std::make_shared<kivsim::VirtualCard>(scenario.cards[1])},
                    [this](const std::string& line) { lines.push_back(line); }) {}

@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <regex>
 
 #include <kiv/kivDriverClient.h>
+#include "scenario/actions.h"
+#include "settings/members.h"
 #include "support/Json.h"
 #include "support/RunningSimulator.h"
 #include "support/Waiting.h"
@@ -67,6 +70,19 @@ TEST(CardSettings, AreReadBackAndMakeTheSameCardsAgain) {
     write_file(directory / "cards.json", before);
     const RunningSimulator again(kivsim::load_scenario(directory / "cards.json").cards);
     EXPECT_EQ(settings_of(again), before);
+}
+
+TEST(CardSettings, AndTheStepsOfAScenarioAreInTheManuals) {
+    const std::vector<const char*> actions = kivsim::action_keys();
+    std::vector<std::string> keys(actions.begin(), actions.end());
+    const Json card = json_of(kivsim::believable_card(1));
+    for (const auto& member : card.items())
+        keys.push_back(member.key());
+    for (const std::string page : {"man/kivsim-cards.5", "docs/simulator.md"}) {
+        const std::string manual = read_file(KIV_ROOT + page);
+        for (const std::string& key : keys)
+            EXPECT_TRUE(std::regex_search(manual, std::regex("\\b" + key + "\\b"))) << page << ": " << key;
+    }
 }
 
 /// What a card shows to programs that talk to its driver and its management server.
