@@ -8,8 +8,8 @@ In a page (README.md, docs/*.md) the fenced blocks are, in their order,
                      built here, as the guide's first page builds one
     ```text          not looked at, nor a block without a NAME where one could stand
 
-Each page has a folder of its own, in which build/release is this build. A page that shows
-commands and starts no simulator has one, whose control address is 127.0.0.1:9645 in the page.
+Each page has a folder of its own, in which build/release is this build. A simulator that a page starts runs until its end. A
+page that shows commands and starts none has one, whose control address is 127.0.0.1:9645 in the page.
 
 usage: guide.py ROOT BUILD_DIRECTORY [PAGE...]
 """
@@ -20,6 +20,7 @@ import os
 import pathlib
 import re
 import shlex
+import signal
 import subprocess
 import sys
 import tempfile
@@ -28,6 +29,7 @@ CONFIGURATION = pathlib.Path("/Library/Application Support/Velmora/config/hps_bo
 CONTROL = "127.0.0.1:9645"
 FIRST = ["README.md", "docs/getting-started.md"]  # These work without a configuration; the second makes one.
 CHANGES_THE_MACHINE = re.compile(r"\b(sudo|apt|apt-get|dpkg|brew|systemctl|systemd-run)\b")
+SIMULATOR = "kivsim >simulator 2>&1 & echo $! >simulator.pid; until [ -s simulator ]; do sleep 0.05; done; cat simulator"
 BUILD = {"c": "cc -std=c11 -Wall -Wextra -Werror {} $(pkg-config --cflags --libs kiv)",
          "cpp": "c++ -std=c++20 -Wall -Wextra -Werror {} $(pkg-config --cflags --libs kiv-cpp)"}
 
@@ -86,8 +88,8 @@ class Page:
     def console(self, content):
         commands = re.findall(r"^\$ (.*)$", content, re.M)
         script = "set +e\n" + "".join(
-            f"printf '%s\\n' {shlex.quote('$ ' + command)}\n{command}\n" + ("sleep 1\n" if command.endswith("&") else "")
-            for command in commands) + "kill %1 2>/dev/null; wait\n"
+            f"printf '%s\\n' {shlex.quote('$ ' + command)}\n{SIMULATOR if command == 'kivsim &' else command}\n"
+            for command in commands)
         actual = self.run(script)[1]
         if masked(actual) != masked(content):
             yield f"{self.name} shows\n{content}\nand the commands print\n{actual}"
@@ -109,8 +111,14 @@ class Page:
 
     @contextlib.contextmanager
     def simulator(self):
-        if "```console" not in self.text or "$ kivsim &" in self.text:
+        if "```console" not in self.text:
             yield
+            return
+        if "$ kivsim &" in self.text:
+            try:
+                yield
+            finally:
+                os.kill(int((self.folder / "simulator.pid").read_text()), signal.SIGTERM)
             return
         with subprocess.Popen(["kivsim", "--ready-json", "--with-stdin"], env=self.environment, cwd=self.folder,
                               stdin=subprocess.PIPE, stdout=subprocess.PIPE) as process:
