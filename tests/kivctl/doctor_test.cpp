@@ -42,12 +42,11 @@ class Doctor : public KivctlConfigured {
             const bool well = check["result"] == "OK" || check["result"] == "SKIP";
             if (!well) ++not_well;
             EXPECT_EQ(check["remedy"].is_string(), !well) << check;
-            if (check["check"] == wanted.check) found = check;
+            if (check["check"] == wanted.check && check["card"] == card) found = check;
         }
         EXPECT_EQ(not_well, wanted.not_well) << report;
         ASSERT_FALSE(found.is_null()) << report;
         EXPECT_EQ(found["result"], wanted.result) << found;
-        EXPECT_EQ(found["card"], card);
         EXPECT_NE(found["message"].get<std::string>().find(wanted.phrase), std::string::npos) << found;
     }
 
@@ -126,6 +125,7 @@ TEST_F(Doctor, LooksAtHealthyCardsBesideOneThatHangs) {
 
 TEST_F(Doctor, NamesTheFaultOfTheMachine) {
     const RunningSimulator simulator(cards(""));
+    finds({"connection", "SKIP", "the driver does not list it", 0, 0}, 2);
     configuration_.write("{\n\"version\": 1,\n}");
     finds({"configuration", "FAIL", "hps_boot.json: line 3: column 1: syntax error", 1}, nullptr);
     configuration_.write(R"({"version": 1, "ptp": {"announceReceiptTimeout": 3, "domainNumber": 127,
