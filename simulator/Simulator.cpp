@@ -28,18 +28,17 @@ void raise_descriptor_limit() {
 /// socket.
 std::string usual_socket() {
     char path[KIVPLATFORM_SOCKET_PATH_SIZE];
-    bool usable = kivplatform_driver_socket(path);
     const char* const chosen = getenv("KIVSIM_SOCKET");
-    if (usable && (chosen == nullptr || *chosen == '\0')) {
+    const bool named = chosen != nullptr && *chosen != '\0';
+    bool usable = kivplatform_driver_socket(path);
+    if (usable && !named) {
         mkdir(std::filesystem::path(path).parent_path().c_str(), 0700);
         usable = kivplatform_driver_socket(path);  // Somebody else may have made it in between.
     }
-    if (!usable) {
-        throw std::runtime_error(
-            "the socket that programs look at cannot be used: KIVSIM_SOCKET is too long, or the directory "
-            "/tmp/kivsim-" +
-            std::to_string(getuid()) + " is not this user's own with mode 0700");
-    }
+    if (!usable && named) throw std::runtime_error("the path in KIVSIM_SOCKET is too long");
+    if (!usable)
+        throw std::runtime_error("/tmp/kivsim-" + std::to_string(getuid()) +
+                                 " is not this user's own directory with mode 0700: remove it");
     return path;
 }
 

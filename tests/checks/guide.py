@@ -9,8 +9,8 @@ In a page (README.md, docs/*.md) the fenced blocks are, in their order,
     ```text          not looked at
 
 There are no others, and none that stand without a fence. Each page has a folder of its own, in which build/release is this
-build. A page that shows commands and starts no simulator has one, whose control address is 127.0.0.1:9645 in the page;
-kivctl serve has another port than the page says.
+build. A simulator that a page starts runs until its end. A page that shows commands and starts none has one, whose control
+address is 127.0.0.1:9645 in the page; kivctl serve has another port than the page says.
 
 usage: guide.py ROOT BUILD_DIRECTORY [PAGE...]
 """
@@ -21,6 +21,7 @@ import os
 import pathlib
 import re
 import shlex
+import signal
 import socket
 import subprocess
 import sys
@@ -31,6 +32,7 @@ CONTROL = "127.0.0.1:9645"
 FIRST = ["README.md", "docs/getting-started.md"]  # These work without a configuration; the second makes one.
 CHANGES_THE_MACHINE = re.compile(r"\b(sudo|apt|apt-get|dpkg|brew|systemctl|systemd-run)\b")
 FILES = ("c", "cpp", "cmake", "json", "python")
+SIMULATOR = "kivsim >simulator 2>&1 & echo $! >simulator.pid; until [ -s simulator ]; do sleep 0.05; done; cat simulator"
 BUILD = {"c": "cc -std=c11 -Wall -Wextra -Werror {} $(pkg-config --cflags --libs kiv)",
          "cpp": "c++ -std=c++20 -Wall -Wextra -Werror {} $(pkg-config --cflags --libs kiv-cpp)"}
 
@@ -98,8 +100,8 @@ class Page:
     def console(self, content):
         commands = re.findall(r"^\$ (.*)$", content, re.M)
         script = "set +e\n" + "".join(
-            f"printf '%s\\n' {shlex.quote('$ ' + command)}\n{command}\n" + ("sleep 1\n" if command.endswith("&") else "")
-            for command in commands) + "kill %1 2>/dev/null; wait\n"
+            f"printf '%s\\n' {shlex.quote('$ ' + command)}\n{SIMULATOR if command == 'kivsim &' else command}\n"
+            for command in commands)
         actual = self.run(script)[1]
         if masked(actual) != masked(content):
             yield f"{self.name} shows\n{content}\nand the commands print\n{actual}"
@@ -121,8 +123,14 @@ class Page:
 
     @contextlib.contextmanager
     def simulator(self):
-        if "```console" not in self.text or "$ kivsim &" in self.text:
+        if "```console" not in self.text:
             yield
+            return
+        if "$ kivsim &" in self.text:
+            try:
+                yield
+            finally:
+                os.kill(int((self.folder / "simulator.pid").read_text()), signal.SIGTERM)
             return
         with subprocess.Popen(["kivsim", "--ready-json", "--with-stdin"], env=self.environment, cwd=self.folder,
                               stdin=subprocess.PIPE, stdout=subprocess.PIPE) as process:

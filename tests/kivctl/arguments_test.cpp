@@ -40,6 +40,7 @@ TEST_F(KivctlCard, TakesWholeNumbersInRangeAndNothingElse) {
         {{"explain", ""}, "the code is empty"},
         {{}, "a command is missing"},
         {{"scna"}, "did you mean \"kivctl scan\"?"},
+        {{"stat"}, "did you mean \"kivctl status\"?"},
         {{"ptp", "sett", "1"}, "did you mean \"kivctl ptp set\"?"},
         {{"config", "chek"}, "did you mean \"kivctl config check\"?"},
         {{"config"}, "a word is missing"},

@@ -52,7 +52,7 @@ TEST_F(KivctlConfigured, ConfigCheckNamesKeyAndLine) {
         EXPECT_EQ(run({"config", "show"}).status, status == 1 ? 1 : 0) << text;
     }
     configuration_.write("[]");
-    EXPECT_EQ(expect({"config", "check"}, 1).out, "must be an object\n") << "it is on no line";
+    expect({"config", "check"}, 1, "hps_boot.json: must be an object\n");
     configuration_.write(with("\"maceth0\": {", "\"\\u001b[2J\": [], \"maceth7\": {"));
     EXPECT_EQ(run({"config", "show"}).err.find('\x1b'), std::string::npos) << "a terminal obeys no key";
     configuration_.write(with("\"ttl\": 64,", "\"ttl\": \"64\","));

@@ -42,7 +42,9 @@ Failure unknown_word(const char* group, const std::string& word) {
     std::size_t least = kFar;
     for (const Command& command : commands()) {
         if (!same_group(command.group, group)) continue;
-        const std::size_t far = distance(word, command.name);
+        // A beginning is as near as one wrong letter.
+        const bool begun = word.size() > 1 && std::string_view(command.name).starts_with(word);
+        const std::size_t far = begun ? 1 : distance(word, command.name);
         if (far < least) {
             least = far;
             nearest = &command;

@@ -25,7 +25,7 @@ Exit config_check(const Request& request, Output& output) {
         output.print_json(json);
     } else {
         for (const Finding& finding : findings)
-            output.print(finding.text() + (finding.fatal ? "\n" : " (warning)\n"));
+            output.print(path + ": " + finding.text() + (finding.fatal ? "\n" : " (warning)\n"));
         if (findings.empty()) output.print(path + ": good\n");
     }
     return bad ? kFailed : findings.empty() ? kDone : kAttention;

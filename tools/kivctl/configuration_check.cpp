@@ -79,6 +79,8 @@ class Lines : public nlohmann::json_sax<Json> {
     bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) override {
         error_line_ = line_;
         error_ = error.what();
+        const std::size_t column = error_.find("column ");
+        if (column != std::string::npos) error_.erase(0, column);  // Before it the line stands again.
         return false;
     }
 

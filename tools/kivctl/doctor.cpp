@@ -109,6 +109,10 @@ std::vector<Check> examine(std::optional<uint8_t> only, milliseconds limit) {
     }
     for (Part& part : parts)
         part.collect(checks, end, limit);
+    if (only) return checks;
+    for (const uint8_t id : missing_cards(machine))
+        checks.push_back(
+            {"connection", id, {Result::Skip, "the configuration has it, the driver does not list it"}});
     return checks;
 }
 

@@ -38,6 +38,9 @@ struct Machine {
 /// Ids of the cards among the functions, each once, in ascending order.
 std::vector<uint8_t> cards_of(const kivDriverClientList& functions);
 
+/// Ids in the configuration that no function has, while the driver has others, in ascending order.
+std::vector<uint8_t> missing_cards(const Machine& machine);
+
 /// In their order. They fill `machine`, which lasts for ever; `only`: the card that is asked for.
 std::vector<Step> machine_checks(Machine& machine, std::optional<uint8_t> only);
 

@@ -7,6 +7,7 @@
 #include "configuration.h"
 #include "doctor.h"
 #include "driver_process.h"
+#include "server.h"
 
 namespace kivctl {
 
@@ -53,6 +54,19 @@ std::vector<uint8_t> cards_of(const kivDriverClientList& functions) {
     for (const auto& function : functions)
         ids.insert(function->device_conf.device_index);
     return {ids.begin(), ids.end()};
+}
+
+std::vector<uint8_t> missing_cards(const Machine& machine) {
+    const std::vector<uint8_t> there = cards_of(machine.functions);
+    std::set<uint8_t> missing;
+    if (!machine.configuration || there.empty()) return {};
+    for (const Json& entry : (*machine.configuration)["devices"]) {
+        const int32_t id = whole_number(entry["device_id"]).value_or(-1);
+        if (id >= 0 && id <= UINT8_MAX) missing.insert(static_cast<uint8_t>(id));
+    }
+    for (const uint8_t id : there)
+        missing.erase(id);
+    return {missing.begin(), missing.end()};
 }
 
 std::vector<Step> machine_checks(Machine& machine, std::optional<uint8_t> only) {

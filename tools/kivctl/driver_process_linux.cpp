@@ -59,8 +59,8 @@ DriverProcess look_for_driver() {
     const std::string problem = problem_at(path);
     if (problem.empty()) return {true, path, "", ""};
     return {false, path, problem,
-            "start kivsim, or set KIVSIM_SOCKET to the socket of the one that runs; \"kivctl --sim COMMAND\" "
-            "starts one for a single command"};
+            "start kivsim as this user, or set KIVSIM_SOCKET to the socket of the one that runs; "
+            "\"kivctl --sim COMMAND\" starts one for a single command"};
 }
 
 }  // namespace kivctl

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <iterator>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -26,7 +27,8 @@ namespace kivctl {
 namespace {
 
 constexpr int kLimit = 2;  ///< Seconds for each of connection and answer.
-constexpr const char* kRemedy = "see whether the card's processor has started, and the tunnel address";
+constexpr const char* kRemedy =
+    "see whether the card's processor has started; \"kivctl driver\" shows the tunnel address";
 
 /// Why no connection can be made; 0 when one can.
 int connection_error(uint32_t host, uint32_t port) {
@@ -70,8 +72,33 @@ Timed ask_server(const std::string& url, const std::string& path, int seconds = 
             std::chrono::steady_clock::now() - start < std::chrono::seconds(seconds) - kEarly};
 }
 
+std::string variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value ? value : "";
+}
+
+/// The variable of the environment that sends requests to a card through a proxy; null when there is none.
+const char* proxy_variable(const std::string& url) {
+    constexpr size_t kHost = 7;  // Behind "http://".
+    const std::string host = url.substr(kHost, url.find(':', kHost) - kHost);
+    for (const char* name : {"no_proxy", "NO_PROXY"})
+        if (variable(name) == "*" || variable(name).find(host) != std::string::npos) return nullptr;
+    for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"})
+        if (!variable(name).empty()) return name;
+    return nullptr;
+}
+
+/// What went wrong though a connection can be made. That goes straight to the card; libcurl sends the
+/// requests to the environment's proxy.
+Failure server_failure(const char* name, const std::string& url, const std::string& what) {
+    if (const char* proxy = proxy_variable(url))
+        return {Layer::Server, name, fmt::format("{}: {} (through the proxy in {})", url, what, proxy),
+                "set no_proxy to the card's address"};
+    return {Layer::Server, name, url + ": " + what, kRemedy};
+}
+
 Failure bad_answer(const std::string& url, const std::string& what) {
-    return {Layer::Server, "SERVER_ANSWER", url + ": " + what, kRemedy};
+    return server_failure("SERVER_ANSWER", url, what);
 }
 
 std::optional<Failure> problem_of(const Timed& answer, const std::string& url) {
@@ -79,9 +106,8 @@ std::optional<Failure> problem_of(const Timed& answer, const std::string& url) {
     if (answer.result.status != 0)
         return bad_answer(url, fmt::format("answered with HTTP status {}", answer.result.status));
     if (answer.in_time) return bad_answer(url, "hung up before the end of its answer");
-    return Failure(Layer::Server, "SERVER_TIMEOUT",
-                   fmt::format("{}: took the connection, but gave no whole answer within {} s", url, kLimit),
-                   kRemedy);
+    return server_failure("SERVER_TIMEOUT", url,
+                          fmt::format("took the connection, but gave no whole answer within {} s", kLimit));
 }
 
 }  // namespace
