@@ -29,11 +29,17 @@ POSIXLY_CORRECT=1 exec {real} "$@"
 """
 # What they do beside noting that they are called.
 STAND_INS = {
-    "brew": 'case $1 in "$BREW_FAILS") echo brew fails >&2; exit 1 ;; --prefix) echo /opt/homebrew ;; list) cat "$MAC/installed" ;; esac',
+    "brew": """case "$1 $2" in
+    "$BREW_FAILS "*) echo brew fails >&2; exit 1 ;;
+    "--prefix "*) echo "/opt/homebrew${2:+/opt/$2}" ;;
+    "list --formula") cat "$MAC/installed" ;;
+    "list --versions") grep -x -e "$3" "$MAC/installed" ;;
+    esac""",
     "cmake": 'case $1 in --build) ;; *) note "prefix $CMAKE_PREFIX_PATH" ;; esac',
     "ctest": "",
     "doxygen": 'mkdir "$MAC/manual/html" && sed -n -e "s/^PROJECT_NUMBER=//p" -e "s/^INPUT=.*kiv_api.h.*/with headers/p" >>"$MAC/notes"',
     "uname": "echo Darwin",
+    **dict.fromkeys(("ninja", "pkg-config", "xcode-select", "build/macos/bin/kivctl", "build/macos/lib/libkiv.dylib"), ""),
     "build/mac-release/bin/kivsim": 'note "pid $$"; echo 2 cards; exec sleep 10 2>/dev/null',
     "build/mac-release/bin/kivctl": 'echo "asked to $*"',
     **dict.fromkeys((f"build/benchmarks/bin/{name}_benchmark" for name in ("http_client", "json_reply", "driver_call")), ""),
@@ -95,6 +101,8 @@ def complaints_of(mac):
         ("demo", {}, 0, ".*\n2 cards\n.*asked to scan\n.*asked to info 1\n.*asked to info 2\n", f".*cmake --preset mac-release\n{built}.*"),
         ("benchmark", {}, 0, "\n\n", ".*\nhttp_client_benchmark\njson_reply_benchmark\ndriver_call_benchmark\n"),
         (f"manual {mac.folder}/manual", {}, 0, "the manual is .*", "doxygen -\n\\d+\\.\\d+\\.\\d+\nwith headers"),
+        ("build-macos", {}, 0, ".*== Done\n.*", ".*\ncmake -B build/macos .*LibArchive_ROOT=/opt/homebrew/opt/libarchive\n.*kivctl --help\n"),
+        ("build-macos", {"lacks": ("fmt",)}, 1, "Missing: fmt\n.*", ".*"),
         *((name, {}, 0, "skipped: .*Debian.*", "") for name in ("lint", "test-packages", "test-packages-inside")),
     ]
     for command, state, *expected in rows:
