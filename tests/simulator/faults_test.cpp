@@ -1,7 +1,7 @@
 #include <IOKit/IOKitLib.h>
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <kivplatform/descriptor.h>
+#include <kivos/sockets.h>
 
 #include <kiv/kivDriverClient.h>
 #include "support/DriverFault.h"
@@ -90,12 +90,12 @@ TEST_F(Faults, ThatDelayAnswersOfOneCardHoldUpNoOther) {
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const std::string request = "GET /api/v1.0/hps/hwmon/info HTTP/1.1\r\nHost: x\r\n\r\n";
-    std::vector<kivplatform::Descriptor> waiting;
+    std::vector<kivos::Descriptor> waiting;
     for (int i = 0; i < 16; ++i) {
-        waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        waiting.push_back(kivos::stream_socket(AF_INET));
         const int fd = waiting.back().get();
         ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        ASSERT_EQ(send(fd, request.data(), request.size(), MSG_NOSIGNAL),
+        ASSERT_EQ(send(fd, request.data(), request.size(), kivos::kNoSignal),
                   static_cast<ssize_t>(request.size()));
     }
     EXPECT_TRUE(wait_until([&] { return simulator.requests().size() == 16; })) << "all are under way";
