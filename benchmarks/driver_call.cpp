@@ -5,6 +5,7 @@
 #include <IOKit/IOKitLib.h>
 #include <dlfcn.h>
 #include <kiv/kivDriverService.h>
+#include <kivos/sockets.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include "Simulator.h"
@@ -117,18 +118,16 @@ Variant layers(kiv::access::IDeviceAccess& access) {
 class Echo {
   public:
     Echo() {
-        require(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets_) == 0, "no sockets");
+        require(kivos::socket_pair(near_, far_), "no sockets");
         thread_ = std::thread([this] {
             char bytes[56] = {};
-            while (recv(sockets_[1], bytes, sizeof bytes, 0) > 0)
-                send(sockets_[1], bytes, 40, MSG_NOSIGNAL);
+            while (recv(far_.get(), bytes, sizeof bytes, 0) > 0)
+                send(far_.get(), bytes, 40, kivos::kNoSignal);
         });
     }
     ~Echo() {
-        shutdown(sockets_[0], SHUT_RDWR);
+        shutdown(near_.get(), SHUT_RDWR);
         thread_.join();
-        close(sockets_[0]);
-        close(sockets_[1]);
     }
     Echo(const Echo&) = delete;
     Echo& operator=(const Echo&) = delete;
@@ -137,14 +136,15 @@ class Echo {
         return {"socket round trip", [this](int reads) {
                     char bytes[56] = {};
                     for (int i = 0; i < reads; ++i)
-                        require(send(sockets_[0], bytes, sizeof bytes, MSG_NOSIGNAL) == sizeof bytes &&
-                                    recv(sockets_[0], bytes, sizeof bytes, 0) == 40,
+                        require(send(near_.get(), bytes, sizeof bytes, kivos::kNoSignal) == sizeof bytes &&
+                                    recv(near_.get(), bytes, sizeof bytes, 0) == 40,
                                 "no echo");
                 }};
     }
 
   private:
-    int sockets_[2];
+    kivos::Descriptor near_;
+    kivos::Descriptor far_;
     std::thread thread_;
 };
 

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <kiv/kivClient.h>
+#include <kivos/sockets.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
@@ -113,7 +114,7 @@ class Server {
     }
 
     static bool send_text(int socket, std::string_view text) {
-        return send(socket, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+        return send(socket, text.data(), text.size(), kivos::kNoSignal) == static_cast<ssize_t>(text.size());
     }
 
     const std::string json_ =

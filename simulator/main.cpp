@@ -1,9 +1,10 @@
 // kivsim: the driver process and the management servers of virtual cards.
+#include <kivplatform/waker.h>
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -81,9 +82,28 @@ void say_ready_json(const kivsim::Simulator& simulator, const std::vector<kivsim
     std::printf("%s\n", kivsim::text_of(ready).c_str());
 }
 
-/// Waits for one of the blocked signals, or for the end of the standard input.
-void wait_for_end(const sigset_t& signals, bool with_stdin) {
-    pollfd entries[] = {{signalfd(-1, &signals, SFD_CLOEXEC), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+/// Woken by a signal. Lives until the process ends: a second signal may come at any time.
+const kivplatform::Waker& end_of_process() {
+    static const auto* const waker = new kivplatform::Waker;
+    return *waker;
+}
+
+void end_on_signals() {
+    end_of_process();
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        const int error = errno;
+        end_of_process().wake();
+        errno = error;
+    };
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+/// Waits for a signal, or for the end of the standard input.
+void wait_for_end(bool with_stdin) {
+    pollfd entries[] = {{end_of_process().descriptor(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
     for (;;) {
         if (poll(entries, with_stdin ? 2 : 1, -1) < 0) continue;
         if (entries[0].revents != 0) return;
@@ -95,13 +115,7 @@ void wait_for_end(const sigset_t& signals, bool with_stdin) {
 void run(const Options& options) {
     const kivsim::Scenario scenario = options.config.empty() ? kivsim::Scenario{kivsim::default_cards()}
                                                              : kivsim::load_scenario(options.config);
-    // Blocked before any thread starts, so that only the wait below sees them. Reading takes its time, or
-    // waits for a pipe: a signal ends it.
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    end_on_signals();  // Not before: reading takes its time, or waits for a pipe, and a signal ends it.
     const kivsim::Simulator simulator(scenario.cards, options.socket, options.trace, options.requests,
                                       options.control);
     options.ready_json ? say_ready_json(simulator, scenario.cards) : say_ready(simulator);
@@ -109,7 +123,7 @@ void run(const Options& options) {
     const auto say = [](const std::string& line) { std::fprintf(stderr, "kivsim: %s\n", line.c_str()); };
     kivsim::Timeline timeline(scenario, simulator.cards(), say);
     const kivsim::TimelineThread running(timeline, options.speed > 0 ? options.speed : scenario.speed, say);
-    wait_for_end(ends, options.with_stdin);
+    wait_for_end(options.with_stdin);
 }
 
 }  // namespace

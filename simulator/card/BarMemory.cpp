@@ -1,6 +1,7 @@
 #include "card/BarMemory.h"
 
-#include <array>
+#include <kivos/shared_memory.h>
+
 #include <span>
 
 namespace kivsim {
@@ -24,13 +25,13 @@ void append_registers(uint32_t bar, uint64_t offset, std::span<const uint64_t> w
 
 std::vector<RegisterSettings> BarMemory::registers() const {
     std::vector<RegisterSettings> found;
-    std::array<uint64_t, SharedMemory::kPageSize / sizeof(uint64_t)> page;
+    std::vector<uint64_t> page(kivos::page_size() / sizeof(uint64_t));
     for (uint32_t bar = 0; bar < kBars; ++bar) {
         if (!memories_[bar] || !*memories_[bar]) continue;
         const SharedMemory& memory = *memories_[bar];
         for (uint64_t offset = memory.next_written(0); offset < kBarSize;
-             offset = memory.next_written(offset + SharedMemory::kPageSize)) {
-            memory.read(offset, page.data(), SharedMemory::kPageSize);
+             offset = memory.next_written(offset + kivos::page_size())) {
+            memory.read(offset, page.data(), kivos::page_size());
             append_registers(bar, offset, page, found);
         }
     }

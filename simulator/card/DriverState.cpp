@@ -1,6 +1,7 @@
 #include "card/DriverState.h"
 
 #include <IOKit/IOReturn.h>
+#include <kivos/shared_memory.h>
 
 #include <algorithm>
 #include <utility>
@@ -16,12 +17,12 @@ constexpr uint64_t kGreatestBlock = uint64_t{1} << 36;
 
 int32_t DriverState::allocate(uint32_t id, uint32_t elm_size, uint32_t depth, uint64_t owner) {
     if (elm_size == 0) return kIOReturnBadArgument;
-    MemoryBlock fresh{id, elm_size, depth, owner, next_bus_address, SharedMemory(0)};
+    MemoryBlock fresh{id, elm_size, depth, owner, next_bus_address, {}};
     if (depth > kGreatestBlock / fresh.element_size()) return kIOReturnNoMemory;
     const uint64_t size = fresh.element_size() * depth;
     fresh.memory = SharedMemory(size);
     if (!fresh.memory) return kIOReturnNoMemory;
-    next_bus_address += std::max(size, SharedMemory::kPageSize);
+    next_bus_address += std::max(size, kivos::page_size());
     blocks.push_back(std::move(fresh));
     return kIOReturnSuccess;
 }

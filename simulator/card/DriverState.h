@@ -4,6 +4,8 @@
 
 #include "driver/wire.h"
 
+#include <kivos/shared_memory.h>
+
 #include <array>
 #include <chrono>
 #include <cstdint>
@@ -30,7 +32,8 @@ struct MemoryBlock {
 
     /// Elements begin on pages.
     uint64_t element_size() const {
-        return (elm_size + SharedMemory::kPageSize - 1) / SharedMemory::kPageSize * SharedMemory::kPageSize;
+        const uint64_t page = kivos::page_size();
+        return (elm_size + page - 1) / page * page;
     }
 };
 

@@ -1,6 +1,7 @@
 #include "common/LocalSocket.h"
 
 #include <fcntl.h>
+#include <kivos/sockets.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -29,7 +30,7 @@ void make_way(const std::string& path, const sockaddr_un& address) {
     struct stat found {};
     if (lstat(path.c_str(), &found) != 0) return;
     if (!S_ISSOCK(found.st_mode)) throw std::runtime_error(path + ": exists and is not a socket");
-    const Descriptor probe = checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0), "socket");
+    const Descriptor probe = checked(kivos::stream_socket(AF_UNIX), "socket");
     if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         throw std::runtime_error(path + ": another simulator serves this socket");
     }
@@ -39,8 +40,7 @@ void make_way(const std::string& path, const sockaddr_un& address) {
 
 }  // namespace
 
-Descriptor checked(int fd, const std::string& what) {
-    Descriptor owner = kivplatform::above_standard(fd);
+Descriptor checked(Descriptor owner, const std::string& what) {
     if (!owner) throw std::runtime_error(what + ": " + std::generic_category().message(errno));
     return owner;
 }
@@ -48,10 +48,10 @@ Descriptor checked(int fd, const std::string& what) {
 Descriptor listening_socket(const std::string& path) {
     const sockaddr_un address = address_of(path);
     make_way(path, address);
-    Descriptor listener =
-        checked(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
+    Descriptor listener = checked(kivos::stream_socket(AF_UNIX), "socket");
     if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        chmod(path.c_str(), 0600) != 0 || listen(listener.get(), SOMAXCONN) != 0) {
+        chmod(path.c_str(), 0600) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
+        !kivos::do_not_wait(listener.get())) {
         throw std::runtime_error(path + ": " + std::generic_category().message(errno));
     }
     return listener;
@@ -61,12 +61,11 @@ Descriptor spare_descriptor() {
     return Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
-Descriptor accept_or_refuse(int listener, int flags, Descriptor& spare) {
-    Descriptor accepted =
-        kivplatform::above_standard(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | flags));
+Descriptor accept_or_refuse(int listener, Descriptor& spare) {
+    Descriptor accepted = kivos::accept_from(listener);
     if (accepted || (errno != EMFILE && errno != ENFILE)) return accepted;
     spare.reset();
-    Descriptor(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    kivos::accept_from(listener).reset();
     spare = spare_descriptor();
     return accepted;
 }

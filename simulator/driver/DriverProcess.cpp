@@ -1,9 +1,9 @@
 #include "driver/DriverProcess.h"
 
 #include <IOKit/IOReturn.h>
+#include <fcntl.h>
 #include <kivplatform/driver_protocol.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -11,6 +11,8 @@
 #include <cstring>
 #include <optional>
 #include <random>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include <kiv/kivDriverService.h>
@@ -21,10 +23,9 @@ namespace kivsim {
 
 namespace {
 
-// Numbers of the epoll entries that are no connections.
+// Numbers of what is waited for that are no connections.
 constexpr uint64_t kListener = 0;
-constexpr uint64_t kStop = ~uint64_t{0};
-constexpr uint64_t kWake = kStop - 1;
+constexpr uint64_t kWake = ~uint64_t{0};
 
 /// Upper half random, so that a service listed by another driver process is not taken for one of ours.
 uint64_t fresh_entries() {
@@ -63,17 +64,14 @@ DriverProcess::DriverProcess(std::vector<std::shared_ptr<VirtualCard>> cards, st
     }
     for (const auto& card : cards_) {
         const std::lock_guard lock(card->mutex);
-        card->wake_driver = [this] {
-            const uint64_t one = 1;
-            [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof one);
-        };
+        card->wake_driver = [this] { wake_.wake(); };
     }
     thread_ = std::thread([this] { serve(); });
 }
 
 DriverProcess::~DriverProcess() {
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof one);
+    stop_ = true;
+    wake_.wake();
     thread_.join();
     unlink(socket_path_.c_str());
     for (const auto& card : cards_) {
@@ -83,37 +81,24 @@ DriverProcess::~DriverProcess() {
 }
 
 void DriverProcess::listen_on(const std::string& path) {
+    if (wake_.descriptor() < 0) throw std::runtime_error("pipe: " + std::generic_category().message(errno));
     listener_ = listening_socket(path);
-    epoll_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll");
-    stop_ = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
-    wake_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
-    watch(listener_.get(), kListener);
-    watch(stop_.get(), kStop);
-    watch(wake_.get(), kWake);
-}
-
-void DriverProcess::watch(int fd, uint64_t number) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = number;
-    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
+    waiting_.watch(kListener, listener_.get(), POLLIN);
+    waiting_.watch(kWake, wake_.descriptor(), POLLIN);
 }
 
 void DriverProcess::serve() {
     for (bool more = true;;) {  // Cards may have interrupts from the start.
-        epoll_event events[64];
-        const int count = epoll_wait(epoll_.get(), events, std::size(events), more ? 0 : next_wait());
+        const std::vector<uint64_t>& ready = waiting_.wait(more ? 0 : next_wait());
+        if (stop_) return;
         send_late_replies();
-        for (int i = 0; i < count; ++i) {
-            const uint64_t number = events[i].data.u64;
-            if (number == kStop) return;
+        for (const uint64_t number : ready) {
             if (number == kListener) {
                 accept_connection();
             } else if (number == kWake) {
-                uint64_t times = 0;
-                [[maybe_unused]] const ssize_t got = read(wake_.get(), &times, sizeof times);
-            } else if ((number & MessageChannels::kEpollBit) != 0) {
-                channels_.flush(number & ~MessageChannels::kEpollBit);
+                wake_.clear();
+            } else if ((number & MessageChannels::kChannelBit) != 0) {
+                channels_.flush(number & ~MessageChannels::kChannelBit);
             } else {
                 serve_connection(number);
             }
@@ -123,39 +108,54 @@ void DriverProcess::serve() {
 }
 
 void DriverProcess::accept_connection() {
-    Connection connection;
-    connection.socket = accept_or_refuse(listener_.get(), SOCK_NONBLOCK, spare_);
-    if (!connection.socket) return;
-    connection.number = next_connection_++;
-    watch(connection.socket.get(), connection.number);
-    connections_.emplace(connection.number, std::move(connection));
+    Descriptor socket = accept_or_refuse(listener_.get(), spare_);
+    if (!socket) return;
+    const uint64_t number = next_connection_++;
+    waiting_.watch(number, socket.get(), POLLIN);
+    Connection& connection = connections_[number];
+    connection.number = number;
+    connection.socket = std::move(socket);
 }
 
+/// There is something to be read, or room for the rest of a reply.
 void DriverProcess::serve_connection(uint64_t number) {
     const auto found = connections_.find(number);
     if (found == connections_.end()) return;
-    std::vector<std::byte> message(sizeof(kivplatform_request) + KIVPLATFORM_MESSAGE_SIZE);
-    Request request;
-    iovec part{message.data(), message.size()};
-    const ssize_t size =
-        kivplatform::receive_message(found->second.socket.get(), {&part, 1}, &request.descriptor);
-    if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (size < static_cast<ssize_t>(sizeof(kivplatform_request))) {
+    Connection& connection = found->second;
+    const bool goes_on = connection.unsent != nullptr
+                             ? flush(connection)
+                             : connection.requests.receive(connection.socket.get(), MSG_DONTWAIT) !=
+                                   kivplatform::IncomingFrames::Outcome::Ended;
+    if (!goes_on) {
         hang_up(number);
         return;
     }
-    std::memcpy(&request.header, message.data(), sizeof request.header);
-    request.payload = std::span(message).first(static_cast<std::size_t>(size)).subspan(sizeof request.header);
-    if (request.header.kind == KIVPLATFORM_MAP && found->second.service != nullptr) {
-        send_mapping(found->second, request.header.number);
+    // As a rule one. The connection may end with any.
+    while (connections_.contains(number) && connection.unsent == nullptr) {
+        Request request;
+        const auto message = connection.requests.take(request.descriptor);
+        if (!message) return;
+        if (message->size() < sizeof request.header) {
+            hang_up(number);
+            return;
+        }
+        std::memcpy(&request.header, message->data(), sizeof request.header);
+        request.payload = message->subspan(sizeof request.header);
+        serve_request(connection, request);
+    }
+}
+
+void DriverProcess::serve_request(Connection& connection, Request& request) {
+    if (request.header.kind == KIVPLATFORM_MAP && connection.service != nullptr) {
+        send_mapping(connection, request.header.number);
         return;
     }
     Clock::duration delay{};
-    std::vector<std::byte> reply = answer(found->second, request, delay);
+    std::vector<std::byte> reply = answer(connection, request, delay);
     if (delay > Clock::duration::zero()) {
-        late_.emplace(Clock::now() + delay, LateReply{number, std::move(reply)});
+        late_.emplace(Clock::now() + delay, LateReply{connection.number, std::move(reply)});
     } else {
-        send_reply(number, reply);
+        send_reply(connection.number, std::move(reply));
     }
 }
 
@@ -220,9 +220,10 @@ void DriverProcess::send_mapping(Connection& connection, uint32_t type) {
         send_reply(connection.number, reply_message(kIOReturnBadArgument, nullptr, 0));
         return;
     }
-    const kivplatform_mapping mapping{memory.offset, memory.size};
-    send_reply(connection.number, reply_message(kIOReturnSuccess, &mapping, sizeof mapping),
-               memory.descriptor);
+    // A number of its own: the program may release the memory before the reply is sent.
+    Descriptor copy(fcntl(memory.descriptor, F_DUPFD_CLOEXEC, 0));
+    send_reply(connection.number, reply_message(kIOReturnSuccess, &memory.bytes, sizeof memory.bytes),
+               std::move(copy));
 }
 
 int32_t DriverProcess::open_service(Connection& connection, uint64_t entry, uint32_t type) {
@@ -247,18 +248,32 @@ void DriverProcess::close_service(Connection& connection) {
     service.card->driver.end(connection.number);
 }
 
-void DriverProcess::send_reply(uint64_t number, const std::vector<std::byte>& reply, int descriptor) {
+/// A program that does not read its replies gets no further ones: they would pile up.
+void DriverProcess::send_reply(uint64_t number, std::vector<std::byte> reply, Descriptor descriptor) {
     const auto connection = connections_.find(number);
     if (connection == connections_.end()) return;
-    iovec part{const_cast<std::byte*>(reply.data()), reply.size()};
-    if (!kivplatform::send_message(connection->second.socket.get(), {&part, 1}, descriptor)) hang_up(number);
+    if (connection->second.unsent == nullptr) {
+        connection->second.unsent = std::make_unique<Reply>(std::move(reply), std::move(descriptor));
+        if (flush(connection->second)) return;
+    }
+    hang_up(number);
+}
+
+/// Sends what the program takes of its reply; false when it is gone.
+bool DriverProcess::flush(Connection& connection) {
+    using Outcome = kivplatform::OutgoingFrame::Outcome;
+    const Outcome outcome = connection.unsent->frame.send(connection.socket.get(), MSG_DONTWAIT);
+    if (outcome == Outcome::Gone) return false;
+    if (outcome == Outcome::Sent) connection.unsent.reset();
+    waiting_.watch(connection.number, connection.socket.get(), outcome == Outcome::Full ? POLLOUT : POLLIN);
+    return true;
 }
 
 void DriverProcess::send_late_replies() {
     while (!late_.empty() && late_.begin()->first <= Clock::now()) {
-        const LateReply due = std::move(late_.begin()->second);
+        LateReply due = std::move(late_.begin()->second);
         late_.erase(late_.begin());
-        send_reply(due.connection, due.message);
+        send_reply(due.connection, std::move(due.message));
     }
 }
 
@@ -275,6 +290,7 @@ void DriverProcess::hang_up(uint64_t number) {
     const auto connection = connections_.find(number);
     if (connection == connections_.end()) return;
     if (connection->second.service != nullptr) close_service(connection->second);
+    waiting_.forget(number);
     connections_.erase(connection);
 }
 

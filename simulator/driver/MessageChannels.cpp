@@ -1,11 +1,11 @@
 #include "driver/MessageChannels.h"
 
+#include <kivos/sockets.h>
 #include <kivplatform/driver_protocol.h>
-#include <sys/epoll.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -13,15 +13,14 @@ namespace kivsim {
 
 void MessageChannels::add(uint64_t connection, Descriptor channel) {
     remove(connection);
+    kivos::adopt(channel.get());
     channels_[connection].socket = std::move(channel);
 }
 
 void MessageChannels::remove(uint64_t connection) {
     const auto channel = channels_.find(connection);
     if (channel == channels_.end()) return;
-    // It would stay in the epoll set as long as anybody holds another copy of it.
-    if (channel->second.watched)
-        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel->second.socket.get(), nullptr);
+    poll_set_.forget(connection | kChannelBit);
     channels_.erase(channel);
 }
 
@@ -41,7 +40,7 @@ void MessageChannels::send(uint64_t connection, std::span<const uint64_t> argume
     std::copy(arguments.begin(), arguments.end(), message.argument);
     std::vector<std::byte> bytes(offsetof(kivplatform_message, argument) + arguments.size_bytes());
     std::memcpy(bytes.data(), &message, bytes.size());
-    channel->second.waiting.push_back(std::move(bytes));
+    channel->second.waiting.emplace_back(std::move(bytes));
     flush(connection);
 }
 
@@ -49,25 +48,24 @@ void MessageChannels::flush(uint64_t connection) {
     const auto found = channels_.find(connection);
     if (found == channels_.end()) return;
     Channel& channel = found->second;
+    using Outcome = kivplatform::OutgoingFrame::Outcome;
     while (!channel.waiting.empty()) {
-        const std::vector<std::byte>& next = channel.waiting.front();
-        if (::send(channel.socket.get(), next.data(), next.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-            if (errno == EINTR) continue;
-            if (errno != EAGAIN) {
-                remove(connection);
-                return;
-            }
-            break;
+        const Outcome outcome = channel.waiting.front().frame.send(channel.socket.get(), MSG_DONTWAIT);
+        if (outcome == Outcome::Full) break;
+        if (outcome == Outcome::Gone) {
+            remove(connection);
+            return;
         }
         channel.waiting.pop_front();
         channel.last_taken = Clock::now();
     }
     const bool full = !channel.waiting.empty();
     if (full == channel.watched) return;
-    epoll_event event{};
-    event.events = EPOLLOUT;
-    event.data.u64 = connection | kEpollBit;
-    epoll_ctl(epoll_.get(), full ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, channel.socket.get(), &event);
+    if (full) {
+        poll_set_.watch(connection | kChannelBit, channel.socket.get(), POLLOUT);
+    } else {
+        poll_set_.forget(connection | kChannelBit);
+    }
     channel.watched = full;
 }
 

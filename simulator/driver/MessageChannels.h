@@ -2,15 +2,19 @@
 #ifndef KIVSIM_MESSAGE_CHANNELS_H
 #define KIVSIM_MESSAGE_CHANNELS_H
 
+#include <kivplatform/frames.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "common/LocalSocket.h"
+#include "common/PollSet.h"
 
 namespace kivsim {
 
@@ -18,8 +22,8 @@ namespace kivsim {
 /// for long.
 class MessageChannels {
   public:
-    /// The epoll entry of a channel that is full has this bit in its number, beside the connection's.
-    static constexpr uint64_t kEpollBit = uint64_t{1} << 62;
+    /// A channel that is full is waited for under its connection's number with this bit.
+    static constexpr uint64_t kChannelBit = uint64_t{1} << 62;
 
     /// A program that is behind by so many messages holds the senders up ...
     static constexpr std::size_t kMostWaiting = 4096;
@@ -27,7 +31,8 @@ class MessageChannels {
     /// ... and gets no more of them when it takes none for so long.
     static constexpr std::chrono::seconds kPatience{2};
 
-    explicit MessageChannels(const Descriptor& epoll) : epoll_(epoll) {}
+    /// `poll_set` is where a channel waits for room.
+    explicit MessageChannels(PollSet& poll_set) : poll_set_(poll_set) {}
 
     void add(uint64_t connection, Descriptor channel);  ///< In place of an earlier one.
     void remove(uint64_t connection);
@@ -39,14 +44,19 @@ class MessageChannels {
 
   private:
     using Clock = std::chrono::steady_clock;
+    struct Message {
+        explicit Message(std::vector<std::byte> all) : bytes(std::move(all)), frame(bytes) {}
+        std::vector<std::byte> bytes;
+        kivplatform::OutgoingFrame frame;
+    };
     struct Channel {
         Descriptor socket;
-        std::deque<std::vector<std::byte>> waiting;
-        bool watched = false;  ///< In the epoll set, for room.
+        std::deque<Message> waiting;
+        bool watched = false;  ///< For room.
         Clock::time_point last_taken = Clock::now();
     };
 
-    const Descriptor& epoll_;
+    PollSet& poll_set_;
     std::map<uint64_t, Channel> channels_;
 };
 

@@ -291,12 +291,13 @@ bool selected_memory(VirtualCard& card, uint64_t connection, SelectedMemory& mem
     if (!selected) return false;
     if (selected->kind == 1) {
         const SharedMemory& bar = card.bars.memory(selected->bar);
-        memory = {bar.descriptor(), 0, BarMemory::kBarSize};
+        memory = {bar.descriptor(), {bar.number(), 0, BarMemory::kBarSize}};
         return static_cast<bool>(bar);
     }
     const MemoryBlock* const block = card.driver.block(selected->id, connection);
     if (block == nullptr || selected->index >= block->depth) return false;
-    memory = {block->memory.descriptor(), selected->index * block->element_size(), block->element_size()};
+    const uint64_t size = block->element_size();
+    memory = {block->memory.descriptor(), {block->memory.number(), selected->index * size, size}};
     return true;
 }
 

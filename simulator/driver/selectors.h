@@ -2,6 +2,8 @@
 #ifndef KIVSIM_SELECTORS_H
 #define KIVSIM_SELECTORS_H
 
+#include <kivplatform/driver_protocol.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -19,11 +21,10 @@ bool is_selector(uint32_t selector);
 int32_t run_selector(VirtualCard& card, const FunctionSettings& function, uint64_t connection,
                      uint32_t selector, std::span<const std::byte> input, std::vector<std::byte>& output);
 
-/// What a connection has selected to be mapped, as its bytes in a shared file; false when there is none.
+/// What a connection has selected to be mapped, as its bytes in a shared memory; false when there is none.
 struct SelectedMemory {
     int descriptor;
-    uint64_t offset;
-    uint64_t size;
+    kivplatform_mapping bytes;
 };
 bool selected_memory(VirtualCard& card, uint64_t connection, SelectedMemory& memory);
 

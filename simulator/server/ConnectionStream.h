@@ -3,6 +3,7 @@
 #define KIVSIM_CONNECTION_STREAM_H
 
 #include <httplib.h>
+#include <kivos/sockets.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -42,7 +43,7 @@ class ConnectionStream final : public httplib::Stream {
     ssize_t write(const char* data, size_t size) override {
         if (!is_writable()) return -1;
         const size_t allowed = up_to_cut(data, size);
-        const ssize_t sent = allowed == 0 ? 0 : send(socket_, data, allowed, MSG_NOSIGNAL);
+        const ssize_t sent = allowed == 0 ? 0 : send(socket_, data, allowed, kivos::kNoSignal);
         if (allowed == size || sent < static_cast<ssize_t>(allowed)) return sent;
         shutdown(socket_, SHUT_RDWR);
         return -1;

@@ -1,13 +1,12 @@
 #include "server/ManagementServers.h"
 
 #include <arpa/inet.h>
+#include <kivos/sockets.h>
 #include <netinet/tcp.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -18,9 +17,9 @@
 namespace kivsim {
 
 ManagementServers::ManagementServers(const std::vector<std::shared_ptr<VirtualCard>>& cards,
-                                     Answering control, uint16_t control_port, const std::string& request_log)
-    : epoll_(checked(epoll_create1(EPOLL_CLOEXEC), "epoll")),
-      stop_(checked(eventfd(0, EFD_CLOEXEC), "eventfd")) {
+                                     Answering control, uint16_t control_port,
+                                     const std::string& request_log) {
+    if (stop_.descriptor() < 0) throw std::runtime_error("pipe: " + std::generic_category().message(errno));
     if (!request_log.empty()) log_.open(request_log);
     if (!log_) throw std::runtime_error(request_log + ": cannot be written");
     for (const auto& card : cards) {
@@ -31,16 +30,12 @@ ManagementServers::ManagementServers(const std::vector<std::shared_ptr<VirtualCa
                        settings.tunnel_address, settings.tunnel_port, "card " + std::to_string(card->id)));
     }
     control_port_ = add_server(std::move(control), INADDR_LOOPBACK, control_port, "control");
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = servers_.size();
-    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, stop_.get(), &event);
+    waiting_.watch(servers_.size(), stop_.descriptor(), POLLIN);
     thread_ = std::thread([this] { accept_connections(); });
 }
 
 ManagementServers::~ManagementServers() {
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof one);
+    stop_.wake();
     thread_.join();
 }
 
@@ -54,20 +49,17 @@ uint16_t ManagementServers::add_server(Answering handler, uint32_t host, uint16_
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
     const int on = 1;
-    Descriptor listener =
-        kivplatform::above_standard(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!listener || setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+    Descriptor listener = kivos::stream_socket(AF_INET);
+    if (!listener || !kivos::do_not_wait(listener.get()) ||
+        setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(listener.get(), generic, size) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
         getsockname(listener.get(), generic, &size) != 0) {
         throw std::runtime_error(name + ", server " + uint32ToIp(host) + ":" + std::to_string(port) + ": " +
                                  std::generic_category().message(errno));
     }
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = servers_.size();
-    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener.get(), &event);
+    waiting_.watch(servers_.size(), listener.get(), POLLIN);
     listeners_.push_back(std::move(listener));
-    servers_.push_back(std::make_unique<HttpServer>(std::move(handler), stop_.get()));
+    servers_.push_back(std::make_unique<HttpServer>(std::move(handler), stop_.descriptor()));
     return ntohs(address.sin_port);
 }
 
@@ -86,12 +78,9 @@ Answer ManagementServers::answer_card(VirtualCard& card, const HttpRequest& requ
 
 void ManagementServers::accept_connections() {
     for (;;) {
-        epoll_event events[64];
-        const int count = epoll_wait(epoll_.get(), events, std::size(events), -1);
-        for (int i = 0; i < count; ++i) {
-            const uint64_t number = events[i].data.u64;
+        for (const uint64_t number : waiting_.wait(-1)) {
             if (number == servers_.size()) return;
-            Descriptor socket = accept_or_refuse(listeners_[number].get(), 0, spare_);
+            Descriptor socket = accept_or_refuse(listeners_[number].get(), spare_);
             if (!socket) continue;
             const int on = 1;
             setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

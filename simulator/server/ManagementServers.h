@@ -3,6 +3,8 @@
 #ifndef KIVSIM_MANAGEMENT_SERVERS_H
 #define KIVSIM_MANAGEMENT_SERVERS_H
 
+#include <kivplatform/waker.h>
+
 #include <cstdint>
 #include <fstream>
 #include <memory>
@@ -13,6 +15,7 @@
 
 #include "card/VirtualCard.h"
 #include "common/LocalSocket.h"
+#include "common/PollSet.h"
 #include "server/HttpServer.h"
 
 namespace kivsim {
@@ -39,13 +42,13 @@ class ManagementServers {
 
     uint16_t control_port_ = 0;
     Descriptor spare_ = spare_descriptor();
-    Descriptor epoll_;
-    Descriptor stop_;  ///< Readable once the servers have to end.
+    kivplatform::Waker stop_;  ///< Woken once the servers have to end.
 
     std::mutex log_mutex_;
     std::ofstream log_;  ///< Guarded by its mutex.
 
     std::vector<Descriptor> listeners_;  ///< One for each server.
+    PollSet waiting_;                    ///< The listeners by their places, and the end behind the last.
     std::vector<std::unique_ptr<HttpServer>>
         servers_;  ///< Of the cards that we serve, and the control address.
     std::thread thread_;

@@ -2,11 +2,8 @@
 #include <gtest/gtest.h>
 #include <kiv/kiv_api.h>
 
-#include <filesystem>
-#include <fstream>
-#include <string>
-
 #include "support/RunningSimulator.h"
+#include "support/ThisProcess.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -17,18 +14,8 @@ struct Footprint {
     long resident_kib;
 };
 
-long count_entries(const char* directory) {
-    const std::filesystem::directory_iterator entries(directory);
-    return std::distance(begin(entries), end(entries));
-}
-
 Footprint footprint() {
-    Footprint now{count_entries("/proc/self/fd"), count_entries("/proc/self/task"), 0};
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-        if (word == "VmRSS:") status >> now.resident_kib;
-    }
-    return now;
+    return {open_descriptors(), running_threads(), resident_kib()};
 }
 
 void scan_and_ask(int rounds) {

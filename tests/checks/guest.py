@@ -63,7 +63,8 @@ int main(void) {
 }
 """
 CXX_PART = "#include <kiv/HpsHttpHelper.h>\nstatic_assert(__cplusplus == 201703L, \"the guest's standard\");\n"
-BINARIES = {"own/guest", "own/libkiv.so", "own/libkivplatform.so"}
+BINARIES = {"own/guest", "own/libkiv.so", "own/libkivplatform.so", "kiv/platform/libkivconversation.a",
+            "kiv/platform/libkivos.a"}
 
 
 def take(build, command):

@@ -10,7 +10,7 @@ import compiling
 
 def main():
     root, build, compiler, path = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), sys.argv[3], sys.argv[4]
-    tops = ["sdk", "macOS", "linux", "simulator", "tools", "tests"]
+    tops = ["sdk", "macOS", "platform", "simulator", "tools", "tests"]
     flags = [f"-I{folder}" for folder in path.split(":") if folder]
     commands = {
         str(header.relative_to(root)): [compiler, "-std=c++20", "-fsyntax-only", "-x", "c++", *flags,

@@ -34,14 +34,18 @@ ROOMS = {
     "driver client":     (r"macOS/library/driver/",
                           ["base", "wire", "registers", "thread manager", "IOKit", "CoreFoundation", "mach", "pthread",
                            "os"]),
-    "driver process":    (r"linux/platform/include/kivplatform/",                   []),
-    "platform":          (r"linux/platform/",
-                          ["driver process", "IOKit", "CommonCrypto", "CoreFoundation", "mach", "pthread", "os"]),
-    "simulator common":  (r"simulator/common/",                                     ["driver process", "nlohmann"]),
-    "simulator card":    (r"simulator/card/",                   ["base", "simulator common", "wire", "registers", "IOKit/IOReturn.h", "nlohmann"]),
+    "systems":           (r"platform/os/",                                          []),
+    "conversation":      (r"platform/conversation/",                                ["systems"]),
+    "driver process":    (r"platform/driver_seam/include/kivplatform/",             []),
+    "driver seam":       (r"platform/driver_seam/",
+                          ["systems", "conversation", "driver process", "IOKit", "CoreFoundation", "mach"]),
+    "system names":      (r"platform/system_names/",
+                          ["systems", "CommonCrypto", "mach", "pthread", "os"]),
+    "simulator common":  (r"simulator/common/",                                     ["systems", "conversation", "nlohmann"]),
+    "simulator card":    (r"simulator/card/",                   ["base", "systems", "simulator common", "wire", "registers", "IOKit/IOReturn.h", "nlohmann"]),
     "simulator driver":  (r"simulator/driver/",
-                          ["simulator common", "simulator card", "wire", "driver process", "IOKit/IOReturn.h", "nlohmann"]),
-    "simulator server":  (r"simulator/server/",  ["base", "simulator common", "simulator card", "nlohmann", "httplib.h"]),
+                          ["systems", "conversation", "simulator common", "simulator card", "wire", "IOKit/IOReturn.h", "nlohmann"]),
+    "simulator server":  (r"simulator/server/",  ["base", "systems", "conversation", "simulator common", "simulator card", "nlohmann", "httplib.h"]),
     "settings":          (r"simulator/settings/",
                           ["base", "simulator common", "simulator card", "simulator driver", "simulator server", "wire",
                            "nlohmann"]),
@@ -49,11 +53,11 @@ ROOMS = {
                           ["simulator common", "simulator card", "settings", "nlohmann"]),
     "simulator":         (r"simulator/",
                           ["simulator common", "simulator card", "simulator driver", "simulator server",
-                           "settings", "scenario", "driver process", "nlohmann", "CLI"]),
+                           "settings", "scenario", "conversation", "driver process", "nlohmann", "CLI"]),
     "kivctl":            (r"tools/kivctl/",                    ["kiv/kiv_api.h", "kiv/kiv_types.h", "kiv/kivLog.h", "nlohmann", "fmt", "CLI"]),
     "examples":          (r"examples/",                        ["kiv/kiv_api.h", "kiv/kivLog.h"]),
     "python":            (r"python/",                          ["kiv/kiv_api.h", "pybind11"]),
-    "test support":      (r"tests/support/",                   ["base", "log", "simulator", "simulator card", "settings", "scenario", "wire", "nlohmann", "httplib.h"]),
+    "test support":      (r"tests/support/",                   ["base", "log", "systems", "conversation", "mach", "simulator", "simulator card", "settings", "scenario", "wire", "nlohmann", "httplib.h"]),
     "benchmarks":        (r"benchmarks/",                      ["*"]),
     "tests":             (r"tests/",                           ["*"]),
 }
@@ -64,8 +68,11 @@ INHERITED = ("rest interface", "rest")
 
 # One file each: the seams.
 EXCEPTIONS = {
-    "tools/kivctl/driver_process_linux.cpp": ["driver process"],
-    "tools/kivctl/driver_process_macos.cpp": ["kiv/kivDriverService.h"],
+    "tools/kivctl/child.cpp": ["systems"],
+    "tools/kivctl/driver_process_simulated.cpp": ["systems", "driver process"],
+    "tools/kivctl/driver_process_extension.cpp": ["kiv/kivDriverService.h"],
+    "tools/kivctl/host_simulated.cpp": ["systems"],
+    "tools/kivctl/image_file.cpp": ["systems"],
     "tools/kivctl/cards.h": ["kiv/kivDriverClient.h"],
     "tools/kivctl/collector.h": ["kiv/kivDriverClient.h"],
     "tools/kivctl/doctor.h": ["kiv/kivDriverClient.h"],
@@ -87,10 +94,18 @@ ONLY_IN = {"curl": {"macOS/library/kivHpsClientKit/kivClient.cpp"}}
 # In the library the JSON library's header comes by this one, which makes its types those of the application.
 JSON_HEADER = "sdk/library/src/base/kiv_json.h"
 
+# What only one system has stands in these rooms and files.
+ONE_SYSTEM = re.compile(
+    r"\b(epoll\w*|eventfd\w*|signalfd\w*|timerfd\w*|inotify\w*|SOCK_(SEQPACKET|CLOEXEC|NONBLOCK)|accept4|pipe2|dup3|memfd_create|"
+    r"F_(ADD|GET)_SEALS|MSG_(CMSG_CLOEXEC|NOSIGNAL|TRUNC)|POLLRDHUP|SO_(PEERCRED|NOSIGPIPE)|SEEK_DATA|prctl|gettid|ppoll|"
+    r"program_invocation\w*|secure_getenv|getrandom|sendmmsg|recvmmsg|__linux__|__APPLE__)\b|/proc/")
+OWN_SYSTEM = {"systems", "system names", "tests/support/ThisProcess.cpp", "tests/kivHpsClientKit/kivClient_test.cpp",
+              "benchmarks/http_client.cpp"}
+
 LIBRARIES = {"archive.h", "archive_entry.h", "nlohmann", "spdlog", "fmt", "curl", "CLI", "httplib.h", "os", "IOKit", "CoreFoundation", "mach",
              "pthread", "CommonCrypto", "pybind11"}
 # Where private include lines start: an area's own files first.
-AREAS = ["sdk/library/src", "macOS/library", "linux/platform/src", "simulator", "tools/kivctl", "python", "tests", "benchmarks"]
+AREAS = ["sdk/library/src", "macOS/library", "platform/driver_seam/src", "simulator", "tools/kivctl", "python", "tests", "benchmarks"]
 CUSTOMERS = ("kivctl", "examples", "python")
 TESTING = ("tests", "test support", "benchmarks")
 
@@ -133,7 +148,7 @@ def picture():
 class Tree:
     def __init__(self, root):
         self.root = root
-        tops = ["sdk", "macOS", "linux", "simulator", "tools", "examples", "python", "tests", "benchmarks"]
+        tops = ["sdk", "macOS", "platform", "simulator", "tools", "examples", "python", "tests", "benchmarks"]
         self.files = sorted(str(f.relative_to(root)) for top in tops for f in (root / top).rglob("*")
                             if f.suffix in (".h", ".cpp", ".c"))
         self.known = set(self.files)
@@ -146,8 +161,8 @@ class Tree:
                 return written
             header = self.product.get(written[4:])
             return room_of(header) if header else "?"
-        if written.startswith("kivplatform/"):
-            return "driver process"
+        if written.startswith(("kivos/", "kivplatform/")):
+            return next((room_of(file) for file in self.files if file.endswith(f"/include/{written}")), "?")
         if quoted:
             own = [area for area in AREAS if file.startswith(area + "/")]
             for area in own + AREAS:
@@ -165,6 +180,10 @@ class Tree:
         text = (self.root / file).read_text()
         if file.startswith(("sdk/", "macOS/")) and "__APPLE__" in text:
             yield f"{file}: the build picks the platform, not the code"
+        if room not in OWN_SYSTEM and file not in OWN_SYSTEM:
+            for number, line in enumerate(text.splitlines(), 1):
+                if name := ONE_SYSTEM.search(line):
+                    yield f"{file}:{number}: {name.group()} is not for every system: platform/os is the place for it"
         allowed = ROOMS[room][1] + EXCEPTIONS.get(file, [])
         for number, line in enumerate(text.splitlines(), 1):
             include = re.match(r'\s*#\s*include\s*([<"])([^>"]+)[>"]', line)

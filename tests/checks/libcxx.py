@@ -1,30 +1,46 @@
-"""The library's sources compile with libc++, the standard library of macOS, and hold the locks that they say.
+"""Sources compile with libc++, the standard library of macOS; those of the library hold the locks that they say.
 
-usage: libcxx.py ROOT BUILD INCLUDE_PATH (separated by ':')
+usage: libcxx.py ROOT BUILD_DIRECTORY RECORD TOP...    the sources below these folders that the build compiles
 """
+import json
 import pathlib
+import shlex
 import shutil
 import sys
 
 import compiling
 
 COMPILER = "clang++-14"
+LOCKS = ["-Wthread-safety", "-D_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS"]
+# Of a command of the build: what only its own compiler has.
+DROPPED = {"-include": 2, "-o": 2, "-MF": 2, "-MT": 2, "-MD": 1, "-c": 1, "-Winvalid-pch": 1, "-Werror": 1}
+
+
+def as_libcxx(command, locks):
+    words = shlex.split(command)
+    words = words[next(i for i, word in enumerate(words) if word.startswith("-")):]
+    kept = []
+    while words:
+        skipped = DROPPED.get(words[0], 0)
+        kept += words[:0 if skipped else 1]
+        words = words[skipped or 1:]
+    return [COMPILER, "-stdlib=libc++", "-fsyntax-only", "-Werror", *(LOCKS if locks else []), *kept]
 
 
 def main():
-    root, build, path = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), sys.argv[3]
+    root, build, record = (pathlib.Path(argument) for argument in sys.argv[1:4])
     if shutil.which(COMPILER) is None:
         print(f"skipped: {COMPILER} is not installed")
         return 77
-    platform = root / "linux/platform/include"
-    flags = [f"-I{folder}" for folder in path.split(":") if folder and folder != str(platform)]
-    commands = {
-        str(source.relative_to(root)): [
-            COMPILER, "-std=c++20", "-stdlib=libc++", "-fsyntax-only", "-Wall", "-Wextra", "-Werror", "-Wthread-safety",
-            "-D_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS", "-DSPDLOG_FMT_EXTERNAL", "-DSPDLOG_COMPILED_LIB", *flags,
-            "-isystem", str(platform), str(source)]
-        for top in ("sdk", "macOS") for source in (root / top).rglob("*.cpp")}
-    return compiling.report(commands, build / "libcxx.json", "sources compile with libc++")
+    commands = {}
+    for entry in json.loads((build / "compile_commands.json").read_text()):
+        source = pathlib.Path(entry["directory"], entry["file"]).resolve()
+        if source.suffix != ".cpp" or not source.is_relative_to(root):
+            continue
+        top = source.relative_to(root).parts[0]
+        if top in sys.argv[4:]:
+            commands[str(source.relative_to(root))] = as_libcxx(entry["command"], top in ("sdk", "macOS"))
+    return compiling.report(commands, record, "sources compile with libc++")
 
 
 sys.exit(main())

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <regex>
 #include <sstream>
@@ -26,8 +25,8 @@ DriverLines::~DriverLines() {
 Lines DriverLines::take() {
     std::istringstream captured(testing::internal::GetCapturedStderr());
     testing::internal::CaptureStderr();
-    const std::regex start('^' + std::string(program_invocation_short_name) + "\\[" +
-                           std::to_string(getpid()) + "\\] \\[com\\.velmora\\.kiv::\\d+\\]LIBKIVXDEV: ");
+    const std::regex start("^[^\\[]+\\[" + std::to_string(getpid()) +
+                           "\\] \\[com\\.velmora\\.kiv::\\d+\\]LIBKIVXDEV: ");
     Lines texts;
     for (std::string line; std::getline(captured, line);)
         texts.push_back(std::regex_replace(line, start, ""));

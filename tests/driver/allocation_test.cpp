@@ -3,30 +3,16 @@
 #include <gtest/gtest.h>
 #include "driver/wire.h"
 
-#include <filesystem>
-#include <fstream>
 #include <new>
 
 #include <kiv/kivDriverClient.h>
 #include "platform/Services.h"
 #include "support/FailingAllocations.h"
 #include "support/RunningSimulator.h"
+#include "support/ThisProcess.h"
 #include "support/Waiting.h"
 
 namespace {
-
-std::ptrdiff_t open_descriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-/// Mappings of the driver's memory in this process.
-int mappings() {
-    std::ifstream maps("/proc/self/maps");
-    int count = 0;
-    for (std::string line; std::getline(maps, line);)
-        count += line.find("memfd:kivsim") != std::string::npos;
-    return count;
-}
 
 /// Runs `body` again and again, with another one of its allocations failing, until it allocates no more;
 /// checks after each time.
@@ -66,6 +52,7 @@ TEST(DriverOutOfMemory, LosesNoConnectionThatAnEnumerationHasOpened) {
 
 TEST(DriverOutOfMemory, LosesNoDescriptorOrMappingOfAPlatformCall) {
     const RunningSimulator simulator;
+    const int mapped = shared_mappings();
     IOServiceClose(open_first());
     const std::ptrdiff_t before = open_descriptors();
     kern_return_t status = -1;
@@ -87,13 +74,14 @@ TEST(DriverOutOfMemory, LosesNoDescriptorOrMappingOfAPlatformCall) {
         },
         [&] {
             EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; }));
-            EXPECT_EQ(mappings(), 0);
+            EXPECT_EQ(shared_mappings(), mapped);
         });
     EXPECT_EQ(status, kIOReturnSuccess);
 }
 
 TEST(DriverOutOfMemory, LeavesNoHalfOfABuffer) {
     const RunningSimulator simulator;
+    const int mapped = shared_mappings();
     const auto client = kivDriverClient::enumerateDevices("kivPCIService").at(0);
     int32_t status = -1;
     fail_each_allocation(
@@ -102,7 +90,7 @@ TEST(DriverOutOfMemory, LeavesNoHalfOfABuffer) {
             client->free_buffer();
         },
         [&] {
-            EXPECT_EQ(mappings(), 0);
+            EXPECT_EQ(shared_mappings(), mapped);
             EXPECT_EQ(simulator.calls(kiv::wire::kIoMalloc).size(),
                       simulator.calls(kiv::wire::kIoFree).size());
         });
@@ -111,6 +99,7 @@ TEST(DriverOutOfMemory, LeavesNoHalfOfABuffer) {
 
 TEST(DriverOutOfMemory, DoesNotKeepAClientFromEnding) {
     const RunningSimulator simulator;
+    const int mapped = shared_mappings();
     auto clients = kivDriverClient::enumerateDevices("kivPCIService");
     ASSERT_EQ(clients.at(0)->open(true), 0);
     ASSERT_EQ(clients.at(1)->allocate_buffer(3, 4096, 1), 0);
@@ -120,7 +109,7 @@ TEST(DriverOutOfMemory, DoesNotKeepAClientFromEnding) {
     const kern_return_t closed = IOServiceClose(connect);
     EXPECT_EQ(fail_allocation(0), 1) << "none was made";
     EXPECT_EQ(closed, kIOReturnSuccess);
-    EXPECT_EQ(mappings(), 0);
+    EXPECT_EQ(shared_mappings(), mapped);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <sys/mman.h>
 
 #include <cstring>
-#include <sstream>
 #include <thread>
 
 #include <kiv/kivDext.h>
@@ -14,6 +13,7 @@
 #include "support/DriverFault.h"
 #include "support/Json.h"
 #include "support/RunningSimulator.h"
+#include "support/ThisProcess.h"
 
 namespace {
 
@@ -29,14 +29,14 @@ bool is_mapped(uint64_t address) {
     return msync(at(address), 4096, MS_ASYNC) == 0;
 }
 
-/// Mappings of the driver's memory in this process.
-int mappings() {
-    std::istringstream maps(read_file("/proc/self/maps"));
-    int count = 0;
-    for (std::string line; std::getline(maps, line);)
-        count += line.find("memfd:kivsim") != std::string::npos;
-    return count;
-}
+/// The driver's memories that are mapped here since the simulator started.
+class NewMappings {
+  public:
+    int operator()() const { return shared_mappings() - before_; }
+
+  private:
+    const int before_ = shared_mappings();
+};
 
 /// What the control address shows of the first card's driver.
 Json shown(const RunningSimulator& simulator) {
@@ -106,6 +106,7 @@ TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
 
 TEST(DriverMemory, IsUndoneAtTheAddressWhateverWasSelectedSince) {
     RunningSimulator simulator;
+    const NewMappings new_mappings;
     const auto client = clients().at(0);
     const auto expect_unmap = [&](uint64_t address, int32_t status, size_t selections) {
         const size_t before = simulator.calls(wire::kSelectMemory).size();
@@ -128,18 +129,19 @@ TEST(DriverMemory, IsUndoneAtTheAddressWhateverWasSelectedSince) {
     EXPECT_EQ(again, bar);
     expect_unmap(bar, 0, 0);
     expect_unmap(bar, kIOReturnBadArgument, 0);
-    EXPECT_EQ(mappings(), 1);
+    EXPECT_EQ(new_mappings(), 1);
 
     ASSERT_EQ(client->map_iomemory(7, 1, &again, nullptr), 0);
     EXPECT_EQ(again, element[1]);
     EXPECT_EQ(client->map_pci(6, nullptr, nullptr), kIOReturnBadArgument)
         << "what is selected now is anybody's guess";
     expect_unmap(element[1], 0, 1);
-    EXPECT_EQ(mappings(), 0);
+    EXPECT_EQ(new_mappings(), 0);
 }
 
 TEST(DriverMemory, ThatWasFreedIsNotTakenForItsSuccessor) {
     RunningSimulator simulator;
+    const NewMappings new_mappings;
     const auto client = clients().at(0);
     uint64_t first = 0;
     uint64_t second = 0;
@@ -160,18 +162,19 @@ TEST(DriverMemory, ThatWasFreedIsNotTakenForItsSuccessor) {
     EXPECT_EQ(client->unmap(second), 0);
     EXPECT_FALSE(is_mapped(second));
     EXPECT_EQ(client->close(), 0);
-    EXPECT_EQ(mappings(), 0);
+    EXPECT_EQ(new_mappings(), 0);
 }
 
 TEST(DriverMemory, OfBuffersIsUnmappedBeforeItIsFreed) {
     RunningSimulator simulator;
+    const NewMappings new_mappings;
     const auto client = clients().at(0);
     ASSERT_EQ(client->allocate_buffer(3, 4096, 2), 0);
     ASSERT_EQ(client->allocate_buffer(4, 4096, 1), 0);
-    EXPECT_EQ(mappings(), 3);
+    EXPECT_EQ(new_mappings(), 3);
     const auto before = static_cast<std::ptrdiff_t>(simulator.selectors().size());
     EXPECT_EQ(client->free_buffer(), 0);
-    EXPECT_EQ(mappings(), 0);
+    EXPECT_EQ(new_mappings(), 0);
     const std::vector<uint32_t> all = simulator.selectors();
     EXPECT_EQ(std::vector(all.begin() + before, all.end()),
               (std::vector<uint32_t>{wire::kSelectMemory, wire::kSelectMemory, wire::kIoFree,
@@ -181,7 +184,7 @@ TEST(DriverMemory, OfBuffersIsUnmappedBeforeItIsFreed) {
     uint64_t bar = 0;
     ASSERT_EQ(client->map_pci(1, &bar, nullptr), 0);
     EXPECT_EQ(client->free_buffer(3), 0);
-    EXPECT_EQ(mappings(), 2) << "one buffer alone keeps its mapping";
+    EXPECT_EQ(new_mappings(), 2) << "one buffer alone keeps its mapping";
     EXPECT_TRUE(is_mapped(bar));
 }
 
@@ -191,6 +194,7 @@ TEST(DriverMemory, IsAllocatedWholeOrNotAtAll) {
         auto cards = kivsim::default_cards();
         cards[0].driver_faults = {fault(selector).nth(selects ? 5 : 4).status(kIOReturnBusy)};
         RunningSimulator simulator(cards);
+        const NewMappings new_mappings;
         const auto client = clients().at(0);
         dextBuffer buffer{};
         uint64_t bar = 0;
@@ -200,7 +204,7 @@ TEST(DriverMemory, IsAllocatedWholeOrNotAtAll) {
         EXPECT_EQ(simulator.calls(wire::kGetIoBusAddress).size(), 4u);
         EXPECT_EQ(simulator.calls(wire::kSelectMemory).size(), selects ? 8u : 7u)
             << "three are selected again";
-        EXPECT_TRUE(mappings() == 1 && is_mapped(bar)) << "what is in use stays";
+        EXPECT_TRUE(new_mappings() == 1 && is_mapped(bar)) << "what is in use stays";
         EXPECT_EQ(simulator.calls(wire::kIoFree).size(), 1u);
         EXPECT_EQ(shown(simulator)["memory"].size(), 4u) << "only the driver's own";
     }

@@ -106,6 +106,8 @@ TEST(HttpClient, UploadsAFileByteForByteUnderItsLastName) {
     // The last can be opened, but its first page is never mapped.
     for (const std::string& path :
          {directory / "missing", directory / ".", ""s, pipe, "/dev/null"s, "/proc/self/mem"s}) {
+        if (path.starts_with("/proc") && !std::filesystem::exists(path))
+            continue;  // Not every system has it.
         EXPECT_EQ(text(client.upload("/up", path)), "failure 0 [] file open error");
         EXPECT_EQ(log.take(), Lines{"Could not open file=" + path});
     }

@@ -10,6 +10,7 @@
 #include "kivHpsClientKit/CardServer.h"
 #include "kivHpsClientKit/ThreadManagerClientAlive.h"
 #include "kivHpsClientKit/ThreadManagerClientPolling.h"
+#include "support/ThisProcess.h"
 #include "support/Waiting.h"
 
 namespace {
@@ -184,9 +185,6 @@ TEST(hpsManagers, ACallbackThatIsNotBoundEndsTheThreadWithALine) {
 }
 
 TEST_F(hpsThreads, ManyRoundsLeaveNothingBehind) {
-    const auto entries = [](const char* directory) {
-        return std::distance(std::filesystem::directory_iterator(directory), {});
-    };
     std::ptrdiff_t threads = 0, descriptors = 0;
     for (int round = 0; round <= 100; ++round) {
         EXPECT_EQ(digest(client.emplace()), kNoDigest);
@@ -201,12 +199,12 @@ TEST_F(hpsThreads, ManyRoundsLeaveNothingBehind) {
         reader.join();
         client.reset();
         if (round != 0) continue;  // The first starts what stays.
-        threads = entries("/proc/self/task");
+        threads = running_threads();
         std::this_thread::sleep_for(50ms);  // Until the server has closed its connections.
-        descriptors = entries("/proc/self/fd");
+        descriptors = open_descriptors();
     }
-    EXPECT_TRUE(wait_until([&] { return entries("/proc/self/task") <= threads; }, 5s));
-    EXPECT_TRUE(wait_until([&] { return entries("/proc/self/fd") <= descriptors; }, 5s));
+    EXPECT_TRUE(wait_until([&] { return running_threads() <= threads; }, 5s));
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() <= descriptors; }, 5s));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The server for browsers and Prometheus: what it says of cards that are well, fail, hang and return, and
 // what it refuses.
 #include <arpa/inet.h>
+#include <kivos/sockets.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -41,7 +42,7 @@ class Caller {
     Caller& operator=(const Caller&) = delete;
 
     void say(const std::string& text) const {
-        [[maybe_unused]] const ssize_t sent = send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
+        [[maybe_unused]] const ssize_t sent = send(socket_, text.data(), text.size(), kivos::kNoSignal);
     }
 
     /// All until the server ends the connection.

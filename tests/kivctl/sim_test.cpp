@@ -1,5 +1,7 @@
 // Commands with a simulator of their own.
+#include <kivos/sockets.h>
 #include <signal.h>
+#include <sys/un.h>
 
 #include <filesystem>
 
@@ -76,12 +78,13 @@ TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
     Program watch(telling_its_id({"--sim", file, "watch", "--json"}));
     const std::string pid = watch.read_line();
     EXPECT_FALSE(watch.read_line().empty());
+    const std::string socket = folders_of(pid).at(0) / "socket";
     const auto simulator_runs = [&] {
-        return run_program(
-                   {"/bin/sh", "-c",
-                    "cat /proc/[0-9]*/cmdline 2>/dev/null | tr '\\0' ' ' | grep -qF -- \"--config $0\"",
-                    file})
-                   .status == 0;
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socket.copy(address.sun_path, sizeof address.sun_path - 1);
+        const kivos::Descriptor caller = kivos::stream_socket(AF_UNIX);
+        return connect(caller.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     };
     EXPECT_TRUE(simulator_runs());
     watch.send_signal(SIGKILL);

@@ -1,9 +1,10 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <kivplatform/driver_protocol.h>
+#include <kivos/shared_memory.h>
+#include <kivos/sockets.h>
+#include <kivplatform/frames.h>
+#include <kivplatform/waker.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -14,18 +15,16 @@
 #include <thread>
 
 #include "platform/Services.h"
+#include "support/RawFrames.h"
 #include "support/TemporaryDirectory.h"
+#include "support/ThisProcess.h"
 #include "support/Waiting.h"
 
 namespace {
 
 constexpr auto kDone = kIOReturnSuccess;
 constexpr auto kRefused = kIOReturnBadArgument;
-const auto kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-
-auto open_descriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
+const uint64_t kPage = kivos::page_size();
 
 /// A driver process on a thread of the test: one service, and replies and messages as the test says.
 class ScriptedDriver {
@@ -36,26 +35,26 @@ class ScriptedDriver {
         size_t size, files;  ///< So much of the payload is sent, and the file's descriptor so often.
     };
     Reply map_reply{};  ///< To KIVPLATFORM_MAP.
-    int file = memfd_create("memory", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    kivos::Descriptor file = kivos::shared_memory(4 * kPage);
     std::atomic<int> channel = -1;  ///< Of the last asynchronous call; selector 0 is refused.
 
     ScriptedDriver() {
-        EXPECT_EQ(ftruncate(file, static_cast<off_t>(4 * kPage)), 0);
-        EXPECT_EQ(fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK), 0);
-        sockaddr_un address{AF_UNIX, {}};
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
         std::strcpy(address.sun_path, (directory_ / "driver.sock").c_str());
         setenv("KIVSIM_SOCKET", address.sun_path, 1);
-        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        listen(listener_, 8);
+        EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        listen(listener_.get(), 8);
         thread_ = std::thread([this] { serve(); });
     }
     ~ScriptedDriver() { die(); }
 
     /// As a process that is killed.
     void die() {
-        shutdown(listener_, SHUT_RDWR);
+        end_.wake();
         if (thread_.joinable()) thread_.join();
-        close(channel.exchange(-1));
+        listener_.reset();
+        kivos::Descriptor(channel.exchange(-1)).reset();
     }
 
     /// A message of so many bytes, with the arguments 1, 2, 3...; may block.
@@ -63,47 +62,55 @@ class ScriptedDriver {
         uint64_t words[20] = {uint64_t{count} << 32 | static_cast<uint32_t>(result)};
         for (uint64_t i = 1; i < 20; ++i)
             words[i] = i;
-        return send(channel, words, size, MSG_NOSIGNAL) >= 0;
+        return send_raw(channel, framed({reinterpret_cast<const char*>(words), size}));
     }
 
   private:
+    struct Program {
+        kivos::Descriptor socket;
+        kivplatform::IncomingFrames requests{4096, kivplatform::IncomingFrames::Descriptors::Taken};
+    };
+
     void serve() {
-        std::vector<pollfd> sockets{{listener_, POLLIN, 0}};
-        while (poll(sockets.data(), sockets.size(), -1) > 0 && (sockets[0].revents & POLLHUP) == 0) {
-            if (sockets[0].revents != 0) sockets.push_back({accept(listener_, nullptr, nullptr), POLLIN, 0});
-            std::erase_if(sockets, [this](const pollfd& each) {
-                return each.fd != listener_ && each.revents != 0 && !answer(each.fd) && close(each.fd) == 0;
-            });
+        std::vector<std::unique_ptr<Program>> programs;
+        for (;;) {
+            std::vector<pollfd> polled{{end_.descriptor(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
+            for (const auto& each : programs)
+                polled.push_back({each->socket.get(), POLLIN, 0});
+            poll(polled.data(), static_cast<nfds_t>(polled.size()), -1);
+            if (polled[0].revents != 0) return;
+            for (size_t i = programs.size(); i-- > 0;) {
+                if (polled[i + 2].revents != 0 && !answer(*programs[i]))
+                    programs.erase(programs.begin() + static_cast<std::ptrdiff_t>(i));
+            }
+            if (polled[1].revents != 0)
+                programs.push_back(std::make_unique<Program>(Program{kivos::accept_from(listener_.get())}));
         }
-        for (const pollfd& each : sockets)
-            close(each.fd);
     }
 
-    bool answer(int socket) {
+    bool answer(Program& program) {
         kivplatform_request request{};
-        alignas(cmsghdr) char beside[CMSG_SPACE(8 * sizeof(int))];
-        iovec input{&request, sizeof request};
-        msghdr message{nullptr, 0, &input, 1, beside, sizeof beside, 0};
-        if (recvmsg(socket, &message, 0) <= 0) return false;
-        Reply reply{0, {7, 0}, request.kind == KIVPLATFORM_LIST ? sizeof(uint64_t) : 0, 0};
+        kivos::Descriptor beside;
+        if (program.requests.receive(program.socket.get()) == kivplatform::IncomingFrames::Outcome::Ended)
+            return false;
+        const auto message = program.requests.take(beside);
+        if (!message) return true;
+        std::memcpy(&request, message->data(), sizeof request);
+        Reply reply{0, {7, 0, 0}, request.kind == KIVPLATFORM_LIST ? sizeof(uint64_t) : 0, 0};
         if (request.kind == KIVPLATFORM_MAP) reply = map_reply;
         if (request.kind == KIVPLATFORM_CALL_ASYNC) {
-            close(channel.exchange(*reinterpret_cast<int*>(CMSG_DATA(CMSG_FIRSTHDR(&message)))));
+            const kivos::Descriptor former(channel.exchange(dup(beside.get())));
             if (request.number == 0) reply.status = -1;
         }
-        kivplatform_reply head{reply.status, 0};
-        iovec parts[] = {{&head, sizeof head}, {&reply.payload, reply.size}};
-        const size_t attached = reply.files * sizeof(int);
-        message = {nullptr, 0, parts, 2, beside, attached == 0 ? 0 : CMSG_SPACE(attached), 0};
-        auto* const header = reinterpret_cast<cmsghdr*>(beside);
-        if (attached != 0) *header = {CMSG_LEN(attached), SOL_SOCKET, SCM_RIGHTS};
-        for (size_t i = 0; i < attached; i += sizeof file)
-            std::memcpy(CMSG_DATA(header) + i, &file, sizeof file);
-        return sendmsg(socket, &message, MSG_NOSIGNAL) > 0;
+        const std::string text =
+            bytes_of(kivplatform_reply{reply.status, 0}) + bytes_of(reply.payload).substr(0, reply.size);
+        return send_raw(program.socket.get(), framed(text, static_cast<uint32_t>(reply.files)), file.get(),
+                        reply.files);
     }
 
     const TemporaryDirectory directory_;
-    const int listener_ = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    kivos::Descriptor listener_ = kivos::stream_socket(AF_UNIX);
+    const kivplatform::Waker end_;
     std::thread thread_;
 };
 
@@ -159,7 +166,7 @@ using PlatformMemory = Connected;
 TEST_F(PlatformMessages, ComeWithTheirArgumentsOrNotAtAll) {
     ASSERT_EQ(call_async(connect_), kDone);
     const std::tuple<uint32_t, size_t, bool> rows[] = {
-        {0, 8, true},   {1, 16, true},  {3, 32, true},     {16, 136, true}, {2, 24, false}, {17, 144, false},
+        {0, 8, true},   {1, 16, true},  {3, 32, true},     {16, 136, true}, {2, 24, false},
         {4, 32, false}, {3, 40, false}, {~0u, 136, false}, {0, 7, false},   {0, 0, false}};
     for (const auto& [count, size, comes] : rows) {
         std::vector<std::vector<uint64_t>> expected{{6}};
@@ -234,9 +241,8 @@ TEST_F(PlatformMessages, OfAFloodDoNotHoldUpThoseOfAnotherConnection) {
         ASSERT_EQ(call_async(&each == channels ? connect_ : other), kDone);
         each = driver_.channel.exchange(-1);
     }
-    const auto send_one = [&](uint64_t from) {
-        const uint64_t word = from;  // Result, and no arguments.
-        return send(channels[from], &word, sizeof word, MSG_NOSIGNAL) > 0;
+    const auto send_one = [&](uint64_t from) {  // The result, and no arguments.
+        return send_raw(channels[from], framed(bytes_of(from)));
     };
     on_message_ = [&] { EXPECT_TRUE(send_one(came_.back().front())); };  // Neither ever runs dry.
     EXPECT_TRUE(send_one(0) && send_one(1));
@@ -268,19 +274,22 @@ TEST_F(PlatformMessages, EndWithTheirConnectionAlsoInsideACallback) {
 }
 
 TEST_F(PlatformMemory, IsSharedBothWaysAndMappedOnce) {
-    ASSERT_EQ(map({0, {kPage, 2 * kPage}, 16, 1}), kDone);
+    ASSERT_EQ(map({0, {1, kPage, 2 * kPage}, 24, 1}), kDone);
     const mach_vm_address_t first = address_;
     EXPECT_EQ(size_, 2 * kPage);
-    char byte = 'd';
-    ASSERT_EQ(pwrite(driver_.file, &byte, 1, static_cast<off_t>(kPage)), 1);
-    EXPECT_EQ(*reinterpret_cast<char*>(first), 'd');
-    reinterpret_cast<char*>(first)[size_ - 1] = 'p';
-    ASSERT_EQ(pread(driver_.file, &byte, 1, static_cast<off_t>(3 * kPage - 1)), 1);
-    EXPECT_EQ(byte, 'p');
+    void* const drivers = mmap(nullptr, 4 * kPage, PROT_READ | PROT_WRITE, MAP_SHARED, driver_.file.get(), 0);
+    ASSERT_NE(drivers, MAP_FAILED);
+    auto* const memory = static_cast<volatile char*>(drivers);
+    auto* const program = reinterpret_cast<volatile char*>(first);
+    memory[kPage] = 'd';
+    EXPECT_EQ(program[0], 'd');
+    program[size_ - 1] = 'p';
+    EXPECT_EQ(memory[3 * kPage - 1], 'p');
+    munmap(drivers, 4 * kPage);
 
-    ASSERT_EQ(map({0, {kPage, 2 * kPage}, 16, 1}), kDone);
+    ASSERT_EQ(map({0, {1, kPage, 2 * kPage}, 24, 1}), kDone);
     EXPECT_EQ(address_, first);
-    ASSERT_EQ(map({0, {2 * kPage, 2 * kPage}, 16, 1}), kDone);
+    ASSERT_EQ(map({0, {1, 2 * kPage, 2 * kPage}, 24, 1}), kDone);
     EXPECT_NE(address_, first);
     // The driver's memory of this moment is undone, at whatever address.
     const mach_vm_address_t second = address_;
@@ -289,10 +298,10 @@ TEST_F(PlatformMemory, IsSharedBothWaysAndMappedOnce) {
     EXPECT_TRUE(mapped(first) && !mapped(second));
     driver_.map_reply = {-1, {}, 0, 0};
     EXPECT_EQ(unmap(first), kRefused);
-    driver_.map_reply = {0, {kPage, 2 * kPage}, 16, 1};
+    driver_.map_reply = {0, {1, kPage, 2 * kPage}, 24, 1};
     EXPECT_EQ(unmap(second), kDone);
     EXPECT_FALSE(mapped(first));
-    ASSERT_EQ(map({0, {kPage, kPage}, 16, 1}), kDone);
+    ASSERT_EQ(map({0, {1, kPage, kPage}, 24, 1}), kDone);
     EXPECT_EQ(IOServiceClose(connect_), kDone);
     EXPECT_FALSE(mapped(address_));
 }
@@ -300,10 +309,10 @@ TEST_F(PlatformMemory, IsSharedBothWaysAndMappedOnce) {
 TEST_F(PlatformMemory, ThatCannotBeTrustedIsRefusedAndLeaksNothing) {
     // clang-format off
     const ScriptedDriver::Reply refused[] = {
-        {-1, {0, kPage}, 0, 0}, {-1, {0, kPage}, 16, 1},                           // By the driver.
-        {0, {0, kPage}, 16, 0}, {0, {0, kPage}, 16, 2}, {0, {0, kPage}, 16, 8},    // Not one descriptor.
-        {0, {0, kPage}, 15, 1}, {0, {0, 0}, 16, 1}, {0, {0, kPage + 1}, 16, 1}, {0, {8, kPage}, 16, 1},
-        {0, {0, 5 * kPage}, 16, 1}, {0, {4 * kPage, kPage}, 16, 1}, {0, {-kPage, 2 * kPage}, 16, 1}};
+        {-1, {1, 0, kPage}, 0, 0}, {-1, {1, 0, kPage}, 24, 1},                           // By the driver.
+        {0, {1, 0, kPage}, 24, 0}, {0, {1, 0, kPage}, 24, 2}, {0, {1, 0, kPage}, 24, 8},    // Not one descriptor.
+        {0, {1, 0, kPage}, 23, 1}, {0, {1, 0, 0}, 24, 1}, {0, {1, 0, kPage + 1}, 24, 1}, {0, {1, 8, kPage}, 24, 1},
+        {0, {1, 0, 5 * kPage}, 24, 1}, {0, {1, 4 * kPage, kPage}, 24, 1}, {0, {1, -kPage, 2 * kPage}, 24, 1}};
     // clang-format on
     const ptrdiff_t before = open_descriptors();
     for (const ScriptedDriver::Reply& reply : refused) {
@@ -312,12 +321,14 @@ TEST_F(PlatformMemory, ThatCannotBeTrustedIsRefusedAndLeaksNothing) {
     }
     EXPECT_EQ(IOConnectMapMemory64(connect_, 0, 1, nullptr, &size_, kIOMapAnywhere), kRefused);
     EXPECT_EQ(IOConnectMapMemory64(connect_, 0, 1, &address_, nullptr, kIOMapAnywhere), kRefused);
-    EXPECT_EQ(map({0, {3 * kPage, kPage}, 16, 1}), kDone);
+    EXPECT_EQ(map({0, {1, 3 * kPage, kPage}, 24, 1}), kDone);
     EXPECT_LE(open_descriptors(), before);
-    const int sealed = std::exchange(driver_.file, memfd_create("unsealed", MFD_CLOEXEC));
-    EXPECT_EQ(ftruncate(driver_.file, static_cast<off_t>(kPage)), 0);
-    EXPECT_EQ(map({0, {0, kPage}, 16, 1}), kRefused) << "it might shrink under the mapping";
-    close(std::exchange(driver_.file, sealed));
+    if (kivos::kMemoryIsSealed) {
+        const std::unique_ptr<FILE, int (*)(FILE*)> unsealed(std::tmpfile(), &std::fclose);
+        EXPECT_EQ(ftruncate(fileno(unsealed.get()), static_cast<off_t>(kPage)), 0);
+        driver_.file = kivos::Descriptor(dup(fileno(unsealed.get())));
+        EXPECT_EQ(map({0, {2, 0, kPage}, 24, 1}), kRefused) << "it might shrink under the mapping";
+    }
     driver_.die();
     EXPECT_EQ(map({}), MACH_SEND_INVALID_DEST);
     EXPECT_EQ(unmap(address_), MACH_SEND_INVALID_DEST);

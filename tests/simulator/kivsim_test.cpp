@@ -1,6 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <kivplatform/descriptor.h>
+#include <kivos/sockets.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -170,7 +170,7 @@ TEST(Kivsim, ServesAProgramThatStartsItAndEndsWithThatProgramsPipe) {
     Program program({"/bin/sh", "-c",
                      R"(exec "$0" --socket "$1/driver.sock" --ready-json --with-stdin < "$1/pipe")",
                      KIVSIM_PROGRAM, directory / ""});
-    kivplatform::Descriptor held(open(pipe.c_str(), O_WRONLY | O_CLOEXEC));
+    kivos::Descriptor held(open(pipe.c_str(), O_WRONLY | O_CLOEXEC));
     ASSERT_EQ(write(held.get(), "text", 4), 4);
     const Json ready = parsed(program.read_line());
     EXPECT_EQ(ready.at("schema"), "kivsim.ready/1");

@@ -1,6 +1,7 @@
 #include "support/LoopbackServer.h"
 
 #include <arpa/inet.h>
+#include <kivos/sockets.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,8 +11,9 @@
 
 namespace {
 
-int listen_on_free_port(uint16_t& port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+kivos::Descriptor listen_on_free_port(uint16_t& port) {
+    kivos::Descriptor listener = kivos::stream_socket(AF_INET);
+    const int fd = listener.get();
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -22,12 +24,12 @@ int listen_on_free_port(uint16_t& port) {
         throw std::runtime_error("no loopback port");
     }
     port = ntohs(address.sin_port);
-    return fd;
+    return listener;
 }
 
 void send_all(int socket, const std::string& bytes) {
     for (std::size_t sent = 0; sent < bytes.size();) {
-        const ssize_t now = send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        const ssize_t now = send(socket, bytes.data() + sent, bytes.size() - sent, kivos::kNoSignal);
         if (now <= 0) return;
         sent += static_cast<std::size_t>(now);
     }
@@ -60,15 +62,13 @@ std::string read_request(int socket) {
 
 LoopbackServer::LoopbackServer(std::vector<Reply> replies)
     : replies_(std::move(replies)), listener_(listen_on_free_port(port_)) {
-    if (pipe(stop_) != 0) throw std::runtime_error("no pipe");
+    if (stop_.descriptor() < 0) throw std::runtime_error("no pipe");
     thread_ = std::thread([this] { serve(); });
 }
 
 LoopbackServer::~LoopbackServer() {
-    close(stop_[1]);
+    stop_.wake();
     thread_.join();
-    close(stop_[0]);
-    close(listener_);
 }
 
 std::string LoopbackServer::url() const {
@@ -88,28 +88,27 @@ LoopbackServer::Reply LoopbackServer::http(int status, const std::string& body) 
 
 void LoopbackServer::serve() {
     for (;;) {
-        pollfd entries[2] = {{listener_, POLLIN, 0}, {stop_[0], POLLIN, 0}};
+        pollfd entries[2] = {{listener_.get(), POLLIN, 0}, {stop_.descriptor(), POLLIN, 0}};
         poll(entries, 2, -1);
         if (entries[1].revents != 0) return;
-        const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (socket < 0) continue;
-        std::string request = read_request(socket);
+        const kivos::Descriptor socket = kivos::accept_from(listener_.get());
+        if (!socket) continue;
+        std::string request = read_request(socket.get());
         std::size_t number = 0;
         {
             const std::lock_guard lock(mutex_);
             number = requests_.size();
             requests_.push_back(std::move(request));
         }
-        answer(socket, replies_[std::min(number, replies_.size() - 1)]);
-        shutdown(socket, SHUT_RDWR);
-        close(socket);
+        answer(socket.get(), replies_[std::min(number, replies_.size() - 1)]);
+        shutdown(socket.get(), SHUT_RDWR);
     }
 }
 
 /// Waits no longer than the test itself wants to end.
 void LoopbackServer::answer(int socket, const Reply& reply) {
     if (reply.before) reply.before();
-    pollfd stop{stop_[0], POLLIN, 0};
+    pollfd stop{stop_.descriptor(), POLLIN, 0};
     if (reply.pause.count() > 0 && poll(&stop, 1, static_cast<int>(reply.pause.count())) > 0) return;
     send_all(socket, reply.bytes);
 }
@@ -133,6 +132,6 @@ std::string request_line_of(const std::string& request) {
 
 uint16_t unused_port() {
     uint16_t port = 0;
-    close(listen_on_free_port(port));
+    listen_on_free_port(port);
     return port;
 }

@@ -3,6 +3,9 @@
 #ifndef KIV_TEST_LOOPBACK_SERVER_H
 #define KIV_TEST_LOOPBACK_SERVER_H
 
+#include <kivos/descriptor.h>
+#include <kivplatform/waker.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -41,8 +44,8 @@ class LoopbackServer {
 
     const std::vector<Reply> replies_;
     uint16_t port_ = 0;  ///< Before the listener, which sets it.
-    int listener_;
-    int stop_[2];
+    kivos::Descriptor listener_;
+    kivplatform::Waker stop_;
     mutable std::mutex mutex_;
     std::vector<std::string> requests_;
     std::thread thread_;

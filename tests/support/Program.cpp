@@ -1,6 +1,6 @@
 #include "support/Program.h"
 
-#include <fcntl.h>
+#include <kivos/sockets.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -22,9 +22,9 @@ std::chrono::milliseconds left(Clock::time_point end) {
 }  // namespace
 
 Program::Program(const std::vector<std::string>& arguments, const Environment& environment) {
-    int out[2];
-    int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    kivos::Descriptor out;
+    kivos::Descriptor err;
+    if (!kivos::pipe_pair(out_, out) || !kivos::pipe_pair(err_, err)) throw std::runtime_error("no pipe");
     std::vector<char*> words;
     for (const std::string& argument : arguments)
         words.push_back(const_cast<char*>(argument.c_str()));
@@ -32,17 +32,13 @@ Program::Program(const std::vector<std::string>& arguments, const Environment& e
 
     pid_ = fork();
     if (pid_ == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
+        dup2(out.get(), STDOUT_FILENO);
+        dup2(err.get(), STDERR_FILENO);
         for (const auto& [name, value] : environment)
             setenv(name.c_str(), value.c_str(), 1);
         execvp(words[0], words.data());
         _exit(127);
     }
-    close(out[1]);
-    close(err[1]);
-    out_ = out[0];
-    err_ = err[0];
     if (pid_ < 0) throw std::runtime_error("no process");
 }
 
@@ -51,8 +47,6 @@ Program::~Program() {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    if (out_ >= 0) close(out_);
-    if (err_ >= 0) close(err_);
 }
 
 void Program::send_signal(int number) {
@@ -61,22 +55,21 @@ void Program::send_signal(int number) {
 
 /// False once both streams have ended or the time is over.
 bool Program::read_some(std::chrono::milliseconds limit) {
-    pollfd entries[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
+    pollfd entries[2] = {{out_.get(), POLLIN, 0}, {err_.get(), POLLIN, 0}};
     if (poll(entries, 2, static_cast<int>(limit.count())) <= 0) return false;
-    int* const streams[2] = {&out_, &err_};
+    kivos::Descriptor* const streams[2] = {&out_, &err_};
     std::string* const texts[2] = {&out_text_, &err_text_};
     for (int i = 0; i < 2; ++i) {
         if (entries[i].revents == 0) continue;
         char buffer[4096];
-        const ssize_t size = read(*streams[i], buffer, sizeof buffer);
+        const ssize_t size = read(streams[i]->get(), buffer, sizeof buffer);
         if (size > 0) {
             texts[i]->append(buffer, static_cast<std::size_t>(size));
         } else {
-            close(*streams[i]);
-            *streams[i] = -1;
+            streams[i]->reset();
         }
     }
-    return out_ >= 0 || err_ >= 0;
+    return out_ || err_;
 }
 
 std::string Program::read_line() {

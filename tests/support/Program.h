@@ -2,6 +2,7 @@
 #ifndef KIV_TEST_PROGRAM_H
 #define KIV_TEST_PROGRAM_H
 
+#include <kivos/descriptor.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -42,8 +43,8 @@ class Program {
     bool read_some(std::chrono::milliseconds limit);
 
     pid_t pid_ = -1;
-    int out_ = -1;
-    int err_ = -1;
+    kivos::Descriptor out_;
+    kivos::Descriptor err_;
     std::string out_text_;
     std::string err_text_;
 };

@@ -1,6 +1,7 @@
 #include "child.h"
 
 #include <fcntl.h>
+#include <kivos/program.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,7 +61,7 @@ Ended run_self(const std::vector<std::string>& words) {
     [[maybe_unused]] static const bool registered = (at_end(end_child), true);
     // A process that ends on another thread starts nothing more: this waits for ever then.
     waiting_for(Layer::Driver, "a command whose result is collected");
-    const std::string program = own_program();
+    const std::string program = kivos::program_file();
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& word : words)
         argv.push_back(const_cast<char*>(word.c_str()));

@@ -322,11 +322,13 @@ void Collector::load_configuration() {
 void Collector::keep_recording() {
     for (;;) {
         const auto now = std::chrono::system_clock::now();
-        const std::chrono::nanoseconds into = now.time_since_epoch() % History::kInterval;
-        std::this_thread::sleep_for(History::kInterval - into);
+        // The clock's own unit: not every system's counts nanoseconds.
+        const std::chrono::system_clock::duration left =
+            History::kInterval - now.time_since_epoch() % History::kInterval;
+        std::this_thread::sleep_for(left);
         const std::lock_guard lock(mutex_);
         for (auto& [id, card] : cards_)
-            card.history.record(now + History::kInterval - into, values_for_history(values_of(id, card)));
+            card.history.record(now + left, values_for_history(values_of(id, card)));
     }
 }
 

@@ -6,9 +6,6 @@
 
 namespace kivctl {
 
-/// The file of this program.
-std::string own_program();
-
 /// Starts a simulator that nobody else sees and that ends with this process, however that ends, and has the
 /// library find its driver. `cards`: the cards file; empty for the simulator's own cards. Throws Failure.
 void start_simulation(const std::string& cards);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <kivos/files.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,15 +16,6 @@ namespace kivctl {
 namespace {
 
 constexpr int64_t kLargest = int64_t{256} << 20;
-
-/// Of the last change.
-const timespec& time_of(const struct stat& state) {
-#ifdef __APPLE__
-    return state.st_mtimespec;
-#else
-    return state.st_mtim;
-#endif
-}
 
 }  // namespace
 
@@ -41,8 +33,9 @@ Image::Image(std::string path) : path_(std::move(path)) {
 bool Image::is_as_it_was() const {
     struct stat now {};
     return stat(path_.c_str(), &now) == 0 && now.st_dev == state_.st_dev && now.st_ino == state_.st_ino &&
-           now.st_size == state_.st_size && time_of(now).tv_sec == time_of(state_).tv_sec &&
-           time_of(now).tv_nsec == time_of(state_).tv_nsec;
+           now.st_size == state_.st_size &&
+           kivos::last_change(now).tv_sec == kivos::last_change(state_).tv_sec &&
+           kivos::last_change(now).tv_nsec == kivos::last_change(state_).tv_nsec;
 }
 
 Failure Image::refusal(const std::string& what) const {

@@ -1,0 +1,18 @@
+/// What this process holds of the system.
+#ifndef KIV_TEST_THIS_PROCESS_H
+#define KIV_TEST_THIS_PROCESS_H
+
+#include <cstddef>
+
+/// Open descriptors, with the one that looking takes.
+std::ptrdiff_t open_descriptors();
+
+std::ptrdiff_t running_threads();
+
+/// Memory in use, KiB.
+long resident_kib();
+
+/// Mappings that are shared with other processes.
+int shared_mappings();
+
+#endif
