@@ -3,7 +3,7 @@
 # Installed programs and libraries find their libraries beside them.
 set(KIV_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}" $ORIGIN)
 if(APPLE)
-  set(KIV_INSTALL_RPATH @loader_path/../${CMAKE_INSTALL_LIBDIR})
+  set(KIV_INSTALL_RPATH @loader_path/../${CMAKE_INSTALL_LIBDIR} @loader_path)
 endif()
 
 # kiv_target(<target>): language, warnings (errors in our presets), hidden symbols, the sanitizers of the build. On the
@@ -22,4 +22,23 @@ function(kiv_target target)
                                              $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     target_link_options(${target} PUBLIC -fsanitize=${KIV_SANITIZE})
   endif()
+endfunction()
+
+# kiv_exports(<target> <list>): the library exports the names in the list, one a line, and no others.
+function(kiv_exports target list)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})
+  file(STRINGS ${list} names REGEX "^[^#]")
+  set(made ${CMAKE_CURRENT_BINARY_DIR}/${target}.exports)
+  if(APPLE)
+    list(TRANSFORM names PREPEND _)
+    list(JOIN names "\n" text)
+    set(option -Wl,-exported_symbols_list,${made})
+  else()
+    list(JOIN names ";\n" text)
+    set(text "{ global:\n${text};\nlocal: *; };")
+    set(option -Wl,--version-script=${made})
+  endif()
+  file(CONFIGURE OUTPUT ${made} CONTENT "${text}\n" @ONLY)
+  target_link_options(${target} PRIVATE ${option})
+  set_target_properties(${target} PROPERTIES LINK_DEPENDS ${made})
 endfunction()

@@ -58,6 +58,15 @@ def masked(text):
     return re.sub(r" +", " ", text)
 
 
+def ready(command):
+    """The command; one in the background until it is of use."""
+    if command == "kivsim &":
+        return SIMULATOR
+    if serve := re.match(r"kivctl serve --listen (\S+) &", command):
+        return f"{command}\nuntil curl -s http://{serve[1]}/metrics | grep -q ^kiv_card_up; do sleep 0.05; done"
+    return command
+
+
 def slug(heading):
     return re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-")
 
@@ -100,8 +109,8 @@ class Page:
     def console(self, content):
         commands = re.findall(r"^\$ (.*)$", content, re.M)
         script = "set +e\n" + "".join(
-            f"printf '%s\\n' {shlex.quote('$ ' + command)}\n{SIMULATOR if command == 'kivsim &' else command}\n"
-            for command in commands)
+            f"printf '%s\\n' {shlex.quote('$ ' + command)}\n{ready(command)}\n"
+            for command in commands) + "kill %?serve 2>/dev/null; true\n"
         actual = self.run(script)[1]
         if masked(actual) != masked(content):
             yield f"{self.name} shows\n{content}\nand the commands print\n{actual}"

@@ -46,6 +46,7 @@ class Manager : public testing::Test {
 
 }  // namespace
 
+#ifdef KIV_SCHEDULE
 // The linker leads what the manager registers through here: periods are seen, not waited for. KIV_SCHEDULE is
 // the linker's name of Scheduler::schedulePeriodic, a member: its object comes first.
 using Pool = std::shared_ptr<kiv::device::thread::PeriodicThreadPool>;
@@ -58,6 +59,7 @@ uint64_t noted_schedule(kiv::device::thread::Scheduler& scheduler, std::function
     g_scheduled.push_back({task, period});
     return real_schedule(scheduler, std::move(task), period, std::move(pool));
 }
+#endif
 
 TEST_F(Manager, KeepsKnownCardsAddsNewOnesAndReleasesThoseThatAreGone) {
     auto simulator = std::make_unique<RunningSimulator>();
@@ -100,6 +102,9 @@ TEST_F(Manager, PollsWhatItScheduledUntilItStops) {
 }
 
 TEST_F(Manager, HasTheStatusReadEverySecondAndTheSensorsEveryMinute) {
+#ifndef KIV_SCHEDULE
+    GTEST_SKIP() << "the linker of this system wraps no function: nobody sees the periods";
+#endif
     RunningSimulator simulator({kivsim::believable_card(1)});
     DeviceManager manager = make();
     manager.loadDevices();

@@ -94,6 +94,11 @@ TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
         std::filesystem::remove_all(folder);
 }
 
+TEST_F(OwnSimulator, LetsTheLibrarysLogBeSeen) {
+    EXPECT_NE(run({"--sim", "-v", "info", "1"}).err.find("[info]"), std::string::npos);
+    EXPECT_EQ(run({"--sim", "info", "1"}).err, "");
+}
+
 TEST_F(OwnSimulator, SaysWhyItCannotRun) {
     const std::pair<Words, const char*> kRefused[] = {
         {{"--sim", cards_file(R"({"cards": [{"id": 5, "lnks": 1}]})"), "scan"}, "cards[0].lnks: unknown key"},

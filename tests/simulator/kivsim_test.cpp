@@ -192,7 +192,7 @@ TEST(Kivsim, EndsOnASignalWhileItReadsItsFile) {
     const TemporaryDirectory directory;
     ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
     Program program({KIVSIM_PROGRAM, "--scenario", directory / "pipe"});
-    const kivplatform::Descriptor held(
+    const kivos::Descriptor held(
         open((directory / "pipe").c_str(), O_WRONLY | O_CLOEXEC));  // Once it is read.
     program.send_signal(SIGINT);
     EXPECT_EQ(program.wait().status, -SIGINT);
