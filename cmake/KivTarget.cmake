@@ -24,6 +24,19 @@ function(kiv_target target)
   endif()
 endfunction()
 
+# kiv_find_httplib(): PkgConfig::HTTPLIB, for targets of this directory and below.
+macro(kiv_find_httplib)
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+  if(APPLE)
+    # Its header includes frameworks for certificates and names that we do not ask for. The driver seam has headers of the
+    # same names, and must not be found in their place.
+    target_compile_options(PkgConfig::HTTPLIB INTERFACE
+      -UCPPHTTPLIB_USE_CERTS_FROM_MACOSX_KEYCHAIN -UCPPHTTPLIB_USE_NON_BLOCKING_GETADDRINFO
+      -DCPPHTTPLIB_DISABLE_MACOSX_AUTOMATIC_ROOT_CERTIFICATES)
+  endif()
+endmacro()
+
 # kiv_exports(<target> <list>): the library exports the names in the list, one a line, and no others.
 function(kiv_exports target list)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})

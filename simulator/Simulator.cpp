@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
@@ -21,6 +22,9 @@ void raise_descriptor_limit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
     limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) == 0) return;
+    // Some systems refuse what their own maximum allows.
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 10240);
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 

@@ -2,6 +2,7 @@
 
 #include <IOKit/IOReturn.h>
 #include <fcntl.h>
+#include <kivos/sockets.h>
 #include <kivplatform/driver_protocol.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -110,6 +111,7 @@ void DriverProcess::serve() {
 void DriverProcess::accept_connection() {
     Descriptor socket = accept_or_refuse(listener_.get(), spare_);
     if (!socket) return;
+    kivos::do_not_wait(socket.get());  // Not every system promises MSG_DONTWAIT for what is sent.
     const uint64_t number = next_connection_++;
     waiting_.watch(number, socket.get(), POLLIN);
     Connection& connection = connections_[number];
@@ -146,13 +148,19 @@ void DriverProcess::serve_connection(uint64_t number) {
 }
 
 void DriverProcess::serve_request(Connection& connection, Request& request) {
+    // A program waits for its reply. One that does not would have late ones pile up.
+    if (connection.is_owed_reply) {
+        hang_up(connection.number);
+        return;
+    }
     if (request.header.kind == KIVPLATFORM_MAP && connection.service != nullptr) {
         send_mapping(connection, request.header.number);
         return;
     }
     Clock::duration delay{};
     std::vector<std::byte> reply = answer(connection, request, delay);
-    if (delay > Clock::duration::zero()) {
+    connection.is_owed_reply = delay > Clock::duration::zero();
+    if (connection.is_owed_reply) {
         late_.emplace(Clock::now() + delay, LateReply{connection.number, std::move(reply)});
     } else {
         send_reply(connection.number, std::move(reply));
@@ -252,6 +260,7 @@ void DriverProcess::close_service(Connection& connection) {
 void DriverProcess::send_reply(uint64_t number, std::vector<std::byte> reply, Descriptor descriptor) {
     const auto connection = connections_.find(number);
     if (connection == connections_.end()) return;
+    connection->second.is_owed_reply = false;
     if (connection->second.unsent == nullptr) {
         connection->second.unsent = std::make_unique<Reply>(std::move(reply), std::move(descriptor));
         if (flush(connection->second)) return;
@@ -290,6 +299,7 @@ void DriverProcess::hang_up(uint64_t number) {
     const auto connection = connections_.find(number);
     if (connection == connections_.end()) return;
     if (connection->second.service != nullptr) close_service(connection->second);
+    std::erase_if(late_, [number](const auto& late) { return late.second.connection == number; });
     waiting_.forget(number);
     connections_.erase(connection);
 }

@@ -68,6 +68,7 @@ class DriverProcess {
         kivplatform::IncomingFrames requests{sizeof(kivplatform_request) + KIVPLATFORM_MESSAGE_SIZE,
                                              kivplatform::IncomingFrames::Descriptors::Taken};
         std::unique_ptr<Reply> unsent{};   ///< While it is not all sent no further request is read.
+        bool is_owed_reply = false;        ///< A late one.
         const Service* service = nullptr;  ///< Once it has opened one.
     };
 

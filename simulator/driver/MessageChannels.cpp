@@ -13,7 +13,7 @@ namespace kivsim {
 
 void MessageChannels::add(uint64_t connection, Descriptor channel) {
     remove(connection);
-    kivos::adopt(channel.get());
+    kivos::do_not_wait(channel.get());  // As DriverProcess::accept_connection() does.
     channels_[connection].socket = std::move(channel);
 }
 

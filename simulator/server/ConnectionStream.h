@@ -23,11 +23,16 @@ class ConnectionStream final : public httplib::Stream {
   public:
     ConnectionStream(int socket, int stop) : socket_(socket), stop_(stop) {}
 
-    bool is_readable() const override { return next_ < end_ || wait_for(POLLIN); }
-    bool is_writable() const override { return wait_for(POLLOUT); }
+    // Without "override": which of these the library's class has depends on its version.
+    // NOLINTBEGIN(modernize-use-override)
+    bool is_readable() const { return next_ < end_ || wait_for(POLLIN); }
+    bool wait_readable() const { return is_readable(); }
+    bool is_writable() const { return wait_for(POLLOUT); }
+    bool wait_writable() const { return is_writable(); }
+    time_t duration() const { return 0; }
 
     /// The library asks for single bytes while it reads header lines: those come from a buffer.
-    ssize_t read(char* data, size_t size) override {
+    ssize_t read(char* data, size_t size) {
         if (next_ == end_) {
             if (!wait_for(POLLIN)) return -1;
             const ssize_t received = recv(socket_, buffer_.data(), buffer_.size(), 0);
@@ -40,7 +45,7 @@ class ConnectionStream final : public httplib::Stream {
         next_ += count;
         return static_cast<ssize_t>(count);
     }
-    ssize_t write(const char* data, size_t size) override {
+    ssize_t write(const char* data, size_t size) {
         if (!is_writable()) return -1;
         const size_t allowed = up_to_cut(data, size);
         const ssize_t sent = allowed == 0 ? 0 : send(socket_, data, allowed, kivos::kNoSignal);
@@ -48,6 +53,11 @@ class ConnectionStream final : public httplib::Stream {
         shutdown(socket_, SHUT_RDWR);
         return -1;
     }
+
+    void get_remote_ip_and_port(std::string& ip, int& port) const { loopback(ip, port); }
+    void get_local_ip_and_port(std::string& ip, int& port) const { loopback(ip, port); }
+    socket_t socket() const { return socket_; }
+    // NOLINTEND(modernize-use-override)
 
     /// Ends the connection before the answer, or in the midst of its body of that size.
     void cut_answer(Cut cut, size_t body_size) {
@@ -60,10 +70,6 @@ class ConnectionStream final : public httplib::Stream {
         pollfd stop{stop_, POLLIN, 0};
         poll(&stop, 1, static_cast<int>(milliseconds));
     }
-
-    void get_remote_ip_and_port(std::string& ip, int& port) const override { loopback(ip, port); }
-    void get_local_ip_and_port(std::string& ip, int& port) const override { loopback(ip, port); }
-    socket_t socket() const override { return socket_; }
 
   private:
     static constexpr int kIdleMs = 2000;  ///< How long a connection may wait for the next bytes.

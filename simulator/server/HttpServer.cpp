@@ -1,6 +1,7 @@
 #include "server/HttpServer.h"
 
 #include <chrono>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -15,6 +16,16 @@ constexpr std::chrono::milliseconds kPatience{200};  ///< Of a thread without co
 
 /// The stream of the connection that this thread serves, for the handlers, which the library does not tell.
 thread_local ConnectionStream* t_stream = nullptr;
+
+/// What a form uploads. Newer versions of the library keep forms apart.
+auto file_of(const auto& request) -> decltype(HttpRequest::file) {
+    if constexpr (requires { request.form; }) {
+        if (request.form.has_file("file")) return request.form.get_file("file").content;
+    } else {
+        if (request.has_file("file")) return request.get_file_value("file").content;
+    }
+    return {};
+}
 
 class Serving {
   public:
@@ -32,13 +43,14 @@ class HttpServer::Protocol final : public httplib::Server {
     explicit Protocol(Answering handler) : handler_(std::move(handler)) {
         const auto answer = [this](const httplib::Request& request, httplib::Response& response) {
             HttpRequest plain{request.method, request.path, request.body, {}};
-            if (request.has_file("file")) plain.file = request.get_file_value("file").content;
+            plain.file = file_of(request);
             const Answer given = handler_(plain);
             if (given.delay_ms != 0) t_stream->pause(given.delay_ms);
             t_stream->cut_answer(given.cut, given.body.size());
             response.status = given.status;
             response.set_content(given.body, given.content_type);
         };
+        set_payload_max_length(std::numeric_limits<std::size_t>::max());
         Get(".*", answer);
         Post(".*", answer);
         Patch(".*", answer);
@@ -50,11 +62,20 @@ class HttpServer::Protocol final : public httplib::Server {
         const Serving serving(stream);
         for (int left = kMostRequests; left > 0 && stream.is_readable(); --left) {
             bool closed = false;
-            if (!process_request(stream, left == 1, closed, nullptr) || closed) return;
+            if (!process(stream, left == 1, closed) || closed) return;
         }
     }
 
   private:
+    /// Newer versions also take who asks whom.
+    bool process(auto& stream, bool is_last, bool& closed) {
+        if constexpr (requires { this->process_request(stream, is_last, closed, nullptr); }) {
+            return process_request(stream, is_last, closed, nullptr);
+        } else {
+            return process_request(stream, "", 0, "", 0, is_last, closed, nullptr);
+        }
+    }
+
     const Answering handler_;
 };
 

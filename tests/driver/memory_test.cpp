@@ -1,6 +1,7 @@
 // DMA memory, BARs and the ANC memories in this process.
 #include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
+#include <kivos/shared_memory.h>
 #include <sys/mman.h>
 
 #include <cstring>
@@ -52,17 +53,18 @@ TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
     kivDriverClient& two = *list[1];
     dextBuffer buffer{};
     EXPECT_EQ(one.get_buffer(7, buffer), -1);
-    ASSERT_EQ(one.allocate_buffer(7, 5000, 3), 0);
+    const uint64_t two_pages = 2 * kivos::page_size();
+    ASSERT_EQ(one.allocate_buffer(7, static_cast<uint32_t>(two_pages - 1), 3), 0);
     ASSERT_EQ(one.get_buffer(7, buffer), 0);
     EXPECT_EQ(buffer.depth, 3u);
     ASSERT_EQ(buffer.infos.size(), 3u);
-    EXPECT_EQ(buffer.infos[2].mapped_size, 8192u);
-    EXPECT_EQ(buffer.infos[2].bus_address - buffer.infos[1].bus_address, 8192u);
+    EXPECT_EQ(buffer.infos[2].mapped_size, two_pages);
+    EXPECT_EQ(buffer.infos[2].bus_address - buffer.infos[1].bus_address, two_pages);
 
     uint64_t address = 0;
     uint64_t size = 0;
     ASSERT_EQ(two.map_iomemory(7, 2, &address, &size), 0);
-    EXPECT_EQ(size, 8192u);
+    EXPECT_EQ(size, two_pages);
     std::memcpy(at(buffer.infos[2].mapped_address), "\x12\x34", 2);
     EXPECT_EQ(at(address)[1], 0x34);
     EXPECT_EQ(simulator.control("GET", "/memory/7/2").body.substr(0, 7), "\"123400");
@@ -252,7 +254,8 @@ TEST(DriverMemory, SelectedByOneThreadIsNotMappedByAnother) {
     std::thread other([&] {
         expect_size(16u << 20, [&](auto* address, auto* size) { return client->map_pci(2, address, size); });
     });
-    expect_size(4096, [&](auto* address, auto* size) { return client->map_iomemory(3, 0, address, size); });
+    expect_size(kivos::page_size(),
+                [&](auto* address, auto* size) { return client->map_iomemory(3, 0, address, size); });
     other.join();
 }
 

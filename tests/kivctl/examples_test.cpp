@@ -1,4 +1,5 @@
 // The examples, as a person runs them.
+#include <kivos/shared_memory.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -11,7 +12,8 @@ TEST_F(KivctlSettings, HasExamplesOnTheExportedClassesBesideIt) {
     const Ended driver = run_program({USE_DRIVER_PROGRAM, "1", "4"});
     EXPECT_EQ(driver.status, 0) << driver.err;
     EXPECT_EQ(std::count(driver.out.begin(), driver.out.end(), '\n'), 6);
-    EXPECT_NE(driver.out.find(", 4096 bytes mapped\nregister 0x02000010 by mapping, 0x02000010 by call\n"
+    EXPECT_NE(driver.out.find(", " + std::to_string(kivos::page_size()) +
+                              " bytes mapped\nregister 0x02000010 by mapping, 0x02000010 by call\n"
                               "3 messages of 3 arguments, the first 4\n"),
               std::string::npos)
         << driver.out;

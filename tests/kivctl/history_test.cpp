@@ -2,12 +2,12 @@
 #include "history.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <cmath>
 #include <memory>
 
 #include "support/Json.h"
+#include "support/ThisProcess.h"
 
 namespace {
 
@@ -60,15 +60,14 @@ TEST(History, HasGapsWhereNobodyRecorded) {
 }
 
 TEST(History, OfSixtyFourCardsTakesLittleMemory) {
-    const auto used = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
-    const std::size_t before = used();
+    const std::size_t before = allocated_bytes();
     std::vector<std::unique_ptr<History>> cards;
     for (int card = 0; card < 64; ++card) {
         cards.push_back(std::make_unique<History>());
         for (int i = 0; i < 2000; ++i)
             cards.back()->record(kStart + i * seconds(5), values(static_cast<float>(i)));
     }
-    const std::size_t bytes = used() - before;
+    const std::size_t bytes = allocated_bytes() - before;
     if (bytes == 0) GTEST_SKIP() << "the allocator of a sanitizer counts nothing";
     RecordProperty("bytes", static_cast<int>(bytes));
     EXPECT_LT(bytes, std::size_t{64} << 20);

@@ -108,6 +108,13 @@ TEST_F(Frames, ThatLieEndTheStreamAndLeakNothing) {
         given.reset();
     }
     EXPECT_EQ(open_descriptors(), before);
+    for (const std::string& lie : {framed("", 0, 0xFFFFFFFF), framed("", 1)}) {
+        IncomingFrames frames(kLargest, IncomingFrames::Descriptors::Taken);
+        ASSERT_TRUE(send_raw(test_.get(), framed("one") + lie));
+        EXPECT_EQ(frames.receive(own_.get()), Outcome::Received);
+        EXPECT_TRUE(frames.take(descriptor_) && !frames.take(descriptor_));
+        EXPECT_EQ(frames.receive(own_.get(), MSG_DONTWAIT), Outcome::Ended) << "behind a message";
+    }
     IncomingFrames refusing(kLargest, IncomingFrames::Descriptors::Refused);
     ASSERT_TRUE(send_raw(test_.get(), framed("one"), test_.get(), 3));
     EXPECT_EQ(refusing.receive(own_.get()), Outcome::Received);
@@ -116,6 +123,7 @@ TEST_F(Frames, ThatLieEndTheStreamAndLeakNothing) {
 }
 
 TEST_F(Frames, GoOutAsTheSocketTakesThem) {
+    ASSERT_TRUE(kivos::do_not_wait(own_.get()));
     const std::string large(1 << 20, 'l');
     const std::span message(reinterpret_cast<const std::byte*>(large.data()), large.size());
     OutgoingFrame frame(message.first(10), message.subspan(10), own_.get());

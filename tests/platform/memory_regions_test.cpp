@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <mach/mach.h>
+#include <mach/mach_vm.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -18,9 +19,10 @@ TEST(PlatformMemoryRegions, AreFoundByAddressOrAboveIt) {
         mach_vm_size_t size = 0;
         vm_region_basic_info_data_64_t info{};
         mach_msg_type_number_t count = VM_REGION_BASIC_INFO_COUNT_64;
+        mach_port_t object = MACH_PORT_NULL;
         const bool found = asked != ~uint64_t{0};
         EXPECT_EQ(mach_vm_region(mach_task_self(), &address, &size, VM_REGION_BASIC_INFO_64,
-                                 reinterpret_cast<vm_region_info_t>(&info), &count, nullptr),
+                                 reinterpret_cast<vm_region_info_t>(&info), &count, &object),
                   found ? KERN_SUCCESS : KERN_INVALID_ADDRESS);
         EXPECT_EQ(address, found ? readable : asked);
         EXPECT_EQ(size, found ? page : 0);

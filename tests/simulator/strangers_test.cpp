@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include <IOKit/IOReturn.h>
-#include "driver/wire.h"
+#include "support/DriverFault.h"
 #include "support/RawFrames.h"
 #include "support/RunningSimulator.h"
 #include "support/ThisProcess.h"
@@ -103,6 +103,19 @@ TEST(Strangers, ThatBreakTheFramesAreHungUpOnAndThoseThatStallHoldUpNobody) {
         EXPECT_TRUE(stalling[cut - 1]->say(request.substr(cut)));
         EXPECT_EQ(stalling[cut - 1]->hear(), 0) << cut;
     }
+}
+
+TEST(Strangers, ThatDoNotWaitForALateReplyAreHungUpOn) {
+    auto cards = kivsim::default_cards();
+    cards[0].driver_faults = {fault(kiv::wire::kReadPci64).delay_ms(600'000)};
+    const RunningSimulator simulator(cards);
+    Stranger stranger(simulator);
+    ASSERT_EQ(stranger.ask(kList, kCards), 0);
+    ASSERT_EQ(stranger.ask({KIVPLATFORM_OPEN, 22, stranger.value_, 0, 0}, ""), 0);
+    const std::string call =
+        framed(bytes_of(kivplatform_request{KIVPLATFORM_CALL, kiv::wire::kReadPci64, 0, 0, 0}));
+    EXPECT_TRUE(stranger.say(call + call));
+    EXPECT_EQ(stranger.hear(), kHungUp);
 }
 
 TEST(Strangers, ThatAskWithoutReadingAreReadNoFurtherAndGetAllInTheEnd) {

@@ -1,6 +1,12 @@
 #include "support/ThisProcess.h"
 
 #include <mach/mach.h>
+#include <mach/mach_vm.h>
+#ifdef __APPLE__
+#include <malloc/malloc.h>
+#else
+#include <malloc.h>
+#endif
 
 #include <filesystem>
 #include <fstream>
@@ -52,6 +58,10 @@ long resident_kib() {
     return static_cast<long>(info.resident_size / 1024);
 }
 
+std::size_t allocated_bytes() {
+    return mstats().bytes_used;
+}
+
 #else
 
 std::ptrdiff_t running_threads() {
@@ -65,6 +75,10 @@ long resident_kib() {
         if (word == "VmRSS:") status >> found;
     }
     return found;
+}
+
+std::size_t allocated_bytes() {
+    return mallinfo2().uordblks + mallinfo2().hblkhd;
 }
 
 #endif

@@ -12,6 +12,9 @@ std::ptrdiff_t running_threads();
 /// Memory in use, KiB.
 long resident_kib();
 
+/// Bytes of the allocator in use; 0 where it counts none.
+std::size_t allocated_bytes();
+
 /// Mappings that are shared with other processes.
 int shared_mappings();
 

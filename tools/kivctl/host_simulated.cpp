@@ -20,6 +20,8 @@
 #include "guard.h"
 #include "host.h"
 
+extern char** environ;
+
 namespace kivctl {
 
 namespace {

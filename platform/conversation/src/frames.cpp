@@ -114,6 +114,7 @@ IncomingFrames::IncomingFrames(std::size_t largest, Descriptors descriptors)
 }
 
 IncomingFrames::Outcome IncomingFrames::receive(int socket, int flags) {
+    if (!is_well_formed()) return Outcome::Ended;  // What came behind another message.
     make_room();
     iovec part{buffer_.data() + filled_, buffer_.size() - filled_};
     ManyDescriptors beside;

@@ -68,8 +68,8 @@ void Conversation::end() {
     setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     kivplatform_request request{};
     request.kind = KIVPLATFORM_CLOSE;
-    std::size_t produced = 0;
-    if (send(request, {}, -1)) receive({}, produced, nullptr);
+    // One that answers byte by byte neither: the patience is for one receipt.
+    if (send(request, {}, -1)) replies_.receive(socket_.get());
     ended_ = true;
     shutdown(socket_.get(), SHUT_RDWR);
 }

@@ -2,6 +2,5 @@
 #define MACH_MACH_H
 
 #include <mach/mach_types.h>
-#include <mach/mach_vm.h>
 
 #endif
