@@ -1,0 +1,51 @@
+#include "faults/seams.h"
+
+#include <curl/curl.h>
+#include <dlfcn.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <ctime>
+
+#include "support/LoopbackServer.h"
+
+RequestSeam g_seam;
+
+/// Under libcurl's name, but with an integer for the option: an enumeration may not be the last named
+/// parameter.
+extern "C" CURLcode seam_setopt(CURL* handle, unsigned option, ...) __asm__("curl_easy_setopt");
+
+// Each option's value fills one register, so all of them pass as a pointer would.
+CURLcode seam_setopt(CURL* handle, unsigned option, ...) {
+    va_list arguments;
+    va_start(arguments, option);
+    void* const value = va_arg(arguments, void*);
+    va_end(arguments);
+    static const auto real =
+        reinterpret_cast<CURLcode (*)(CURL*, unsigned, ...)>(dlsym(RTLD_NEXT, "curl_easy_setopt"));
+    static const long closed_port = unused_port();
+    thread_local bool meant = false;  // The library gives the URL before the limit.
+    if (option == CURLOPT_URL) {
+        meant = !g_seam.path.empty() &&
+                std::string(static_cast<const char*>(value)).find(g_seam.path) != std::string::npos;
+        if (meant) ++g_seam.attempts;
+        if (meant && g_seam.way == Way::ToClosedPort) real(handle, CURLOPT_PORT, closed_port);
+    }
+    if (option == CURLOPT_TIMEOUT) {
+        const long seconds = static_cast<long>(reinterpret_cast<intptr_t>(value));
+        g_seam.waiting_ms += seconds * 1000;
+        if (meant && seconds > 0) ++g_seam.limited;
+        if (meant && g_seam.way == Way::InHaste) return real(handle, CURLOPT_TIMEOUT_MS, 10L);
+    }
+    return real(handle, option, value);
+}
+
+/// Cuts long pauses short: those between attempts, and those of the scheduler, which nothing wakes at a scan.
+extern "C" int nanosleep(const timespec* length, timespec* left) {
+    constexpr long kMillisecond = 1'000'000, kBetweenAttempts = 100 * kMillisecond;
+    static const auto real =
+        reinterpret_cast<int (*)(const timespec*, timespec*)>(dlsym(RTLD_NEXT, "nanosleep"));
+    if (length->tv_sec == 0 && length->tv_nsec == kBetweenAttempts) g_seam.waiting_ms += 100;
+    const timespec shorter{0, 2 * kMillisecond};
+    return real(length->tv_sec > 0 || length->tv_nsec > 50 * kMillisecond ? &shorter : length, left);
+}
