@@ -3,26 +3,15 @@
 #include <curl/curl.h>
 #include <dlfcn.h>
 
-#include <cstdarg>
 #include <cstdint>
 #include <ctime>
 
+#include "kivHpsClientKit/LibcurlOptions.h"
 #include "support/LoopbackServer.h"
 
 RequestSeam g_seam;
 
-/// Under libcurl's name, but with an integer for the option: an enumeration may not be the last named
-/// parameter.
-extern "C" CURLcode seam_setopt(CURL* handle, unsigned option, ...) __asm__("curl_easy_setopt");
-
-// Each option's value fills one register, so all of them pass as a pointer would.
-CURLcode seam_setopt(CURL* handle, unsigned option, ...) {
-    va_list arguments;
-    va_start(arguments, option);
-    void* const value = va_arg(arguments, void*);
-    va_end(arguments);
-    static const auto real =
-        reinterpret_cast<CURLcode (*)(CURL*, unsigned, ...)>(dlsym(RTLD_NEXT, "curl_easy_setopt"));
+CURLcode on_option(SetOption real, CURL* handle, unsigned option, void* value) {
     static const long closed_port = unused_port();
     thread_local bool meant = false;  // The library gives the URL before the limit.
     if (option == CURLOPT_URL) {

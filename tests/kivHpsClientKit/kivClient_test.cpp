@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstdarg>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -16,6 +15,7 @@
 #include <tuple>
 
 #include "kivHpsClientKit/HttpTexts.h"
+#include "kivHpsClientKit/LibcurlOptions.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Waiting.h"
@@ -48,19 +48,8 @@ extern "C" CURL* curl_easy_init() {
     return g_no_handles ? nullptr : reinterpret_cast<CURL* (*)()>(dlsym(RTLD_NEXT, "curl_easy_init"))();
 }
 
-/// Under libcurl's name, but with an integer for the option: an enumeration may not be the last named
-/// parameter.
-extern "C" CURLcode noted_setopt(CURL* handle, unsigned option, ...) __asm__("curl_easy_setopt");
-
-// Each option's value fills one register, so all of them pass as a pointer would.
-CURLcode noted_setopt(CURL* handle, unsigned option, ...) {
-    va_list arguments;
-    va_start(arguments, option);
-    void* const value = va_arg(arguments, void*);
-    va_end(arguments);
+CURLcode on_option(SetOption real, CURL* handle, unsigned option, void* value) {
     if (option == CURLOPT_TIMEOUT) g_time_limit = static_cast<long>(reinterpret_cast<intptr_t>(value));
-    static const auto real =
-        reinterpret_cast<CURLcode (*)(CURL*, unsigned, ...)>(dlsym(RTLD_NEXT, "curl_easy_setopt"));
     return real(handle, option, value);
 }
 
