@@ -3,7 +3,7 @@
 #define KIV_TEST_TORTURE_SCENARIOS_H
 
 #include <exception>
-#include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -74,6 +74,9 @@ struct Scenario {
     const char* name;
     void (*run)(Calls&, const Place&);
 };
+inline void PrintTo(const Scenario& scenario, std::ostream* out) {
+    *out << scenario.name;
+}
 extern const std::vector<Scenario> kScenarios;
 
 #endif

@@ -120,10 +120,12 @@ Uncounted::~Uncounted() {
     }
 
 // clang-format off
+#ifndef KIV_SANITIZED  // A sanitizer asks for memory itself, and ends the process when it gets none.
 KIV_STANDS_BEFORE(Memory, ENOMEM, nullptr, void*, malloc, (std::size_t size) noexcept, (size))
 KIV_STANDS_BEFORE(Memory, ENOMEM, nullptr, void*, calloc, (std::size_t count, std::size_t size) noexcept, (count, size))
 KIV_STANDS_BEFORE(Memory, ENOMEM, nullptr, void*, realloc, (void* old, std::size_t size) noexcept, (old, size))
 KIV_STANDS_BEFORE(Memory, ENOMEM, MAP_FAILED, void*, mmap, (void* at, std::size_t size, int rights, int flags, int file, off_t offset) noexcept, (at, size, rights, flags, file, offset))
+#endif
 KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, socket, (int domain, int type, int protocol) noexcept, (domain, type, protocol))
 KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, socketpair, (int domain, int type, int protocol, int ends[2]) noexcept, (domain, type, protocol, ends))
 KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, pipe, (int ends[2]) noexcept, (ends))
@@ -187,6 +189,9 @@ extern "C" int nanosleep(const timespec* length, timespec* left) {
 
 // Those of sanitizers do not come by malloc.
 void* operator new(std::size_t size) {
+#ifdef KIV_SANITIZED
+    if (refused(Resource::Memory, ENOMEM)) throw std::bad_alloc();
+#endif
     if (void* const memory = malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
 }

@@ -287,16 +287,20 @@ class Torture {
     std::map<std::string, std::set<std::string>> places_;  ///< By owner.
 };
 
+struct EachScenario : testing::TestWithParam<Scenario> {};
+
+std::string name_of_case(const testing::TestParamInfo<Scenario>& info) {
+    std::string name = info.param.name;
+    std::replace(name.begin(), name.end(), ' ', '_');
+    return name;
+}
+
 }  // namespace
 
-TEST(Torture, EndsInACodeOrAnExceptionAndAllIsWellAfterwards) {
-    const char* const whole = std::getenv("KIV_TORTURE");  // Every request of the scenarios that it names.
-    Torture torture(whole != nullptr);
-    for (const Scenario& scenario : kScenarios) {
-        if (whole != nullptr && std::string(scenario.name).find(whole) == std::string::npos) continue;
-        const Stopwatch watch;
-        torture.run(scenario);
-        std::cout << scenario.name << ": " << watch.elapsed().count() << " ms" << std::endl;
-    }
+TEST_P(EachScenario, EndsInACodeOrAnExceptionAndAllIsWellAfterwards) {
+    Torture torture(std::getenv("KIV_TORTURE_WHOLE") != nullptr);
+    torture.run(GetParam());
     torture.tell();
 }
+
+INSTANTIATE_TEST_SUITE_P(Torture, EachScenario, testing::ValuesIn(kScenarios), name_of_case);
