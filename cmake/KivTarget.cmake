@@ -6,8 +6,38 @@ if(APPLE)
   set(KIV_INSTALL_RPATH @loader_path/../${CMAKE_INSTALL_LIBDIR} @loader_path)
 endif()
 
-# kiv_target(<target>): language, warnings (errors in our presets), hidden symbols, the sanitizers of the build. On the
-# target and not in CMAKE_ variables, so that a project around this one keeps its own.
+# What makes faults of memory harder to exploit, in the builds that are shipped: those that are optimised. docs/security.md
+# names what each is for.
+set(kiv_flags "${CMAKE_CXX_FLAGS}")
+if(CMAKE_BUILD_TYPE)
+  string(TOUPPER ${CMAKE_BUILD_TYPE} type)
+  string(APPEND kiv_flags " ${CMAKE_CXX_FLAGS_${type}}")
+endif()
+set(hardening OFF)
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND CMAKE_CXX_COMPILER_ID MATCHES "^(GNU|Clang)$" AND NOT KIV_SANITIZE
+   AND kiv_flags MATCHES "(^| )-O(fast|[1-3s])")
+  set(hardening ON)
+endif()
+option(KIV_HARDENING "Stack protector, fortified C library, stack clash and control flow protection, RELRO, PIE" ${hardening})
+if(KIV_HARDENING)
+  include(CheckCXXCompilerFlag)
+  set(KIV_HARDENED_COMPILING)
+  foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+    string(MAKE_C_IDENTIFIER "KIV_TAKES${flag}" takes)
+    check_cxx_compiler_flag(${flag} ${takes})
+    if(${takes})
+      list(APPEND KIV_HARDENED_COMPILING ${flag})
+    endif()
+  endforeach()
+  # A distribution may ask for more by its own flags. Some compilers define it by themselves.
+  if(NOT kiv_flags MATCHES "_FORTIFY_SOURCE")
+    list(APPEND KIV_HARDENED_COMPILING -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  endif()
+  set(KIV_HARDENED_LINKING -Wl,-z,relro -Wl,-z,now $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
+endif()
+
+# kiv_target(<target>): language, warnings (errors in our presets), hidden symbols, the hardening and the sanitizers of the
+# build. On the target and not in CMAKE_ variables, so that a project around this one keeps its own.
 function(kiv_target target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
                                            $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
@@ -15,6 +45,10 @@ function(kiv_target target)
     CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF C_STANDARD 11 C_STANDARD_REQUIRED ON
     C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON INSTALL_RPATH "${KIV_INSTALL_RPATH}")
+  if(KIV_HARDENING)
+    target_compile_options(${target} PRIVATE ${KIV_HARDENED_COMPILING})
+    target_link_options(${target} PRIVATE ${KIV_HARDENED_LINKING})
+  endif()
   if(KIV_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${KIV_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all

@@ -164,6 +164,11 @@ TEST(hpsEndpoints, PayloadsOfOtherShapesAreLeftAloneOrRaise) {
     EXPECT_EQ(hpsClient::convert2string(3232235786u), "192.168.1.10");
     for (const auto& [call, payload, wanted] : rows)
         EXPECT_EQ(outcome(call, parsed(payload)), wanted) << payload;
+    // With its indentation a text of 360 KiB would take 70 MiB.
+    std::string deep = std::string(98, '[') + "1";
+    for (int i = 0; i < 180'000; ++i)
+        deep += ",1";
+    EXPECT_EQ(outcome(kMasterText, parsed(deep + std::string(98, ']'))), "-1 kept");
 }
 
 TEST(hpsEndpoints, ThePtpRecordsNeedEveryKeyInItsType) {

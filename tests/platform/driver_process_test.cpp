@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <kivplatform/driver_process.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <thread>
@@ -10,6 +12,8 @@
 #include "support/Waiting.h"
 
 namespace {
+
+uid_t g_user = 0;  ///< 0: the real one.
 
 constexpr uint32_t kGetVersion = 4;
 constexpr uint32_t kGetPtpTime = 16;
@@ -64,4 +68,33 @@ TEST(PlatformDriverProcess, IsFoundWhereTheEnvironmentSays) {
     }
 }
 
+TEST(PlatformDriverProcess, IsNotLookedForInADirectoryThatOthersMayWrite) {
+    unsetenv("KIVSIM_SOCKET");
+    g_user = 3'000'000'000u + static_cast<uid_t>(getpid());  // Nobody.
+    const std::string directory = "/tmp/kivsim-" + std::to_string(g_user);
+    char path[KIVPLATFORM_SOCKET_PATH_SIZE];
+    EXPECT_TRUE(kivplatform_driver_socket(path));
+    EXPECT_EQ(path, directory + "/driver.sock");
+
+    mkdir(directory.c_str(), 0700);
+    EXPECT_FALSE(kivplatform_driver_socket(path)) << "of another user";
+    EXPECT_EQ(path, std::string());
+    const auto give_to = [&](uid_t user) { return chown(directory.c_str(), user, 0) == 0; };
+    if (give_to(g_user)) {  // Not everybody may.
+        EXPECT_TRUE(kivplatform_driver_socket(path));
+        give_to(geteuid());
+        chmod(directory.c_str(), 0750);
+        give_to(g_user);
+        EXPECT_FALSE(kivplatform_driver_socket(path)) << "of a group";
+        give_to(geteuid());
+    }
+    rmdir(directory.c_str());
+    g_user = 0;
+}
+
 }  // namespace
+
+/// Who asks, as the platform sees it.
+extern "C" __attribute__((visibility("default"))) uid_t getuid() noexcept {
+    return g_user != 0 ? g_user : geteuid();
+}

@@ -8,6 +8,7 @@
 #include "base/jsonText.h"
 #include "kivHpsClientKit/ThreadManagerClientPolling.h"
 #include "kivHpsClientKit/hpsEndpoints.h"
+#include "log/kivLogDispatch.h"
 
 using Json = nlohmann::ordered_json;
 using hps::Method;
@@ -15,7 +16,7 @@ using hps::Method;
 namespace {
 
 constexpr const char* kBoardPower = "Board Power";
-constexpr int kIndentation = 4;
+constexpr unsigned kIndentation = 4;
 
 /// Temperatures, an empty line, power; values in JSON notation.
 std::string hwmon_report(Json& sensors) {
@@ -31,6 +32,15 @@ std::string hwmon_report(Json& sensors) {
         }
     }
     return temperatures + power;
+}
+
+/// How many characters the indentation adds to a text: of many levels it can be a hundred times the rest.
+std::size_t indentation(const Json& json, std::size_t levels = 0) {
+    if (!json.is_structured()) return 0;
+    std::size_t characters = 0;
+    for (const Json& each : json)
+        characters += kIndentation * (levels + 1) + indentation(each, levels + 1);
+    return characters;
 }
 
 int32_t status_of(bool handled) {
@@ -82,6 +92,10 @@ int32_t hpsClient::command(const hps::Endpoint& endpoint, const Json& body, cons
 int32_t hpsClient::fetch_text(const hps::Endpoint& endpoint, std::string& text) const {
     Json payload;
     if (!fetch(endpoint, payload)) return -1;
+    if (indentation(payload) > kiv::json::kMostBytes) {
+        kiv::log_error(kiv::kHpsSource, "JSON parse error: {}", "more than 64 MiB of indentation");
+        return -1;
+    }
     text = payload.dump(kIndentation);
     return 0;
 }

@@ -73,14 +73,22 @@ class Options {
 /// The body of a response, as it comes in.
 struct Received {
     std::string body;
-    std::size_t most;  ///< Bytes.
+    std::size_t most;  ///< Bytes, of an answer of success.
+    CURL* handle;
 };
+
+bool is_success(long status) {
+    return status >= 200 && status <= 299;
+}
 
 /// Appends what was received to the body at `user`. Never throws: its caller is C. A short count ends the
 /// transfer.
 std::size_t append_received(char* data, std::size_t size, std::size_t count, void* user) noexcept {
     Received& received = *static_cast<Received*>(user);
-    if (size * count > received.most - received.body.size()) return 0;
+    long status = 0;
+    curl_easy_getinfo(received.handle, CURLINFO_RESPONSE_CODE, &status);
+    const std::size_t most = is_success(status) ? received.most : kiv::json::kMostBytes;
+    if (size * count > most - received.body.size()) return 0;
     try {
         received.body.append(data, size * count);
         return size * count;
@@ -153,7 +161,7 @@ struct HttpClient::Request {
     const std::string& body;
     const std::string& content_type;
     int timeout;                ///< Seconds.
-    std::size_t most_received;  ///< Bytes of a response's body.
+    std::size_t most_received;  ///< Bytes of the body of an answer of success.
     const UploadProgress* progress = nullptr;
 };
 
@@ -240,7 +248,7 @@ HttpResult HttpClient::attempt(const Request& request) {
     EasyHandle handle(curl_easy_init());
     if (!handle) throw std::runtime_error("curl init failed");
     HeaderList headers;
-    Received received{{}, request.most_received};
+    Received received{{}, request.most_received, handle.get()};
     const std::string url = base_url_ + request.path;
     const bool limited = request.timeout >= 0 && request.timeout <= kLongestTimeLimit;
 
@@ -284,7 +292,7 @@ HttpResult HttpClient::attempt(const Request& request) {
         throw std::runtime_error("network error");
     }
 
-    HttpResult result{status >= 200 && status <= 299, status, std::move(received.body), {}};
+    HttpResult result{is_success(status), status, std::move(received.body), {}};
     if (!result.success) {
         result.error = "http status " + std::to_string(status);
     } else if (!result.body.empty() && !nlohmann::json::accept(result.body)) {

@@ -1,9 +1,11 @@
 #include "run_loop.h"
 
 #include <poll.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 #include <optional>
 
 using kivplatform::Channel;
@@ -141,9 +143,17 @@ namespace {
 /// The thread's loop. The pointer alone stays valid until the very end of the thread.
 thread_local CFRunLoopRef current = nullptr;
 
-struct ReleaseCurrent {
-    ~ReleaseCurrent() { CFRelease(std::exchange(current, nullptr)); }
-};
+/// What ends a thread's loop with it. Not an object of the thread: the C library ends the process when it has
+/// no memory to note the destructor of one.
+pthread_key_t end_of_thread() {
+    static const pthread_key_t key = [] {
+        pthread_key_t made{};
+        const auto release = [](void*) { CFRelease(std::exchange(current, nullptr)); };
+        if (pthread_key_create(&made, release) != 0) throw std::bad_alloc();
+        return made;
+    }();
+    return key;
+}
 
 }  // namespace
 
@@ -152,8 +162,13 @@ const CFRunLoopMode kCFRunLoopDefaultMode = new __CFString;
 
 CFRunLoopRef CFRunLoopGetCurrent() {
     if (current == nullptr) {
-        current = new __CFRunLoop;
-        static thread_local const ReleaseCurrent at_end_of_thread;
+        const pthread_key_t key = end_of_thread();
+        const CFRunLoopRef fresh = new __CFRunLoop;
+        if (pthread_setspecific(key, fresh) != 0) {
+            CFRelease(fresh);
+            throw std::bad_alloc();
+        }
+        current = fresh;
     }
     return current;
 }

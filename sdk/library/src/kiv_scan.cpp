@@ -1,7 +1,6 @@
 // The scan, and the close that ends it.
 #include <algorithm>
 #include <chrono>
-#include <future>
 #include <list>
 #include <memory>
 #include <optional>
@@ -10,6 +9,7 @@
 
 #include <kiv/kiv_api.h>
 #include "base/libraryThread.h"
+#include "base/outcome.h"
 #include "gate.h"
 
 using kiv::guarded;
@@ -148,9 +148,8 @@ kiv_scan_each_card_t scan_one(Device& card) {
 class CardScan {
   public:
     explicit CardScan(std::shared_ptr<Device> card) : card_(std::move(card)) {
-        std::packaged_task<kiv_scan_each_card_t()> scan([card = card_] { return scan_one(*card); });
-        result_ = scan.get_future();
-        thread_ = start_library_thread(std::move(scan));
+        thread_ = start_library_thread(
+            [card = card_, outcome = outcome_] { outcome->of([&] { return scan_one(*card); }); });
     }
     ~CardScan() {
         if (thread_.joinable()) thread_.detach();
@@ -159,14 +158,15 @@ class CardScan {
     CardScan& operator=(const CardScan&) = delete;
 
     kiv_scan_each_card_t result(const std::optional<Clock::time_point>& end) {
-        if (end && result_.wait_until(*end) != std::future_status::ready) return unread(*card_, KIV_ERR_BUSY);
+        if (end && !outcome_->wait_until(*end)) return unread(*card_, KIV_ERR_BUSY);
         thread_.join();
-        return result_.get();
+        return outcome_->get();
     }
 
   private:
     std::shared_ptr<Device> card_;
-    std::future<kiv_scan_each_card_t> result_;
+    std::shared_ptr<Outcome<kiv_scan_each_card_t>> outcome_ =
+        std::make_shared<Outcome<kiv_scan_each_card_t>>();
     std::thread thread_;
 };
 

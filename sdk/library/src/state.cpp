@@ -4,11 +4,12 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <future>
+#include <memory>
 #include <utility>
 
 #include <kiv/LogManager.h>
 #include "base/libraryThread.h"
+#include "base/outcome.h"
 
 namespace kiv::api {
 
@@ -74,21 +75,18 @@ bool Process::wait_for_turn() {
 void Process::end() noexcept try {
     ended_ = true;
     if (owner_ == 0 || inherited() || !wait_for_turn()) return;
-    std::promise<void> done;
-    const auto is_done = done.get_future();
+    const auto done = std::make_shared<Outcome<bool>>();
     const bool on_worker = device::thread::PeriodicThreadPool::onWorkerThread();
-    start_library_thread([this, done = std::move(done)]() mutable {
-        try {
+    start_library_thread([this, done] {
+        done->of([&] {
             // A callback under way may still ask the manager.
             if (const auto ending = present_manager()) ending->stop();
             exchange_manager(nullptr);
             clients->release();
-        } catch (...) {
-            // Out of memory, say: the rest ends with the process.
-        }
-        done.set_value();
+            return true;  // Else out of memory, say: the rest ends with the process.
+        });
     }).detach();
-    is_done.wait_until(std::chrono::steady_clock::now() + (on_worker ? kPatience : kLongPatience));
+    done->wait_until(std::chrono::steady_clock::now() + (on_worker ? kPatience : kLongPatience));
 } catch (...) {
     // No thread to be had: as above.
 }

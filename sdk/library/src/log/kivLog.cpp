@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <mutex>
+#include <new>
 #include <thread>
 
 #include <kiv/LogManager.h>
@@ -38,9 +40,11 @@ struct LogState {
     Callback callback KIV_GUARDED_BY(mutex);  ///< Function and user data change together.
 };
 
-/// Never destroyed: threads of the application may still log while the process exits.
+/// Never destroyed: threads of the application may still log while the process exits. Not on the heap:
+/// without memory the log is as it is without an open.
 LogState& state() {
-    static LogState& instance = *new LogState;
+    alignas(LogState) static std::byte place[sizeof(LogState)];
+    static LogState& instance = *new (place) LogState;
     return instance;
 }
 
@@ -131,9 +135,12 @@ void kivLog_dispatch_impl(kiv_log_level_t level, const char*, int, const char* m
 
 kiv_result_t kivLog_dispatch_spdlog(kiv_log_level_t level, const char* file, int line, const char* message) {
     if (message == nullptr || level < KIV_LOG_LEVEL_ERROR || level > KIV_LOG_LEVEL_DEBUG) return KIV_OK;
-    if (spdlog::logger* logger = LogManager::getInstance().getLogger()) {
-        logger->log(spdlog::source_loc{file, line, ""}, kiv::log::to_spdlog_level(level),
-                    spdlog::string_view_t(message));
-    }
+    guarded([&] {  // Without memory for the back end the line is lost.
+        if (spdlog::logger* logger = LogManager::getInstance().getLogger()) {
+            logger->log(spdlog::source_loc{file, line, ""}, kiv::log::to_spdlog_level(level),
+                        spdlog::string_view_t(message));
+        }
+        return KIV_OK;
+    });
     return KIV_OK;
 }

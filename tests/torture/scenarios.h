@@ -1,0 +1,82 @@
+/// What is done while something runs out.
+#ifndef KIV_TEST_TORTURE_SCENARIOS_H
+#define KIV_TEST_TORTURE_SCENARIOS_H
+
+#include <exception>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "torture/seams.h"
+
+/// Where a run finds its cards, and files of its own.
+struct Place {
+    std::string control;  ///< Of the simulator, as "address:port".
+    std::string port;     ///< Of the card's management server.
+    std::string image;    ///< To upload.
+    std::string scratch;  ///< To write.
+};
+
+/// The calls of a scenario, of which something may be refused or must succeed.
+class Calls {
+  public:
+    /// `all_well`: nothing is refused; `for_good`: what is refused once is refused until the end.
+    explicit Calls(bool all_well, bool for_good = false) : all_well_(all_well), for_good_(for_good) {}
+
+    /// Whether what happens by itself may be waited for.
+    bool may_wait() const { return all_well_ || !for_good_; }
+
+    /// A call that gives a code, `good` when all is well.
+    template <typename Body>
+    bool code(const char* name, Body body, long good = 0) {
+        long result = 0;
+        try {
+            const Counted counted;
+            result = static_cast<long>(body());
+        } catch (...) {
+            complain(name, "throws");
+            return false;
+        }
+        if (all_well_ && result != good) complain(name, "gives " + std::to_string(result));
+        return result == good;
+    }
+
+    /// One that may throw, too: its contract says so.
+    template <typename Body>
+    bool code_or_exception(const char* name, Body body, long good = 0) {
+        bool thrown = false;
+        const bool is_good = code(
+            name,
+            [&]() -> long {
+                try {
+                    return static_cast<long>(body());
+                } catch (const std::exception&) {
+                    thrown = true;
+                    return good;
+                }
+            },
+            good);
+        if (all_well_ && thrown) complain(name, "throws");
+        return is_good && !thrown;
+    }
+
+    void complain(const std::string& name, const std::string& what) {
+        complaints += name + " " + what + "\n";
+    }
+
+    std::string complaints;
+
+  private:
+    const bool all_well_, for_good_;
+};
+
+struct Scenario {
+    const char* name;
+    void (*run)(Calls&, const Place&);
+};
+inline void PrintTo(const Scenario& scenario, std::ostream* out) {
+    *out << scenario.name;
+}
+extern const std::vector<Scenario> kScenarios;
+
+#endif
