@@ -36,7 +36,7 @@ HostileDriver::HostileDriver() : listener_(kivos::stream_socket(AF_UNIX)) {
     expect(bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
                listen(listener_.get(), SOMAXCONN) == 0,
            "the driver has a socket");
-    setenv("KIVSIM_SOCKET", path.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): before any thread.
+    setenv("KIVSIM_SOCKET", path.c_str(), 1);
     std::thread([this] { serve(); }).detach();
 }
 

@@ -29,7 +29,7 @@ inline void expect(bool kept, const char* promise) {
 /// What the product writes about every bad input would take most of the time.
 inline void be_quiet() {
     std::cerr.rdbuf(nullptr);
-    setenv("OS_ACTIVITY_MODE", "disable", 1);  // NOLINT(concurrency-mt-unsafe): before any thread.
+    setenv("OS_ACTIVITY_MODE", "disable", 1);
 }
 
 inline std::string text_of(const uint8_t* data, std::size_t size) {

@@ -168,7 +168,7 @@ void ask_over_http(const Cards& cards, bool control, const std::string& bytes) {
     const kivplatform::Waker stop;
     kivsim::HttpServer server(
         [&](const kivsim::HttpRequest& request) {
-            const kivsim::Answer answer =
+            kivsim::Answer answer =
                 control ? answer_control(cards, request) : answer_request(*cards[0], request);
             expect(answer.status >= 100 && answer.status <= 999, "a status has three digits");
             forget_delays(*cards[0]);
