@@ -16,7 +16,7 @@ def main():
     if shutil.which(FORMATTER) is None:
         print(f"skipped: {FORMATTER} is not installed")
         return 77
-    tops = ["sdk", "macOS", "linux", "simulator", "tools", "examples", "python", "tests", "benchmarks"]
+    tops = ["sdk", "macOS", "linux", "simulator", "tools", "examples", "python", "tests", "benchmarks", "fuzz"]
     sources = sorted(str(f) for top in tops for f in (root / top).rglob("*") if f.suffix in (".h", ".cpp", ".c"))
 
     def deviations(some):

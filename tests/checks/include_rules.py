@@ -59,6 +59,7 @@ ROOMS = {
     "python":            (r"python/",                          ["kiv/kiv_api.h", "pybind11"]),
     "test support":      (r"tests/support/",                   ["base", "log", "systems", "conversation", "mach", "simulator", "simulator card", "settings", "scenario", "wire", "nlohmann", "httplib.h"]),
     "benchmarks":        (r"benchmarks/",                      ["*"]),
+    "fuzz":              (r"fuzz/",                            ["*"]),
     "tests":             (r"tests/",                           ["*"]),
 }
 # fmt: on
@@ -105,9 +106,9 @@ OWN_SYSTEM = {"systems", "system names", "tests/support/ThisProcess.cpp", "tests
 LIBRARIES = {"archive.h", "archive_entry.h", "nlohmann", "spdlog", "fmt", "curl", "CLI", "httplib.h", "os", "IOKit", "CoreFoundation", "mach",
              "pthread", "CommonCrypto", "pybind11"}
 # Where private include lines start: an area's own files first.
-AREAS = ["sdk/library/src", "macOS/library", "platform/driver_seam/src", "simulator", "tools/kivctl", "python", "tests", "benchmarks"]
+AREAS = ["sdk/library/src", "macOS/library", "platform/driver_seam/src", "simulator", "tools/kivctl", "python", "tests", "benchmarks", "fuzz"]
 CUSTOMERS = ("kivctl", "examples", "python")
-TESTING = ("tests", "test support", "benchmarks")
+TESTING = ("tests", "test support", "benchmarks", "fuzz")
 
 
 def room_of(path):
@@ -148,7 +149,7 @@ def picture():
 class Tree:
     def __init__(self, root):
         self.root = root
-        tops = ["sdk", "macOS", "platform", "simulator", "tools", "examples", "python", "tests", "benchmarks"]
+        tops = ["sdk", "macOS", "platform", "simulator", "tools", "examples", "python", "tests", "benchmarks", "fuzz"]
         self.files = sorted(str(f.relative_to(root)) for top in tops for f in (root / top).rglob("*")
                             if f.suffix in (".h", ".cpp", ".c"))
         self.known = set(self.files)
