@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <deque>
@@ -39,11 +38,9 @@ struct World {
 World* g_world = nullptr;
 thread_local Participant* t_self = nullptr;  ///< Null outside of virtual time.
 
-template <typename Function>
-Function* real(Function*, const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-#define REAL(function) real(&(function), #function)
+/// The system's own, for threads outside of virtual time.
+#define REAL(function) \
+    static const auto real = reinterpret_cast<decltype(&(function))>(dlsym(RTLD_NEXT, #function))
 
 int64_t ns_of(const timespec& time) {
     return time.tv_sec * 1'000'000'000 + time.tv_nsec;
@@ -66,10 +63,7 @@ void wake(Participant* who, bool timed_out) {
 /// Gives the turn to the next one.
 Participant* hand_over() {
     if (g_world->ready.empty()) {
-        if (g_world->alarms.empty()) {
-            std::fputs("virtual time: everybody waits for ever\n", stderr);
-            std::abort();
-        }
+        if (g_world->alarms.empty()) std::abort();  // Everybody waits for ever.
         g_world->now = std::max(g_world->now, g_world->alarms.begin()->first);
         while (!g_world->alarms.empty() && g_world->alarms.begin()->first <= g_world->now)
             wake(g_world->alarms.begin()->second, true);
@@ -155,51 +149,51 @@ INSTEAD std::chrono::system_clock::time_point std::chrono::system_clock::now() n
     clock_gettime(CLOCK_REALTIME, &time);
     if (t_self == nullptr) return time_point(duration(ns_of(time)));
     const nanoseconds passed(g_world->now);
-    return time_point(passed - duration_cast<hours>(passed) % 24 * 50 / 60);
+    return time_point(passed - passed / hours(1) % 24 * minutes(50));
 }
 
 extern "C" {
 
 INSTEAD int nanosleep(const timespec* length, timespec* left) {
-    static const auto sleep = REAL(nanosleep);
-    if (t_self == nullptr) return sleep(length, left);
+    REAL(nanosleep);
+    if (t_self == nullptr) return real(length, left);
     set_alarm(g_world->now + ns_of(*length));
     wait_for(nullptr);
     return 0;
 }
 
 INSTEAD int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    static const auto wait = REAL(pthread_cond_wait);
-    if (t_self == nullptr) return wait(condition, mutex);
+    REAL(pthread_cond_wait);
+    if (t_self == nullptr) return real(condition, mutex);
     wait_on(condition, mutex);
     return 0;
 }
 
 INSTEAD int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                                    const timespec* end) {
-    static const auto wait = REAL(pthread_cond_clockwait);
-    if (t_self == nullptr) return wait(condition, mutex, clock, end);
+    REAL(pthread_cond_clockwait);
+    if (t_self == nullptr) return real(condition, mutex, clock, end);
     set_alarm(std::max(g_world->now, ns_of(*end)));
     return wait_on(condition, mutex) ? 0 : ETIMEDOUT;
 }
 
 /// By the wall clock, that is: nothing of the library waits so.
 INSTEAD int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* end) {
-    static const auto wait = REAL(pthread_cond_timedwait);
-    if (t_self != nullptr) std::abort();
-    return wait(condition, mutex, end);
+    REAL(pthread_cond_timedwait);
+    if (t_self == nullptr) return real(condition, mutex, end);
+    std::abort();
 }
 
 INSTEAD int pthread_cond_signal(pthread_cond_t* condition) noexcept {
-    static const auto signal = REAL(pthread_cond_signal);
-    if (t_self == nullptr) return signal(condition);
+    REAL(pthread_cond_signal);
+    if (t_self == nullptr) return real(condition);
     wake_first(condition);
     return 0;
 }
 
 INSTEAD int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
-    static const auto broadcast = REAL(pthread_cond_broadcast);
-    if (t_self == nullptr) return broadcast(condition);
+    REAL(pthread_cond_broadcast);
+    if (t_self == nullptr) return real(condition);
     while (wake_first(condition)) {
     }
     return 0;
@@ -207,12 +201,12 @@ INSTEAD int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
 
 INSTEAD int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                            void* argument) noexcept {
-    static const auto create = REAL(pthread_create);
-    if (t_self == nullptr) return create(thread, attributes, body, argument);
+    REAL(pthread_create);
+    if (t_self == nullptr) return real(thread, attributes, body, argument);
     auto* const fresh = new Participant;
     fresh->body = body;
     fresh->argument = argument;
-    const int result = create(thread, attributes, run, fresh);
+    const int result = real(thread, attributes, run, fresh);
     if (result != 0) std::abort();
     g_world->started[*thread] = fresh;
     g_world->ready.push_back(fresh);
@@ -220,11 +214,11 @@ INSTEAD int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, 
 }
 
 INSTEAD int pthread_join(pthread_t thread, void** result) {
-    static const auto join = REAL(pthread_join);
-    if (t_self == nullptr) return join(thread, result);
+    REAL(pthread_join);
+    if (t_self == nullptr) return real(thread, result);
     Participant* const other = g_world->started.at(thread);
     if (!other->ended) wait_for(other);
-    const int status = join(thread, result);
+    const int status = real(thread, result);
     g_world->started.erase(thread);
     delete other;
     return status;
