@@ -1,5 +1,6 @@
-// A program that exits while eight of its threads are in calls. Status 42 when nothing else ends it. The
-// cards are another process's: this one is to hold nothing but the library.
+// A program that exits while eight of its threads are in calls: after 20 of these, or the milliseconds of its
+// argument. Status 42 when nothing else ends it. The cards are another process's: this one is to hold nothing
+// but the library.
 #include <kiv/kiv_api.h>
 
 #include <atomic>
@@ -25,13 +26,17 @@ void ask() {
 
 }  // namespace
 
-int main() {
-    scan();
+int main(int count, char** arguments) {
+    if (count < 2) scan();
     for (int i = 0; i < 8; ++i) {
         std::thread([i] {
             for (;; ++g_calls)
                 i == 0 ? scan() : ask();
         }).detach();
+    }
+    if (count > 1) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[1])));
+        std::exit(42);
     }
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (g_calls < 20 && std::chrono::steady_clock::now() < end)

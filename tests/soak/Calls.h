@@ -1,0 +1,52 @@
+/// What the callers of the soak do: each kind of call, with the codes that its documentation names.
+#ifndef KIV_TEST_SOAK_CALLS_H
+#define KIV_TEST_SOAK_CALLS_H
+
+#include <kiv/kiv_api.h>
+
+#include <atomic>
+#include <random>
+#include <string>
+#include <vector>
+
+using Random = std::mt19937;
+
+/// 0 to `count` - 1.
+inline unsigned below(unsigned count, Random& random) {
+    return std::uniform_int_distribution<unsigned>(0, count - 1)(random);
+}
+
+constexpr uint8_t kCards = 4;  ///< Their ids are 1 to 4.
+
+/// A result of what is no call of the C interface: it threw, which its documentation allows.
+constexpr kiv_result_t kThrew = 1;
+
+struct Call {
+    const char* name;
+    unsigned weight;  ///< How often it is chosen, in comparison with the others.
+    kiv_result_t (*make)(uint8_t id, Random& random);
+    std::vector<kiv_result_t> codes;
+    bool drivers = false;  ///< The driver's own statuses are documented too.
+    bool query = false;    ///< KIV_OK when everything is well.
+    std::atomic<long> made{0}, good{0};
+};
+
+/// Of one card, from several threads at once.
+std::vector<Call*> calls();
+
+/// Those that the rules want alone, for one thread: scans, closes, opens.
+std::vector<Call*> life_cycle();
+
+/// Chooses by weight, makes the call, and fails the test when the code is none of its own.
+void make_one(const std::vector<Call*>& from, Random& random);
+
+/// Calls back of all cards so far.
+extern std::atomic<long> g_events, g_messages;
+
+/// Forgets the registrations that a close has ended.
+void forget_registrations();
+
+/// Path of a firmware image.
+extern std::string g_image;
+
+#endif
