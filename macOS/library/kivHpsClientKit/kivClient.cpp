@@ -14,6 +14,7 @@
 #include <utility>
 
 #include <kiv/kiv_json.h>
+#include "base/jsonSyntax.h"
 #include "base/jsonText.h"
 #include "base/regularFile.h"
 #include "log/kivLogDispatch.h"
@@ -287,7 +288,7 @@ HttpResult HttpClient::attempt(const Request& request) {
     HttpResult result{status >= 200 && status <= 299, status, std::move(received.body), {}};
     if (!result.success) {
         result.error = "http status " + std::to_string(status);
-    } else if (!result.body.empty() && !nlohmann::json::accept(result.body)) {
+    } else if (!result.body.empty() && !kiv::json::is_valid(result.body)) {
         complain("invalid json response");  // Of downloads too: docs/oddities.md.
     }
     return result;
