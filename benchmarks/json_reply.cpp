@@ -1,102 +1,105 @@
-// What HpsHttpHelper costs over the JSON library alone, for a reply of 1 MB: its limits are counted before
-// the text is parsed. The calling thread's processor time, so that other programs matter little; the JSON
-// library runs twice in each round, which shows the noise.
+// What the library's JSON costs over the JSON library alone: replies, and the configuration file. The calling
+// thread's processor time, so that other programs matter little.
+#include <kiv/CardConfig.h>
 #include <kiv/HpsHttpHelper.h>
 #include <kiv/kiv_json.h>
+#include <unistd.h>
+#include "support/measure.h"
+#include "support/report.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <ctime>
-#include <functional>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace {
 
+using kivbench::Clock;
+using kivbench::each;
+using kivbench::measure;
+using kivbench::Plan;
+using kivbench::Report;
+using kivbench::require;
 using Json = nlohmann::ordered_json;
 
-constexpr double kTarget = 1.2;
-constexpr int kRounds = 25;
-constexpr std::size_t kReplySize = 1'000'000;
-
-struct Variant {
-    const char* name;
-    std::function<bool(Json&)> parse;
-    std::vector<double> times = {};  ///< Milliseconds.
-};
-
-double processor_time() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return 1e3 * static_cast<double>(now.tv_sec) + 1e-6 * static_cast<double>(now.tv_nsec);
-}
-
-/// False when the variant gives no array.
-bool time_once(Variant& variant) {
-    Json out;
-    const double start = processor_time();
-    const bool parsed = variant.parse(out);
-    variant.times.push_back(processor_time() - start);
-    return parsed && (out.is_object() ? out["data"] : out).is_array();
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
-/// Sensors as a card reports them.
-std::string report() {
-    std::string text = R"({"data":[)";
-    while (text.size() < kReplySize)
-        text += R"({"label":"FPGA FABRIC Digital Temperature #5","input":41,"max":95,"critical":100},)";
+/// An array of 1 MB.
+std::string array_of(const std::string& element) {
+    std::string text = "[";
+    while (text.size() < 1'000'000)
+        text += element + ",";
     text.back() = ']';
-    return text + "}";
+    return text;
 }
 
-/// Numbers only: of all texts the one that the JSON library reads fastest, so that the count weighs most.
-std::string numbers() {
-    std::string text = R"({"data":[)";
-    while (text.size() < kReplySize)
-        text += "12345678,";
-    text.back() = ']';
-    return text + "}";
+const Plan kPlan{.rounds = 15, .clock = Clock::ThisThread};
+
+/// `floor`: what the JSON library alone has to do for the same payload.
+template <typename Floor>
+void measure_reply(Report& report, const std::string& name, const std::string& data, Floor floor) {
+    const HttpResult reply{true, 200, "{\"data\":" + data + "}", ""};
+    const auto times =
+        measure(kPlan, {each([&] {
+                            Json out;
+                            require(HpsHttpHelper::handle_json(reply, out) && out.is_array(),
+                                    "the reply is not read");
+                        }),
+                        each([&] { require(floor(reply.body).is_array(), "it is no JSON"); })});
+    report.add({"reply of 1 MB, " + name,
+                "ms",
+                times[0].median() / 1e6,
+                times[1].median() / 1e6,
+                "the JSON library's parse",
+                {{1.2}}});
 }
 
-bool measure(const char* title, const HttpResult& reply) {
-    const auto alone = [&](Json& out) {
-        out = Json::parse(reply.body);
-        return true;
+void measure_replies(Report& report) {
+    const auto parse = [](const std::string& body) {
+        Json root = Json::parse(body);
+        return std::move(root["data"]);
     };
-    Variant variants[] = {
-        {"JSON library", alone},
-        {"HpsHttpHelper", [&](Json& out) { return HpsHttpHelper::handle_json(reply, out); }},
-        {"JSON library again", alone},
+    const auto parse_twice = [&](const std::string& body) {
+        const Json text = parse(body);
+        return Json::parse(text.get_ref<const std::string&>());
     };
-    for (int round = 0; round < kRounds; ++round) {
-        if (!std::all_of(std::begin(variants), std::end(variants), time_once) ||
-            !std::all_of(std::rbegin(variants), std::rend(variants), time_once)) {
-            std::fprintf(stderr, "cannot measure: the reply is not read\n");
-            return false;
-        }
-    }
-    const double base = median(variants[0].times);
-    std::printf("%s\n", title);
-    for (const Variant& variant : variants)
-        std::printf("  %-34s %9.4f ms  %6.3f\n", variant.name, median(variant.times),
-                    median(variant.times) / base);
-    const double ratio = median(variants[1].times) / base;
-    std::printf("at most %.2f times the JSON library's own parse: %s\n", kTarget,
-                ratio <= kTarget ? "met" : "not met");
-    return ratio <= kTarget;
+    const std::string sensors =
+        array_of(R"({"label":"FPGA FABRIC Digital Temperature #5","input":41,"max":95,"critical":100})");
+    measure_reply(report, "sensors", sensors, parse);
+    measure_reply(report, "numbers", array_of("12345678"), parse);
+    measure_reply(report, "sensors as a text", Json(sensors).dump(), parse_twice);
+}
+
+void measure_configuration(Report& report) {
+    kiv::config::CardConfig config;
+    for (int i = 1; i <= 255; ++i)
+        config.devices.push_back({i,
+                                  "KIV-1001",
+                                  {"192.168.10." + std::to_string(i), "255.255.255.0", 46, 64, 0},
+                                  {"192.168.20." + std::to_string(i), "255.255.255.0", 46, 64, 0}});
+    const std::string path =
+        std::filesystem::temp_directory_path() / ("kiv_benchmark_" + std::to_string(getpid()) + ".json");
+    config.save_to_file(path);
+    const auto times = measure(
+        kPlan, {each([&] { kiv::config::CardConfig::load_from_file(path).save_to_file(path); }), each([&] {
+                    std::ifstream in(path);
+                    const Json json = Json::parse(in);
+                    std::ofstream(path) << json.dump(4) << std::endl;
+                })});
+    std::remove(path.c_str());
+    report.add({"configuration of 255 devices, loaded and saved",
+                "ms",
+                times[0].median() / 1e6,
+                times[1].median() / 1e6,
+                "parse and dump, file to file",
+                {{1.3}}});
 }
 
 }  // namespace
 
-int main() {
-    const bool report_met = measure("reply of 1 MB, sensors", {true, 200, report(), ""});
-    const bool numbers_met = measure("reply of 1 MB, numbers", {true, 200, numbers(), ""});
-    return report_met && numbers_met ? 0 : 1;
+int main(int argc, char** argv) {
+    return kivbench::run(argc, argv, [](Report& report) {
+        report.about("JSON");
+        measure_replies(report);
+        measure_configuration(report);
+    });
 }

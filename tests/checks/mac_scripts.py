@@ -39,10 +39,9 @@ STAND_INS = {
     "ctest": "",
     "doxygen": 'mkdir "$MAC/manual/html" && sed -n -e "s/^PROJECT_NUMBER=//p" -e "s/^INPUT=.*kiv_api.h.*/with headers/p" >>"$MAC/notes"',
     "uname": "echo Darwin",
-    **dict.fromkeys(("ninja", "pkg-config", "xcode-select", "build/macos/bin/kivctl", "build/macos/lib/libkiv.dylib"), ""),
+    **dict.fromkeys(("ninja", "pkg-config", "python3", "xcode-select", "build/macos/bin/kivctl", "build/macos/lib/libkiv.dylib"), ""),
     "build/mac-release/bin/kivsim": 'note "pid $$"; echo 2 cards; exec sleep 10 2>/dev/null',
     "build/mac-release/bin/kivctl": 'echo "asked to $*"',
-    **dict.fromkeys((f"build/benchmarks/bin/{name}_benchmark" for name in ("http_client", "json_reply", "driver_call")), ""),
 }
 
 
@@ -99,7 +98,7 @@ def complaints_of(mac):
         ("test asan", {}, 0, "", f".*\ncmake --preset mac-asan\n{built}.*\nctest --preset mac-asan\n"),
         ("test everyday quick", {}, 0, "", ".*\ncmake --preset mac-everyday\n.*\nctest --preset mac-quick\n"),
         ("demo", {}, 0, ".*\n2 cards\n.*asked to scan\n.*asked to info 1\n.*asked to info 2\n", f".*cmake --preset mac-release\n{built}.*"),
-        ("benchmark", {}, 0, "\n\n", ".*\nhttp_client_benchmark\njson_reply_benchmark\ndriver_call_benchmark\n"),
+        ("benchmark --compare driver_call", {}, 0, "", ".*\npython3 benchmarks/run.py build/benchmarks --compare driver_call\n"),
         (f"manual {mac.folder}/manual", {}, 0, "the manual is .*", "doxygen -\n\\d+\\.\\d+\\.\\d+\nwith headers"),
         ("build-macos", {}, 0, ".*== Done\n.*", ".*\ncmake -B build/macos .*LibArchive_ROOT=/opt/homebrew/opt/libarchive\n.*kivctl --help\n"),
         ("build-macos", {"lacks": ("fmt",)}, 1, "Missing: fmt\n.*", ".*"),

@@ -16,7 +16,7 @@ def main():
     root = pathlib.Path(sys.argv[1]).resolve()
     shell = {".ci/run", *(f"scripts/{f.name}" for f in (root / "scripts").iterdir())} - NO_SCRIPTS
     shell |= {f"packaging/debian/python/{f.name}" for f in (root / "packaging/debian/python").iterdir()}
-    python = [f for folder in ("docs/site", "python/kiv", "tests/checks", "tests/python") for f in (root / folder).glob("*.py")]
+    python = [f for folder in ("benchmarks", "docs/site", "python/kiv", "tests/checks", "tests/python") for f in (root / folder).glob("*.py")]
     wrong = [script for script in sorted(shell - DEBIANS)
              if not (root / script).read_text().startswith(("#!/bin/sh\n", "# shellcheck shell=sh\n"))]
     if wrong:

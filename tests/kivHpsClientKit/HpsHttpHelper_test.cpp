@@ -1,6 +1,7 @@
 #include <kiv/HpsHttpHelper.h>
 
 #include <gtest/gtest.h>
+#include "base/jsonSyntax.h"
 
 #include "kivHpsClientKit/HttpTexts.h"
 #include "support/CapturedLog.h"
@@ -71,6 +72,36 @@ TEST(HpsHttpHelper, FindsThePayloadOnceWrappedOrNot) {
         EXPECT_EQ(payload({true, 200, body, ""}), R"(failure "kept")");
         EXPECT_EQ(log.take(), parse_error(body));
     }
+}
+
+TEST(HpsHttpHelper, KnowsWhatIsJsonAsTheJsonLibraryDoes) {
+    using namespace std::string_literals;
+    const auto agree = [](const std::string& text) {
+        const bool valid = parse_error(text).front().starts_with("valid: ");
+        ASSERT_EQ(kiv::json::is_valid(text), valid) << testing::PrintToString(text);
+    };
+    const std::string texts[] = {
+        R"({"a":[{"b":"#5","c":-4.25,"d":[]},{}],"t":true,"n":null,"f":false, "e" : 0})",
+        "\xef\xbb\xbf [1,2e3,-0.5E-2,\"\\u00e9\\uD83d\\ude00 "
+        "\\\"\\\\\\/\\b\xc3\xbc\xe0\xa0\x80\xf0\x9f\x98\x80\"\t]\r\n",
+        R"([[[{}],[[]]],{"k":{"l":[1]},"k":"\n"}])",
+        "\"\xed\x9f\xbf\xee\x80\x80\xf4\x8f\xbf\xbf\"",
+        "[" + std::string(320, '7') + ",1e308]",
+    };
+    const std::string bytes = "{}[]\",:019-+.eEtuDd\\/ \n\v\x1f\x7f\x80\x9f\xa0\xc1\xed\xf4\xf5\xff\0"s;
+    for (const std::string& text : texts) {
+        for (std::size_t at = 0; at <= std::min<std::size_t>(text.size(), 110); ++at) {
+            agree(text.substr(0, at));
+            agree(text.substr(at));
+            for (const char byte : bytes) {
+                std::string changed = text;
+                agree(changed.insert(at, 1, byte));
+                agree(changed.erase(at + 1, 1));
+            }
+        }
+    }
+    for (const int digits : {299, 300, 308, 309, 400})
+        agree(std::string(digits, '9'));
 }
 
 TEST(HpsHttpHelper, RefusesMoreLevelsOrKeysThanAnyAnswerHas) {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include <kiv/kiv_json.h>
+#include "base/jsonSyntax.h"
 #include "base/jsonText.h"
 #include "log/kivLogDispatch.h"
 
@@ -39,7 +40,7 @@ bool HpsHttpHelper::handle_json(const HttpResult& result, Json& out) {
             return true;
         }
         Json& data = root["data"];
-        if (data.is_string() && Json::accept(data.get_ref<const std::string&>())) {
+        if (data.is_string() && kiv::json::is_valid(data.get_ref<const std::string&>())) {
             out = kiv::json::parse(data.get_ref<const std::string&>());
         } else {
             out = std::move(data);

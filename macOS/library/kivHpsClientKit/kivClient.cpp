@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <utility>
 
 #include <kiv/kiv_json.h>
+#include "base/jsonSyntax.h"
 #include "base/jsonText.h"
 #include "base/regularFile.h"
 #include "log/kivLogDispatch.h"
@@ -72,23 +74,35 @@ class Options {
 
 /// The body of a response, as it comes in.
 struct Received {
-    std::string body;
-    std::size_t most;  ///< Bytes, of an answer of success.
     CURL* handle;
+    std::size_t most;  ///< Bytes; no more than of other answers when the server refuses.
+    std::string body = {};
 };
 
 bool is_success(long status) {
     return status >= 200 && status <= 299;
 }
 
+/// Before the first piece. Makes room at once for what the server says it will send: growing would hold the
+/// body twice. Never throws: without the room the body grows as it comes.
+void begin(Received& received) noexcept try {
+    constexpr std::size_t kMostBelieved = std::size_t{1} << 30;
+    long status = 0;
+    curl_easy_getinfo(received.handle, CURLINFO_RESPONSE_CODE, &status);
+    if (!is_success(status)) received.most = kiv::json::kMostBytes;
+    curl_off_t told = -1;
+    curl_easy_getinfo(received.handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &told);
+    const auto length = static_cast<std::size_t>(std::max(told, curl_off_t{0}));
+    if (length <= std::min(kMostBelieved, received.most)) received.body.reserve(length);
+} catch (...) {
+}
+
 /// Appends what was received to the body at `user`. Never throws: its caller is C. A short count ends the
 /// transfer.
 std::size_t append_received(char* data, std::size_t size, std::size_t count, void* user) noexcept {
     Received& received = *static_cast<Received*>(user);
-    long status = 0;
-    curl_easy_getinfo(received.handle, CURLINFO_RESPONSE_CODE, &status);
-    const std::size_t most = is_success(status) ? received.most : kiv::json::kMostBytes;
-    if (size * count > most - received.body.size()) return 0;
+    if (received.body.empty()) begin(received);
+    if (size * count > received.most - received.body.size()) return 0;
     try {
         received.body.append(data, size * count);
         return size * count;
@@ -117,25 +131,34 @@ HttpResult failure(const char* error) {
     return {false, 0, {}, error};
 }
 
-/// Reads the regular file at `file_path` into the middle of a multipart form, once. False when it cannot be
+/// A multipart form. Not in a string: that would write all of it once before the file is read into it.
+struct Form {
+    std::unique_ptr<char[]> bytes;
+    std::size_t size;
+};
+
+/// Reads the regular file at `file_path` into the middle of a form, once. Without bytes when it cannot be
 /// opened, read or held in memory.
-bool read_form(const std::string& file_path, std::string& form) try {
+Form read_form(const std::string& file_path) try {
     kiv::RegularFile file(file_path);
-    if (!file.is_open()) return false;
+    if (!file.is_open()) return {};
 
     const std::string name = std::filesystem::path(file_path).filename().string();
     const std::string head = std::string("--") + kBoundary +
                              "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + name +
                              "\"\r\nContent-Type: application/octet-stream\r\n\r\n";
     const std::string tail = std::string("\r\n--") + kBoundary + "--\r\n";
-    // Room for the whole form at once: growing would hold the file twice.
-    form.reserve(head.size() + file.size() + tail.size());
-    form = head;
-    if (!file.read_all([&](std::string_view block) { form.append(block); })) return false;
-    form += tail;
-    return true;
+    const std::size_t size = head.size() + file.size() + tail.size();
+    std::unique_ptr<char[]> bytes(new char[size]);
+    char* const end = bytes.get() + size;
+    char* at = std::copy(head.begin(), head.end(), bytes.get());
+    // The room of the tail shows a file that grows.
+    for (ssize_t got = 0; (got = file.read_next(at, static_cast<std::size_t>(end - at))) != 0; at += got)
+        if (got < 0) return {};
+    std::copy(tail.begin(), tail.end(), at);
+    return {std::move(bytes), size};
 } catch (const std::exception&) {
-    return false;
+    return {};
 }
 
 /// Writes a file. What went wrong, as HttpResult::error has it; empty when nothing did.
@@ -158,7 +181,7 @@ std::string write_body(const std::string& file_path, const std::string& body) {
 struct HttpClient::Request {
     const char* method;
     const std::string& path;
-    const std::string& body;
+    std::string_view body;
     const std::string& content_type;
     int timeout;                ///< Seconds.
     std::size_t most_received;  ///< Bytes of the body of an answer of success.
@@ -206,14 +229,19 @@ HttpResult HttpClient::upload(const std::string& path, const std::string& file_p
 
 HttpResult HttpClient::upload(const std::string& path, const std::string& file_path,
                               const UploadProgress& progress) {
-    std::string form;
-    if (!read_form(file_path, form)) {
+    const Form form = read_form(file_path);
+    if (!form.bytes) {
         complain("Could not open file=" + file_path);
         return failure("file open error");
     }
     const std::string type = std::string("multipart/form-data; boundary=") + kBoundary;
-    return repeat(
-        {"POST", path, form, type, upload_timeout_, kiv::json::kMostBytes, progress ? &progress : nullptr});
+    return repeat({"POST",
+                   path,
+                   {form.bytes.get(), form.size},
+                   type,
+                   upload_timeout_,
+                   kiv::json::kMostBytes,
+                   progress ? &progress : nullptr});
 }
 
 HttpResult HttpClient::download(const std::string& path, const std::string& file_path) {
@@ -248,7 +276,7 @@ HttpResult HttpClient::attempt(const Request& request) {
     EasyHandle handle(curl_easy_init());
     if (!handle) throw std::runtime_error("curl init failed");
     HeaderList headers;
-    Received received{{}, request.most_received, handle.get()};
+    Received received{handle.get(), request.most_received};
     const std::string url = base_url_ + request.path;
     const bool limited = request.timeout >= 0 && request.timeout <= kLongestTimeLimit;
 
@@ -295,7 +323,7 @@ HttpResult HttpClient::attempt(const Request& request) {
     HttpResult result{is_success(status), status, std::move(received.body), {}};
     if (!result.success) {
         result.error = "http status " + std::to_string(status);
-    } else if (!result.body.empty() && !nlohmann::json::accept(result.body)) {
+    } else if (!result.body.empty() && !kiv::json::is_valid(result.body)) {
         complain("invalid json response");  // Of downloads too: docs/oddities.md.
     }
     return result;

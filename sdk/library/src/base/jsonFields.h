@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 #include <tuple>
+#include <utility>
 
 #include <kiv/kiv_json.h>
 
@@ -58,8 +59,12 @@ void read_fields(const Json& json, Record& record, const Fields& fields) {
 
 template <typename Record, typename Fields>
 void write_fields(Json& json, const Record& record, const Fields& fields) {
-    json = Json::object();
-    std::apply([&](const auto&... field) { ((json[field.key] = record.*field.member), ...); }, fields);
+    // By itself the object looks for each new key among the others, and copies its keys when it grows.
+    Json::object_t object;
+    object.reserve(std::tuple_size_v<Fields>);
+    std::apply([&](const auto&... field) { (object.emplace_back(field.key, record.*field.member), ...); },
+               fields);
+    json = std::move(object);
 }
 
 }  // namespace kiv::json

@@ -7,13 +7,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
-#include <vector>
 
 namespace kiv {
 
 namespace {
 
-constexpr std::size_t kBlock = 65536;
+constexpr std::size_t kMostAtOnce = std::size_t{1} << 30;  // Some systems refuse to read 2 GiB.
 
 /// Not std::filesystem's: that one does not tell which file it is.
 bool look_at(const std::string& path, struct stat& state) {
@@ -52,20 +51,14 @@ RegularFile::~RegularFile() {
 }
 
 /// The system's own call: file streams of some standard libraries take a read error for the end of the file.
-bool RegularFile::read_all(const std::function<void(std::string_view block)>& take) {
-    std::vector<char> block(kBlock);
-    for (std::size_t taken = 0; taken <= size_;) {
-        // One byte more than there is to come: it would show that the file grows.
-        const ssize_t got = read(file_, block.data(), std::min(block.size(), size_ - taken + 1));
-        if (got == 0) return taken == size_;
-        if (got > 0) {
-            taken += static_cast<std::size_t>(got);
-            take({block.data(), static_cast<std::size_t>(got)});
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return false;
+ssize_t RegularFile::read_next(char* to, std::size_t room) {
+    ssize_t got = 0;
+    do {
+        got = read(file_, to, std::min(room, kMostAtOnce));
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) return -1;
+    taken_ += static_cast<std::size_t>(got);
+    return taken_ > size_ || (got == 0 && taken_ < size_) ? -1 : got;
 }
 
 }  // namespace kiv

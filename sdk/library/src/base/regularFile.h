@@ -6,10 +6,8 @@
 
 #include <cstddef>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 
 namespace kiv {
 
@@ -37,13 +35,14 @@ class RegularFile {
     bool is_open() const { return file_ >= 0; }
     std::size_t size() const { return size_; }  ///< Bytes, when it was opened.
 
-    /// Hands the file to `take`, block by block. False on a read error, and when the file turns out to be
-    /// longer or shorter than it was. For one call.
-    bool read_all(const std::function<void(std::string_view block)>& take);
+    /// Reads the next bytes, `room` of them at most (not 0). Returns how many, 0 at the end of the file, and
+    /// -1 on an error, and when the file turns out to be longer or shorter than it was.
+    ssize_t read_next(char* to, std::size_t room);
 
   private:
     int file_ = -1;
     std::size_t size_ = 0;
+    std::size_t taken_ = 0;
 };
 
 }  // namespace kiv

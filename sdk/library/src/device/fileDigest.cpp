@@ -3,6 +3,8 @@
 #include <CommonCrypto/CommonDigest.h>
 #include <fmt/format.h>
 
+#include <vector>
+
 #include "base/regularFile.h"
 
 // MD5 is deprecated as a protection; here it is the checksum that the card's server asks for.
@@ -10,15 +12,18 @@
 
 namespace kiv::device {
 
+constexpr std::size_t kBlock = 65536;  // Bytes.
+
 std::optional<std::string> md5_of_file(const std::string& path) {
     RegularFile file(path);
     if (!file.is_open()) return std::nullopt;
     CC_MD5_CTX context;
     CC_MD5_Init(&context);
-    const bool whole = file.read_all([&](std::string_view block) {
-        CC_MD5_Update(&context, block.data(), static_cast<CC_LONG>(block.size()));
-    });
-    if (!whole) return std::nullopt;
+    std::vector<char> block(kBlock);
+    for (ssize_t got = 0; (got = file.read_next(block.data(), block.size())) != 0;) {
+        if (got < 0) return std::nullopt;
+        CC_MD5_Update(&context, block.data(), static_cast<CC_LONG>(got));
+    }
     unsigned char digest[CC_MD5_DIGEST_LENGTH];
     CC_MD5_Final(digest, &context);
     std::string text;

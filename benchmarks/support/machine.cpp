@@ -1,0 +1,54 @@
+#include "support/machine.h"
+
+#include <curl/curl.h>
+#include <fmt/format.h>
+#include <spdlog/version.h>
+#include <sys/utsname.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include <kiv/kiv_version.h>
+
+namespace kivbench {
+
+namespace {
+
+std::string version(int major, int minor, int patch) {
+    return fmt::format("{}.{}.{}", major, minor, patch);
+}
+
+std::string processor() {
+    std::ifstream processors("/proc/cpuinfo");
+    for (std::string line; std::getline(processors, line);) {
+        if (line.starts_with("model name")) return line.substr(line.find(':') + 2);
+    }
+    return "unknown";
+}
+
+}  // namespace
+
+std::map<std::string, std::string> machine() {
+    utsname system{};
+    uname(&system);
+#ifdef __clang__
+    const std::string compiler = __VERSION__;
+#else
+    const std::string compiler = std::string("gcc ") + __VERSION__;
+#endif
+    return {
+        {"processor", processor()},
+        {"cores", std::to_string(std::thread::hardware_concurrency())},
+        {"system", fmt::format("{} {} {}", system.sysname, system.release, system.machine)},
+        {"compiler", compiler},
+        {"kiv", version(KIV_VERSION_MAJOR, KIV_VERSION_MINOR, KIV_VERSION_REVISION)},
+        {"libcurl", curl_version_info(CURLVERSION_NOW)->version},
+        {"fmt", version(FMT_VERSION / 10000, FMT_VERSION / 100 % 100, FMT_VERSION % 100)},
+        {"spdlog", version(SPDLOG_VER_MAJOR, SPDLOG_VER_MINOR, SPDLOG_VER_PATCH)},
+        {"nlohmann-json",
+         version(NLOHMANN_JSON_VERSION_MAJOR, NLOHMANN_JSON_VERSION_MINOR, NLOHMANN_JSON_VERSION_PATCH)},
+    };
+}
+
+}  // namespace kivbench

@@ -1,0 +1,15 @@
+/// What figures depend on beside our code.
+#ifndef KIV_BENCHMARKS_MACHINE_H
+#define KIV_BENCHMARKS_MACHINE_H
+
+#include <map>
+#include <string>
+
+namespace kivbench {
+
+/// Processor, cores, system, compiler and the versions of the libraries, by their names.
+std::map<std::string, std::string> machine();
+
+}  // namespace kivbench
+
+#endif
