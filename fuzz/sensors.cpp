@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <kiv/kiv_json.h>
+#include "base/jsonSyntax.h"
 #include "base/jsonText.h"
 #include "input.h"
 
@@ -22,6 +23,7 @@ bool same(const SystemMonitorData& a, const SystemMonitorData& b) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     fuzz::be_quiet();
     const std::string text = fuzz::text_of(data, size);
+    expect(kiv::json::is_valid(text) == nlohmann::json::accept(text), "JSON is what the JSON library takes");
     SystemMonitorData read;
     const auto labels = read.labels;
     const bool is_good = kiv::device::parse_json_to_struct_cpp(text, read);

@@ -29,7 +29,7 @@ constexpr int kApplicationLine = 528;
 
 kiv_result_t kiv_open(const kiv_log_config_t* log_config) {
     Process& process = Process::instance();
-    if (process.inherited()) return KIV_ERR_NOT_OPENED;
+    if (Process::inherited()) return KIV_ERR_NOT_OPENED;
     kivLog_open(log_config, KIV_LOG_SINK_DEFAULT, nullptr, nullptr);
     const std::string path = CardConfig::getPath();
     // What this throws, and the save below, reaches the application: docs/oddities.md.
@@ -49,7 +49,7 @@ kiv_result_t kiv_get_sw_version(kiv_sw_version_t* version) {
 
 kiv_result_t kiv_configure_save() {
     Process& process = Process::instance();
-    if (process.inherited()) return KIV_ERR_NOT_OPENED;
+    if (Process::inherited()) return KIV_ERR_NOT_OPENED;
     const std::lock_guard lock(process.config_mutex);
     process.g_CardConfig.save_to_file(CardConfig::getPath());
     return KIV_OK;
@@ -57,7 +57,7 @@ kiv_result_t kiv_configure_save() {
 
 kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
     return guarded([&]() -> kiv_result_t {
-        if (Process::instance().inherited()) return KIV_ERR_NOT_OPENED;
+        if (Process::inherited()) return KIV_ERR_NOT_OPENED;
         if (message == nullptr) return null_argument();
         kivLog_dispatch(level, kApiSource, kApplicationLine, message);
         return KIV_OK;
@@ -69,7 +69,7 @@ kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
 kiv_result_t kiv_get_id_selected_ptp_card(uint8_t* device_id) {
     return guarded([&]() -> kiv_result_t {
         Process& process = Process::instance();
-        if (process.inherited()) return KIV_ERR_NOT_OPENED;
+        if (Process::inherited()) return KIV_ERR_NOT_OPENED;
         if (device_id == nullptr) return null_argument();
         const auto manager = process.manager();
         if (!manager) return process.over() ? KIV_ERR_NOT_OPENED : KIV_ERR_FAILED;

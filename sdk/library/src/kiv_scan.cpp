@@ -209,7 +209,7 @@ kiv_result_t close(Process& process) {
 template <typename Body>
 kiv_result_t in_turn(kiv_result_t refused, kiv_result_t late, Body body) {
     Process& process = Process::instance();
-    if (process.inherited()) return KIV_ERR_NOT_OPENED;
+    if (Process::inherited()) return KIV_ERR_NOT_OPENED;
     if (device::thread::PeriodicThreadPool::onWorkerThread()) return refused;
     const api::Turn turn(process);
     if (turn) return body(process);

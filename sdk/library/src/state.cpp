@@ -1,10 +1,11 @@
 #include "state.h"
 
-#include <unistd.h>
+#include <pthread.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include <kiv/LogManager.h>
@@ -22,6 +23,9 @@ constexpr std::chrono::seconds kLongPatience{10};
 
 }  // namespace
 
+constinit std::atomic<bool> Process::claimed_{false};
+constinit std::atomic<bool> Process::inherited_{false};
+
 Process& Process::instance() {
     static Process& process = *new Process;
     return process;
@@ -31,17 +35,12 @@ Process::Process() {
     // The logging library's own statics are built before the handler is registered: they end after it has
     // run.
     log::LogManager::getInstance();
+    if (pthread_atfork(nullptr, nullptr, [] { inherited_ = claimed_.load(); }) != 0) throw std::bad_alloc();
     std::atexit([] { instance().end(); });
 }
 
-bool Process::inherited() const noexcept {
-    const pid_t owner = owner_;
-    return owner != 0 && owner != getpid();
-}
-
 bool Process::claim() noexcept {
-    pid_t nobody = 0;
-    owner_.compare_exchange_strong(nobody, getpid());
+    claimed_ = true;
     return !over();
 }
 
@@ -74,7 +73,7 @@ bool Process::wait_for_turn() {
 /// on, one that waits for a driver that hangs.
 void Process::end() noexcept try {
     ended_ = true;
-    if (owner_ == 0 || inherited() || !wait_for_turn()) return;
+    if (!claimed_ || inherited() || !wait_for_turn()) return;
     const auto done = std::make_shared<Outcome<bool>>();
     const bool on_worker = device::thread::PeriodicThreadPool::onWorkerThread();
     start_library_thread([this, done] {

@@ -2,8 +2,6 @@
 #ifndef KIV_STATE_H
 #define KIV_STATE_H
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -31,7 +29,7 @@ class Process {
     static Process& instance();
 
     /// True in a forked child of the process that looked for cards. No lock.
-    bool inherited() const noexcept;
+    static bool inherited() noexcept { return inherited_.load(std::memory_order_relaxed); }
 
     /// True once the exit handler has begun, and in a forked child.
     bool over() const noexcept { return ended_ || inherited(); }
@@ -69,8 +67,12 @@ class Process {
     std::shared_ptr<device::DeviceManager> g_DeviceManager KIV_GUARDED_BY(mutex_);
     std::thread::id turn_ KIV_GUARDED_BY(mutex_);  ///< Thread that scans or closes.
     std::condition_variable turn_is_free_;
-    std::atomic<pid_t> owner_{0};     ///< The process that looked for cards; 0 before.
     std::atomic<bool> ended_{false};  ///< The exit handler has begun. Set before it wakes who waits.
+
+    /// Of the class, as nothing has to be built before a fork may look at them. To ask for the process's
+    /// number instead costs every call ten times a line that is dropped.
+    static std::atomic<bool> claimed_;    ///< The process has looked for cards.
+    static std::atomic<bool> inherited_;  ///< Set in the child, by the fork itself.
 };
 
 /// The right to change what a scan makes: scans and closes take turns.

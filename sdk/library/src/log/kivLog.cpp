@@ -14,9 +14,14 @@
 #include "base/guarded.h"
 #include "log/kivLogDispatch.h"
 
+constinit std::atomic<kiv_log_level_t> kiv::log::g_threshold{KIV_LOG_LEVEL_ERROR};
+constinit std::atomic<kiv_log_sink_t> kiv::log::g_sink{KIV_LOG_SINK_DEFAULT};
+
 namespace {
 
 using kiv::guarded;
+using kiv::log::g_sink;
+using kiv::log::g_threshold;
 using kiv::log::LogConfig;
 using kiv::log::LogManager;
 
@@ -30,10 +35,8 @@ struct Callback {
     void* user_data = nullptr;
 };
 
-/// Process-wide state.
+/// The part of the process-wide state that has to be built.
 struct LogState {
-    std::atomic<kiv_log_level_t> threshold{KIV_LOG_LEVEL_ERROR};
-    std::atomic<kiv_log_sink_t> sink{KIV_LOG_SINK_DEFAULT};
     std::atomic<uint32_t> callbacks_in_progress{0};
 
     std::mutex mutex;
@@ -67,8 +70,8 @@ kiv_result_t open(const kiv_log_config_t* config, kiv_log_sink_t sink, Callback 
             const std::lock_guard lock(state().mutex);
             state().callback = callback;
         }
-        state().sink = sink;
-        state().threshold = config->level;
+        g_sink = sink;
+        g_threshold = config->level;
         back_end.level = config->level;
     }
     LogManager::getInstance().init(back_end);
@@ -91,7 +94,7 @@ kiv_result_t kivLog_open_with_config(const kiv_log_config_t* config, kiv_log_sin
 }
 
 kiv_result_t kivLog_close() {
-    state().sink = KIV_LOG_SINK_DEFAULT;
+    g_sink = KIV_LOG_SINK_DEFAULT;
     for (int attempt = 0; attempt < kCloseAttempts; ++attempt) {
         if (state().callbacks_in_progress == 0) return KIV_OK;
         std::this_thread::sleep_for(kClosePause);
@@ -114,17 +117,17 @@ kiv_result_t kivLog_print(kiv_log_level_t level, const char* message) {
 }
 
 kiv_log_sink_t kivLog_get_type() {
-    return state().sink;
+    return g_sink;
 }
 
 kiv_log_level_t kivLog_get_level() {
-    return state().threshold;
+    return g_threshold;
 }
 
 void kivLog_dispatch_impl(kiv_log_level_t level, const char*, int, const char* message) {
     if (message == nullptr) return;
     const CallbackInProgress in_progress;
-    if (state().sink != KIV_LOG_SINK_CALLBACK) return;
+    if (g_sink != KIV_LOG_SINK_CALLBACK) return;
     Callback callback;
     {
         const std::lock_guard lock(state().mutex);

@@ -5,10 +5,34 @@
 
 #include <fmt/format.h>
 
-#include <string>
+#include <atomic>
 #include <string_view>
 
 #include <kiv/kivLog.h>
+
+namespace kiv::log {
+
+/// What kivLog_open sets, for the whole process. Read here and not by a call, as most lines are dropped.
+/// Nothing builds or destroys them: threads may log from the process's first moment to its last.
+extern std::atomic<kiv_log_level_t> g_threshold;
+extern std::atomic<kiv_log_sink_t> g_sink;
+
+/// Not for inlining: a line that is dropped needs none of its registers and none of its stack.
+template <typename... Args>
+[[gnu::noinline]] void write(kiv_log_level_t level, const char* file, int line, std::string_view format,
+                             const Args&... args) {
+    const kiv_log_sink_t sink = g_sink;
+
+    fmt::memory_buffer buffer;
+    fmt::vformat_to(fmt::appender(buffer), fmt::string_view(format.data(), format.size()),
+                    fmt::make_format_args(args...));
+    buffer.push_back('\0');
+
+    if (sink == KIV_LOG_SINK_CALLBACK) kivLog_dispatch_impl(level, file, line, buffer.data());
+    if (sink == KIV_LOG_SINK_DEFAULT) kivLog_dispatch_spdlog(level, file, line, buffer.data());
+}
+
+}  // namespace kiv::log
 
 /// Formats `format` (with `{}` placeholders) and writes it when `level` is wanted; otherwise nothing is
 /// formatted. `file` is a path such as "sdk/library/src/kiv_api". A format that does not match its arguments
@@ -16,16 +40,8 @@
 template <typename... Args>
 void kivLog_dispatch(kiv_log_level_t level, const char* file, int line, std::string_view format,
                      const Args&... args) {
-    if (level == KIV_LOG_LEVEL_NONE || level > kivLog_get_level()) return;
-    const kiv_log_sink_t sink = kivLog_get_type();
-
-    fmt::memory_buffer buffer;
-    fmt::vformat_to(fmt::appender(buffer), fmt::string_view(format.data(), format.size()),
-                    fmt::make_format_args(args...));
-    const std::string text(buffer.data(), buffer.size());
-
-    if (sink == KIV_LOG_SINK_CALLBACK) kivLog_dispatch_impl(level, file, line, text.c_str());
-    if (sink == KIV_LOG_SINK_DEFAULT) kivLog_dispatch_spdlog(level, file, line, text.c_str());
+    if (level == KIV_LOG_LEVEL_NONE || level > kiv::log::g_threshold.load(std::memory_order_relaxed)) return;
+    kiv::log::write(level, file, line, format, args...);
 }
 
 namespace kiv {

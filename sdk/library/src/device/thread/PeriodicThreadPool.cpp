@@ -30,6 +30,10 @@ void PeriodicThreadPool::post(std::function<void()> task) {
     {
         const std::lock_guard lock(state_->mutex);
         state_->tasks.push_back(std::move(task));
+        // A call to a worker costs more than a small job. Those on their way take what they find: another is
+        // called only for a job more than they are.
+        if (state_->called == state_->asleep || state_->called >= state_->tasks.size()) return;
+        ++state_->called;
     }
     state_->cv.notify_one();
 }
@@ -70,9 +74,13 @@ void PeriodicThreadPool::workerLoop(State& state) {
         std::function<void()> task;
         {
             UniqueLock lock(state.mutex);
-            state.cv.wait(lock, [&state]() KIV_REQUIRES(state.mutex) {
-                return !state.tasks.empty() || !state.running;
-            });
+            while (state.tasks.empty() && state.running) {
+                ++state.asleep;
+                state.cv.wait(lock);
+                --state.asleep;
+                // Whoever comes counts as one of the called: one too few only calls once more.
+                if (state.called > 0) --state.called;
+            }
             if (state.tasks.empty()) return;
             task = std::move(state.tasks.front());
             state.tasks.pop_front();

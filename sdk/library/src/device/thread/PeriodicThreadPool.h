@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -48,6 +49,8 @@ class KIV_API PeriodicThreadPool {
         std::deque<std::function<void()>> tasks KIV_GUARDED_BY(mutex);
         std::mutex mutex;
         std::condition_variable cv;
+        std::size_t asleep KIV_GUARDED_BY(mutex) = 0;  ///< Workers that wait,
+        std::size_t called KIV_GUARDED_BY(mutex) = 0;  ///< and those of them that are on their way.
         std::atomic<bool> running{true};  ///< Cleared under the mutex.
     };
     KIV_LOCAL static void workerLoop(State& state);

@@ -78,7 +78,7 @@ void Scheduler::runLoop() {
 milliseconds Scheduler::pass() {
     const Clock::time_point now = Clock::now();
     std::vector<std::pair<std::function<void()>, std::shared_ptr<PeriodicThreadPool>>> ready;
-    milliseconds sleep = kLongestSleep;
+    Clock::time_point next = now + kLongestSleep;
     {
         const std::lock_guard lock(mutex_);
         for (auto& [id, job] : tasks_) {
@@ -87,13 +87,13 @@ milliseconds Scheduler::pass() {
                 ready.emplace_back(job.task, job.pool);
                 job.nextRun = due(now, job.interval);  // Not from when it was due: docs/oddities.md.
             }
-            sleep = std::min(sleep, std::chrono::duration_cast<milliseconds>(job.nextRun - now));
+            next = std::min(next, job.nextRun);
         }
     }
     for (auto& [task, pool] : ready) {
         if (pool) pool->post(task);
     }
-    return sleep;
+    return std::chrono::duration_cast<milliseconds>(next - now);
 }
 
 }  // namespace kiv::device::thread

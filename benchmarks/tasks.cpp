@@ -1,0 +1,309 @@
+// The polls' pool and timer. The pool against Boost.Asio's thread pool and a bare hand-over between two
+// threads; the timer's pass against a bare walk of as many records; its lateness against a bare sleep.
+#include <kiv/PeriodicThreadPool.h>
+#include <kiv/Scheduler.h>
+#include "support/measure.h"
+#include "support/report.h"
+
+#if __has_include(<boost/asio/thread_pool.hpp>)
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+#define KIV_HAS_ASIO 1
+#endif
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using kiv::device::thread::PeriodicThreadPool;
+using kiv::device::thread::ScheduledTask;
+using kiv::device::thread::Scheduler;
+using kivbench::each;
+using kivbench::measure;
+using kivbench::Plan;
+using kivbench::Report;
+using kivbench::Times;
+using kivbench::Work;
+using std::chrono::milliseconds;
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr unsigned kWorkers = 4;  ///< As many as the library has.
+
+/// Waits for a number of events.
+class Gate {
+  public:
+    void expect(int count) { left_ = count; }
+    void arrive() {
+        if (--left_ != 0) return;
+        const std::lock_guard lock(mutex_);
+        open_ = true;
+        opened_.notify_one();
+    }
+    void wait() {
+        std::unique_lock lock(mutex_);
+        opened_.wait(lock, [this] { return open_; });
+        open_ = false;
+    }
+
+  private:
+    std::atomic<int> left_{0};
+    std::mutex mutex_;
+    std::condition_variable opened_;
+    bool open_ = false;
+};
+
+/// So many small tasks at once, until the last has run.
+template <typename Post>
+Work tasks(Post post) {
+    return [post](int count) {
+        Gate done;
+        done.expect(count);
+        for (int i = 0; i < count; ++i)
+            post([&done] { done.arrive(); });
+        done.wait();
+    };
+}
+
+/// One task at a time, each until it has run: a worker is woken for each.
+template <typename Post>
+Work hand_over(Post post) {
+    return each([post] {
+        Gate done;
+        done.expect(1);
+        post([&done] { done.arrive(); });
+        done.wait();
+    });
+}
+
+/// A thread that does what it is told, one thing at a time: the least that a hand-over can be.
+class Bare {
+  public:
+    Bare() : thread_([this] { serve(); }) {}
+    ~Bare() {
+        post(nullptr);
+        thread_.join();
+    }
+    Bare(const Bare&) = delete;
+    Bare& operator=(const Bare&) = delete;
+
+    void post(std::function<void()> task) {
+        {
+            const std::lock_guard lock(mutex_);
+            task_ = std::move(task);
+            full_ = true;
+        }
+        filled_.notify_one();
+    }
+
+  private:
+    void serve() {
+        for (;;) {
+            std::function<void()> task;
+            {
+                std::unique_lock lock(mutex_);
+                filled_.wait(lock, [this] { return full_; });
+                full_ = false;
+                task = std::move(task_);
+            }
+            if (!task) return;
+            task();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable filled_;
+    std::function<void()> task_;
+    bool full_ = false;
+    std::thread thread_;
+};
+
+void measure_pool(Report& report) {
+    PeriodicThreadPool pool(kWorkers);
+    Bare bare;
+    const auto to_pool = [&pool](auto task) { pool.post(std::move(task)); };
+    const auto to_bare = [&bare](auto task) { bare.post(std::move(task)); };
+    const Plan few{.rounds = 15, .repetitions = 1000};
+    const Plan many{.rounds = 15, .repetitions = 20'000};
+#ifdef KIV_HAS_ASIO
+    boost::asio::thread_pool asio(kWorkers);
+    const auto to_asio = [&asio](auto task) { boost::asio::post(asio, std::move(task)); };
+    const auto single = measure(few, {hand_over(to_bare), hand_over(to_pool), hand_over(to_asio)});
+    const auto crowd = measure(many, {tasks(to_pool), tasks(to_asio)});
+    report.add({"hand-over to a worker and back",
+                "ns",
+                single[1].median(),
+                single[2].median(),
+                "Boost.Asio's thread_pool",
+                {{1, 0}}});
+    report.add({"a task of 20,000",
+                "ns",
+                crowd[0].median(),
+                crowd[1].median(),
+                "Boost.Asio's thread_pool",
+                {{1, 0}}});
+#else
+    const auto single = measure(few, {hand_over(to_bare), hand_over(to_pool)});
+    report.skip("a task of 20,000", "Boost.Asio is not installed");
+#endif
+    report.add({"hand-over to a worker and back",
+                "ns",
+                single[1].median(),
+                single[0].median(),
+                "bare condition variable",
+                {{1, 0}}});
+}
+
+/// A callable that is copied once in each pass of the timer, on its thread: it notes the processor time of so
+/// many passes.
+class Witness {
+  public:
+    struct Notes {
+        const int passes;  ///< In one time.
+        Gate done{};
+        int seen = 0;
+        double start = 0;
+        Times times{};
+    };
+    explicit Witness(Notes& notes) : notes_(&notes) {}
+    Witness(const Witness& other) : notes_(other.notes_) {
+        if (notes_->seen++ % notes_->passes != 0) return;
+        const double now = kivbench::now(kivbench::Clock::ThisThread);
+        if (notes_->seen > 1) notes_->times.add((now - notes_->start) / notes_->passes);
+        notes_->start = now;
+        notes_->done.arrive();
+    }
+    Witness(Witness&&) = default;
+    Witness& operator=(const Witness&) = default;
+    Witness& operator=(Witness&&) = default;
+    ~Witness() = default;
+    void operator()() const {}
+
+  private:
+    Notes* notes_;
+};
+
+/// Nanoseconds of one pass over so many jobs of which none is due. One more is always due, so that the
+/// timer does not sleep; it has no pool, so that nothing runs.
+double pass_of(int jobs) {
+    Witness::Notes notes{1 + 300'000 / jobs};
+    notes.done.expect(8);
+    Scheduler scheduler;
+    const auto pool = std::make_shared<PeriodicThreadPool>(0);
+    for (int i = 0; i < jobs; ++i)
+        scheduler.schedulePeriodic([] {}, std::chrono::hours(1), pool);
+    scheduler.schedulePeriodic(Witness(notes), milliseconds(0), nullptr);
+    notes.seen = 0;  // To store it has copied it.
+    scheduler.start();
+    notes.done.wait();
+    scheduler.stop();
+    return notes.times.median();
+}
+
+/// The least that a pass can be: every record's time is looked at.
+double walk_of(int jobs) {
+    std::unordered_map<uint64_t, ScheduledTask> records;
+    for (int i = 0; i < jobs; ++i)
+        records[static_cast<uint64_t>(i)] = {[] {}, {},    SteadyClock::now() + std::chrono::hours(1),
+                                             0,     false, nullptr};
+    auto first = SteadyClock::time_point::max();
+    const auto times = measure(Plan{7, 1 + 300'000 / jobs, kivbench::Clock::ThisThread}, {each([&] {
+                                   const auto now = SteadyClock::now();
+                                   for (const auto& [id, record] : records) {
+                                       if (now < record.nextRun) first = std::min(first, record.nextRun);
+                                   }
+                                   kivbench::keep(first);
+                               })});
+    return times[0].median();
+}
+
+void measure_pass(Report& report) {
+    double thousand = 0;
+    for (const int jobs : {10, 1000, 100'000}) {
+        const double ours = pass_of(jobs) / jobs;
+        report.add({"pass of " + std::to_string(jobs) + " jobs, each", "ns", ours, walk_of(jobs) / jobs,
+                    "walk of as many records"});
+        if (jobs == 1000) thousand = ours;
+        // Linear: a job costs no more among many, but for the memory that no cache holds.
+        if (jobs == 100'000)
+            report.add({"a job of 100,000", "ns", ours, thousand, "a job of 1,000", {{4, 0}}});
+    }
+}
+
+/// How late each wake-up is, for a bare sleep of a second and for a job with that period.
+void measure_lateness(Report& report, const char* name) {
+    constexpr auto kPeriod = std::chrono::seconds(1);
+    constexpr int kRuns = 8;
+    Times ours;
+    Times bare;
+    Gate done;
+    done.expect(kRuns);
+    {
+        const auto pool = std::make_shared<PeriodicThreadPool>(kWorkers);
+        Scheduler scheduler;
+        SteadyClock::time_point due = SteadyClock::now() + kPeriod;
+        int runs = 0;
+        const auto job = [&] {
+            const auto now = SteadyClock::now();
+            if (++runs > kRuns) return;
+            ours.add(std::chrono::duration<double, std::micro>(now - due).count());
+            due = now + kPeriod;
+            done.arrive();
+        };
+        scheduler.start();
+        scheduler.schedulePeriodic(job, kPeriod, pool);
+        for (int i = 0; i < kRuns; ++i) {
+            const auto start = SteadyClock::now();
+            std::this_thread::sleep_for(kPeriod);
+            bare.add(std::chrono::duration<double, std::micro>(SteadyClock::now() - start - kPeriod).count());
+        }
+        done.wait();
+        scheduler.stop();
+        pool->shutdown();
+    }
+    // In milliseconds: what the machine's own scheduler does is in both.
+    report.add({std::string("lateness of a job each second, ") + name,
+                "ms",
+                ours.median() / 1000,
+                bare.median() / 1000,
+                "bare sleep of a second",
+                {{1, 5}}});
+    report.add({std::string("the latest of 8, ") + name, "ms", ours.part(1) / 1000, bare.part(1) / 1000,
+                "bare sleep of a second"});
+}
+
+void measure_all(Report& report) {
+    report.about("worker pool");
+    measure_pool(report);
+    report.about("timer");
+    measure_pass(report);
+    measure_lateness(report, "idle");
+    std::atomic<bool> enough{false};
+    std::vector<std::thread> busy(std::thread::hardware_concurrency());
+    for (std::thread& thread : busy) {
+        thread = std::thread([&enough] {
+            while (!enough) {
+            }
+        });
+    }
+    measure_lateness(report, "all cores busy");
+    enough = true;
+    for (std::thread& thread : busy)
+        thread.join();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return kivbench::run(argc, argv, measure_all);
+}
