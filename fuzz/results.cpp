@@ -76,6 +76,16 @@ int32_t payload(hpsClient& client, const Texts&) {
     return handled ? 0 : -1;
 }
 
+/// What the polling thread keeps of both documents.
+int32_t digest(hpsClient& client, const Texts&) {
+    Json json;
+    if (!HpsHttpHelper::handle_json(client.http_get("/hps"), json)) return -1;
+    hps_ptp_sm kept{};
+    read_digest_of_master(json, kept);
+    read_digest_of_management(json, kept);
+    return 0;
+}
+
 int32_t upload(hpsClient& client, const Texts& texts) {
     const std::string file = directory() / "image";
     write_file(file, texts[0]);
@@ -125,6 +135,7 @@ int32_t (*const kOperations[])(hpsClient& client, const Texts& texts) = {
     KIV_CALL(return c.open_config("10.0.0.1", "8080", false)),
     KIV_CALL(return c.open_config_ipaddr(directory() / "configuration", false, t.back())),
     KIV_CALL(return c.open_config_ifname(directory() / "configuration", false, t.back())),
+    digest,
 };
 
 constexpr long kStatus[] = {200, 200, 200, 201, 299, 300, 400, 401, 404, 500, 100, 0};
