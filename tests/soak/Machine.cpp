@@ -59,7 +59,9 @@ SimulatorProcess::SimulatorProcess(std::string socket, const std::string& cards)
 void SimulatorProcess::start() {
     program_ = std::make_unique<Program>(std::vector<std::string>{
         KIVSIM_PROGRAM, "--with-stdin", "--ready-json", "--socket", socket_, "--config", cards_});
-    const std::string ready = program_->read_line();
+    std::string ready;  // On a machine with much else to do a start with sanitizers takes long.
+    for (int tried = 0; ready.empty() && tried < 5; ++tried)
+        ready = program_->read_line();
     ASSERT_FALSE(ready.empty()) << program_->wait(std::chrono::seconds(1)).err;
     const std::lock_guard lock(mutex_);
     control_ = parsed(ready).at("control");
