@@ -27,7 +27,19 @@ std::string processor() {
     return "unknown";
 }
 
+double of_status(const std::string& name) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(name)) return std::stod(line.substr(name.size()));
+    }
+    return 0;
+}
+
 }  // namespace
+
+Usage usage() {
+    return {of_status("VmRSS:"), of_status("Threads:")};
+}
 
 std::map<std::string, std::string> machine() {
     utsname system{};

@@ -10,6 +10,13 @@ namespace kivbench {
 /// Processor, cores, system, compiler and the versions of the libraries, by their names.
 std::map<std::string, std::string> machine();
 
+/// What this process has now: KiB of memory in use, and threads. Zeros where the system does not tell.
+struct Usage {
+    double memory = 0;
+    double threads = 0;
+};
+Usage usage();
+
 }  // namespace kivbench
 
 #endif
