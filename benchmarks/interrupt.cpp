@@ -41,10 +41,15 @@ std::vector<double> g_sent(kMany);
 std::atomic<std::size_t> g_sends{0};
 std::atomic<bool> g_counting{false};
 
-void note_send() {
-    if (!g_counting) return;
-    const std::size_t number = g_sends++;
-    if (number < g_sent.size()) g_sent[number] = kivbench::now(kivbench::Clock::Elapsed);
+/// Notes when the message goes, and counts it when it has gone: a socket may be full.
+template <typename Send>
+ssize_t noted(Send send) {
+    const std::size_t number = g_sends;
+    if (!g_counting || number >= g_sent.size()) return send();
+    g_sent[number] = kivbench::now(kivbench::Clock::Elapsed);
+    const ssize_t sent = send();
+    if (sent > 0) g_sends = number + 1;
+    return sent;
 }
 
 }  // namespace
@@ -53,8 +58,7 @@ void note_send() {
 extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags) {
     static const auto system =
         reinterpret_cast<ssize_t (*)(int, const msghdr*, int)>(dlsym(RTLD_NEXT, "sendmsg"));
-    note_send();
-    return system(socket, message, flags);
+    return noted([&] { return system(socket, message, flags); });
 }
 
 namespace {
@@ -76,7 +80,7 @@ class Arrivals {
     }
     void wait() const {
         const auto end = std::chrono::steady_clock::now() + kPatience;
-        while (came_ < times_.size()) {
+        while (came_ < times_.size() || g_sends < times_.size()) {
             require(std::chrono::steady_clock::now() < end, "messages are lost");
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -124,9 +128,9 @@ class Bare {
             for (std::size_t i = 0; i < count; ++i) {
                 std::this_thread::sleep_until(due);
                 due += pause;
-                note_send();
-                require(::send(near_.get(), bytes, sizeof bytes, kivos::kNoSignal) == sizeof bytes,
-                        "no send");
+                require(noted([&] { return ::send(near_.get(), bytes, sizeof bytes, kivos::kNoSignal); }) ==
+                            sizeof bytes,
+                        "the socket is gone");
             }
         }).join();
     }

@@ -11,6 +11,8 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 REFERENCE = ROOT / "benchmarks/results.json"
 PICTURE = ROOT / "docs/pictures/performance.svg"
+PAGE = ROOT / "docs/performance.md"
+MARKS = "<!-- The figures: written by scripts/benchmark --keep. -->\n", "<!-- The end of the figures. -->\n"
 WORSE = 1.10  # From here on a figure is marked.
 
 
@@ -93,6 +95,27 @@ def svg(rows):
     return "\n".join(out) + "\n"
 
 
+def page(text, machine, rows):
+    """The page with these figures between its marks."""
+    before, rest = text.split(MARKS[0])
+    after = rest.split(MARKS[1])[1]
+    lines = [" · ".join(f"{name} {value}" for name, value in machine.items()), "",
+             "| | ours | floor | | | budget |", "|---|---:|---:|---|---:|---|"]
+    group = None
+    for row in rows:
+        if row["group"] != group:
+            group = row["group"]
+            lines.append(f"| **{group}** | | | | | |")
+        if "skipped" in row:
+            lines.append(f'| {row["name"]} | skipped | | {row["skipped"]} | | |')
+            continue
+        floor = f'{figure(row["floor"])} {row["unit"]}' if "floor" in row else ""
+        verdict = {True: "", False: ": **missed**", None: ""}[row.get("met")]
+        lines.append(f'| {row["name"]} | {figure(row["ours"])} {row["unit"]} | {floor} | {row.get("what_the_floor_is", "")} | '
+                     + (figure(row["ratio"]) + "x" if "ratio" in row else "") + f' | {row.get("budget", "")}{verdict} |')
+    return before + MARKS[0] + "\n".join(lines) + "\n" + MARKS[1] + after
+
+
 def main():
     build = pathlib.Path(sys.argv[1])
     options = {argument for argument in sys.argv[2:] if argument.startswith("-")}
@@ -123,6 +146,7 @@ def main():
     if "--keep" in options and not failed:
         REFERENCE.write_text(text)
         PICTURE.write_text(svg(rows))
+        PAGE.write_text(page(PAGE.read_text(), machine, rows))
     return 1 if missed or failed else 0
 
 

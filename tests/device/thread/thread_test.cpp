@@ -162,6 +162,24 @@ TEST(PeriodicThreadPool, JobsStartInTheOrderPostedAlsoAfterOneThatFails) {
     EXPECT_EQ(order, "abcdef");
 }
 
+TEST(PeriodicThreadPool, AJobWaitsForNoOtherWhileAWorkerIsIdle) {
+    constexpr std::size_t kWorkers = 4;
+    PeriodicThreadPool pool(kWorkers);
+    for (int round = 0; round < 50; ++round) {
+        Probe together;
+        together.open = false;
+        std::atomic<std::size_t> ended{0};
+        for (std::size_t i = 0; i < kWorkers; ++i)
+            pool.post([&] {
+                together();
+                ++ended;
+            });
+        EXPECT_TRUE(together.reach(kWorkers)) << round;
+        together.open = true;
+        ASSERT_TRUE(wait_until([&] { return ended == kWorkers; })) << round;
+    }
+}
+
 TEST(PeriodicThreadPool, ShutdownLetsRunningJobsFinishAndRunsNoQueuedOne) {
     Probe gate;
     gate.open = false;

@@ -6,7 +6,6 @@
 #include <fmt/format.h>
 
 #include <atomic>
-#include <string_view>
 
 #include <kiv/kivLog.h>
 
@@ -19,13 +18,12 @@ extern std::atomic<kiv_log_sink_t> g_sink;
 
 /// Not for inlining: a line that is dropped needs none of its registers and none of its stack.
 template <typename... Args>
-[[gnu::noinline]] void write(kiv_log_level_t level, const char* file, int line, std::string_view format,
+[[gnu::noinline]] void write(kiv_log_level_t level, const char* file, int line, const char* format,
                              const Args&... args) {
     const kiv_log_sink_t sink = g_sink;
 
     fmt::memory_buffer buffer;
-    fmt::vformat_to(fmt::appender(buffer), fmt::string_view(format.data(), format.size()),
-                    fmt::make_format_args(args...));
+    fmt::vformat_to(fmt::appender(buffer), fmt::string_view(format), fmt::make_format_args(args...));
     buffer.push_back('\0');
 
     if (sink == KIV_LOG_SINK_CALLBACK) kivLog_dispatch_impl(level, file, line, buffer.data());
@@ -38,7 +36,7 @@ template <typename... Args>
 /// formatted. `file` is a path such as "sdk/library/src/kiv_api". A format that does not match its arguments
 /// throws fmt's format_error.
 template <typename... Args>
-void kivLog_dispatch(kiv_log_level_t level, const char* file, int line, std::string_view format,
+void kivLog_dispatch(kiv_log_level_t level, const char* file, int line, const char* format,
                      const Args&... args) {
     if (level == KIV_LOG_LEVEL_NONE || level > kiv::log::g_threshold.load(std::memory_order_relaxed)) return;
     kiv::log::write(level, file, line, format, args...);

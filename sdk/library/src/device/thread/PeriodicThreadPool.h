@@ -51,7 +51,7 @@ class KIV_API PeriodicThreadPool {
         std::condition_variable cv;
         std::size_t asleep KIV_GUARDED_BY(mutex) = 0;  ///< Workers that wait,
         std::size_t called KIV_GUARDED_BY(mutex) = 0;  ///< and those of them that are on their way.
-        std::atomic<bool> running{true};  ///< Cleared under the mutex.
+        std::atomic<bool> running{true};               ///< Cleared under the mutex.
     };
     KIV_LOCAL static void workerLoop(State& state);
     KIV_LOCAL void ask_to_end();
