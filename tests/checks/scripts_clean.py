@@ -8,7 +8,7 @@ import subprocess
 import sys
 
 # These may use all that bash has. In the others, whose shell may be the bash of 2006, shellcheck refuses what not every shell has.
-DEBIANS = {".ci/run", "scripts/lint", "scripts/test-packages", "scripts/test-packages-inside"}
+DEBIANS = {".ci/run", "scripts/coverage", "scripts/lint", "scripts/test-packages", "scripts/test-packages-inside"}
 NO_SCRIPTS = {"scripts/packages", "scripts/packages-full"}
 
 
