@@ -1,11 +1,8 @@
 #include <kiv/HpsHttpHelper.h>
 
-#include <gtest/gtest.h>
-
 #include "kivHpsClientKit/HttpTexts.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryDirectory.h"
-#include "support/Waiting.h"
 
 namespace {
 

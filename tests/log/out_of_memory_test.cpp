@@ -21,5 +21,5 @@ TEST(LogWithoutMemory, OpensWhenThereIsMemoryAgain) {
     testing::internal::CaptureStderr();
     kivLog_print(KIV_LOG_LEVEL_ERROR, "the log is alive");
     const std::string line = testing::internal::GetCapturedStderr();
-    EXPECT_NE(line.find("[error] [] the log is alive\n"), std::string::npos) << line;
+    EXPECT_TRUE(has(line, "[error] [] the log is alive\n"));
 }
