@@ -2,15 +2,13 @@
 #ifndef KIV_TEST_FOUND_CARDS_H
 #define KIV_TEST_FOUND_CARDS_H
 
-#include <gtest/gtest.h>
 #include <kiv/kiv_api.h>
 
-#include <cstring>
 #include <typeinfo>
 
 #include "support/CapturedLog.h"
-#include "support/Lines.h"
 #include "support/RunningSimulator.h"
+#include "support/Test.h"
 
 struct FoundCards {
     explicit FoundCards(std::vector<kivsim::CardSettings> cards = {kivsim::believable_card(1)})

@@ -1,6 +1,5 @@
 // Events over the whole path: a card changes, a poll sees it, callbacks hear of it.
 #include "api/FoundCards.h"
-#include "support/Waiting.h"
 
 namespace {
 

@@ -4,7 +4,6 @@
 #include "card/Firmware.h"
 
 #include "api/FoundCards.h"
-#include "support/Waiting.h"
 
 TEST(Flash, AnIdleCardGetsTheImageAndTheWaitForItsStartEndsWithSuccess) {
     const TemporaryDirectory directory;

@@ -1,11 +1,9 @@
 // Opening the library, its version, saving the configuration, and the application's own log lines.
-#include <gtest/gtest.h>
 #include <kiv/kiv_api.h>
-
-#include <stdexcept>
 
 #include "support/CapturedLog.h"
 #include "support/ConfigurationFile.h"
+#include "support/Test.h"
 
 namespace {
 
@@ -32,7 +30,7 @@ TEST(Lifecycle, OpenLoadsTheConfigurationAndSaveWritesItBack) {
     file.write("{}");
     const std::string missing = open_error();
     EXPECT_EQ(missing.find("Error during JSON deserialization: "), 0u) << missing;
-    EXPECT_NE(missing.find("'version'"), std::string::npos) << missing;
+    EXPECT_TRUE(has(missing, "'version'"));
     file.write("{");
     EXPECT_EQ(open_error().find(std::string("Error: JSON parsing failed in ") + kPath + " - "), 0u);
     EXPECT_TRUE(log.take().empty());

@@ -1,17 +1,10 @@
 // The library and the life of its process: forks, exits, callers who break the rule of one scan at a time.
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <csignal>
-#include <cstdlib>
-#include <thread>
 
 #include <kiv/kivDext.h>
 #include "api/FoundCards.h"
 #include "support/DriverFault.h"
 #include "support/Program.h"
-#include "support/Waiting.h"
 
 /// Asked by the leak checker at exit. In a forked child it would take for leaks what only the stacks of
 /// threads point at that are not there.
@@ -63,23 +56,16 @@ int end_of(pid_t child) {
 class Callers {
   public:
     template <typename Body>
-    Callers(int count, Body body) {
-        for (int i = 0; i < count; ++i) {
-            threads_.emplace_back([this, body, i] {
-                while (!done_)
-                    body(i);
-            });
-        }
-    }
-    ~Callers() {
-        done_ = true;
-        for (std::thread& thread : threads_)
-            thread.join();
-    }
+    Callers(int count, Body body)
+        : threads_(count, [this, body](int number) {
+              while (!done_)
+                  body(number);
+          }) {}
+    ~Callers() { done_ = true; }
 
   private:
     std::atomic<bool> done_{false};
-    std::vector<std::thread> threads_;
+    Threads threads_;
 };
 
 }  // namespace
@@ -158,7 +144,7 @@ namespace {
 
 /// A process that has not looked for cards, and a child of it that does.
 [[noreturn]] void fork_then_scan() {
-    const bool closed = kiv_close() == KIV_OK;
+    const bool closed = kiv_close() == KIV_OK && kivDext_get_selected_ptp_card() == 0;
     const pid_t child = fork();
     if (child != 0) end_with(closed && end_of(child) == 42);
     RunningSimulator simulator;

@@ -1,32 +1,19 @@
 // The scan over the whole path: driver process, management servers, both real.
-#include <gtest/gtest.h>
 #include <kiv/PeriodicThreadPool.h>
 #include <kiv/kiv_api.h>
 
-#include <algorithm>
-#include <atomic>
-#include <future>
 #include <iterator>
 #include <map>
 
 #include "support/CapturedLog.h"
 #include "support/DriverFault.h"
 #include "support/LoopbackServer.h"
-#include "support/Program.h"
 #include "support/RunningSimulator.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 
 using kivsim::CardSettings;
-
-/// A card whose management server is somewhere else.
-CardSettings card_with_server(uint8_t id, uint16_t port) {
-    CardSettings card = kivsim::believable_card(id);
-    card.external_server = true;
-    card.tunnel_port = port;
-    return card;
-}
 
 CardSettings card_with_fault(uint8_t id, kivsim::DriverFault fault) {
     CardSettings card = kivsim::believable_card(id);
@@ -87,20 +74,6 @@ TEST_F(Scan, WithoutCardsIsASuccessThatMakesTheManagerActive) {
         EXPECT_EQ(scan.count, 0);
         EXPECT_EQ(info_of(1), KIV_ERR_NO_DEVICE);
     }
-}
-
-TEST_F(Scan, NeedsARecordToFill) {
-    RunningSimulator simulator;
-    CapturedLog log;
-    kiv_scan_t scan{};
-    ASSERT_EQ(kiv_scan(&scan), KIV_OK);
-    log.again();
-    log.take();
-    EXPECT_EQ(kiv_scan(nullptr), KIV_ERR_NULL_ARGUMENT);
-    EXPECT_EQ(kiv_scan_internal(nullptr), KIV_ERR_NULL_ARGUMENT);
-    EXPECT_EQ(kiv_get_id_selected_ptp_card(nullptr), KIV_ERR_NULL_ARGUMENT);
-    EXPECT_EQ(log.take(), Lines(3, "Argument is NULL"));
-    EXPECT_EQ(info_of(1), KIV_OK) << "the manager of the scan before stays";
 }
 
 TEST_F(Scan, FailsWithAllOfItsCardsWhenOneDoesNotOpen) {
@@ -179,6 +152,12 @@ TEST_F(Scan, ReplacesTheCardsOfTheOneBefore) {
     auto simulator = std::make_unique<RunningSimulator>();
     kiv_scan_t scan{};
     ASSERT_EQ(kiv_scan(&scan), KIV_OK);
+    CapturedLog log;
+    for (const kiv_result_t result :
+         {kiv_scan(nullptr), kiv_scan_internal(nullptr), kiv_scan_each(nullptr, 0, nullptr)})
+        EXPECT_EQ(result, KIV_ERR_NULL_ARGUMENT);
+    EXPECT_EQ(log.take(), Lines(3, "Argument is NULL"));
+    EXPECT_EQ(info_of(1), KIV_OK) << "it has replaced nothing";
     simulator = nullptr;
     EXPECT_EQ(info_of(1), KIV_ERR_FAILED) << "the driver process is gone";
     EXPECT_EQ(net_of(1), KIV_ERR_REST) << "and the servers";
@@ -217,20 +196,6 @@ TEST_F(Scan, OfTheInternalKindKeepsTheTunnelsOfTheFirst) {
               (*simulator)->server_addresses()[second.devices[0].device_id - 1u]);
 }
 
-TEST_F(Scan, SelectsNoPtpCardUnlessItsOwnerDid) {
-    uint8_t id = 77;
-    EXPECT_EQ(kiv_get_id_selected_ptp_card(&id), KIV_ERR_FAILED) << "before a scan";
-    CardSettings no_function_0 = kivsim::believable_card(5);
-    no_function_0.functions.erase(no_function_0.functions.begin());
-    for (const auto& cards : {kivsim::default_cards(), std::vector{no_function_0}}) {
-        RunningSimulator simulator(cards);
-        kiv_scan_t scan{};
-        kiv_scan(&scan);
-        EXPECT_EQ(kiv_get_id_selected_ptp_card(&id), KIV_ERR_FAILED);
-    }
-    EXPECT_EQ(id, 77);
-}
-
 TEST_F(Scan, AndCloseDoNothingOnAThreadOfTheLibrary) {
     RunningSimulator simulator;
     kiv_scan_t scan{};
@@ -257,24 +222,6 @@ TEST_F(Scan, MayBeClosedWithoutOneAndTwice) {
     EXPECT_EQ(kiv_scan(&scan), KIV_OK) << "no new open is needed";
 }
 
-TEST_F(Scan, EndsWithACodeWhenTheDriverProcessIsKilledUnderIt) {
-    TemporaryDirectory directory;
-    // Opening the connections takes for ever: the process is gone before the first answer.
-    write_file(directory / "cards.json",
-               R"({"cards":[{"id":1,"driver_faults":[{"selector":24,"delay_ms":60000}]}]})");
-    const std::string socket = directory / "driver.sock";
-    Program kivsim({KIVSIM_PROGRAM, "--config", directory / "cards.json", "--socket", socket});
-    ASSERT_FALSE(kivsim.read_line().empty());
-    setenv("KIVSIM_SOCKET", socket.c_str(), 1);
-    kiv_scan_t scan{};
-    auto result = std::async(std::launch::async, [&] { return kiv_scan(&scan); });
-    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-    const Stopwatch watch;
-    kivsim.send_signal(SIGKILL);
-    EXPECT_EQ(result.get(), KIV_ERR_FAILED);
-    EXPECT_LT(watch.elapsed(), std::chrono::seconds(10));
-}
-
 TEST_F(Scan, OfEachCardLetsNoBadOneHideTheOthers) {
     const uint16_t closed = unused_port();
     RunningSimulator simulator({card_with_fault(9, fault(wire::kReadPci64).nth(5).status(-1)),
@@ -298,8 +245,6 @@ TEST_F(Scan, OfEachCardLetsNoBadOneHideTheOthers) {
         EXPECT_EQ(net_of(card.device.device_id) == KIV_OK, card.result == KIV_OK || id == 9);
     }
     EXPECT_EQ(scan.cards[1].tunnel.tunnel_value, closed);
-    EXPECT_EQ(kiv_scan_each(nullptr, 0, nullptr), KIV_ERR_NULL_ARGUMENT);
-    EXPECT_EQ(info_of(7), KIV_OK) << "the scan before stays";
     EXPECT_EQ(info_of(5), KIV_OK) << "its driver answers all the same";
 
     const uint8_t only = 7;

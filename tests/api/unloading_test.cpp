@@ -1,11 +1,8 @@
 // A program that loads the library by itself, and lets it go again.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <kiv/kiv_api.h>
 
-#include <cstdlib>
-
 #include "support/RunningSimulator.h"
+#include "support/Test.h"
 
 namespace {
 

@@ -1,19 +1,16 @@
 """The page of kivctl serve, in a real browser: what it shows of cards that misbehave, and that it can be used by keyboard,
 on a phone and without the network.
 
-usage: page.py ROOT BUILD_DIRECTORY               check
-       page.py ROOT BUILD_DIRECTORY --pictures N  make the pictures in docs, whose plots show the last N minutes
+usage: page.py ROOT BUILD_DIRECTORY
 """
 import contextlib
 import json
-import math
 import os
 import pathlib
 import shutil
 import subprocess
 import sys
 import tempfile
-import time
 import urllib.request
 
 SYSTEM_PYTHON = "/usr/bin/python3"
@@ -35,8 +32,6 @@ WIDE, PHONE = (1300, 800), (360, 740)
 HOSTILE = "<img src=x onerror=\"document.body.id='taken'\">"
 POWER = {"label": "Board Power", "input": 63, "max": 75}
 HOT = {"label": "QSFP1 Case Temperature", "input": 72, "max": 70, "critical": 75}
-LABELS = ["FPGA FABRIC Digital Temperature #5", "Board Top Near FPGA Temperature", "Board Bottom Near CVL Temperature",
-           "Board Rear Side Temperature", "Board Front Side Temperature", "QSFP1 Case Temperature", "QSFP2 Case Temperature"]
 
 
 class Simulator:
@@ -277,61 +272,17 @@ def check(build, folder, stack):
     print("the page shows what the cards do")
 
 
-def vary(simulator, seconds):
-    """Temperatures and loads of card 2 go up and down for so long."""
-    end = time.monotonic() + seconds
-    while (left := end - time.monotonic()) > 0:
-        wave = [math.sin(left / period) for period in (90, 140, 200, 310, 170, 120, 260)]
-        sensors = zip(LABELS, (74, 61, 55, 47, 41, 64, 52), (95, 75, 75, 70, 70, 70, 70), wave)
-        simulator.change(2, hwmon=[POWER] + [
-            {"label": label, "input": round(middle + 3 * up), "max": top, "critical": top + 10}
-            for label, middle, top, up in sensors],
-            registers={"1": {"0x21460": round(2e7 + 4e6 * wave[0]), "0x214A0": round(6e6 + 2e6 * wave[2]),
-                             "0x31860": round(3e7 + 3e6 * wave[3]), "0x318E0": round(1e7 + 3e6 * wave[4])}})
-        time.sleep(min(5, left))
-
-
-def make_pictures(root, build, folder, stack, seconds):
-    cards = [{"id": number} for number in range(1, 9)]
-    simulator = Simulator(build, folder, cards, stack)
-    page = Page(serve(build, simulator, stack)[1], folder, stack)
-    page.until("all cards", lambda: len(page.browser.find_elements(By.CSS_SELECTOR, "#all tbody tr")) == len(cards))
-    vary(simulator, seconds)
-    simulator.change(3, links=[True, False])
-    simulator.change(5, removed=True)
-    simulator.change(6, ptp_management={"masterLockingStatus": 1}, firmware={"status": "writing"})
-    simulator.change(7, hwmon=[HOT, POWER])
-    simulator.ask("POST", "/cards/8/http_faults", {"path": "/", "cut": "before"})
-    page.stale(5, *VALUES)
-    page.shows(cell(6, "ptp"), "free run")
-    page.shows(cell(6, "flash"), "writing")
-    for name, fragment, size, scheme in (("page", "", (1280, 370), "light"),
-                                         ("page-card", "#card=2", (1280, 960), "light"),
-                                         ("page-phone", "", PHONE, "dark")):
-        page.size(size)
-        page.scheme(scheme)
-        page.browser.get("about:blank")
-        page.browser.get(page.url + fragment)
-        page.shows("main", "Card 2", *(["Lowest"] if fragment else []))
-        (root / "docs/pictures").mkdir(exist_ok=True)
-        file = root / f"docs/pictures/{name}.png"
-        page.browser.save_screenshot(str(file))
-        subprocess.run(["optipng", "-quiet", "-strip", "all", file], check=True)
-
-
 def main():
     missing = [program for program in ("chromium", "chromedriver") if not shutil.which(program)]
     if missing:
         print(f"skipped: {' and '.join(missing)} not installed")
         return 77
-    root, build = map(pathlib.Path, sys.argv[1:3])
+    build = pathlib.Path(sys.argv[2])
     with contextlib.ExitStack() as stack:
         folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
-        if "--pictures" in sys.argv:
-            make_pictures(root, build, folder, stack, float(sys.argv[-1]) * 60)
-        else:
-            check(build, folder, stack)
+        check(build, folder, stack)
     return 0
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())

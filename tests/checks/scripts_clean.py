@@ -8,15 +8,17 @@ import subprocess
 import sys
 
 # These may use all that bash has. In the others, whose shell may be the bash of 2006, shellcheck refuses what not every shell has.
-DEBIANS = {".ci/run", "scripts/fuzz", "scripts/lint", "scripts/test-packages", "scripts/test-packages-inside"}
+DEBIANS = {".ci/run", "scripts/coverage", "scripts/fuzz", "scripts/lint", "scripts/test-packages", "scripts/test-packages-inside"}
 NO_SCRIPTS = {"scripts/packages", "scripts/packages-full"}
+IN_PYTHON = {"scripts/mutate"}
 
 
 def main():
     root = pathlib.Path(sys.argv[1]).resolve()
-    shell = {".ci/run", *(f"scripts/{f.name}" for f in (root / "scripts").iterdir())} - NO_SCRIPTS
+    shell = {".ci/run", *(f"scripts/{f.name}" for f in (root / "scripts").iterdir())} - NO_SCRIPTS - IN_PYTHON
     shell |= {f"packaging/debian/python/{f.name}" for f in (root / "packaging/debian/python").iterdir()}
     python = [f for folder in ("benchmarks", "docs/site", "python/kiv", "tests/checks", "tests/python") for f in (root / folder).glob("*.py")]
+    python += sorted(root / script for script in IN_PYTHON)
     wrong = [script for script in sorted(shell - DEBIANS)
              if not (root / script).read_text().startswith(("#!/bin/sh\n", "# shellcheck shell=sh\n"))]
     if wrong:

@@ -1,13 +1,9 @@
 // The card configuration's file: what the model becomes, and what a text becomes.
-#include <gtest/gtest.h>
 #include <kiv/CardConfig.h>
-
-#include <stdexcept>
-#include <string>
-#include <tuple>
 
 #include "support/ConfigurationFile.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Test.h"
 
 namespace {
 
@@ -62,7 +58,7 @@ TEST_F(CardConfigFile, TheModelIsWrittenByteForByteAndComesBack) {
     EXPECT_EQ(saved(config), text);
     EXPECT_EQ(saved(load(text)), text);
     EXPECT_TRUE(saved({}).ends_with("\"ip_addr\": \"\",\n        \"server_port\": 0\n    }\n}\n"));
-    EXPECT_NE(saved({}).find("\n    \"devices\": [],\n    \"mactun\": {\n"), std::string::npos);
+    EXPECT_TRUE(has(saved({}), "\n    \"devices\": [],\n    \"mactun\": {\n"));
 }
 
 TEST_F(CardConfigFile, OrderIsPutRightAndExtraKeysAreDropped) {
@@ -101,7 +97,7 @@ TEST_F(CardConfigFile, AFaultyDocumentIsRefusedWithTheReason) {
     for (const auto& [text, beginning, reason] : rows) {
         const std::string message = failure([this, &faulty = text] { load(faulty); });
         EXPECT_TRUE(message.starts_with(beginning)) << message;
-        EXPECT_NE(message.find(reason), std::string::npos) << message;
+        EXPECT_TRUE(has(message, reason));
     }
 }
 

@@ -1,19 +1,11 @@
 // Loading, polling and releasing cards.
-#include <gtest/gtest.h>
 #include <kiv/DeviceManager.h>
 #include "driver/DeviceEnumeratorMacOS.h"
 #include "driver/DeviceFactoryMacOS.h"
 
-#include <algorithm>
-#include <functional>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 

@@ -1,19 +1,14 @@
 // One card's polls and events, through the real driver client and the simulator.
-#include <gtest/gtest.h>
 #include <kiv/Device.h>
 #include <kiv/SystemMonitorData.h>
 #include "driver/DeviceEnumeratorMacOS.h"
 #include "driver/DeviceFactoryMacOS.h"
 
-#include <cstring>
-#include <future>
-
 #include "support/CapturedLog.h"
 #include "support/DriverFault.h"
-#include "support/Lines.h"
 #include "support/LoopbackServer.h"
 #include "support/RunningSimulator.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 

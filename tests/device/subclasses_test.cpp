@@ -1,11 +1,10 @@
 // The exported classes from outside of the library: applications derive from them, and ask objects for their
 // type.
-#include <gtest/gtest.h>
 #include <kiv/DeviceManager.h>
 #include <kiv/RestApiClient.h>
 #include <kiv/ThreadManager.h>
 
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 

@@ -1,11 +1,9 @@
 // What the card's texts become: addresses, masks, firmware identifiers, sensor values.
-#include <gtest/gtest.h>
 #include <kiv/SystemMonitorData.h>
 #include "base/addressText.h"
 #include "base/ipText.h"
 
-#include <stdexcept>
-#include <string>
+#include "support/Test.h"
 
 namespace {
 
@@ -95,7 +93,7 @@ TEST(SystemMonitorData, TakesIntegersOfKnownLabelsAndKeepsWhatAFaultyReportGave)
         R"([{"label": "QSFP2 Case Temperature", "max": 7}, {"label": "Board Power"}, {"label": 8}])", data));
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_EQ(said.find("Error: JSON root is not an array.\nJSON Parsing/Access Error: "), 0u) << said;
-    EXPECT_NE(said.find("type_error"), std::string::npos) << "the rest is the JSON library's: " << said;
+    EXPECT_TRUE(has(said, "type_error")) << "the rest is the JSON library's: " << said;
     EXPECT_EQ(shown(data), "0/0/0 0/0/0 0/0/0 0/0/0 0/0/0 0/0/0 0/7/0 80");
 }
 

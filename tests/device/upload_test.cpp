@@ -1,31 +1,30 @@
 // What a Device sends to its card's server when a file, or an address that it needs, cannot be had.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <kiv/Device.h>
 #include <kiv/RestApiClient.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <functional>
 
 #include "support/CapturedLog.h"
 #include "support/LoopbackServer.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Test.h"
 
 namespace {
 
 thread_local std::size_t t_readable = SIZE_MAX;  ///< Bytes that this thread may still read.
 thread_local bool t_ends = false;                ///< Then the file ends; else reading it fails.
+thread_local std::string t_growing;              ///< This file is longer by a byte with each reading.
 
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* buffer, std::size_t size) {
-    static const auto real = reinterpret_cast<ssize_t (*)(int, void*, std::size_t)>(dlsym(RTLD_NEXT, "read"));
+    static const auto real = original<decltype(::read)>("read");
     if (t_readable == 0) {
         errno = EIO;
         return t_ends ? 0 : -1;
     }
+    if (!t_growing.empty())
+        std::filesystem::resize_file(t_growing, std::filesystem::file_size(t_growing) + 1);
     const ssize_t got = real(file, buffer, std::min(size, t_readable));
     if (got > 0 && t_readable != SIZE_MAX) t_readable -= static_cast<std::size_t>(got);
     return got;
@@ -74,6 +73,9 @@ TEST_F(Commands, AnImageThatCannotBeReadToItsEndIsNotWritten) {
         EXPECT_EQ(upload([] {}), "rest GET POST") << "the digest's reading, " << ends;
         t_readable = SIZE_MAX;
     }
+    t_growing = file;
+    EXPECT_EQ(upload([] {}), "rest GET");
+    t_growing.clear();
 }
 
 TEST_F(Commands, AnImageThatChangesBetweenUploadAndDigestIsNotWritten) {

@@ -1,9 +1,5 @@
 #include "driver/DriverLines.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <regex>
 #include <sstream>
 

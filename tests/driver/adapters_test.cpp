@@ -1,13 +1,6 @@
-#include <IOKit/IOKitLib.h>
-#include <gtest/gtest.h>
-
-#include <tuple>
-
-#include <kiv/kivDriverClient.h>
+#include "driver/Clients.h"
 #include "driver/DeviceEnumeratorMacOS.h"
 #include "driver/DeviceFactoryMacOS.h"
-#include "support/DriverFault.h"
-#include "support/RunningSimulator.h"
 
 namespace {
 

@@ -1,16 +1,11 @@
 // Out of memory: whichever allocation fails, no connection, descriptor or memory is lost, and nothing ends
 // the process.
-#include <gtest/gtest.h>
-#include "driver/wire.h"
-
 #include <new>
 
-#include <kiv/kivDriverClient.h>
+#include "driver/Clients.h"
 #include "platform/Services.h"
 #include "support/FailingAllocations.h"
-#include "support/RunningSimulator.h"
 #include "support/ThisProcess.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -39,10 +34,10 @@ void fail_each_allocation(Body body, Check check) {
 
 TEST(DriverOutOfMemory, LosesNoConnectionThatAnEnumerationHasOpened) {
     const RunningSimulator simulator;
-    kivDriverClient::enumerateDevices("kivPCIService");
+    clients();
     const std::ptrdiff_t before = open_descriptors();
     std::size_t found = 0;
-    fail_each_allocation([&] { found = kivDriverClient::enumerateDevices("kivPCIService").size(); },
+    fail_each_allocation([&] { found = clients().size(); },
                          [&] {
                              EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; }));
                              EXPECT_TRUE(wait_until([&] { return simulator.open_connections() == 0; }));
@@ -59,14 +54,14 @@ TEST(DriverOutOfMemory, LosesNoDescriptorOrMappingOfAPlatformCall) {
     fail_each_allocation(
         [&] {
             const io_connect_t connect = open_first();
-            const kiv::wire::MemorySelection bar{1, {}, 1, 0, 0, 1};
-            IOConnectCallStructMethod(connect, kiv::wire::kSelectMemory, &bar, sizeof bar, nullptr, nullptr);
+            const wire::MemorySelection bar{1, {}, 1, 0, 0, 1};
+            IOConnectCallStructMethod(connect, wire::kSelectMemory, &bar, sizeof bar, nullptr, nullptr);
             mach_vm_address_t address = 0;
             mach_vm_size_t size = 0;
             status = IOConnectMapMemory64(connect, 0, mach_task_self(), &address, &size, kIOMapAnywhere);
             const IONotificationPortRef port = IONotificationPortCreate(kIOMainPortDefault);
             uint64_t reference[3] = {};
-            status |= IOConnectCallAsyncStructMethod(connect, kiv::wire::kRegisterInterruptAsyncCallback,
+            status |= IOConnectCallAsyncStructMethod(connect, wire::kRegisterInterruptAsyncCallback,
                                                      IONotificationPortGetMachPort(port), reference, 3,
                                                      nullptr, 0, nullptr, nullptr);
             IOServiceClose(connect);
@@ -82,7 +77,7 @@ TEST(DriverOutOfMemory, LosesNoDescriptorOrMappingOfAPlatformCall) {
 TEST(DriverOutOfMemory, LeavesNoHalfOfABuffer) {
     const RunningSimulator simulator;
     const int mapped = shared_mappings();
-    const auto client = kivDriverClient::enumerateDevices("kivPCIService").at(0);
+    const auto client = first_client();
     int32_t status = -1;
     fail_each_allocation(
         [&] {
@@ -91,8 +86,7 @@ TEST(DriverOutOfMemory, LeavesNoHalfOfABuffer) {
         },
         [&] {
             EXPECT_EQ(shared_mappings(), mapped);
-            EXPECT_EQ(simulator.calls(kiv::wire::kIoMalloc).size(),
-                      simulator.calls(kiv::wire::kIoFree).size());
+            EXPECT_EQ(simulator.calls(wire::kIoMalloc).size(), simulator.calls(wire::kIoFree).size());
         });
     EXPECT_EQ(status, 0);
 }
@@ -100,12 +94,12 @@ TEST(DriverOutOfMemory, LeavesNoHalfOfABuffer) {
 TEST(DriverOutOfMemory, DoesNotKeepAClientFromEnding) {
     const RunningSimulator simulator;
     const int mapped = shared_mappings();
-    auto clients = kivDriverClient::enumerateDevices("kivPCIService");
-    ASSERT_EQ(clients.at(0)->open(true), 0);
-    ASSERT_EQ(clients.at(1)->allocate_buffer(3, 4096, 1), 0);
+    auto list = clients();
+    ASSERT_EQ(list.at(0)->open(true), 0);
+    ASSERT_EQ(list.at(1)->allocate_buffer(3, 4096, 1), 0);
     const io_connect_t connect = open_first();
     fail_allocation(1);
-    clients.clear();
+    list.clear();
     const kern_return_t closed = IOServiceClose(connect);
     EXPECT_EQ(fail_allocation(0), 1) << "none was made";
     EXPECT_EQ(closed, kIOReturnSuccess);

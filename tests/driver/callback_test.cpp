@@ -1,16 +1,5 @@
 // The owner's callback: which messages reach it, and what replacing it promises.
-#include <IOKit/IOKitLib.h>
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-#include <thread>
-#include <vector>
-
-#include <kiv/kivDriverClient.h>
-#include "support/RunningSimulator.h"
-#include "support/Waiting.h"
+#include "driver/Clients.h"
 
 namespace {
 
@@ -26,10 +15,8 @@ kern_return_t IOConnectCallAsyncStructMethod(mach_port_t connection, uint32_t se
                                              size_t input_size, void* output, size_t* output_size) {
     g_context = reinterpret_cast<void*>(reference[kIOAsyncCalloutRefconIndex]);
     g_function = reinterpret_cast<IOAsyncCallback>(reference[kIOAsyncCalloutFuncIndex]);
-    const auto next = reinterpret_cast<decltype(&IOConnectCallAsyncStructMethod)>(
-        dlsym(RTLD_NEXT, "IOConnectCallAsyncStructMethod"));
-    return next(connection, selector, wake_port, reference, reference_count, input, input_size, output,
-                output_size);
+    return original<decltype(IOConnectCallAsyncStructMethod)>("IOConnectCallAsyncStructMethod")(
+        connection, selector, wake_port, reference, reference_count, input, input_size, output, output_size);
 }
 
 namespace {
@@ -46,7 +33,7 @@ class DriverCallback : public testing::Test {
     static void send_one(uint64_t argument) { send(1, reinterpret_cast<void**>(argument)); }
 
     const RunningSimulator simulator_;
-    const std::shared_ptr<kivDriverClient> client_ = kivDriverClient::enumerateDevices("kivPCIService").at(0);
+    const std::shared_ptr<kivDriverClient> client_ = first_client();
 };
 
 TEST_F(DriverCallback, GetsOneArgumentOrThreeToSixteenAndNothingElseIsRead) {

@@ -1,15 +1,4 @@
-#include <IOKit/IOKitLib.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <functional>
-#include <tuple>
-
-#include <kiv/kivDriverClient.h>
-#include "driver/DriverLines.h"
-#include "support/DriverFault.h"
-#include "support/RunningSimulator.h"
+#include "driver/Clients.h"
 
 namespace {
 
@@ -153,10 +142,6 @@ std::vector<Operation> operations() {
     // clang-format on
 }
 
-std::shared_ptr<Client> first_client() {
-    return Client::enumerateDevices("kivPCIService").at(0);
-}
-
 TEST(DriverCalls, SendTheirBytesAndFindTheirResultsInTheReplyHoweverShort) {
     for (const uint32_t longest : {4096u, 50u, 17u, 3u, 0u}) {
         auto cards = kivsim::default_cards();
@@ -187,9 +172,9 @@ TEST(DriverCalls, ThatFailGiveTheStatusAndNoResults) {
         cards[0].driver_faults.push_back(fault(selector).status(kIOReturnBusy));
     const RunningSimulator simulator(cards);
     DriverLines lines;
-    const auto clients = Client::enumerateDevices("kivPCIService");
-    Client& failing = *clients.at(0);
-    Client& closed = *clients.at(2);
+    const auto list = clients();
+    Client& failing = *list.at(0);
+    Client& closed = *list.at(2);
     EXPECT_EQ(closed.close(), 0);
     for (const Operation& operation : operations()) {
         SCOPED_TRACE(operation.selector);
@@ -259,6 +244,9 @@ TEST(DriverCalls, ReadTheAncModeFromOneBitAndPrintTheDiagnosticReply) {
         ASSERT_EQ(client->write_pci32(1, 0x0C, value), 0);
         EXPECT_EQ(client->is_hpq_anc_enable(), value == 1u << 29);
     }
+    uint16_t version[3]{};
+    client->get_version(version[0], version[1], version[2]);
+    EXPECT_EQ(std::tuple(version[0], version[1], version[2]), std::tuple(2, 3, 1));
     testing::internal::CaptureStdout();
     EXPECT_EQ(client->write_pci32_test(1, 0x0C, 1), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),

@@ -1,18 +1,8 @@
-#include <IOKit/IOKitLib.h>
-#include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <future>
 #include <new>
 
-#include <kiv/kivDriverClient.h>
-#include "driver/DriverLines.h"
-#include "support/DriverFault.h"
-#include "support/RunningSimulator.h"
-#include "support/Waiting.h"
+#include "driver/Clients.h"
 
 namespace {
 
@@ -31,16 +21,11 @@ kern_return_t IOConnectCallStructMethod(mach_port_t connection, uint32_t selecto
         ++g_waiting;
         g_gate.wait();
     }
-    static const auto next =
-        reinterpret_cast<decltype(&IOConnectCallStructMethod)>(dlsym(RTLD_NEXT, "IOConnectCallStructMethod"));
+    static const auto next = original<decltype(IOConnectCallStructMethod)>("IOConnectCallStructMethod");
     return next(connection, selector, input, input_size, output, output_size);
 }
 
 namespace {
-
-kivDriverClientList clients() {
-    return kivDriverClient::enumerateDevices("kivPCIService");
-}
 
 /// The trace, each event a word: "open 22", "26", "close".
 std::string story_of(const RunningSimulator& simulator) {
@@ -89,7 +74,7 @@ TEST(DriverConnection, FindsEveryServiceThatTakesOneOfItsTypes) {
 
 TEST(DriverConnection, OpensAndClosesOnce) {
     const RunningSimulator simulator(one_service());
-    const auto client = clients().at(0);
+    const auto client = first_client();
     EXPECT_EQ(client->open(false), 0);
     EXPECT_EQ(client->close(), 0);
     EXPECT_FALSE(client->isOpen());
@@ -105,7 +90,7 @@ TEST(DriverConnection, StaysWhenTheDriverRefusesTheLeaveButEndsWithTheClient) {
         cards[0].driver_faults = {fault(wire::kDeinit).nth(1).status(kIOReturnBusy)};
         if (for_ever) cards[0].driver_faults[0].nth.reset();
         const RunningSimulator simulator(cards);
-        auto client = clients().at(0);
+        auto client = first_client();
         EXPECT_EQ(client->close(), -1);
         EXPECT_TRUE(client->isOpen());
         EXPECT_EQ(client->reset_buffer(), 0);
@@ -119,7 +104,7 @@ TEST(DriverConnection, StaysWhenTheDriverRefusesTheLeaveButEndsWithTheClient) {
 
 TEST(DriverConnection, EndsWithTheClientAlsoWhenTakingLeaveThrows) {
     const RunningSimulator simulator(one_service());
-    auto client = clients().at(0);
+    auto client = first_client();
     ASSERT_EQ(client->open(true), 0);
     g_throwing = wire::kDeinit;
     client.reset();
@@ -129,7 +114,7 @@ TEST(DriverConnection, EndsWithTheClientAlsoWhenTakingLeaveThrows) {
 
 TEST(DriverConnection, ThatHasClosedIsNotUsedByAMappingThatWaited) {
     const RunningSimulator simulator(one_service());
-    const auto client = clients().at(0);
+    const auto client = first_client();
     std::promise<void> gate;
     g_gate = gate.get_future().share();
     g_held = wire::kSelectMemory;
@@ -145,18 +130,6 @@ TEST(DriverConnection, ThatHasClosedIsNotUsedByAMappingThatWaited) {
     EXPECT_EQ(closing.get(), 0);
     EXPECT_EQ(g_waiting, 1) << "calls with the handle that is closed";
     g_held = 0;
-}
-
-TEST(DriverConnection, ToADriverThatHasGoneFailsAndEnds) {
-    RunningSimulator simulator;
-    auto client = clients().at(0);
-    simulator.stop();
-    uint32_t value = 1;
-    EXPECT_EQ(client->read_pci32(0, 0, &value), MACH_SEND_INVALID_DEST);
-    EXPECT_EQ(value, 0u);
-    EXPECT_EQ(client->close(), -1);
-    EXPECT_TRUE(client->isOpen());
-    client.reset();
 }
 
 /// A forked child inherits a client in the midst of its life, as a static object may be, and destroys it.

@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <tuple>
-
-#include <kiv/kivDriverClient.h>
-#include "driver/DriverLines.h"
+#include "driver/Clients.h"
 
 namespace {
 

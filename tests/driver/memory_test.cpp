@@ -1,26 +1,14 @@
 // DMA memory, BARs and the ANC memories in this process.
-#include <IOKit/IOKitLib.h>
-#include <gtest/gtest.h>
 #include <kivos/shared_memory.h>
 #include <sys/mman.h>
 
-#include <cstring>
-#include <thread>
-
 #include <kiv/kivDext.h>
-#include <kiv/kivDriverClient.h>
+#include "driver/Clients.h"
 #include "driver/DriverClients.h"
-#include "driver/DriverLines.h"
-#include "support/DriverFault.h"
 #include "support/Json.h"
-#include "support/RunningSimulator.h"
 #include "support/ThisProcess.h"
 
 namespace {
-
-kivDriverClientList clients() {
-    return kivDriverClient::enumerateDevices("kivPCIService");
-}
 
 uint8_t* at(uint64_t address) {
     return reinterpret_cast<uint8_t*>(address);
@@ -85,20 +73,8 @@ TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
     EXPECT_EQ(at(address)[0x44], 9);
     EXPECT_EQ(two.map_pci(6, nullptr, nullptr), kIOReturnBadArgument);
     const auto selections = simulator.calls(wire::kSelectMemory);
-    EXPECT_EQ(selections[3].input,
-              "01000000"
-              "00000000"
-              "07000000"
-              "02000000"
-              "00000000")
-        << "block 7, element 2";
-    EXPECT_EQ(selections[7].input,
-              "01000000"
-              "01000000"
-              "00000000"
-              "00000000"
-              "01000000")
-        << "BAR 1";
+    EXPECT_EQ(selections[3].input, "0100000000000000070000000200000000000000") << "block 7, element 2";
+    EXPECT_EQ(selections[7].input, "0100000001000000000000000000000001000000") << "BAR 1";
     const uint64_t mapped = buffer.infos[0].mapped_address;
     EXPECT_EQ(one.close(), 0);
     EXPECT_FALSE(is_mapped(mapped)) << "close unmaps";
@@ -109,7 +85,7 @@ TEST(DriverMemory, IsOneForEveryMappingAndTheCard) {
 TEST(DriverMemory, IsUndoneAtTheAddressWhateverWasSelectedSince) {
     RunningSimulator simulator;
     const NewMappings new_mappings;
-    const auto client = clients().at(0);
+    const auto client = first_client();
     const auto expect_unmap = [&](uint64_t address, int32_t status, size_t selections) {
         const size_t before = simulator.calls(wire::kSelectMemory).size();
         EXPECT_EQ(client->unmap(address), status);
@@ -144,7 +120,7 @@ TEST(DriverMemory, IsUndoneAtTheAddressWhateverWasSelectedSince) {
 TEST(DriverMemory, ThatWasFreedIsNotTakenForItsSuccessor) {
     RunningSimulator simulator;
     const NewMappings new_mappings;
-    const auto client = clients().at(0);
+    const auto client = first_client();
     uint64_t first = 0;
     uint64_t second = 0;
     ASSERT_EQ(client->iomalloc(7, 4096, 1), 0);
@@ -163,6 +139,13 @@ TEST(DriverMemory, ThatWasFreedIsNotTakenForItsSuccessor) {
     EXPECT_TRUE(is_mapped(second));
     EXPECT_EQ(client->unmap(second), 0);
     EXPECT_FALSE(is_mapped(second));
+    for (const bool of_buffers : {false, true}) {
+        ASSERT_EQ(client->map_pci(1, &second, nullptr), 0);
+        ASSERT_EQ(of_buffers ? client->reset_buffer() : client->reset(0, 0), 0);
+        const size_t before = simulator.calls(wire::kSelectMemory).size();
+        EXPECT_EQ(client->unmap(second), 0);
+        EXPECT_EQ(simulator.calls(wire::kSelectMemory).size(), before + 1) << "a reset may select another";
+    }
     EXPECT_EQ(client->close(), 0);
     EXPECT_EQ(new_mappings(), 0);
 }
@@ -170,7 +153,7 @@ TEST(DriverMemory, ThatWasFreedIsNotTakenForItsSuccessor) {
 TEST(DriverMemory, OfBuffersIsUnmappedBeforeItIsFreed) {
     RunningSimulator simulator;
     const NewMappings new_mappings;
-    const auto client = clients().at(0);
+    const auto client = first_client();
     ASSERT_EQ(client->allocate_buffer(3, 4096, 2), 0);
     ASSERT_EQ(client->allocate_buffer(4, 4096, 1), 0);
     EXPECT_EQ(new_mappings(), 3);
@@ -197,7 +180,7 @@ TEST(DriverMemory, IsAllocatedWholeOrNotAtAll) {
         cards[0].driver_faults = {fault(selector).nth(selects ? 5 : 4).status(kIOReturnBusy)};
         RunningSimulator simulator(cards);
         const NewMappings new_mappings;
-        const auto client = clients().at(0);
+        const auto client = first_client();
         dextBuffer buffer{};
         uint64_t bar = 0;
         EXPECT_EQ(client->map_pci(1, &bar, nullptr), 0);
@@ -211,7 +194,7 @@ TEST(DriverMemory, IsAllocatedWholeOrNotAtAll) {
         EXPECT_EQ(shown(simulator)["memory"].size(), 4u) << "only the driver's own";
     }
     RunningSimulator simulator;
-    const auto client = clients().at(0);
+    const auto client = first_client();
     DriverLines lines;
     EXPECT_EQ(client->allocate_buffer(3, 0, 8), -1);
     EXPECT_EQ(lines.take(), Lines{"fail iomalloc=E00002C2 elm_size=0 buffer_depth=8"});
@@ -220,7 +203,7 @@ TEST(DriverMemory, IsAllocatedWholeOrNotAtAll) {
 
 TEST(DriverMemory, OfOneIdIsTakenInTheOrderOfItsAllocation) {
     RunningSimulator simulator;
-    const auto client = clients().at(0);
+    const auto client = first_client();
     dextBuffer buffer{};
     for (const uint32_t depth : {1u, 2u})
         EXPECT_EQ(client->allocate_buffer(3, 4096, depth), depth == 1 ? 0 : kIOReturnBadArgument)
@@ -241,7 +224,7 @@ TEST(DriverMemory, OfOneIdIsTakenInTheOrderOfItsAllocation) {
 
 TEST(DriverMemory, SelectedByOneThreadIsNotMappedByAnother) {
     RunningSimulator simulator;
-    const auto client = clients().at(0);
+    const auto client = first_client();
     ASSERT_EQ(client->allocate_buffer(3, 4096, 1), 0);
     const auto expect_size = [&](uint64_t expected, auto map) {
         for (int i = 0; i < 1000; ++i) {
@@ -261,7 +244,7 @@ TEST(DriverMemory, SelectedByOneThreadIsNotMappedByAnother) {
 
 TEST(DriverMemory, OfTheAncEngineIsMappedByOpenAndItsRecordsReachTheCard) {
     RunningSimulator simulator;
-    const auto client = clients().at(0);
+    const auto client = first_client();
     ASSERT_EQ(client->open(true), 0);
     for (unsigned i = 0; i < 4; ++i) {
         EXPECT_EQ(client->get_anc_buffer(i).mapped_size, 64u << 10);
@@ -289,7 +272,7 @@ TEST(DriverMemory, OfTheAncEngineIsMappedByOpenAndItsRecordsReachTheCard) {
 TEST(Dext, CountsFunctionsAndLeavesOthersConnectionsAlone) {
     RunningSimulator simulator;
     EXPECT_EQ(kivDext_get_selected_ptp_card(), 0);
-    const auto client = clients().at(0);
+    const auto client = first_client();
     ASSERT_EQ(client->open(false), 0);
     testing::internal::CaptureStdout();
     EXPECT_EQ(kivDext_new(), 0);

@@ -2,7 +2,6 @@
 #ifndef KIV_TEST_CARD_SERVER_H
 #define KIV_TEST_CARD_SERVER_H
 
-#include <gtest/gtest.h>
 #include "Simulator.h"
 
 #include <sstream>
@@ -11,8 +10,8 @@
 #include "support/CapturedLog.h"
 #include "support/ControlAddress.h"
 #include "support/Json.h"
-#include "support/Lines.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Test.h"
 
 template <typename... Values>
 std::string words(const Values&... values) {

@@ -1,12 +1,9 @@
 #include <kiv/HpsHttpHelper.h>
 
-#include <gtest/gtest.h>
 #include "base/jsonSyntax.h"
-
 #include "kivHpsClientKit/HttpTexts.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryDirectory.h"
-#include "support/Waiting.h"
 
 namespace {
 

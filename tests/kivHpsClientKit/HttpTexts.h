@@ -4,12 +4,10 @@
 
 #include <curl/curl.h>
 
-#include <string>
-
 #include <kiv/kivClient.h>
 #include "support/Json.h"
-#include "support/Lines.h"
 #include "support/LoopbackServer.h"
+#include "support/Test.h"
 
 /// "success 200 [body]", "failure 404 [body] error".
 inline std::string text(const HttpResult& result) {

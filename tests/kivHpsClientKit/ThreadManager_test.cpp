@@ -1,10 +1,7 @@
 // The base of the long-lived worker threads: starting, stopping, starting again.
-#include <gtest/gtest.h>
 #include <kiv/ThreadManager.h>
 
-#include <stdexcept>
-
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 

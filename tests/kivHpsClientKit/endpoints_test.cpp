@@ -1,8 +1,4 @@
 // Every operation at the wire: what is sent, and what becomes of the answer.
-#include <unistd.h>
-
-#include <functional>
-#include <memory>
 
 #include "kivHpsClientKit/CardServer.h"
 #include "support/LoopbackServer.h"

@@ -1,20 +1,10 @@
 // The management server of a virtual card, as the client sees it.
-#include <curl/curl.h>
-
 #include "card/Firmware.h"
 #include "kivHpsClientKit/CardServer.h"
-#include "support/Waiting.h"
 
 namespace {
 
 using Results = std::vector<int32_t>;
-
-/// What the JSON library itself says of a text.
-std::string parse_error_of(const std::string& text) try {
-    return text_of(parsed(text));
-} catch (const Json::parse_error& error) {
-    return error.what();
-}
 
 struct hpsServer : testing::Test {
     hpsServer() {
@@ -93,8 +83,7 @@ TEST_F(hpsServer, ItsControlAddressShowsRegistrationsAndChangesAnswers) {
         own + R"(","alive":[56,1234],"http_faults":[],"driver_faults":[],"driver":{)"));
     const std::string line =
         R"({"card":1,"method":"PATCH","path":"/api/v1.0/alive/56","body":"null","status":200,)";
-    EXPECT_NE(card.log().find(line + R"("carried_out":true,"answer":"{\"data\":\"ok\"}"})" + "\n"),
-              std::string::npos);
+    EXPECT_TRUE(has(card.log(), line + R"("carried_out":true,"answer":"{\"data\":\"ok\"}"})" + "\n"));
     card.control("PATCH", "", {{"hwmon", parsed("[{}]")}});
     for (const auto& [wrapping, body] :
          {std::pair("text", R"({"data":"[{}]"})"), {"none", "[{}]"}, {"object", R"({"data":[{}]})"}}) {
@@ -105,36 +94,6 @@ TEST_F(hpsServer, ItsControlAddressShowsRegistrationsAndChangesAnswers) {
     EXPECT_EQ(card.control("PATCH", "", {{"wrap", 1}}), R"(400 {"error":"request: wrap: unknown key"})");
     EXPECT_EQ(card.control("POST", "/http_faults", {{"nth", 1}}),
               R"(400 {"error":"request: path: missing"})");
-}
-
-TEST_F(hpsServer, FailsAsAsked) {
-    const std::string empty = curl_easy_strerror(CURLE_GOT_NOTHING),
-                      cut = curl_easy_strerror(CURLE_PARTIAL_FILE);
-    const std::string failed = "network error", over = "HTTP Network error: retry over";
-    // clang-format off
-    const std::tuple<Json, std::string, Lines> cases[] = {
-        {{{"cut", "before"}}, "", {empty, failed, empty, failed, empty, failed, over}},
-        {{{"cut", "inside"}}, "", {cut, failed, cut, failed, cut, failed, over}},
-        {{{"cut", "inside"}, {"nth", 1}}, "idle", {cut, failed}},
-        {{{"cut", "before"}, {"nth", 2}}, "idle", {}}, {{{"method", "POST"}, {"status", 503}}, "idle", {}},
-        {{{"body", "7 8"}}, "", {"invalid json response", "JSON parse error: " + parse_error_of("7 8"), "body=[7 8]"}},
-        {{{"status", 503}}, "", {"HTTP Server error status=503, msg=http status 503"}},
-        {{{"patch", "burning"}}, "burning", {}}, {{{"delay_ms", 300}}, "idle", {}},
-    };
-    // clang-format on
-    for (auto [fault, status, lines] : cases) {
-        const Stopwatch watch;
-        fault["path"] = "/hps/firmware/status";
-        EXPECT_EQ(card.control("POST", "/http_faults", fault), "200 \"ok\"");
-        EXPECT_EQ(client.get_fw_status(), status) << fault;
-        EXPECT_GE(watch.elapsed().count(), fault.value("delay_ms", 0));
-        EXPECT_EQ(log.take(), lines) << fault;
-        EXPECT_EQ(card.control("DELETE", "/http_faults"), "200 \"ok\"");
-        EXPECT_EQ(client.get_fw_status(), "idle");
-    }
-    card.control("POST", "/http_faults", {{"path", "/hps/ptp/master"}, {"patch", {{"leap61", nullptr}}}});
-    PtpMaster master;
-    EXPECT_THROW(client.get_ptp_master(master), Json::out_of_range);
 }
 
 }  // namespace

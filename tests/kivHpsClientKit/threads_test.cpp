@@ -1,17 +1,11 @@
 // The background threads of a client, at the management server of a virtual card.
-#include <unistd.h>
 
-#include <atomic>
-#include <filesystem>
 #include <optional>
-#include <stdexcept>
-#include <thread>
 
 #include "kivHpsClientKit/CardServer.h"
 #include "kivHpsClientKit/ThreadManagerClientAlive.h"
 #include "kivHpsClientKit/ThreadManagerClientPolling.h"
 #include "support/ThisProcess.h"
-#include "support/Waiting.h"
 
 namespace {
 

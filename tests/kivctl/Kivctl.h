@@ -2,13 +2,14 @@
 #ifndef KIV_TEST_KIVCTL_H
 #define KIV_TEST_KIVCTL_H
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
+#include <iterator>
+#include <sstream>
 
 #include "support/ConfigurationFile.h"
 #include "support/Json.h"
 #include "support/Program.h"
 #include "support/RunningSimulator.h"
+#include "support/Test.h"
 
 using Words = std::vector<std::string>;
 
@@ -19,6 +20,12 @@ class Kivctl : public testing::Test {
     static Words kivctl(Words words) {
         words.insert(words.begin(), kKivctlProgram);
         return words;
+    }
+
+    /// A command with its blanks.
+    static Words words_of(const std::string& command) {
+        std::istringstream in(command);
+        return {std::istream_iterator<std::string>(in), {}};
     }
 
     static Ended run(const Words& words) { return run_program(kivctl(words)); }

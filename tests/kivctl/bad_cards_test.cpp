@@ -2,18 +2,6 @@
 #include "kivctl/Kivctl.h"
 #include "support/DriverFault.h"
 #include "support/LoopbackServer.h"
-#include "support/Waiting.h"
-
-namespace {
-
-kivsim::CardSettings card_with_server(uint8_t id, uint16_t port) {
-    kivsim::CardSettings card = kivsim::believable_card(id);
-    card.external_server = true;
-    card.tunnel_port = port;
-    return card;
-}
-
-}  // namespace
 
 TEST_F(Kivctl, OneBadCardHidesNoOther) {
     const uint16_t closed = unused_port();
@@ -40,10 +28,9 @@ TEST_F(Kivctl, OneBadCardHidesNoOther) {
         EXPECT_TRUE(card["card_word"].is_null());
         EXPECT_EQ(card["error"]["layer"], words[0]);
         const std::string message = card["error"]["message"];
-        EXPECT_NE(message.find(words[1]), std::string::npos) << message;
+        EXPECT_TRUE(has(message, words[1]));
     }
-    EXPECT_NE(expect({"scan"}, 1, "PARTIAL: 1 of 4 cards can be used\n").out.find("\n2   -"),
-              std::string::npos);
+    EXPECT_TRUE(has(expect({"scan"}, 1, "PARTIAL: 1 of 4 cards can be used\n").out, "\n2   -"));
 
     expect({"status", "4"}, 0, "QSFP2 case");
     TemporaryDirectory directory;
@@ -127,6 +114,5 @@ TEST_F(KivctlCard, EndsWhenItsAnswerIsOut) {
     EXPECT_LT(watch.elapsed(), std::chrono::seconds(4)) << "half a second each, with the library's timers";
     const Ended full = run_program({"/bin/sh", "-c", "exec \"$0\" info 1 > /dev/full", kKivctlProgram});
     EXPECT_EQ(full.status, 1);
-    EXPECT_NE(full.err.find("standard output cannot be written: No space left"), std::string::npos)
-        << full.err;
+    EXPECT_TRUE(has(full.err, "standard output cannot be written: No space left"));
 }

@@ -82,7 +82,7 @@ TEST_F(KivctlCard, MarksSensorsAndLeavesOutWhatIsNotReported) {
          {"\nFPGA fabric      -    -    -         not reported\n",
           "\nBoard rear       -5   70   80        ok\n", "\nBoard front      70   70   80        above max\n",
           "\nQSFP1 case       81   70   80        critical\n", "\nBoard power  -\n"})
-        EXPECT_NE(shown.find(line), std::string::npos) << line << shown;
+        EXPECT_TRUE(has(shown, line)) << line << shown;
 }
 
 TEST_F(KivctlCard, ShowsNoControlCharactersOfACard) {

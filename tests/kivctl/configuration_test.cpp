@@ -2,12 +2,8 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "kivctl/Kivctl.h"
-#include "support/Waiting.h"
 
 namespace fs = std::filesystem;
 
@@ -67,7 +63,7 @@ TEST_F(KivctlConfigured, ConfigInitMakesTheSampleButNeverOverAFile) {
     configuration_.remove();
     const Json error = json_of({"config", "check"}, 1);
     EXPECT_EQ(error["layer"], "configuration");
-    EXPECT_NE(error["remedy"].get<std::string>().find("config init"), std::string::npos);
+    EXPECT_TRUE(has(error["remedy"].get<std::string>(), "config init"));
     expect({"config", "show"}, 1, "config init");
     expect({"config", "init"}, 0, "made from the sample");
     EXPECT_EQ(configuration_.read(), ConfigurationFile::sample());
@@ -76,8 +72,7 @@ TEST_F(KivctlConfigured, ConfigInitMakesTheSampleButNeverOverAFile) {
     EXPECT_EQ(state.st_mode & 0777u, 0644u);
 
     const Ended shown = expect({"config", "show"}, 0, "Domain                      127\n");
-    EXPECT_NE(shown.out.find("2     KIV-1002  1     192.168.20.12  255.255.255.0  46   64   0\n"),
-              std::string::npos);
+    EXPECT_TRUE(has(shown.out, "2     KIV-1002  1     192.168.20.12  255.255.255.0  46   64   0\n"));
     EXPECT_EQ(json_of({"config", "show"})["configuration"], parsed(ConfigurationFile::sample()));
 }
 
@@ -88,8 +83,8 @@ TEST_F(KivctlConfigured, ConfigSaysWhatStandsInThePlaceOfTheFile) {
             const Ended ended = run({"config", command});
             const bool exists = std::string(command) == "init" && !fs::is_symlink(path);
             EXPECT_EQ(ended.status, 1);
-            EXPECT_NE(ended.err.find(exists ? "exists already" : problem), std::string::npos) << ended.err;
-            EXPECT_EQ(ended.err.find("sudo"), std::string::npos) << ended.err;
+            EXPECT_TRUE(has(ended.err, exists ? "exists already" : problem));
+            EXPECT_FALSE(has(ended.err, "sudo"));
         }
     };
     ASSERT_EQ(truncate(path.c_str(), (64 << 20) + 1), 0);

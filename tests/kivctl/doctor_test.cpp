@@ -1,7 +1,4 @@
 // The doctor in front of what can be wrong with a machine and its cards.
-#include <stdlib.h>
-
-#include <filesystem>
 
 #include "kivctl/Kivctl.h"
 #include "scenario/Scenario.h"
@@ -47,7 +44,7 @@ class Doctor : public KivctlConfigured {
         EXPECT_EQ(not_well, wanted.not_well) << report;
         ASSERT_FALSE(found.is_null()) << report;
         EXPECT_EQ(found["result"], wanted.result) << found;
-        EXPECT_NE(found["message"].get<std::string>().find(wanted.phrase), std::string::npos) << found;
+        EXPECT_TRUE(has(found["message"].get<std::string>(), wanted.phrase)) << found;
     }
 
     TemporaryDirectory directory_;
@@ -102,17 +99,13 @@ TEST_F(Doctor, FindsNothingWhereAllIsWell) {
     Ended ended = run({"doctor"});
     EXPECT_EQ(ended.status, 0) << ended.out;
     EXPECT_EQ(ended.out.find("OK              configuration  /"), 0u) << ended.out;
-    EXPECT_NE(ended.out.find("\nOK    card 2    ptp            master: locked (4), register state 0\n"),
-              std::string::npos)
-        << ended.out;
+    EXPECT_TRUE(has(ended.out, "\nOK    card 2    ptp            master: locked (4), register state 0\n"));
     for (const char* const word : {"SKIP", "WARN", "FAIL", "card 1"})
-        EXPECT_EQ(run({"doctor", "2"}).out.find(word), std::string::npos) << word;
+        EXPECT_FALSE(has(run({"doctor", "2"}).out, word)) << word;
     ended = run({"doctor", "7"});
     EXPECT_EQ(ended.status, 1);
-    EXPECT_NE(ended.out.find("FAIL            services       no card 7: the driver has 1, 2\n" +
-                             std::string(31, ' ')),
-              std::string::npos)
-        << ended.out;
+    EXPECT_TRUE(has(
+        ended.out, "FAIL            services       no card 7: the driver has 1, 2\n" + std::string(31, ' ')));
 }
 
 TEST_F(Doctor, LooksAtHealthyCardsBesideOneThatHangs) {

@@ -1,22 +1,16 @@
 // The examples, as a person runs them.
 #include <kivos/shared_memory.h>
-#include <signal.h>
-
-#include <algorithm>
 
 #include "kivctl/Kivctl.h"
 #include "support/LoopbackServer.h"
-#include "support/Waiting.h"
 
 TEST_F(KivctlSettings, HasExamplesOnTheExportedClassesBesideIt) {
     const Ended driver = run_program({USE_DRIVER_PROGRAM, "1", "4"});
     EXPECT_EQ(driver.status, 0) << driver.err;
     EXPECT_EQ(std::count(driver.out.begin(), driver.out.end(), '\n'), 6);
-    EXPECT_NE(driver.out.find(", " + std::to_string(kivos::page_size()) +
-                              " bytes mapped\nregister 0x02000010 by mapping, 0x02000010 by call\n"
-                              "3 messages of 3 arguments, the first 4\n"),
-              std::string::npos)
-        << driver.out;
+    EXPECT_TRUE(has(driver.out, ", " + std::to_string(kivos::page_size()) +
+                                    " bytes mapped\nregister 0x02000010 by mapping, 0x02000010 by call\n"
+                                    "3 messages of 3 arguments, the first 4\n"));
     EXPECT_EQ(run_program({USE_DRIVER_PROGRAM, "2"}).status, 1);
     EXPECT_EQ(run_program({USE_DRIVER_PROGRAM, "x"}).status, 2);
 
@@ -25,8 +19,7 @@ TEST_F(KivctlSettings, HasExamplesOnTheExportedClassesBesideIt) {
     const Ended talked =
         run_program({TALK_TO_CARD_PROGRAM, server.substr(0, colon), server.substr(colon + 1)});
     EXPECT_EQ(talked.status, 0) << talked.err;
-    EXPECT_NE(talked.out.find("\nPTP master 00:1d:c1:ff:fe:12:34:56, UTC offset 37 s\n"), std::string::npos)
-        << talked.out;
+    EXPECT_TRUE(has(talked.out, "\nPTP master 00:1d:c1:ff:fe:12:34:56, UTC offset 37 s\n"));
 }
 
 TEST_F(KivctlSettings, HasExamplesInCBesideIt) {
@@ -40,7 +33,7 @@ TEST_F(KivctlSettings, HasExamplesInCBesideIt) {
     add_fault(R"({"path": "/hps/firmware/status", "nth": 3, "patch": "idle"})");
     const Ended written = run_program({WRITE_FLASH_PROGRAM, "1", image()});
     EXPECT_EQ(written.status, 0) << written.err;
-    EXPECT_NE(written.out.find("\nslot 1 is written: "), std::string::npos) << written.out;
+    EXPECT_TRUE(has(written.out, "\nslot 1 is written: "));
     const Ended again = run_program({WRITE_FLASH_PROGRAM, "1", image()});
     EXPECT_EQ(again.status, 1);
     EXPECT_EQ(again.err, "no slot has changed: nothing was written\n");
@@ -51,7 +44,7 @@ TEST_F(KivctlSettings, HasExamplesInCBesideIt) {
     const Ended ended = interrupted.wait();
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.err, "the card may still be writing: leave its power on\n");
-    EXPECT_NE(run_program({WRITE_FLASH_PROGRAM, "1", image("")}).err.find(" has 0 bytes"), std::string::npos);
+    EXPECT_TRUE(has(run_program({WRITE_FLASH_PROGRAM, "1", image("")}).err, " has 0 bytes"));
     const Ended watched = run_program({WATCH_EVENTS_PROGRAM, "3"});
     EXPECT_EQ(watched.status, 0) << watched.err;
     EXPECT_EQ(watched.out, "card 1: link of port 0 is up, of port 1 up\n");
@@ -70,13 +63,9 @@ TEST_F(KivctlSettings, HasExamplesInCBesideIt) {
 TEST_F(KivctlConfigured, HasAnExampleThatWritesACardBesideOneWithoutServer) {
     kivsim::CardSettings card = kivsim::believable_card(1);
     card.flash_ms = 1;  // Its end comes before the first look: only the slot tells.
-    kivsim::CardSettings other = kivsim::believable_card(2);
-    other.external_server = true;
-    other.tunnel_port = unused_port();
-    RunningSimulator simulator({card, other});
+    RunningSimulator simulator({card, card_with_server(2, unused_port())});
     const Ended written = run_program({WRITE_FLASH_PROGRAM, "1", ConfigurationFile::path()});
     EXPECT_EQ(written.status, 0) << written.err;
-    EXPECT_NE(run_program({WRITE_FLASH_PROGRAM, "2", ConfigurationFile::path()})
-                  .err.find("card 2 cannot be used: "),
-              std::string::npos);
+    EXPECT_TRUE(has(run_program({WRITE_FLASH_PROGRAM, "2", ConfigurationFile::path()}).err,
+                    "card 2 cannot be used: "));
 }

@@ -1,11 +1,8 @@
 // The write of firmware: what is refused, what is seen of it, and what is said when it ends otherwise.
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "kivctl/Kivctl.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -21,7 +18,7 @@ TEST_F(KivctlCard, FlashWriteNamesTheSlotThatHasChanged) {
 
     const Ended lines = expect({"flash", "write", "1", image()}, 0, "kivctl flash select 1 1");
     EXPECT_EQ(lines.out.substr(0, 40), "uploading\nerasing\nwriting\nverifying\ndone");
-    EXPECT_NE(lines.out.find("slot 1 is written: " + std::string(kImage)), std::string::npos) << lines.out;
+    EXPECT_TRUE(has(lines.out, "slot 1 is written: " + std::string(kImage)));
     EXPECT_EQ(json_of({"flash"})["slots"], Json({before["slots"][0], kImage}));
 
     const Json again = json_of({"flash", "write", "1", image()}, 1);
@@ -62,7 +59,7 @@ TEST_F(KivctlCard, FlashWriteRefusesWhatIsNoImageBeforeAnythingIsSent) {
 TEST_F(KivctlCard, FlashWaitTakesUpTheWait) {
     EXPECT_EQ(json_of({"flash", "wait", "1"})["state"], "idle");
     const Ended begun = expect({"flash", "write", "1", image(), "--no-wait"}, 0, "kivctl flash wait 1");
-    EXPECT_EQ(begun.out.find("done"), std::string::npos);
+    EXPECT_FALSE(has(begun.out, "done"));
     EXPECT_EQ(json_of({"flash", "write", "1", image()}, 1)["name"], "KIV_ERR_BUSY");
     const Json waited = json_of({"flash", "wait", "1"});
     EXPECT_EQ(waited["state"], "done");
@@ -77,7 +74,7 @@ TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
     Json error = json_of({"flash", "write", "1", image()}, 1);
     EXPECT_EQ(error["name"], "WRITE_FAILED");
     EXPECT_EQ(error["card"], 1);
-    EXPECT_NE(error["message"].get<std::string>().find("Verify FAILED: code 7"), std::string::npos);
+    EXPECT_TRUE(has(error["message"].get<std::string>(), "Verify FAILED: code 7"));
     json_of({"flash", "wait", "1"});
 
     add_fault(R"({"path": "/hps/firmware/status", "nth": 15, "status": 503})");
@@ -91,14 +88,14 @@ TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
 
     error = json_of({"flash", "write", "1", image("too slow"), "--timeout", "1"}, 4);
     EXPECT_EQ(error["name"], "TIMEOUT");
-    EXPECT_NE(error["remedy"].get<std::string>().find("may still be writing"), std::string::npos);
+    EXPECT_TRUE(has(error["remedy"].get<std::string>(), "may still be writing"));
 
     Program waiting(kivctl({"flash", "wait", "1"}));
     EXPECT_NE(waiting.read_line(), "");
     waiting.send_signal(SIGINT);
     const Ended interrupted = waiting.wait();
     EXPECT_EQ(interrupted.status, 5);
-    EXPECT_NE(interrupted.err.find("\"kivctl flash wait 1\" takes up the wait again"), std::string::npos);
+    EXPECT_TRUE(has(interrupted.err, "\"kivctl flash wait 1\" takes up the wait again"));
 }
 
 TEST_F(KivctlCard, FlashWriteIsNotMisledByACardsWords) {
@@ -112,12 +109,12 @@ TEST_F(KivctlCard, FlashWriteIsNotMisledByACardsWords) {
     Json error = json_of({"flash", "write", "1", image("x")}, 1);
     EXPECT_EQ(error["name"], "CARD_STATE") << "a wait would not help";
     change({{"answers", {{"/hps/firmware/status", "erasing"}}}});
-    EXPECT_NE(json_of({"flash", "write", "1", image("x")}, 1)["message"].get<std::string>().find("erasing"),
-              std::string::npos);
+    EXPECT_TRUE(
+        has(json_of({"flash", "write", "1", image("x")}, 1)["message"].get<std::string>(), "erasing"));
     change({{"answers", {{"/hps/firmware/status", 7}}}});
     error = json_of({"flash", "write", "1", image("x")}, 1);
     EXPECT_EQ(error["card"], 1);
-    EXPECT_NE(error["message"].get<std::string>().find("has no word for the state"), std::string::npos);
+    EXPECT_TRUE(has(error["message"].get<std::string>(), "has no word for the state"));
     change({{"answers", {{"/hps/firmware/info", {{"User1", std::string(400'000, '"')}, {"User2", "x"}}}}}});
     EXPECT_LT(expect({"flash", "--timeout", "5"}, 0, "(400000 bytes in all)").out.size(), 2000u);
 }
@@ -130,7 +127,7 @@ TEST_F(KivctlCard, FlashWriteSendsTheFileThatWasLookedAt) {
     write_file(file, "another image");
     const Ended ended = writing.wait();
     EXPECT_EQ(ended.status, 2);
-    EXPECT_NE(ended.err.find("nothing was sent: " + file + ": has changed"), std::string::npos) << ended.err;
+    EXPECT_TRUE(has(ended.err, "nothing was sent: " + file + ": has changed"));
     EXPECT_FALSE(was_asked("firmware/upload"));
 }
 
@@ -138,7 +135,7 @@ TEST_F(KivctlCard, FlashWriteGoesOnWithoutAReader) {
     const Ended full = run_program(
         {"/bin/sh", "-c", "exec \"$0\" flash write 1 \"$1\" > /dev/full", kKivctlProgram, image()});
     EXPECT_EQ(full.status, 1);
-    EXPECT_NE(full.err.find("standard output cannot be written"), std::string::npos);
+    EXPECT_TRUE(has(full.err, "standard output cannot be written"));
     EXPECT_EQ(json_of({"flash"})["slots"][1], kImage) << "it was written all the same";
 }
 
@@ -150,7 +147,7 @@ TEST_F(KivctlCard, FlashWriteGivesUpOnACardThatFallsSilentAndSaysThatItMayGoOn) 
     EXPECT_EQ(ended.status, 1);
     const Json error = parsed(ended.out);
     EXPECT_EQ(error["name"], "NO_ANSWER") << ended.out;
-    EXPECT_NE(error["remedy"].get<std::string>().find("may still be writing"), std::string::npos);
+    EXPECT_TRUE(has(error["remedy"].get<std::string>(), "may still be writing"));
 }
 
 TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminalThatCanMoveItsCursor) {
@@ -177,9 +174,9 @@ TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminalThatCanMoveItsCursor) {
     };
     const std::string live = shown_with("xterm", image(std::string(100000, 'x')));
     EXPECT_EQ(live.substr(0, 18), "\r\x1b[Kuploading 0:00");
-    EXPECT_NE(live.find(" of 100000 bytes"), std::string::npos);
-    EXPECT_NE(live.find("\r\x1b[Kwriting   0:0"), std::string::npos);
-    EXPECT_NE(live.find("\r\x1b[Kdone      0:0"), std::string::npos);
+    EXPECT_TRUE(has(live, " of 100000 bytes"));
+    EXPECT_TRUE(has(live, "\r\x1b[Kwriting   0:0"));
+    EXPECT_TRUE(has(live, "\r\x1b[Kdone      0:0"));
     EXPECT_EQ(live.find('\n'), live.find("slot 1") - 1) << "one line until the end";
     EXPECT_EQ(shown_with("dumb", image("plain")).find('\x1b'), std::string::npos);
     close(other_end);

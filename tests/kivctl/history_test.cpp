@@ -1,12 +1,10 @@
 // The last hour of a card: its order, its gaps and its size.
 #include "history.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <memory>
 
 #include "support/Json.h"
+#include "support/Test.h"
 #include "support/ThisProcess.h"
 
 namespace {

@@ -3,9 +3,7 @@
 #include <arpa/inet.h>
 #include <kivos/sockets.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <optional>
@@ -13,7 +11,6 @@
 
 #include "kivctl/Kivctl.h"
 #include "support/DriverFault.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -135,7 +132,7 @@ TEST_F(Kivctl, ServeTellsPrometheusWhatTheCardsTell) {
     EXPECT_TRUE(serve.wait_for("kiv_flash_slot_info{card=\"1\"") &&
                 serve.wait_for("kiv_flash_slot_info{card=\"2\""));
     const Page page = serve.get("/metrics");
-    EXPECT_NE(page.head.find("\r\nContent-Type: text/plain; version=0.0.4"), std::string::npos) << page.head;
+    EXPECT_TRUE(has(page.head, "\r\nContent-Type: text/plain; version=0.0.4"));
     const char* const kLines[] = {
         R"(kiv_card_up{card="1"} 1)",
         R"(kiv_port_up{card="1",port="0"} 1)",
@@ -212,7 +209,7 @@ TEST_F(Kivctl, ServeDropsWhatFailsAndTakesUpWhatReturns) {
     const Json failing = serve.cards()[0];
     EXPECT_EQ(failing["sensors"][0]["input"], 58) << "the last good value stays";
     EXPECT_TRUE(failing["ages"]["sensors"]["stale"] && failing["ages"]["flash"]["stale"]);
-    EXPECT_NE(text_of(failing["sources"]["server"]["reason"]).find("hung up"), std::string::npos);
+    EXPECT_TRUE(has(text_of(failing["sources"]["server"]["reason"]), "hung up"));
     EXPECT_FALSE(failing["ages"]["ports"]["stale"]);
     simulator->control("DELETE", "/http_faults", "", 1);
     EXPECT_TRUE(serve.wait_for("kiv_flash_slot_info{card=\"1\"")) << serve.metrics();
@@ -249,9 +246,7 @@ TEST_F(Kivctl, ServeStartsWithoutADriver) {
 TEST_F(Kivctl, ServeCallsNothingLostThatItHasNotAsked) {
     std::vector<kivsim::CardSettings> slow = cards(1);
     slow[0].driver_faults = {fault(wire::kReadPci64).nth(1).delay_ms(1200)};
-    kivsim::HttpFault& fault = slow[0].http_faults.emplace_back();
-    fault.path = "/hps/firmware/status";
-    fault.delay_ms = 1200;
+    slow[0].http_faults = {late_answer("/hps/firmware/status", 1200)};
     const RunningSimulator simulator(slow);
     const Serve serve;
     EXPECT_TRUE(wait_until([&] {
@@ -312,11 +307,11 @@ TEST_F(Kivctl, ServeAnswersQuestionsOfThisMachineAlone) {
         EXPECT_EQ(serve.get("/cards.json", host).status, 421) << host;
 
     const Page page = serve.get("/");
-    EXPECT_NE(page.body.find("<title>"), std::string::npos);
+    EXPECT_TRUE(has(page.body, "<title>"));
     for (const char* const line :
          {"X-Content-Type-Options: nosniff", "Content-Security-Policy: default-src 'none'",
           "Cache-Control: no-store", "Content-Type: text/html"})
-        EXPECT_NE(page.head.find(line), std::string::npos) << line;
+        EXPECT_TRUE(has(page.head, line)) << line;
     const Page head = serve.ask("HEAD / HTTP/1.1\r\nHost: localhost\r\n\r\n");
     EXPECT_EQ(head.status, 200);
     EXPECT_EQ(head.body, "");
@@ -327,7 +322,7 @@ TEST_F(Kivctl, ServeAnswersQuestionsOfThisMachineAlone) {
         const Page refused = serve.ask(
             std::string(method) + " /cards.json HTTP/1.1\r\nHost: localhost\r\nContent-Length: 3\r\n\r\nabc");
         EXPECT_EQ(refused.status, 405) << method;
-        EXPECT_NE(refused.head.find("Allow: GET, HEAD"), std::string::npos) << refused.head;
+        EXPECT_TRUE(has(refused.head, "Allow: GET, HEAD"));
     }
     for (const CardRequest& request : simulator.requests())
         EXPECT_EQ(request.method, "GET") << "nothing is written to a card";
@@ -397,22 +392,16 @@ TEST_F(Kivctl, ServeAsksACardNoMoreForManyBrowsers) {
     };
     const auto before = asked();
     const Stopwatch watch;
-    std::vector<std::thread> browsers;
-    std::atomic<int> answers{0};
-    std::atomic<int> holes{0};
-    for (int i = 0; i < 8; ++i) {
-        browsers.emplace_back([&, i] {
-            while (watch.elapsed() < milliseconds(2500)) {
-                const Page page = serve.get(i < 3        ? "/metrics"
-                                            : i % 2 == 0 ? "/history.json?card=1"
-                                                         : "/cards.json");
-                if (page.status == 200) ++answers;
-                if (i < 3 && !Serve::has(page.body, "kiv_port_up{card=\"1\"")) ++holes;
-            }
-        });
-    }
-    for (std::thread& browser : browsers)
-        browser.join();
+    std::atomic<int> answers{0}, holes{0};
+    Threads(8, [&](int i) {
+        while (watch.elapsed() < milliseconds(2500)) {
+            const Page page = serve.get(i < 3        ? "/metrics"
+                                        : i % 2 == 0 ? "/history.json?card=1"
+                                                     : "/cards.json");
+            if (page.status == 200) ++answers;
+            if (i < 3 && !Serve::has(page.body, "kiv_port_up{card=\"1\"")) ++holes;
+        }
+    }).join();
     const auto seconds = watch.elapsed().count() / 1000 + 1;
     EXPECT_LE(asked() - before, 2 * (seconds + 1)) << answers << " answers";
     EXPECT_GE(asked() - before, 4) << "the samples are renewed";
@@ -424,12 +413,8 @@ TEST_F(Kivctl, ServeScrapesSixtyFourCardsInTheTimeOfTheSlowest) {
     constexpr int kCards = 64;
     constexpr milliseconds kSlow{300};
     std::vector<kivsim::CardSettings> many = cards(kCards);
-    for (kivsim::CardSettings& card : many) {
-        kivsim::HttpFault fault;
-        fault.path = "/hps/hwmon/info";
-        fault.delay_ms = static_cast<uint32_t>(kSlow.count());
-        card.http_faults.push_back(fault);
-    }
+    for (kivsim::CardSettings& card : many)
+        card.http_faults = {late_answer("/hps/hwmon/info", static_cast<uint32_t>(kSlow.count()))};
     const RunningSimulator simulator(many);
     Serve serve;
     const auto all_there = [](const std::string& metrics) {

@@ -7,9 +7,9 @@
 
 TEST_F(KivctlSettings, PtpSetChangesOnlyWhatIsGivenAndSavesOnlyOnDemand) {
     const std::string before = configuration_.read();
-    const Words change{"ptp",        "set",     "1",  "--domain", "200", "--log-announce-interval",
-                       "-4",         "--tos1",  "7",  "--ttl0",   "9",   "--ip1",
-                       "10.1.2.3/8", "--vlan0", "20", "--vlan1",  "off"};
+    const Words change = words_of(
+        "ptp set 1 --domain 200 --log-announce-interval -4 --tos1 7 --ttl0 9 --ip1 10.1.2.3/8 --vlan0 20 "
+        "--vlan1 off");
     Words dry = change;
     dry.emplace_back("--dry-run");
     Json shown = json_of(dry);
@@ -26,18 +26,10 @@ TEST_F(KivctlSettings, PtpSetChangesOnlyWhatIsGivenAndSavesOnlyOnDemand) {
                                            {"port": 1, "ip_address": "10.1.2.3", "prefix_length": 8, "vlan": "off"}])"));
     EXPECT_EQ(configuration_.read(), before);
 
-    expect({"ptp",         "set",
-            "1",           "--announce-receipt-timeout",
-            "5",           "--log-delay-req-interval",
-            "1",           "--unicast-delay-req",
-            "on",          "--domain",
-            "200",         "--tos0",
-            "1",           "--ttl1",
-            "2",           "--ip0",
-            "10.9.8.6/30", "--vlan0",
-            "30",          "--vlan1",
-            "off",         "--save"},
-           0, "saved in the card configuration");
+    expect(
+        words_of("ptp set 1 --announce-receipt-timeout 5 --log-delay-req-interval 1 --unicast-delay-req on "
+                 "--domain 200 --tos0 1 --ttl1 2 --ip0 10.9.8.6/30 --vlan0 30 --vlan1 off --save"),
+        0, "saved in the card configuration");
     EXPECT_EQ(last_reconfiguration(),
               "macethP=10.9.8.6/30,30,64,1 macethS=10.1.2.3/8,0,2,46 macptp=200,-2,5,1,1 ");
     const Json file = parsed(configuration_.read());
@@ -80,7 +72,7 @@ TEST_F(KivctlSettings, PtpSetSendsNothingThatWouldDoHarm) {
     expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off"}, 2, "port 0 cannot have 0.0.0.0/0");
     EXPECT_EQ(last_reconfiguration(), "none");
     expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--force"}, 0);
-    EXPECT_NE(last_reconfiguration().find("macethP=0.0.0.0/0"), std::string::npos);
+    EXPECT_TRUE(has(last_reconfiguration(), "macethP=0.0.0.0/0"));
 }
 
 TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
@@ -88,24 +80,19 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
         "logAnnounceInterval": 0, "logDelayReqInterval": 0, "unicast_delay_req": 1}, "devices": [], "site": "Studio 3", "site": "Studio 4",
         "mactun": {"ip_addr": "127.0.0.1", "server_port": 80}})";
     configuration_.write(no_entry);
-    expect(
-        {"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--tos0", "1", "--tos1", "2", "--ttl0", "3"},
-        1, "nothing was sent: the card configuration has no entry for this card");
+    const std::string given = "ptp set 1 --vlan0 off --vlan1 off --tos0 1 --tos1 2 --ttl0 3";
+    expect(words_of(given), 1, "nothing was sent: the card configuration has no entry for this card");
     EXPECT_EQ(last_reconfiguration(), "none");
-    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--tos0", "1", "--tos1", "2", "--ttl0",
-            "3", "--ttl1", "4", "--domain", "9", "--save"},
-           1, "not saved: addresses, VLANs, TOS and TTL");
+    expect(words_of(given + " --ttl1 4 --domain 9 --save"), 1, "not saved: addresses, VLANs, TOS and TTL");
     EXPECT_EQ(parsed(configuration_.read())["ptp"]["domainNumber"], 9);
     EXPECT_EQ(parsed(configuration_.read())["site"], "Studio 4") << "keys that are not known stay";
     configuration_.write(no_entry);
-    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--tos0", "1", "--tos1", "2", "--ttl0",
-            "3", "--ttl1", "4", "--save"},
-           1, "not kept: the first of several keys site");
+    expect(words_of(given + " --ttl1 4 --save"), 1, "not kept: the first of several keys site");
 
     configuration_.write(std::regex_replace(ConfigurationFile::sample(), std::regex("127,"), "300,"));
     expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off"}, 1,
            "line 5: ptp.domainNumber: is not between 0 and 255");
-    EXPECT_EQ(last_reconfiguration().find("macptp=300"), std::string::npos);
+    EXPECT_FALSE(has(last_reconfiguration(), "macptp=300"));
     expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--domain", "7"}, 0,
            "the change is in the card");
 

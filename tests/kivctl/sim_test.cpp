@@ -1,12 +1,8 @@
 // Commands with a simulator of their own.
 #include <kivos/sockets.h>
-#include <signal.h>
 #include <sys/un.h>
 
-#include <filesystem>
-
 #include "kivctl/Kivctl.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -65,7 +61,7 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
 
     Program watch(telling_its_id({"--sim", "watch"}));
     const std::string pid = watch.read_line();
-    EXPECT_NE(watch.read_line().find("    state  port 0 up"), std::string::npos);
+    EXPECT_TRUE(has(watch.read_line(), "    state  port 0 up"));
     EXPECT_EQ(folders(pid), 1u);
     watch.send_signal(SIGTERM);
     EXPECT_EQ(watch.wait().status, 0);
@@ -95,7 +91,7 @@ TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
 }
 
 TEST_F(OwnSimulator, LetsTheLibrarysLogBeSeen) {
-    EXPECT_NE(run({"--sim", "-v", "info", "1"}).err.find("[info]"), std::string::npos);
+    EXPECT_TRUE(has(run({"--sim", "-v", "info", "1"}).err, "[info]"));
     EXPECT_EQ(run({"--sim", "info", "1"}).err, "");
 }
 
@@ -112,6 +108,6 @@ TEST_F(OwnSimulator, SaysWhyItCannotRun) {
     for (const auto& [words, message] : kRefused) {
         const Ended refused = run_and_look_behind(words);
         EXPECT_EQ(refused.status, 2) << message;
-        EXPECT_NE(refused.err.find(message), std::string::npos) << refused.err;
+        EXPECT_TRUE(has(refused.err, message));
     }
 }

@@ -1,14 +1,10 @@
 // What a support file holds, and that it brings the cards to another desk.
-#include <signal.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <map>
 #include <regex>
 
 #include "kivctl/Kivctl.h"
 #include "scenario/Scenario.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -75,11 +71,11 @@ TEST_F(Support, BringsTheCardsToAnotherDesk) {
         const RunningSimulator field(kivsim::load_scenario(directory_ / "unusual.json").cards);
         there = collect(directory_ / "there/");
     }
-    EXPECT_NE(there["card-3/status.json"].find("-7"), std::string::npos) << there["card-3/status.json"];
+    EXPECT_TRUE(has(there["card-3/status.json"], "-7"));
     EXPECT_EQ(there["card-3/server/hps/download/log.txt"], "a line\nanother\n");
     EXPECT_EQ(there["card-9/server/hps/hwmon/info.json"], "<html>");
     EXPECT_NE(reason(there, "card-9/server/hps/control/igmp.json"), "");
-    EXPECT_NE(there["log.txt"].find("== kivctl info 9: exit status"), std::string::npos);
+    EXPECT_TRUE(has(there["log.txt"], "== kivctl info 9: exit status"));
 
     const RunningSimulator desk(kivsim::load_scenario(directory_ / "there/cards.json").cards);
     const std::map<std::string, std::string> here = collect(directory_ / "here/");
@@ -102,14 +98,14 @@ TEST_F(Support, IsOneFileThatTellsWhatIsInIt) {
         ++members;
         const std::string path = entry.path().string();
         const std::string name = path.substr(path.find('/', path.find("/kivctl-support-") + 1) + 1);
-        EXPECT_NE(ended.out.find("\n" + name + " "), std::string::npos) << name;
+        EXPECT_TRUE(has(ended.out, "\n" + name + " ")) << name;
     }
     EXPECT_EQ(members, static_cast<std::size_t>(std::count(ended.out.begin(), ended.out.end(), '\n')) - 4);
 
     const std::string before = read_file(file);
     const Ended again = run({"support", "-o", file});
     EXPECT_EQ(again.status, 1);
-    EXPECT_NE(again.err.find("exists already, and stays as it is"), std::string::npos) << again.err;
+    EXPECT_TRUE(has(again.err, "exists already, and stays as it is"));
     EXPECT_EQ(read_file(file), before);
 
     fs::create_directory(directory_ / "folder");
@@ -126,11 +122,11 @@ TEST_F(Support, LeavesNoHalfFile) {
     const Ended full = run_program(
         {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 2; exec \"$0\" support -o \"$1\"", kKivctlProgram, file});
     EXPECT_EQ(full.status, 1);
-    EXPECT_NE(full.err.find("cannot be written, and is removed: "), std::string::npos) << full.err;
+    EXPECT_TRUE(has(full.err, "cannot be written, and is removed: "));
     EXPECT_FALSE(fs::exists(file));
     const Ended nowhere = run({"support", "-o", directory_ / "none/support.tar.gz"});
     EXPECT_EQ(nowhere.status, 1);
-    EXPECT_NE(nowhere.err.find("cannot be made: No such file"), std::string::npos) << nowhere.err;
+    EXPECT_TRUE(has(nowhere.err, "cannot be made: No such file"));
 
     const std::size_t calls = simulator.calls(34).size();
     simulator.control("POST", "/driver_faults", R"({"selector": 34, "delay_ms": 600000})");
@@ -149,14 +145,14 @@ TEST_F(Support, CollectsWhatItCan) {
     EXPECT_EQ(parsed(members["doctor.json"])["result"], "FAIL");
     EXPECT_EQ(members["configuration/hps_boot.json"], "{");
     EXPECT_EQ(parsed(members["scan.json"])["name"], "NO_DRIVER");
-    EXPECT_NE(reason(members, "scan.json").find("no driver at "), std::string::npos);
+    EXPECT_TRUE(has(reason(members, "scan.json"), "no driver at "));
 
     const RunningSimulator simulator;
     simulator.control("POST", "/driver_faults", R"({"selector": 34, "delay_ms": 600000})");
     members = collect(directory_ / "hangs/", "90");
-    EXPECT_NE(reason(members, "card-1/streams.json").find("no end within 3 s"), std::string::npos);
-    EXPECT_NE(reason(members, "card-1/flash.json").find("not asked"), std::string::npos);
-    EXPECT_NE(reason(members, "cards.json").find("card 1"), std::string::npos);
+    EXPECT_TRUE(has(reason(members, "card-1/streams.json"), "no end within 3 s"));
+    EXPECT_TRUE(has(reason(members, "card-1/flash.json"), "not asked"));
+    EXPECT_TRUE(has(reason(members, "cards.json"), "card 1"));
     EXPECT_EQ(members.count("card-1/server/hps/info/networks.json"), 1u);
     EXPECT_EQ(parsed(members["cards.json"])["cards"][0]["id"], 2);
 }

@@ -1,12 +1,9 @@
 // The watch over cards: present state, events, and what is lost and found.
-#include <signal.h>
 
-#include <algorithm>
 #include <set>
 
 #include "kivctl/Kivctl.h"
 #include "support/DriverFault.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -22,7 +19,7 @@ void expect_next(Program& watch, const std::vector<std::string>& phrases) {
     for (std::size_t i = 0; i < phrases.size(); ++i)
         lines += next(watch) + "\n";
     for (const std::string& phrase : phrases)
-        EXPECT_NE(lines.find(phrase), std::string::npos) << phrase << " is not in\n" << lines;
+        EXPECT_TRUE(has(lines, phrase)) << phrase << " is not in\n" << lines;
 }
 
 /// Until the driver has listed its cards once more.
@@ -96,10 +93,8 @@ TEST_F(KivctlCard, WatchLogsToAFileThatMayBeFullForAWhile) {
     watch.send_signal(SIGTERM);
     const Ended ended = watch.wait();
     EXPECT_EQ(ended.status, 0);
-    EXPECT_NE(ended.err.find("events: File too large: lines are left out until it can be written again"),
-              std::string::npos)
-        << ended.err;
-    EXPECT_NE(ended.err.find(": written again; 2 lines were left out"), std::string::npos) << ended.err;
+    EXPECT_TRUE(has(ended.err, "events: File too large: lines are left out until it can be written again"));
+    EXPECT_TRUE(has(ended.err, ": written again; 2 lines were left out"));
     EXPECT_EQ(read_file(log), "\n" + last + "\n") << "behind half of a line a new one begins";
 
     for (const std::string& bad : {directory_ / "none/log", directory_ / ".", std::string("/dev/full")})
@@ -160,7 +155,7 @@ TEST_F(Kivctl, WatchSaysWhatIsLostAndFound) {
     expect_next(watch, {"card 2    found  card", "card 2    found  server", "card 2    link   port 0 down"});
 
     simulator->control("POST", "/http_faults", R"({"path": "/hps/info/networks", "status": 503})", 1);
-    EXPECT_NE(next(watch).find("card 1    lost   server: http://127.0.0.1:"), std::string::npos);
+    EXPECT_TRUE(has(next(watch), "card 1    lost   server: http://127.0.0.1:"));
     simulator->control("DELETE", "/http_faults", "", 1);
     EXPECT_EQ(next(watch), "card 1    found  server");
 
@@ -231,7 +226,7 @@ TEST_F(Kivctl, WatchSaysThatTheDriverHangs) {
     Program watch(kivctl({"watch"}));
     EXPECT_EQ(next(watch), "          lost   driver: no answer for 5 s while it lists its cards");
     EXPECT_EQ(next(watch), "          found  driver");
-    EXPECT_NE(next(watch).find("card 1    state"), std::string::npos);
+    EXPECT_TRUE(has(next(watch), "card 1    state"));
 }
 
 TEST_F(Kivctl, WatchLooksAtAllCardsAtOnce) {
@@ -239,14 +234,12 @@ TEST_F(Kivctl, WatchLooksAtAllCardsAtOnce) {
     for (uint8_t id = 1; id <= 20; ++id) {
         cards.push_back(kivsim::believable_card(id));
         if (id == 20) continue;
-        kivsim::HttpFault& hangs = cards.back().http_faults.emplace_back();
-        hangs.path = "/hps/info/networks";
-        hangs.delay_ms = 20'000;
+        cards.back().http_faults = {late_answer("/hps/info/networks", 20'000)};
     }
     const RunningSimulator simulator(cards);
     Program watch(kivctl({"watch"}));
     const Stopwatch stopwatch;
-    EXPECT_NE(next(watch).find("card 20   state"), std::string::npos) << "its server answers";
+    EXPECT_TRUE(has(next(watch), "card 20   state")) << "its server answers";
     int states = 0;
     for (int i = 0; i < 38; ++i)
         states += next(watch).find("state  port 0 up") != std::string::npos;

@@ -1,22 +1,14 @@
 // The log: what its lines look like in each sink, which are wanted, how long a callback may be called.
-#include <gtest/gtest.h>
 #include <kiv/LogManager.h>
 #include <spdlog/spdlog.h>
 #include <syslog.h>
-#include <unistd.h>
 #include "log/kivLogDispatch.h"
 
-#include <atomic>
 #include <cstdarg>
-#include <filesystem>
-#include <memory>
 #include <regex>
-#include <stdexcept>
-#include <thread>
 
-#include "support/Lines.h"
 #include "support/TemporaryDirectory.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 std::string g_system_log;  ///< "<priority> text" of each line that the process gave to syslog.
@@ -72,11 +64,12 @@ class Log : public testing::Test {
 
     LogConfig file_only(kiv_log_level_t level) const { return {level, path_, {"file"}, "", ""}; }
 
-    /// Opens with a back end that writes the file.
+    /// Opens with a back end that writes the file, if it is the first start.
     void open(kiv_log_level_t level, kiv_log_sink_t sink, kiv_log_callback_t callback, void* user_data) {
-        if (back_end().getLogger() == nullptr) back_end().init(file_only(KIV_LOG_LEVEL_INFO));
+        LogConfig with_file = file_only(KIV_LOG_LEVEL_INFO);
         const kiv_log_config_t config{level};
-        EXPECT_EQ(kivLog_open(&config, sink, callback, user_data), KIV_OK);
+        EXPECT_EQ(kivLog_open_with_config(&config, sink, callback, user_data, with_file), KIV_OK);
+        EXPECT_EQ(with_file.level, level);
     }
 
     std::string file() const {
@@ -115,19 +108,23 @@ TEST_F(Log, EverySinkWritesLevelLineAndText) {
         kivLog_dispatch_spdlog(KIV_LOG_LEVEL_WARNING, nullptr, 0, "");
         kivLog_dispatch_spdlog(KIV_LOG_LEVEL_INFO, "source", 22, "two\nlines");
         kivLog_dispatch_spdlog(KIV_LOG_LEVEL_DEBUG, "source", 4444, "detail");
+        back_end().getLogger()->critical("of the application");
     });
     const std::string text =
-        "[error] [1] 100%s {}\n[warning] [] \n[info] [22] two\nlines\n[debug] [4444] detail\n";
+        "[error] [1] 100%s {}\n[warning] [] \n[info] [22] two\nlines\n[debug] [4444] detail\n[critical] [] "
+        "of the application\n";
     EXPECT_EQ(file(), text);
     // The system log shows no debug lines by itself, and the category never reaches it.
     const std::string origin = fmt::format("log_test[{}] [some.id:] ", getpid());
     EXPECT_EQ(output, text + "|" + origin + "[error] [1] 100%s {}\n" + origin + "[warning] [] \n" + origin +
-                          "[info] [22] two\nlines\n");
-    EXPECT_EQ(g_system_log, fmt::format("open AppName {} {}\n", LOG_PID, LOG_USER) +
-                                "<3> [error] [1] 100%s {}\n<11> [some.id:] [error] [1] 100%s {}\n"
-                                "<4> [warning] [] \n<13> [some.id:] [warning] [] \n"
-                                "<6> [info] [22] two\nlines\n<13> [some.id:] [info] [22] two\nlines\n"
-                                "<7> [debug] [4444] detail\n");
+                          "[info] [22] two\nlines\n" + origin + "[critical] [] of the application\n");
+    EXPECT_EQ(g_system_log,
+              fmt::format("open AppName {} {}\n", LOG_PID, LOG_USER) +
+                  "<3> [error] [1] 100%s {}\n<11> [some.id:] [error] [1] 100%s {}\n"
+                  "<4> [warning] [] \n<13> [some.id:] [warning] [] \n"
+                  "<6> [info] [22] two\nlines\n<13> [some.id:] [info] [22] two\nlines\n"
+                  "<7> [debug] [4444] detail\n"
+                  "<2> [critical] [] of the application\n<10> [some.id:] [critical] [] of the application\n");
 }
 
 TEST_F(Log, AFullFileGivesWayAndFiveOldOnesStay) {
@@ -241,13 +238,10 @@ void tagged(kiv_log_level_t, const char*, void* user_data) {
 TEST_F(Log, WithFourThreadsNoCallbackRunsAfterTheCloseOrGetsTheDataOfAnother) {
     back_end().init(file_only(KIV_LOG_LEVEL_NONE));
     std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            while (!stop)
-                kivLog_print(KIV_LOG_LEVEL_ERROR, "line");
-        });
-    }
+    const Threads threads(4, [&](int) {
+        while (!stop)
+            kivLog_print(KIV_LOG_LEVEL_ERROR, "line");
+    });
     for (int round = 0; round < 50; ++round) {
         // Freed at the end of the round: a call that came later would be seen by the sanitizers too.
         const auto data = std::make_unique<Tagged[]>(2);
@@ -264,8 +258,6 @@ TEST_F(Log, WithFourThreadsNoCallbackRunsAfterTheCloseOrGetsTheDataOfAnother) {
         EXPECT_EQ(data[0].calls + data[1].calls, calls);
     }
     stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
 }  // namespace

@@ -5,9 +5,7 @@
 #include <IOKit/IOKitLib.h>
 #include <mach/mach.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <vector>
+#include "support/Test.h"
 
 inline constexpr const char* kCards = "kivPCIService";
 

@@ -1,15 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <array>
-#include <atomic>
-#include <string>
-#include <thread>
 
 #include "platform/Services.h"
 #include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -99,14 +92,13 @@ TEST(PlatformConnections, AStalledCallBlocksNobodyAndEndsWithItsConnection) {
     const io_connect_t stalled = open_first();
     const io_connect_t other = open_first();
     std::array<std::atomic<kern_return_t>, 2> results{-1, -1};
-    std::vector<std::thread> callers;
-    for (auto& result : results)  // The second one waits for its turn.
-        callers.emplace_back([&result, stalled] { result = call(stalled, wire::kGetPtpEpochTime); });
+    Threads callers(2, [&](int number) {  // The second one waits for its turn.
+        results[static_cast<size_t>(number)] = call(stalled, wire::kGetPtpEpochTime);
+    });
     ASSERT_TRUE(wait_until([&] { return !simulator.calls(wire::kGetPtpEpochTime).empty(); }));
     EXPECT_EQ(call(other, wire::kGetVersion), kIOReturnSuccess);
     EXPECT_EQ(IOServiceClose(stalled), kIOReturnSuccess);
-    for (std::thread& caller : callers)
-        caller.join();
+    callers.join();
     for (const auto& result : results)
         EXPECT_EQ(result, MACH_SEND_INVALID_DEST);
     EXPECT_EQ(call(other, wire::kGetVersion), kIOReturnSuccess);
@@ -116,32 +108,13 @@ TEST(PlatformConnections, ThreadsShareOneUntilItCloses) {
     const RunningSimulator simulator;
     const io_connect_t connect = open_first();
     std::atomic<int> rounds = 0;
-    std::atomic<int> mixed_up = 0;
-    std::vector<std::thread> callers;
-    for (uint64_t caller = 0; caller < 4; ++caller) {
-        callers.emplace_back([&, caller] {
-            for (uint64_t value = 1;; ++value) {
-                wire::PciAccess access{2, 0, caller * 8, 0, 0, caller << 32 | value};
-                size_t size = sizeof access;
-                if (IOConnectCallStructMethod(connect, wire::kWritePci64, &access, size, nullptr, nullptr) !=
-                        0 ||
-                    IOConnectCallStructMethod(connect, wire::kReadPci64, &access, size, &access, &size) != 0)
-                    return;
-                if (access.offset != caller * 8 || access.data64 != (caller << 32 | value)) ++mixed_up;
-                ++rounds;
-            }
-        });
-    }
-    EXPECT_TRUE(wait_until([&] { return rounds >= 200; }));
     std::atomic<int> closed = 0;
-    std::vector<std::thread> closers;
-    for (int i = 0; i < 2; ++i)
-        closers.emplace_back([&] { closed += IOServiceClose(connect) == 0 ? 1 : 0; });
-    for (auto* const threads : {&callers, &closers}) {
-        for (std::thread& thread : *threads)
-            thread.join();
-    }
-    EXPECT_EQ(mixed_up, 0);
+    const Threads callers(4, [&](int) {
+        while (call(connect, wire::kGetVersion) == 0)
+            ++rounds;
+    });
+    EXPECT_TRUE(wait_until([&] { return rounds >= 200; }));
+    Threads(2, [&](int) { closed += IOServiceClose(connect) == 0 ? 1 : 0; }).join();
     EXPECT_EQ(closed, 1);
 }
 

@@ -1,15 +1,10 @@
-#include <gtest/gtest.h>
 #include <kivplatform/driver_process.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <thread>
-
 #include "platform/Services.h"
 #include "support/Program.h"
 #include "support/RunningSimulator.h"
-#include "support/Waiting.h"
 
 namespace {
 

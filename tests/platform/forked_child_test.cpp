@@ -1,13 +1,7 @@
 // What a forked child may do: nothing with its parent's connections, everything with its own.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include "driver/wire.h"
-
-#include <atomic>
-#include <thread>
-#include <vector>
 
 #include "platform/Services.h"
 #include "support/Program.h"
@@ -99,26 +93,22 @@ TEST(PlatformForkedChild, HasOnlyErrorsFromItsParentsConnection) {
     // Calls and closes go on in other threads, so that forks meet every lock held.
     std::atomic<bool> done = false;
     std::atomic<int> wrong = 0;
-    std::vector<std::thread> callers;
-    for (uint64_t caller = 0; caller < 2; ++caller) {
-        callers.emplace_back([&, caller] {
-            for (uint64_t value = 1; !done; ++value) {
-                wire::PciAccess access{2, 0, caller * 8, 0, 0, caller << 32 | value};
-                size_t size = sizeof access;
-                wrong += IOConnectCallStructMethod(connect, wire::kWritePci64, &access, size, nullptr,
-                                                   nullptr) != kIOReturnSuccess;
-                wrong += IOConnectCallStructMethod(connect, wire::kReadPci64, &access, size, &access,
-                                                   &size) != kIOReturnSuccess ||
-                         access.offset != caller * 8 || access.data64 != (caller << 32 | value);
-                wrong += IOServiceClose(open_first()) != kIOReturnSuccess;
-            }
-        });
-    }
+    Threads callers(2, [&](uint64_t caller) {
+        for (uint64_t value = 1; !done; ++value) {
+            wire::PciAccess access{2, 0, caller * 8, 0, 0, caller << 32 | value};
+            size_t size = sizeof access;
+            wrong +=
+                IOConnectCallStructMethod(connect, wire::kWritePci64, &access, size, nullptr, nullptr) != 0;
+            wrong +=
+                IOConnectCallStructMethod(connect, wire::kReadPci64, &access, size, &access, &size) != 0 ||
+                access.offset != caller * 8 || access.data64 != (caller << 32 | value);
+            wrong += IOServiceClose(open_first()) != kIOReturnSuccess;
+        }
+    });
     for (int round = 0; round < 30; ++round)
         EXPECT_EQ(in_child([&] { return first_success(connect, service, port); }), 0);
     done = true;
-    for (std::thread& caller : callers)
-        caller.join();
+    callers.join();
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(*reinterpret_cast<volatile uint32_t*>(bar + 12), 1u) << "the second caller's, still mapped";
     EXPECT_EQ(IOConnectUnmapMemory64(connect, 0, mach_task_self(), 0), kIOReturnSuccess);

@@ -1,11 +1,9 @@
 // Frames on a stream: what comes in pieces, ends early or lies.
-#include <gtest/gtest.h>
 #include <kivos/sockets.h>
 #include <kivplatform/frames.h>
 
-#include <cstring>
-
 #include "support/RawFrames.h"
+#include "support/Test.h"
 #include "support/ThisProcess.h"
 
 namespace {

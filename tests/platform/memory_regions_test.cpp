@@ -1,8 +1,8 @@
-#include <gtest/gtest.h>
 #include <mach/mach.h>
 #include <mach/mach_vm.h>
 #include <sys/mman.h>
-#include <unistd.h>
+
+#include "support/Test.h"
 
 namespace {
 

@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <kivos/shared_memory.h>
 #include <kivos/sockets.h>
 #include <kivplatform/frames.h>
@@ -6,19 +5,11 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/un.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cstring>
-#include <functional>
-#include <thread>
 
 #include "platform/Services.h"
 #include "support/RawFrames.h"
 #include "support/TemporaryDirectory.h"
 #include "support/ThisProcess.h"
-#include "support/Waiting.h"
 
 namespace {
 

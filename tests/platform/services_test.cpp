@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "platform/Services.h"
 #include "support/RunningSimulator.h"
 

@@ -1,13 +1,10 @@
 #include <IOKit/IOKitLib.h>
-#include <gtest/gtest.h>
-
-#include <future>
 
 #include <kiv/kivDriverClient.h>
 #include "support/DriverFault.h"
 #include "support/Json.h"
 #include "support/RunningSimulator.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 

@@ -1,11 +1,7 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <kivos/sockets.h>
 #include <sys/stat.h>
 
-#include <csignal>
-#include <filesystem>
-#include <memory>
 #include <regex>
 #include <set>
 
@@ -15,7 +11,7 @@
 #include "support/LoopbackServer.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 

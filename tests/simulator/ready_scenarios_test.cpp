@@ -1,13 +1,10 @@
 // The scenarios that are installed: each makes its trouble, as a program sees it through the C interface.
-#include <filesystem>
-#include <future>
 #include <iomanip>
 #include <sstream>
 
 #include "api/FoundCards.h"
 #include "scenario/Timeline.h"
 #include "support/Json.h"
-#include "support/Waiting.h"
 
 namespace {
 

@@ -1,6 +1,5 @@
 // Cards files and scenarios: what is refused when they are read, and what the steps of a timeline do and
 // undo.
-#include <gtest/gtest.h>
 
 #include <limits>
 
@@ -10,9 +9,8 @@
 #include "settings/members.h"
 
 #include "support/Json.h"
-#include "support/Lines.h"
 #include "support/TemporaryDirectory.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 #include <IOKit/IOKitLib.h>
-#include <gtest/gtest.h>
 
-#include <cstring>
 #include <regex>
 
 #include <kiv/kivDriverClient.h>
@@ -9,7 +7,7 @@
 #include "settings/members.h"
 #include "support/Json.h"
 #include "support/RunningSimulator.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 
@@ -123,8 +121,8 @@ void expect_changed(const RunningSimulator& simulator) {
     EXPECT_EQ(get("firmware/status"), "\"failed\"");
     EXPECT_EQ(get("firmware/info"), R"({"User1":"00112233445566778899aabbccddeeff",)"
                                     R"("User2":"ffeeddccbbaa99887766554433221100 [Next Boot Image]"})");
-    EXPECT_NE(get("info/networks").find("255.0.0.0"), std::string::npos);
-    EXPECT_NE(get("control/igmp").find("\"pid\":-5"), std::string::npos);
+    EXPECT_TRUE(has(get("info/networks"), "255.0.0.0"));
+    EXPECT_TRUE(has(get("control/igmp"), "\"pid\":-5"));
 }
 
 TEST(CardSettings, AreTheSameFromTheFileAndWhileACardRuns) {

@@ -1,17 +1,14 @@
-#include <gtest/gtest.h>
 #include <kivos/sockets.h>
 #include <kivplatform/frames.h>
 #include <poll.h>
 #include <sys/un.h>
 
-#include <cstring>
-
 #include <IOKit/IOReturn.h>
 #include "support/DriverFault.h"
 #include "support/RawFrames.h"
 #include "support/RunningSimulator.h"
+#include "support/Test.h"
 #include "support/ThisProcess.h"
-#include "support/Waiting.h"
 
 namespace {
 

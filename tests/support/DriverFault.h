@@ -26,4 +26,12 @@ class fault {
     kivsim::DriverFault fault_;
 };
 
+/// What makes each answer of a card's server at this path, or below it, late.
+inline kivsim::HttpFault late_answer(const std::string& path, uint32_t delay_ms) {
+    kivsim::HttpFault fault;
+    fault.path = path;
+    fault.delay_ms = delay_ms;
+    return fault;
+}
+
 #endif

@@ -34,6 +34,14 @@ struct CardRequest {
     bool carried_out;
 };
 
+/// A card whose management server is somewhere else.
+inline kivsim::CardSettings card_with_server(uint8_t id, uint16_t port) {
+    kivsim::CardSettings card = kivsim::believable_card(id);
+    card.external_server = true;
+    card.tunnel_port = port;
+    return card;
+}
+
 class RunningSimulator {
   public:
     /// Sets KIVSIM_SOCKET; without cards the driver process has none.

@@ -1,16 +1,12 @@
 // The timer that decides when a job is due, and the pool that runs it. Lower bounds of times are exact, upper
 // ones generous: machines are slow at times, the steady clock is never early.
-#include <gtest/gtest.h>
 #include <kiv/PeriodicThreadPool.h>
 #include <kiv/Scheduler.h>
 #include <kiv/ThreadManager.h>
 
 #include <array>
-#include <csignal>
-#include <future>
-#include <stdexcept>
 
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 namespace {
 
