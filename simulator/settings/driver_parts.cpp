@@ -130,7 +130,7 @@ void read_links(const Node& node, CardSettings& card) {
 }
 
 Json links_json(const CardSettings& card) {
-    return *card.links;
+    return card.links ? Json(*card.links) : Json(Json::value_t::discarded);
 }
 
 void read_ptp_state(const Node& node, CardSettings& card) {
