@@ -35,7 +35,7 @@ int main(int count, char** arguments) {
         }).detach();
     }
     if (count > 1) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[1])));
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::strtol(arguments[1], nullptr, 10)));
         std::exit(42);
     }
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);

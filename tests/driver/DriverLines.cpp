@@ -1,5 +1,8 @@
 #include "driver/DriverLines.h"
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include <regex>
 #include <sstream>
 

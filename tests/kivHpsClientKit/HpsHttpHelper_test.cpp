@@ -74,13 +74,12 @@ TEST(HpsHttpHelper, FindsThePayloadOnceWrappedOrNot) {
 TEST(HpsHttpHelper, KnowsWhatIsJsonAsTheJsonLibraryDoes) {
     using namespace std::string_literals;
     const auto agree = [](const std::string& text) {
-        const bool valid = parse_error(text).front().starts_with("valid: ");
-        ASSERT_EQ(kiv::json::is_valid(text), valid) << testing::PrintToString(text);
+        ASSERT_EQ(kiv::json::is_valid(text), nlohmann::json::accept(text)) << testing::PrintToString(text);
     };
     const std::string texts[] = {
         R"({"a":[{"b":"#5","c":-4.25,"d":[]},{}],"t":true,"n":null,"f":false, "e" : 0})",
-        "\xef\xbb\xbf [1,2e3,-0.5E-2,\"\\u00e9\\uD83d\\ude00 "
-        "\\\"\\\\\\/\\b\xc3\xbc\xe0\xa0\x80\xf0\x9f\x98\x80\"\t]\r\n",
+        "\xef\xbb\xbf [1,2e3,-0.5E-2,\"\\u00e9\\uD83d\\ude00\"]\r\n",
+        "[\"\\\"\\\\\\/\\b\xc3\xbc\xe0\xa0\x80\xf0\x9f\x98\x80\"\t]",
         R"([[[{}],[[]]],{"k":{"l":[1]},"k":"\n"}])",
         "\"\xed\x9f\xbf\xee\x80\x80\xf4\x8f\xbf\xbf\"",
         "[" + std::string(320, '7') + ",1e308]",
@@ -97,7 +96,7 @@ TEST(HpsHttpHelper, KnowsWhatIsJsonAsTheJsonLibraryDoes) {
             }
         }
     }
-    for (const int digits : {299, 300, 308, 309, 400})
+    for (const std::size_t digits : {299, 300, 308, 309, 400})
         agree(std::string(digits, '9'));
 }
 
