@@ -257,7 +257,7 @@ class Month : public testing::Test {
 
 TEST_F(Month, OfTwoHundredAndFiftyCardsGoesByTheRules) {
     const char* const days = std::getenv("KIV_MONTH_DAYS");
-    const Plan plan{3h, days != nullptr ? std::atoi(days) * 24h : 2h, 250, 25};
+    const Plan plan{3h, days != nullptr ? std::strtol(days, nullptr, 10) * 24h : 2h, 250, 25};
     Samples memory;
     const Counts counts = live(plan, &memory);
     EXPECT_EQ(counts, wanted(plan));
@@ -298,12 +298,12 @@ TEST_F(Month, OfLogLinesLeavesSixFilesOfTenMebibytesAndLosesNone) {
     for (int i = 0; i < kLines; ++i)
         kiv::log_error("month", "{} {}", i, filler);
     spdlog::default_logger()->flush();
-    int expected = 0;
+    long expected = 0;
     for (int number = 5; number >= 0; --number) {
         EXPECT_LE(std::filesystem::file_size(file(number)), 10u << 20);
         std::ifstream lines(file(number));
         for (std::string line; std::getline(lines, line);) {
-            const int i = std::atoi(line.c_str() + line.find("] ", line.find("] ") + 1) + 2);
+            const long i = std::strtol(line.c_str() + line.find("] ", line.find("] ") + 1) + 2, nullptr, 10);
             ASSERT_TRUE(expected == 0 || i == expected) << i << " after " << expected - 1;
             expected = i + 1;
         }

@@ -113,11 +113,13 @@ Uncounted::~Uncounted() {
 }
 
 // The definitions end where the real ones do: a name, and what it gives when it is refused.
+// NOLINTBEGIN(bugprone-macro-parentheses): a type and a list of parameters bear none.
 #define KIV_STANDS_BEFORE(resource, error, nothing, result, name, parameters, arguments)    \
     extern "C" result name parameters {                                                     \
         static const auto real = behind<std::remove_reference_t<result> parameters>(#name); \
         return refused(Resource::resource, error) ? (nothing) : real arguments;             \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 // clang-format off
 #ifndef KIV_SANITIZED  // A sanitizer asks for memory itself, and ends the process when it gets none.
