@@ -96,7 +96,7 @@ TEST(HpsHttpHelper, KnowsWhatIsJsonAsTheJsonLibraryDoes) {
             }
         }
     }
-    for (const std::size_t digits : {299, 300, 308, 309, 400})
+    for (const std::size_t digits : {299u, 300u, 308u, 309u, 400u})
         agree(std::string(digits, '9'));
 }
 
