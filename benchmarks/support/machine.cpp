@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <fmt/format.h>
+#include <sched.h>
 #include <spdlog/version.h>
 #include <sys/utsname.h>
 
@@ -40,6 +41,24 @@ double of_status(const std::string& name) {
 Usage usage() {
     return {of_status("VmRSS:"), of_status("Threads:")};
 }
+
+#ifdef __linux__
+OneCore::OneCore() {
+    sched_getaffinity(0, sizeof before_, &before_);
+    int core = 0;
+    while (CPU_ISSET(core, &before_) == 0)
+        ++core;
+    cpu_set_t one{};
+    CPU_SET(core, &one);
+    sched_setaffinity(0, sizeof one, &one);
+}
+OneCore::~OneCore() {
+    sched_setaffinity(0, sizeof before_, &before_);
+}
+#else
+OneCore::OneCore() = default;
+OneCore::~OneCore() = default;
+#endif
 
 std::map<std::string, std::string> machine() {
     utsname system{};

@@ -2,6 +2,8 @@
 #ifndef KIV_BENCHMARKS_MACHINE_H
 #define KIV_BENCHMARKS_MACHINE_H
 
+#include <sched.h>
+
 #include <map>
 #include <string>
 
@@ -16,6 +18,21 @@ struct Usage {
     double threads = 0;
 };
 Usage usage();
+
+/// Binds the calling thread, and those that it starts, to the first core; the calling thread until this
+/// object's end. Nothing where the system has no such thing.
+class OneCore {
+  public:
+    OneCore();
+    ~OneCore();
+    OneCore(const OneCore&) = delete;
+    OneCore& operator=(const OneCore&) = delete;
+
+#ifdef __linux__
+  private:
+    cpu_set_t before_{};
+#endif
+};
 
 }  // namespace kivbench
 

@@ -30,12 +30,17 @@ void PeriodicThreadPool::post(std::function<void()> task) {
     {
         const std::lock_guard lock(state_->mutex);
         state_->tasks.push_back(std::move(task));
-        // A call to a worker costs more than a small job. Those on their way take what they find: another is
-        // called only for a job more than they are.
-        if (state_->called == state_->asleep || state_->called >= state_->tasks.size()) return;
-        ++state_->called;
+        if (!state_->calls_one()) return;
     }
     state_->cv.notify_one();
+}
+
+/// One at a time is on its way, and calls the next when it leaves jobs behind: a call costs more than a small
+/// job, and workers that all come at once for a few jobs stand in each other's way and in that of post().
+bool PeriodicThreadPool::State::calls_one() {
+    if (tasks.empty() || asleep == 0 || called > 0) return false;
+    ++called;
+    return true;
 }
 
 void PeriodicThreadPool::shutdown() {
@@ -72,19 +77,22 @@ void PeriodicThreadPool::workerLoop(State& state) {
     t_pool = &state;
     while (state.running) {
         std::function<void()> task;
+        bool calls_next = false;
         {
             UniqueLock lock(state.mutex);
             while (state.tasks.empty() && state.running) {
                 ++state.asleep;
                 state.cv.wait(lock);
                 --state.asleep;
-                // Whoever comes counts as one of the called: one too few only calls once more.
+                // Whoever comes counts as the called one: at worst one more is called.
                 if (state.called > 0) --state.called;
             }
             if (state.tasks.empty()) return;
             task = std::move(state.tasks.front());
             state.tasks.pop_front();
+            calls_next = state.calls_one();
         }
+        if (calls_next) state.cv.notify_one();
         try {
             task();
         } catch (...) {

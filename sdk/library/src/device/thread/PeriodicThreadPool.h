@@ -32,7 +32,8 @@ class KIV_API PeriodicThreadPool {
     PeriodicThreadPool(const PeriodicThreadPool&) = delete;
     PeriodicThreadPool& operator=(const PeriodicThreadPool&) = delete;
 
-    /// Queues a job and wakes one worker. Any thread. After shutdown() the job is kept, but never runs.
+    /// Queues a job, for which a worker is woken. Any thread. After shutdown() the job is kept, but never
+    /// runs.
     void post(std::function<void()> task);
 
     /// Lets running jobs finish, leaves queued ones (a worker that was idle may still take one) and joins the
@@ -52,6 +53,9 @@ class KIV_API PeriodicThreadPool {
         std::size_t asleep KIV_GUARDED_BY(mutex) = 0;  ///< Workers that wait,
         std::size_t called KIV_GUARDED_BY(mutex) = 0;  ///< and those of them that are on their way.
         std::atomic<bool> running{true};               ///< Cleared under the mutex.
+
+        /// Whether a worker is to be woken now; it counts as called then.
+        KIV_LOCAL bool calls_one() KIV_REQUIRES(mutex);
     };
     KIV_LOCAL static void workerLoop(State& state);
     KIV_LOCAL void ask_to_end();
