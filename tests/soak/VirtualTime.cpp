@@ -147,9 +147,12 @@ INSTEAD std::chrono::steady_clock::time_point std::chrono::steady_clock::now() n
 INSTEAD std::chrono::system_clock::time_point std::chrono::system_clock::now() noexcept {
     timespec time{};
     clock_gettime(CLOCK_REALTIME, &time);
-    if (t_self == nullptr) return time_point(duration(ns_of(time)));
-    const nanoseconds passed(g_world->now);
-    return time_point(passed - passed / hours(1) % 24 * minutes(50));
+    nanoseconds passed(ns_of(time));
+    if (t_self != nullptr) {
+        passed = nanoseconds(g_world->now);
+        passed -= passed / hours(1) % 24 * minutes(50);
+    }
+    return time_point(duration_cast<duration>(passed));
 }
 
 extern "C" {
