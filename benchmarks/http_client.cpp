@@ -261,7 +261,7 @@ void measure_files(Report& report, const Server& server, const Directory& direct
         report.add({"download, " + megabytes + ", memory", "MiB", peak_of(download) - before, file,
                     "the file", kSmall});
         const auto times =
-            measure(Plan{.rounds = 5},
+            measure(Plan{.rounds = size < 100 ? 20 : 6},
                     {each(upload), each([&] { bare_upload(server.url("/small"), path, size * kMiB); }),
                      each(download),
                      each([&] { bare_download(server.url(all), directory.downloaded(), size * kMiB); })});
@@ -306,7 +306,7 @@ void measure_requests(Report& report, const Server& server) {
         },
         [&] { parsed("/api/v1.0/hps/info/networks"); }, "libcurl and one parse", 1.10);
     compare(
-        "a reply of 1 MB, as JSON", 10,
+        "a reply of 1 MB, as JSON", 40,
         [&] {
             Json out;
             require(HpsHttpHelper::handle_json(client.get("/large"), out), "no JSON");

@@ -23,6 +23,15 @@ namespace {
 /// Of the application's lines, which log readers tell by it: docs/oddities.md.
 constexpr int kApplicationLine = 528;
 
+/// Apart from kiv_log_print, which needs no stack for a line that is dropped.
+[[gnu::noinline]] kiv_result_t print(kiv_log_level_t level, const char* message) noexcept {
+    return guarded([&]() -> kiv_result_t {
+        if (message == nullptr) return null_argument();
+        kivLog_dispatch(level, kApiSource, kApplicationLine, message);
+        return KIV_OK;
+    });
+}
+
 }  // namespace
 
 // ---- Life cycle -----------------------------------------------------------------------------------------
@@ -56,12 +65,8 @@ kiv_result_t kiv_configure_save() {
 }
 
 kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
-    return guarded([&]() -> kiv_result_t {
-        if (Process::inherited()) return KIV_ERR_NOT_OPENED;
-        if (message == nullptr) return null_argument();
-        kivLog_dispatch(level, kApiSource, kApplicationLine, message);
-        return KIV_OK;
-    });
+    if (Process::inherited()) return KIV_ERR_NOT_OPENED;
+    return message != nullptr && kiv::log::is_dropped(level) ? KIV_OK : print(level, message);
 }
 
 // ---- Discovery (the scan itself is in kiv_scan.cpp) -----------------------------------------------------

@@ -78,6 +78,14 @@ kiv_result_t open(const kiv_log_config_t* config, kiv_log_sink_t sink, Callback 
     return KIV_OK;
 }
 
+/// Apart from kivLog_print, which needs no stack for a line that is dropped.
+[[gnu::noinline]] kiv_result_t print(kiv_log_level_t level, const char* message) noexcept {
+    return guarded([&] {
+        kivLog_dispatch(level, nullptr, 0, "{}", message);
+        return KIV_OK;
+    });
+}
+
 }  // namespace
 
 kiv_result_t kivLog_open(const kiv_log_config_t* config, kiv_log_sink_t sink, kiv_log_callback_t callback,
@@ -110,10 +118,7 @@ kiv_result_t kivLog_close() {
 }
 
 kiv_result_t kivLog_print(kiv_log_level_t level, const char* message) {
-    return guarded([&] {
-        if (message != nullptr) kivLog_dispatch(level, nullptr, 0, "{}", message);
-        return KIV_OK;
-    });
+    return message == nullptr || kiv::log::is_dropped(level) ? KIV_OK : print(level, message);
 }
 
 kiv_log_sink_t kivLog_get_type() {

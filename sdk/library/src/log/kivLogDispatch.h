@@ -16,6 +16,10 @@ namespace kiv::log {
 extern std::atomic<kiv_log_level_t> g_threshold;
 extern std::atomic<kiv_log_sink_t> g_sink;
 
+inline bool is_dropped(kiv_log_level_t level) {
+    return level == KIV_LOG_LEVEL_NONE || level > g_threshold.load(std::memory_order_relaxed);
+}
+
 /// Not for inlining: a line that is dropped needs none of its registers and none of its stack.
 template <typename... Args>
 [[gnu::noinline]] void write(kiv_log_level_t level, const char* file, int line, const char* format,
@@ -38,7 +42,7 @@ template <typename... Args>
 template <typename... Args>
 void kivLog_dispatch(kiv_log_level_t level, const char* file, int line, const char* format,
                      const Args&... args) {
-    if (level == KIV_LOG_LEVEL_NONE || level > kiv::log::g_threshold.load(std::memory_order_relaxed)) return;
+    if (kiv::log::is_dropped(level)) return;
     kiv::log::write(level, file, line, format, args...);
 }
 
