@@ -127,10 +127,11 @@ KIV_STANDS_BEFORE(Memory, ENOMEM, nullptr, void*, malloc, (std::size_t size) noe
 KIV_STANDS_BEFORE(Memory, ENOMEM, nullptr, void*, calloc, (std::size_t count, std::size_t size) noexcept, (count, size))
 KIV_STANDS_BEFORE(Memory, ENOMEM, nullptr, void*, realloc, (void* old, std::size_t size) noexcept, (old, size))
 KIV_STANDS_BEFORE(Memory, ENOMEM, MAP_FAILED, void*, mmap, (void* at, std::size_t size, int rights, int flags, int file, off_t offset) noexcept, (at, size, rights, flags, file, offset))
+// And one asks by way of a pipe whether memory can be read: without the pipe it reports an object there as invalid.
+KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, pipe, (int ends[2]) noexcept, (ends))
 #endif
 KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, socket, (int domain, int type, int protocol) noexcept, (domain, type, protocol))
 KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, socketpair, (int domain, int type, int protocol, int ends[2]) noexcept, (domain, type, protocol, ends))
-KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, pipe, (int ends[2]) noexcept, (ends))
 KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, pipe2, (int ends[2], int flags) noexcept, (ends, flags))
 KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, eventfd, (unsigned value, int flags) noexcept, (value, flags))
 KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, memfd_create, (const char* name, unsigned flags) noexcept, (name, flags))
