@@ -295,7 +295,7 @@ void measure_queries(Report& report, unsigned count) {
 /// On one core: where the system lets client and server run changes a round trip by more than all that the
 /// library does.
 void measure_scans(Report& report) {
-    const kivbench::OneCore one_core;
+    const auto one_core = kivbench::stay_on_one_core();
     const kivbench::SimulatorProcess one(1), some(8), more(64), most(250);
     measure_usage(report, one, most, 250);
     one.choose();

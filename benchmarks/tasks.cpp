@@ -147,7 +147,7 @@ void compare(Report& report, const char* name, const Times& ours, const Times& f
 /// for threads of one program by more than all the rest, and costs ten times as much on a virtual machine.
 void measure_hand_over(Report& report) {
     constexpr const char* kName = "hand-over to a worker and back";
-    const kivbench::OneCore one_core;
+    const auto one_core = kivbench::stay_on_one_core();
     PeriodicThreadPool pool(kWorkers);
     Bare bare;
     std::vector<Work> works{hand_over([&pool](auto task) { pool.post(std::move(task)); }),

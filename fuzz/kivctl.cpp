@@ -119,8 +119,9 @@ std::string path_in_its_place() {
 }
 
 /// The doctor keeps what it finds until the process ends: a thread of it may hang in a driver for ever.
-extern "C" const char* __lsan_default_suppressions();  // NOLINT(bugprone-reserved-identifier,cert-dcl51-cpp)
-const char* __lsan_default_suppressions() {            // NOLINT(bugprone-reserved-identifier,cert-dcl51-cpp)
+// Not hidden: the leak checker may be a library of its own.
+extern "C" [[gnu::visibility("default")]] const char* __lsan_default_suppressions();
+const char* __lsan_default_suppressions() {
     return "leak:tools/kivctl/doctor";
 }
 

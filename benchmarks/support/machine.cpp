@@ -42,23 +42,21 @@ Usage usage() {
     return {of_status("VmRSS:"), of_status("Threads:")};
 }
 
+std::shared_ptr<void> stay_on_one_core() {
 #ifdef __linux__
-OneCore::OneCore() {
-    sched_getaffinity(0, sizeof before_, &before_);
+    cpu_set_t before{};
+    sched_getaffinity(0, sizeof before, &before);
     int core = 0;
-    while (CPU_ISSET(core, &before_) == 0)
+    while (CPU_ISSET(core, &before) == 0)
         ++core;
     cpu_set_t one{};
     CPU_SET(core, &one);
     sched_setaffinity(0, sizeof one, &one);
-}
-OneCore::~OneCore() {
-    sched_setaffinity(0, sizeof before_, &before_);
-}
+    return {nullptr, [before](void*) { sched_setaffinity(0, sizeof before, &before); }};
 #else
-OneCore::OneCore() = default;
-OneCore::~OneCore() = default;
+    return nullptr;
 #endif
+}
 
 std::map<std::string, std::string> machine() {
     utsname system{};

@@ -2,9 +2,8 @@
 #ifndef KIV_BENCHMARKS_MACHINE_H
 #define KIV_BENCHMARKS_MACHINE_H
 
-#include <sched.h>
-
 #include <map>
+#include <memory>
 #include <string>
 
 namespace kivbench {
@@ -19,20 +18,9 @@ struct Usage {
 };
 Usage usage();
 
-/// Binds the calling thread, and those that it starts, to the first core; the calling thread until this
-/// object's end. Nothing where the system has no such thing.
-class OneCore {
-  public:
-    OneCore();
-    ~OneCore();
-    OneCore(const OneCore&) = delete;
-    OneCore& operator=(const OneCore&) = delete;
-
-#ifdef __linux__
-  private:
-    cpu_set_t before_{};
-#endif
-};
+/// Binds the calling thread, and those that it starts, to one core, until what it gives is gone; then the
+/// calling thread runs where it did before. Nothing where the system has no such thing.
+std::shared_ptr<void> stay_on_one_core();
 
 }  // namespace kivbench
 

@@ -34,10 +34,11 @@ std::string hwmon_report(Json& sensors) {
     return temperatures + power;
 }
 
-/// How many characters the indentation adds to a text: of many levels it can be a hundred times the rest.
+/// How many characters the indentation adds to a text, at the elements and at the closing brackets: of many
+/// levels it can be a hundred times the rest.
 std::size_t indentation(const Json& json, std::size_t levels = 0) {
-    if (!json.is_structured()) return 0;
-    std::size_t characters = 0;
+    if (!json.is_structured() || json.empty()) return 0;
+    std::size_t characters = kIndentation * levels;
     for (const Json& each : json)
         characters += kIndentation * (levels + 1) + indentation(each, levels + 1);
     return characters;

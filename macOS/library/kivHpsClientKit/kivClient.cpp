@@ -75,7 +75,7 @@ class Options {
 /// The body of a response, as it comes in.
 struct Received {
     CURL* handle;
-    std::size_t most;  ///< Bytes; no more than of other answers when the server refuses.
+    std::size_t most;  ///< Bytes. `begin` lowers it when the status is no success.
     std::string body = {};
 };
 

@@ -161,10 +161,10 @@ KIV_API kiv_result_t kiv_scan_internal(kiv_scan_internal_t* scan);
 /*
  * As kiv_scan_internal, but a card that cannot be opened hides no other: `scan` lists every card with a
  * result of its own, by ascending id. Calls work for the cards whose result is KIV_OK. The others have
- * KIV_ERR_FAILED, when the driver fails or a card tells an address that is none, or KIV_ERR_REST, when the
- * management server does not answer, refuses, or answers what cannot be read; calls for them fail, but for
- * those that ask the driver alone. The cards are opened at the same time: a server that hangs delays this
- * call by its own 7 seconds, however many do.
+ * KIV_ERR_FAILED (the driver fails; the management server's answer has wrong types, or an address that is
+ * none) or KIV_ERR_REST (the server cannot be reached, or refuses; its answer is no JSON, or names no
+ * interfaces). Calls for them fail, but for those that ask the driver alone. The cards are opened at the
+ * same time: a server that hangs delays this call by its own 7 seconds, however many do.
  *
  * `limit_ms`, when it is not 0, is how long the opening may take: a card that has not answered then has
  * KIV_ERR_BUSY, and calls for it may wait as this one would have. Until its driver answers, the next scan and

@@ -70,7 +70,7 @@ class Process {
     std::atomic<bool> ended_{false};  ///< The exit handler has begun. Set before it wakes who waits.
 
     /// Of the class, as nothing has to be built before a fork may look at them. To ask for the process's
-    /// number instead costs every call ten times a line that is dropped.
+    /// number instead is a system call in every call.
     static std::atomic<bool> claimed_;    ///< The process has looked for cards.
     static std::atomic<bool> inherited_;  ///< Set in the child, by the fork itself.
 };

@@ -1,8 +1,10 @@
 #include "base/jsonSyntax.h"
 
 #include <array>
+#include <cstddef>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include <kiv/kiv_json.h>
 
@@ -33,28 +35,29 @@ class Reader {
         for (;;) {
             const char first = skip_space();
             if (first == '{' || first == '[') {
-                const char last = first == '{' ? '}' : ']';
-                open_ += last;
+                open_.push_back(first == '{');
                 ++at_;
-                if (skip_space() != last) {
+                if (skip_space() != closing()) {
                     if (first == '{' && !read_key()) return false;
                     continue;
                 }
             } else if (!read_simple(first)) {
                 return false;
             }
-            while (!open_.empty() && skip_space() == open_.back()) {
+            while (!open_.empty() && skip_space() == closing()) {
                 open_.pop_back();
                 ++at_;
             }
             if (open_.empty()) return skip_space() == '\0';
             if (*at_ != ',') return false;
             ++at_;
-            if (open_.back() == '}' && !read_key()) return false;
+            if (open_.back() && !read_key()) return false;
         }
     }
 
   private:
+    char closing() const { return open_.back() ? '}' : ']'; }
+
     char skip_space() {
         while (*at_ == ' ' || *at_ == '\n' || *at_ == '\r' || *at_ == '\t')
             ++at_;
@@ -128,7 +131,7 @@ class Reader {
     }
 
     const char* at_;
-    std::string open_;  ///< The brackets that are still to come, the next one last.
+    std::vector<bool> open_;  ///< What is open, the innermost last: an object, or else an array.
 };
 
 }  // namespace
