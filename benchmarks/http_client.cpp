@@ -248,7 +248,8 @@ double peak_of(const std::function<void()>& work) {
 
 void measure_files(Report& report, const Server& server, const Directory& directory) {
     HttpClient client(server.url());
-    for (const auto& [size, all] : {std::pair<std::size_t, std::string>(64, "/64"), {256, "/256"}}) {
+    for (const std::size_t size : {64, 256}) {
+        const std::string all = "/" + std::to_string(size);
         const std::string path = directory.firmware(size);
         const auto upload = [&] { require_success(client.upload("/small", path)); };
         const auto download = [&] { require_success(client.download(all, directory.downloaded())); };

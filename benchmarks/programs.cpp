@@ -31,6 +31,7 @@ class Running {
   public:
     Running(std::vector<std::string> words, bool read_output) {
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string& word : words)
             arguments.push_back(word.data());
         arguments.push_back(nullptr);
