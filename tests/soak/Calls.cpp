@@ -13,10 +13,18 @@
 #include <stdexcept>
 #include <thread>
 
-std::atomic<long> g_events{0}, g_messages{0};
 std::string g_image;
 
 namespace {
+
+constexpr kiv_result_t kOk = KIV_OK, kNone = KIV_ERR_NOT_OPENED, kGone = KIV_ERR_NO_DEVICE,
+                       kFailed = KIV_ERR_FAILED, kRest = KIV_ERR_REST;
+
+/// A result of what is no call of the C interface: it threw, which its documentation allows.
+constexpr kiv_result_t kThrew = 1;
+
+std::mutex g_counting;
+std::map<std::string, long> g_counts;  ///< Under the mutex.
 
 /// What a callback's user pointer points at.
 struct Registration {
@@ -28,17 +36,14 @@ struct Registration {
 std::mutex g_registering;
 std::deque<Registration> g_registrations;
 
-void end_registrations(uint8_t id) {  // 0: of all cards.
-    for (Registration& registration : g_registrations)
-        if (id == 0 || registration.id == id) registration.ended = true;
-}
-
 void on_event(uint8_t id, kiv_event_type_t type, const void* data, void* user) {
     const auto& registration = *static_cast<const Registration*>(user);
     EXPECT_FALSE(registration.ended) << "called after its removal";
     EXPECT_EQ(id, registration.id);
     EXPECT_TRUE(type <= KIV_EVENT_PTP && data != nullptr);
-    if (++g_events % 8 != 0) return;
+    count("events");
+    static std::atomic<long> calls{0};
+    if (++calls % 8 != 0) return;
     kiv_scan_t scan{};
     kiv_card_status_t status{};
     EXPECT_EQ(kiv_scan(&scan), KIV_ERR_FAILED);
@@ -91,15 +96,17 @@ kiv_result_t unregister_callback(uint8_t id, Random&) {
     const std::unique_lock lock(g_registering, std::try_to_lock);
     if (!lock.owns_lock()) return KIV_OK;
     const kiv_result_t result = kiv_unregister_callback_func(id);
-    if (result == KIV_OK) end_registrations(id);
+    for (Registration& registration : g_registrations)
+        if (result == KIV_OK && registration.id == id) registration.ended = true;
     return result;
 }
 
-kiv_event_type_t any_event(Random& random) {
-    return static_cast<kiv_event_type_t>(below(3, random));
+template <auto entry_point>
+kiv_result_t any_event(uint8_t id, Random& random) {
+    return entry_point(id, static_cast<kiv_event_type_t>(below(3, random)));
 }
 
-/// A client of the program's own: buffers, a BAR, messages of interrupts.
+/// Buffers, a BAR, messages of interrupts.
 kiv_result_t use_driver(uint8_t, Random& random) {
     const kivDriverClientList clients = kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME);
     if (clients.empty()) return KIV_OK;
@@ -107,7 +114,7 @@ kiv_result_t use_driver(uint8_t, Random& random) {
     std::atomic<bool> closed{false};
     client.set_callback([&closed](const InterruptEvent&) {
         EXPECT_FALSE(closed) << "a message after the close";
-        ++g_messages;
+        count("interrupt messages");
     });
     // Seldom with interrupts: each time leaves a notification port behind, for good, because the driver may
     // hold its name.
@@ -130,7 +137,7 @@ kiv_result_t use_driver(uint8_t, Random& random) {
     return static_cast<kiv_result_t>(result);
 }
 
-/// A client of the program's own, with its threads.
+/// With its threads.
 kiv_result_t use_server(uint8_t id, Random&) try {
     uint32_t tunnel = 0, port = 0;
     for (const auto& client : kivDriverClient::enumerateDevices(KIV_DRIVER_SERVICE_NAME)) {
@@ -156,7 +163,8 @@ template <typename End>
 kiv_result_t ending(End end) {
     const std::lock_guard lock(g_registering);
     const kiv_result_t result = end();
-    end_registrations(0);
+    for (Registration& registration : g_registrations)
+        registration.ended = true;
     return result;
 }
 
@@ -176,10 +184,9 @@ kiv_result_t scan_each(uint8_t id, Random& random) {
         const uint8_t* const only = below(3, random) == 0 ? &id : nullptr;
         const kiv_result_t result = kiv_scan_each(only, below(2, random) * 300, &record);
         for (uint32_t i = 0; i < record.count; ++i) {
-            const kiv_result_t of_card = record.cards[i].result;
-            EXPECT_TRUE(of_card == KIV_OK || of_card == KIV_ERR_FAILED || of_card == KIV_ERR_REST ||
-                        of_card == KIV_ERR_BUSY)
-                << of_card;
+            const kiv_result_t codes[] = {kOk, kFailed, kRest, KIV_ERR_BUSY};
+            EXPECT_NE(std::count(codes, std::end(codes), record.cards[i].result), 0)
+                << record.cards[i].result;
         }
         return result;
     });
@@ -191,9 +198,6 @@ kiv_result_t open_library(uint8_t, Random&) try {
 } catch (const std::runtime_error&) {
     return kThrew;  // The configuration is another test's at the moment.
 }
-
-constexpr kiv_result_t kOk = KIV_OK, kNone = KIV_ERR_NOT_OPENED, kGone = KIV_ERR_NO_DEVICE,
-                       kFailed = KIV_ERR_FAILED, kRest = KIV_ERR_REST;
 
 // clang-format off
 Call g_calls[] = {
@@ -214,8 +218,8 @@ Call g_calls[] = {
     {"write flash",      4, write_flash,                                               {kOk, kNone, kGone, kFailed, kRest, KIV_ERR_BUSY}},
     {"register",        20, register_callback,                                         {kOk, kNone, kGone}},
     {"unregister",      10, unregister_callback,                                       {kOk, kNone, kGone}},
-    {"enable event",    30, [](uint8_t id, Random& r) { return kiv_enable_event(id, any_event(r)); },   {kOk, kNone, kGone}},
-    {"disable event",   10, [](uint8_t id, Random& r) { return kiv_disable_event(id, any_event(r)); },  {kOk, kNone, kGone}},
+    {"enable event",    30, any_event<kiv_enable_event>,                               {kOk, kNone, kGone}},
+    {"disable event",   10, any_event<kiv_disable_event>,                              {kOk, kNone, kGone}},
     {"selected card",   10, [](uint8_t, Random&) { uint8_t id = 0; return kiv_get_id_selected_ptp_card(&id); }, {kFailed}},
     {"unknown card",    10, [](uint8_t, Random& r) { return query<kiv_get_card_info, kiv_card_info_t>(200, r); }, {kNone, kGone}},
     {"log line",        10, [](uint8_t, Random&) { return kiv_log_print(KIV_LOG_LEVEL_DEBUG, "soak"); }, {kOk}},
@@ -231,29 +235,21 @@ Call g_life_cycle[] = {
 };
 // clang-format on
 
-template <std::size_t size>
-std::vector<Call*> all(Call (&rows)[size]) {
-    std::vector<Call*> found;
-    for (Call& row : rows)
-        found.push_back(&row);
-    return found;
-}
-
 }  // namespace
 
-std::vector<Call*> calls() {
-    return all(g_calls);
+std::span<Call> calls() {
+    return g_calls;
 }
 
-std::vector<Call*> life_cycle() {
-    return all(g_life_cycle);
+std::span<Call> life_cycle() {
+    return g_life_cycle;
 }
 
-void make_one(const std::vector<Call*>& from, Random& random) {
+void make_one(std::span<Call> from, Random& random) {
     std::vector<unsigned> weights;
-    for (const Call* call : from)
-        weights.push_back(call->weight);
-    Call& call = *from[std::discrete_distribution<std::size_t>(weights.begin(), weights.end())(random)];
+    for (const Call& call : from)
+        weights.push_back(call.weight);
+    Call& call = from[std::discrete_distribution<std::size_t>(weights.begin(), weights.end())(random)];
     const kiv_result_t result = call.make(static_cast<uint8_t>(1 + below(kCards, random)), random);
     ++call.made;
     if (result == KIV_OK) ++call.good;
@@ -261,6 +257,16 @@ void make_one(const std::vector<Call*>& from, Random& random) {
     EXPECT_TRUE(of_driver || std::count(call.codes.begin(), call.codes.end(), result) != 0)
         << call.name << " gave " << std::hex << result;
     if (result != KIV_OK) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+}
+
+void count(const std::string& kind) {
+    const std::lock_guard lock(g_counting);
+    ++g_counts[kind];
+}
+
+std::map<std::string, long> counts() {
+    const std::lock_guard lock(g_counting);
+    return g_counts;
 }
 
 void forget_registrations() {

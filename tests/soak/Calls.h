@@ -5,7 +5,9 @@
 #include <kiv/kiv_api.h>
 
 #include <atomic>
+#include <map>
 #include <random>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -18,9 +20,6 @@ inline unsigned below(unsigned count, Random& random) {
 
 constexpr uint8_t kCards = 4;  ///< Their ids are 1 to 4.
 
-/// A result of what is no call of the C interface: it threw, which its documentation allows.
-constexpr kiv_result_t kThrew = 1;
-
 struct Call {
     const char* name;
     unsigned weight;  ///< How often it is chosen, in comparison with the others.
@@ -32,16 +31,17 @@ struct Call {
 };
 
 /// Of one card, from several threads at once.
-std::vector<Call*> calls();
+std::span<Call> calls();
 
 /// Those that the rules want alone, for one thread: scans, closes, opens.
-std::vector<Call*> life_cycle();
+std::span<Call> life_cycle();
 
 /// Chooses by weight, makes the call, and fails the test when the code is none of its own.
-void make_one(const std::vector<Call*>& from, Random& random);
+void make_one(std::span<Call> from, Random& random);
 
-/// Calls back of all cards so far.
-extern std::atomic<long> g_events, g_messages;
+/// Counts what else happens.
+void count(const std::string& kind);
+std::map<std::string, long> counts();
 
 /// Forgets the registrations that a close has ended.
 void forget_registrations();
