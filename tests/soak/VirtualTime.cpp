@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
-#include <semaphore.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include <limits>
 #include <list>
 #include <map>
+#include <semaphore>
 #include <utility>
 
 namespace {
@@ -19,13 +19,9 @@ namespace {
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
 struct Participant {
-    explicit Participant(void* (*its_body)(void*) = nullptr, void* its_argument = nullptr)
-        : body(its_body), argument(its_argument) {
-        sem_init(&turn, 0, 0);
-    }
-    void* (*const body)(void*);
-    void* const argument;
-    sem_t turn;
+    void* (*body)(void*) = nullptr;
+    void* argument = nullptr;
+    std::binary_semaphore turn{0};
     const void* waits_for = nullptr;
     int64_t alarm = kNever;
     bool timed_out = false, ended = false;
@@ -72,18 +68,14 @@ void wake_by_alarm() {
     }
 }
 
-void take_turn() {
-    while (sem_wait(&t_self->turn) != 0) {
-    }
-}
-
-/// Gives the turn to the next one. True when that is the caller.
-bool hand_over() {
+/// Gives the turn to the next one, and waits for its own.
+void give_way() {
     if (g_world->ready.empty()) wake_by_alarm();
     Participant* const next = g_world->ready.front();
     g_world->ready.pop_front();
-    if (next != t_self) sem_post(&next->turn);
-    return next == t_self;
+    if (next == t_self) return;
+    next->turn.release();
+    if (!t_self->ended) t_self->turn.acquire();
 }
 
 /// Until somebody wakes the caller: 0, or until the alarm: ETIMEDOUT.
@@ -91,7 +83,7 @@ int wait_for(const void* what, int64_t alarm) {
     t_self->waits_for = what;
     t_self->alarm = alarm;
     g_world->waiting.push_back(t_self);
-    if (!hand_over()) take_turn();
+    give_way();
     return t_self->timed_out ? ETIMEDOUT : 0;
 }
 
@@ -110,17 +102,17 @@ int wake_all(const void* what) {
 
 void* run(void* participant) {
     t_self = static_cast<Participant*>(participant);
-    take_turn();
+    t_self->turn.acquire();
     void* const result = t_self->body(t_self->argument);
     t_self->ended = true;
     wake_first(t_self);
-    hand_over();
+    give_way();
     return result;
 }
 
 int create(decltype(&pthread_create) real, pthread_t* thread, const pthread_attr_t* attributes,
            void* (*body)(void*), void* argument) {
-    auto* const fresh = new Participant(body, argument);
+    auto* const fresh = new Participant{body, argument};
     if (real(thread, attributes, run, fresh) != 0) std::abort();
     g_world->started[*thread] = fresh;
     g_world->ready.push_back(fresh);
@@ -139,7 +131,7 @@ int join(decltype(&pthread_join) real, pthread_t thread, void** result) {
 }  // namespace
 
 VirtualTime::VirtualTime(std::chrono::nanoseconds start) {
-    t_self = new Participant;
+    t_self = new Participant{};
     g_world = new World{start.count()};
 }
 
@@ -153,7 +145,7 @@ void VirtualTime::pass(std::chrono::nanoseconds length) {
     // Those that the same moment has woken run first.
     while (!g_world->ready.empty()) {
         g_world->ready.push_back(t_self);
-        if (!hand_over()) take_turn();
+        give_way();
     }
 }
 

@@ -57,9 +57,9 @@ void check_calm(Machine& machine) {
     ASSERT_EQ(kiv_scan(&scan), KIV_OK);
     ASSERT_EQ(scan.count, kCards);
     Random random(0);
-    for (const Call& call : calls())
-        for (uint8_t id = 1; call.query && id <= kCards; ++id)
-            EXPECT_EQ(call.make(id, random), KIV_OK) << call.name << " of card " << unsigned{id};
+    for (const Call& call : g_calls)
+        for (uint8_t id = 1; call.kind == kQuery && id <= kCards; ++id)
+            EXPECT_EQ(call.make(id, random), KIV_OK) << call.name << " of card " << +id;
     static std::atomic<long> events;
     events = 0;
     const kiv_event_callback_t count = [](auto...) { ++events; };
@@ -88,9 +88,9 @@ void sample(double minutes) {
 void live(Machine& machine, std::chrono::milliseconds length, unsigned seed) {
     kiv_scan_t scan{};
     kiv_scan(&scan);
-    std::vector<std::function<void(Random&)>> bodies(7, [](Random& random) { make_one(calls(), random); });
+    std::vector<std::function<void(Random&)>> bodies(7, [](Random& random) { make_one(false, random); });
     bodies.emplace_back([](Random& random) {
-        make_one(life_cycle(), random);
+        make_one(true, random);
         kiv_net_status_t status{};  // Cards that answer are left alone for a while.
         if (kiv_get_net_status(1, &status) == KIV_OK) pause_ms(below(4000, random));
     });
@@ -111,15 +111,13 @@ void live(Machine& machine, std::chrono::milliseconds length, unsigned seed) {
 void print_table() {
     long made = 0, good = 0;
     std::cout << std::left;
-    for (const auto list : {calls(), life_cycle()}) {
-        for (const Call& call : list) {
-            std::cout << std::setw(24) << call.name << call.made << ", good " << call.good << '\n';
-            made += call.made;
-            good += call.good;
-        }
+    for (const Call& call : g_calls) {
+        std::cout << std::setw(24) << call.name << call.made << ", good " << call.good << '\n';
+        made += call.made;
+        good += call.good;
     }
     std::cout << std::setw(24) << "calls in all" << made << ", good " << good << "\n\n";
-    for (const auto& [kind, number] : counts())
+    for (const auto& [kind, number] : g_counts)
         std::cout << std::setw(24) << kind << number << '\n';
     std::cout << '\n';
     for (const Figure& figure : g_figures)
