@@ -2,6 +2,8 @@
 #ifndef KIV_TEST_TORTURE_SCENARIOS_H
 #define KIV_TEST_TORTURE_SCENARIOS_H
 
+#include <gtest/gtest.h>
+
 #include <exception>
 #include <ostream>
 #include <string>
@@ -26,33 +28,23 @@ class Calls {
     /// Whether what happens by itself may be waited for.
     bool may_wait() const { return all_well_ || !for_good_; }
 
-    /// A call that gives a code, `good` when all is well.
+    /// A call that gives a code, `good` when all is well. `may_throw`: its contract names an exception, too.
     template <typename Body>
     bool code(const char* name, Body body, long good = 0, bool may_throw = false) {
         try {
-            const Counted counted;
-            const auto result = static_cast<long>(body());
-            if (result == good) return true;
-            if (all_well_) complain(name, "gives " + std::to_string(result));
+            const auto result = [&] {
+                const Counted counted;
+                return static_cast<long>(body());
+            }();
+            EXPECT_TRUE(!all_well_ || result == good) << name << " gives " << result;
+            return result == good;
         } catch (const std::exception&) {
-            if (all_well_ || !may_throw) complain(name, "throws");
+            EXPECT_TRUE(!all_well_ && may_throw) << name << " throws";
         } catch (...) {
-            complain(name, "throws what it should not");
+            ADD_FAILURE() << name << " throws what it should not";
         }
         return false;
     }
-
-    /// One that may throw, too: its contract says so.
-    template <typename Body>
-    bool code_or_exception(const char* name, Body body, long good = 0) {
-        return code(name, body, good, true);
-    }
-
-    void complain(const std::string& name, const std::string& what) {
-        complaints += name + " " + what + "\n";
-    }
-
-    std::string complaints;
 
   private:
     const bool all_well_, for_good_;

@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -30,13 +30,6 @@
 
 namespace {
 
-struct Point {
-    const Scenario* scenario;
-    Resource resource;
-    long nth;  ///< 0: nothing is refused.
-    bool for_good;
-};
-
 using Numbers = std::array<long, 3>;
 
 /// Descriptors, threads, memory that is shared with others.
@@ -52,13 +45,17 @@ bool is_within(const Numbers& now, const Numbers& most) {
     return now[0] <= most[0] && now[1] <= most[1] && now[2] <= most[2];
 }
 
-/// How a run ended, and what it has written.
-struct Run {
-    Point point;
-    Numbers counts;  ///< Of requests.
-    Numbers left;    ///< In the end, more than in the beginning.
-    int status;      ///< As waitpid() has it.
-    std::string text;
+struct Trial {
+    const Scenario* scenario;
+    Numbers most;  ///< What may be left in the end, more than in the beginning.
+    Resource resource{};
+    long nth = 0;  ///< 0: nothing is refused.
+    bool for_good = false;
+
+    // How it ended.
+    Numbers counts{}, left{};  ///< Requests of each resource; what was left.
+    int status = 0;            ///< As waitpid() has it.
+    std::string text{};        ///< What it has written.
 
     /// The first line that begins so, without that.
     std::string line(const std::string& begin) const {
@@ -86,57 +83,53 @@ class Slot {
 
     bool is_free() const { return pid_ < 0; }
 
-    /// `most`: what may be left in the end.
-    void start(const Point& point, const Numbers& most) {
+    void start(const Trial& trial) {
         kivos::Descriptor end;
         if (!kivos::pipe_pair(report_, end)) throw std::runtime_error("no pipe");
-        run_ = {point, {}, {}, 0, ""};
+        trial_ = trial;
         std::cout.flush();
         pid_ = fork();
-        if (pid_ == 0) run(end.get(), most);
+        if (pid_ == 0) live(end.get());
     }
 
-    Run finish() {
+    Trial finish() {
         char block[4096];
         for (ssize_t size = 0; (size = read(report_.get(), block, sizeof block)) > 0;)
-            run_.text.append(block, static_cast<std::size_t>(size));
-        waitpid(std::exchange(pid_, -1), &run_.status, 0);
-        std::istringstream numbers(run_.line("counted, and left:"));
-        for (Numbers* const of : {&run_.counts, &run_.left})
+            trial_.text.append(block, static_cast<std::size_t>(size));
+        waitpid(std::exchange(pid_, -1), &trial_.status, 0);
+        std::istringstream numbers(trial_.line("counted, and left:"));
+        for (Numbers* const of : {&trial_.counts, &trial_.left})
             numbers >> of->at(0) >> of->at(1) >> of->at(2);
-        return run_;
+        return trial_;
     }
 
   private:
     /// In a process of its own, which ends with status 0 when all is as it should be.
-    [[noreturn]] void run(int report, const Numbers& most) {
+    [[noreturn]] void live(int report) {
         const Uncounted own;
-        alarm(30);                    // The end of one that hangs.
-        dup2(report, STDERR_FILENO);  // Where sanitizers tell what they find.
-        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+        alarm(30);  // The end of one that hangs.
+        for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
+            dup2(report, stream);  // For what tests and sanitizers tell.
+        setvbuf(stdout, nullptr, _IOLBF, 0);
         setenv("KIVSIM_SOCKET", (directory_ / "socket").c_str(), 1);
         g_configuration = directory_ / "configuration";
         write_file(g_configuration, ConfigurationFile::sample());
 
-        const Point& point = run_.point;
         const Numbers before = held_beyond({});
-        Calls meanwhile(point.nth == 0, point.for_good), afterwards(true);
-        begin_to_count(point.resource, point.nth, point.for_good, report);
-        point.scenario->run(meanwhile, place_);
+        Calls meanwhile(trial_.nth == 0, trial_.for_good), afterwards(true);
+        begin_to_count(trial_.resource, trial_.nth, trial_.for_good, report);
+        trial_.scenario->run(meanwhile, place_);
         end_to_count();
-        point.scenario->run(afterwards, place_);
-        const auto is_clean = [&] { return is_within(held_beyond(before), most); };
-        const bool clean = wait_until(is_clean, std::chrono::seconds(5));
-        std::ostringstream text;
-        text << "counted, and left:";
+        trial_.scenario->run(afterwards, place_);
+        const auto is_clean = [&] { return is_within(held_beyond(before), trial_.most); };
+        EXPECT_TRUE(wait_until(is_clean, std::chrono::seconds(5))) << "too much is left";
+        std::cout << "counted, and left:";
         for (const Resource resource : kResources)
-            text << ' ' << counted(resource);
+            std::cout << ' ' << counted(resource);
         for (const long count : held_beyond(before))
-            text << ' ' << count;
-        text << (clean ? "\n" : ", which is too much\n") << meanwhile.complaints;
-        if (!afterwards.complaints.empty()) text << "and then " << afterwards.complaints;
-        std::cerr << text.str();
-        exit(clean && meanwhile.complaints.empty() && afterwards.complaints.empty() ? 0 : 1);
+            std::cout << ' ' << count;
+        std::cout << std::endl;
+        exit(testing::Test::HasFailure() ? 1 : 0);
     }
 
     TemporaryDirectory directory_;
@@ -144,7 +137,7 @@ class Slot {
     std::optional<Program> simulator_;
     kivos::Descriptor report_;
     pid_t pid_ = -1;
-    Run run_{};
+    Trial trial_;
 };
 
 /// The functions of a library by their places, as nm tells them.
@@ -182,84 +175,75 @@ std::string owner_of(const std::string& stack) {
     return "the test";
 }
 
-class Torture {
-  public:
-    explicit Torture(bool whole) : whole_(whole), slots_(whole ? 8 : 4) {}
-
-    /// Refuses each request of a scenario, or a choice of them, in turn.
-    void run(const Scenario& scenario) {
+/// Refuses each request of a scenario, or a choice of them, in turn.
+class EachScenario : public testing::TestWithParam<Scenario> {
+  protected:
+    void refuse_each(Resource resource, const Trial& well) {
         constexpr long kFirst = 6, kRest = 10;  // Those that are chosen, of a resource.
-        slots_[0].start({&scenario, {}, 0, false}, {100, 100, 100});
-        const Run well = slots_[0].finish();
-        EXPECT_EQ(well.status, 0) << scenario.name << ":\n" << well.text;
-        for (const Resource resource : kResources) {
-            const long count = well.counts[static_cast<std::size_t>(resource)];
-            tally(resource).requests += count;
-            for (long nth = 1; nth <= count;
-                 nth += whole_ || count < 20 || nth < kFirst ? 1 : count / kRest + 1) {
-                for (const bool for_good : {false, true}) {
-                    Slot& slot = slots_[next_++ % slots_.size()];
-                    if (!slot.is_free()) judge(slot.finish());
-                    slot.start({&scenario, resource, nth, for_good}, well.left);
-                }
+        const long count = well.counts[static_cast<std::size_t>(resource)];
+        const auto step = [&](long nth) {
+            return whole_ || count < 20 || nth < kFirst ? 1 : count / kRest + 1;
+        };
+        tally(resource).requests += count;
+        for (long nth = 1; nth <= count; nth += step(nth)) {
+            for (const bool for_good : {false, true}) {
+                Slot& slot = slots_[next_++ % slots_.size()];
+                if (!slot.is_free()) judge(slot.finish());
+                slot.start({well.scenario, well.left, resource, nth, for_good});
             }
         }
-        for (Slot& slot : slots_)
-            if (!slot.is_free()) judge(slot.finish());
     }
 
-    void tell() {
-        for (const Tally& of : tallies_)
-            std::cout << of.name << ": " << of.requests << " requests, " << of.runs << " runs, " << of.passed
-                      << " passed, " << of.ended_by_json << " ended by " << kJson << '\n';
-        std::cout << "places that asked:";
-        for (const auto& [owner, places] : places_)
-            std::cout << ' ' << owner << ' ' << places.size();
-        std::cout << std::endl;
+    /// Our own code may not end the process; the JSON library's values ask for memory when they are
+    /// destroyed, and we can do nothing about it.
+    void judge(const Trial& trial) {
+        const std::string who = trial.line("refused"), terminated = trial.line("terminated");
+        if (who.empty() && trial.status == 0) return;  // This time fewer were made.
+        Tally& of = tally(trial.resource);
+        const bool by_json = !terminated.empty() && owner_of(terminated) == kJson;
+        ++of.runs;
+        of.ended_by_json += by_json ? 1 : 0;
+        of.passed += trial.status == 0 ? 1 : 0;
+        places_[owner_of(who)].insert(who);
+        if (trial.status == 0 || by_json) return;
+        failures_ << of.name << ' ' << trial.nth << (trial.for_good ? " and on" : "") << ", asked for by "
+                  << owner_of(who) << ", ends with " << trial.status << ":\n"
+                  << trial.text;
     }
 
-  private:
     struct Tally {
         const char* name;
         long requests = 0, runs = 0, passed = 0, ended_by_json = 0;
     };
     Tally& tally(Resource resource) { return tallies_[static_cast<std::size_t>(resource)]; }
 
-    /// Our own code may not end the process; the JSON library's values ask for memory when they are
-    /// destroyed, and we can do nothing about it.
-    void judge(const Run& run) {
-        const std::string who = run.line("refused"), terminated = run.line("terminated");
-        if (who.empty() && run.status == 0) return;  // This time fewer were made.
-        Tally& of = tally(run.point.resource);
-        const bool by_json = !terminated.empty() && owner_of(terminated) == kJson;
-        ++of.runs;
-        of.ended_by_json += by_json ? 1 : 0;
-        of.passed += run.status == 0 ? 1 : 0;
-        places_[owner_of(who)].insert(who);
-        EXPECT_TRUE(run.status == 0 || by_json)
-            << run.point.scenario->name << ", " << of.name << ' ' << run.point.nth
-            << (run.point.for_good ? " and on" : "") << ", asked for by " << owner_of(who) << ", ends with "
-            << (WIFSIGNALED(run.status) ? strsignal(WTERMSIG(run.status))
-                                        : std::to_string(WEXITSTATUS(run.status)))
-            << ":\n"
-            << run.text;
-    }
-
-    const bool whole_;
-    std::vector<Slot> slots_;
+    const bool whole_ = std::getenv("KIV_TORTURE_WHOLE") != nullptr;
+    std::vector<Slot> slots_{whole_ ? 8u : 4u};
     std::size_t next_ = 0;
     Tally tallies_[std::size(kResources)] = {{"memory"}, {"descriptors"}, {"threads"}};
     std::map<std::string, std::set<std::string>> places_;  ///< By owner.
+    std::ostringstream failures_;  ///< Told in the end: trials inherit what this process has failed in.
 };
-
-struct EachScenario : testing::TestWithParam<Scenario> {};
 
 }  // namespace
 
 TEST_P(EachScenario, EndsInACodeOrAnExceptionAndAllIsWellAfterwards) {
-    Torture torture(std::getenv("KIV_TORTURE_WHOLE") != nullptr);
-    torture.run(GetParam());
-    torture.tell();
+    slots_[0].start({&GetParam(), {100, 100, 100}});
+    const Trial well = slots_[0].finish();
+    ASSERT_EQ(well.status, 0) << well.text;
+    for (const Resource resource : kResources)
+        refuse_each(resource, well);
+    for (Slot& slot : slots_)
+        if (!slot.is_free()) judge(slot.finish());
+
+    for (const Tally& of : tallies_)
+        std::cout << of.name << ": " << of.requests << " requests, " << of.runs << " runs, " << of.passed
+                  << " passed, " << of.ended_by_json << " ended by " << kJson << '\n';
+    std::cout << "places that asked:";
+    for (const auto& [owner, places] : places_)
+        std::cout << ' ' << owner << ' ' << places.size();
+    std::cout << std::endl;
+    EXPECT_EQ(failures_.str(), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Torture, EachScenario, testing::ValuesIn(kScenarios),
