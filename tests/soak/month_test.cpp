@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "card/CardSettings.h"
 #include "kivHpsClientKit/LibcurlOptions.h"
 #include "kivHpsClientKit/ThreadManagerClientAlive.h"
 #include "kivHpsClientKit/ThreadManagerClientPolling.h"
@@ -25,16 +26,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using Time = std::chrono::nanoseconds;
-using kiv::device::Device;
 
-constexpr char kSensors[] = R"([
-    {"label": "FPGA FABRIC Digital Temperature #5", "input": 58, "max": 95, "critical": 100},
-    {"label": "Board Top Near FPGA Temperature",    "input": 47, "max": 75, "critical": 85},
-    {"label": "Board Bottom Near CVL Temperature",  "input": 45, "max": 75, "critical": 85},
-    {"label": "Board Rear Side Temperature",        "input": 39, "max": 70, "critical": 80},
-    {"label": "Board Front Side Temperature",       "input": 36, "max": 70, "critical": 80},
-    {"label": "QSFP1 Case Temperature",             "input": 41, "max": 70, "critical": 75},
-    {"label": "QSFP2 Case Temperature",             "input": 42, "max": 70, "critical": 75}])";
+const std::string g_sensors = kivsim::believable_card(1).hwmon;
 
 Time since_boot() {
     return std::chrono::steady_clock::now().time_since_epoch();
@@ -95,15 +88,13 @@ struct Factory : kiv::device::IDeviceFactory {
 };
 
 struct Enumerator : kiv::device::IDeviceEnumerator {
-    explicit Enumerator(int cards) : count(cards) {}
-    std::vector<kiv::device::DeviceInfo> enumerate() override {
-        std::vector<kiv::device::DeviceInfo> cards;
+    explicit Enumerator(int count) {
         for (int i = 0; i < count; ++i)
             cards.push_back({"fake", "", static_cast<uint8_t>(i), {{0, 0, 0}, {0, 0, 1}}, "127.0.0.1:1"});
-        return cards;
     }
+    std::vector<kiv::device::DeviceInfo> enumerate() override { return cards; }
     void* getDeviceAccessPtr(unsigned, unsigned) override { return nullptr; }
-    int count;
+    std::vector<kiv::device::DeviceInfo> cards;
 };
 
 void on_event(uint8_t, kiv_event_type_t type, const void*, void*) {
@@ -133,7 +124,7 @@ extern "C" CURLcode curl_easy_perform(CURL*) {
     void* const receiver = g_receiver;
     ++g_counts.requests;
     if (g_servers_hang) return std::this_thread::sleep_for(2s), CURLE_OPERATION_TIMEDOUT;
-    std::string body = g_url.ends_with("networks") ? R"({"interfaces": []})" : kSensors;
+    std::string body = g_url.ends_with("networks") ? R"({"interfaces": []})" : g_sensors;
     if (hours_passed() % 2 == 1 && body.find("58") != std::string::npos)
         body.replace(body.find("58"), 2, "95");
     return receive(body.data(), 1, body.size(), receiver) == body.size() ? CURLE_OK : CURLE_WRITE_ERROR;
@@ -148,25 +139,17 @@ CURLcode status_of_answer(CURL*, unsigned, long* status) {
 namespace {
 
 struct Plan {
-    Time start;  ///< Of the steady clock.
-    Time length;
+    Time start, length;  ///< Of the steady clock.
     int cards, watched;  ///< Of the latter all events are wanted.
     bool servers_hang = false;
 };
 
 Counts wanted(const Plan& plan) {
     const auto runs = [&](Time period) { return static_cast<uint64_t>(plan.length / period); };
-    const auto watched = static_cast<uint64_t>(plan.watched);
+    const auto cards = static_cast<uint64_t>(plan.cards), watched = static_cast<uint64_t>(plan.watched);
     const uint64_t changes = runs(1h) * watched, at_limit = runs(1h) / 2 * 60 * watched;
-    return {runs(1s) * static_cast<uint64_t>(plan.cards),
-            runs(1min) * watched,
-            changes,
-            changes,
-            at_limit,
-            runs(2050ms) + 1,
-            runs(1min) + 1,
-            1s,
-            1s};
+    const uint64_t refreshes = runs(2050ms) + 1, readings = runs(1min) + 1;
+    return {runs(1s) * cards, runs(1min) * watched, changes, changes, at_limit, refreshes, readings, 1s, 1s};
 }
 
 void PrintTo(const Counts& counts, std::ostream* out) {

@@ -20,13 +20,9 @@ struct Place {
 };
 
 /// The calls of a scenario, of which something may be refused or must succeed.
-class Calls {
-  public:
-    /// `all_well`: nothing is refused; `for_good`: what is refused once is refused until the end.
-    explicit Calls(bool all_well, bool for_good = false) : all_well_(all_well), for_good_(for_good) {}
-
-    /// Whether what happens by itself may be waited for.
-    bool may_wait() const { return all_well_ || !for_good_; }
+struct Calls {
+    const bool all_well;  ///< Nothing is refused.
+    const bool for_good;  ///< What is refused once is refused until the end.
 
     /// A call that gives a code, `good` when all is well. `may_throw`: its contract names an exception, too.
     template <typename Body>
@@ -36,18 +32,15 @@ class Calls {
                 const Counted counted;
                 return static_cast<long>(body());
             }();
-            EXPECT_TRUE(!all_well_ || result == good) << name << " gives " << result;
+            EXPECT_TRUE(!all_well || result == good) << name << " gives " << result;
             return result == good;
         } catch (const std::exception&) {
-            EXPECT_TRUE(!all_well_ && may_throw) << name << " throws";
+            EXPECT_TRUE(!all_well && may_throw) << name << " throws";
         } catch (...) {
             ADD_FAILURE() << name << " throws what it should not";
         }
         return false;
     }
-
-  private:
-    const bool all_well_, for_good_;
 };
 
 struct Scenario {

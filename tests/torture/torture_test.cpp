@@ -116,7 +116,7 @@ class Slot {
         write_file(g_configuration, ConfigurationFile::sample());
 
         const Numbers before = held_beyond({});
-        Calls meanwhile(trial_.nth == 0, trial_.for_good), afterwards(true);
+        Calls meanwhile{trial_.nth == 0, trial_.for_good}, afterwards{true, false};
         begin_to_count(trial_.resource, trial_.nth, trial_.for_good, report);
         trial_.scenario->run(meanwhile, place_);
         end_to_count();
@@ -243,7 +243,7 @@ TEST_P(EachScenario, EndsInACodeOrAnExceptionAndAllIsWellAfterwards) {
     for (const auto& [owner, places] : places_)
         std::cout << ' ' << owner << ' ' << places.size();
     std::cout << std::endl;
-    EXPECT_EQ(failures_.str(), "");
+    EXPECT_TRUE(failures_.str().empty()) << failures_.str();
 }
 
 INSTANTIATE_TEST_SUITE_P(Torture, EachScenario, testing::ValuesIn(kScenarios),
