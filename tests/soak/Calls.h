@@ -2,24 +2,18 @@
 #ifndef KIV_TEST_SOAK_CALLS_H
 #define KIV_TEST_SOAK_CALLS_H
 
-#include <gtest/gtest.h>
 #include <kiv/hpsClient.h>
 #include <kiv/kivDriverClient.h>
 #include <kiv/kiv_api.h>
 #include <mach/mach.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstring>
 #include <deque>
 #include <map>
 #include <mutex>
 #include <random>
 #include <set>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
+
+#include "support/Test.h"
 
 using Random = std::mt19937;
 
@@ -270,12 +264,6 @@ inline void make_one(bool alone, Random& random) {
     const bool of_driver = call.drivers && (result >> 28 == 0xE || result == MACH_SEND_INVALID_DEST);
     EXPECT_TRUE(of_driver || call.codes.contains(result)) << call.name << " gave " << std::hex << result;
     if (result != KIV_OK) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-}
-
-/// Those that a close has ended.
-inline void forget_registrations() {
-    const std::lock_guard lock(g_registering);
-    g_registrations.clear();
 }
 
 #endif

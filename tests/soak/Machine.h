@@ -3,25 +3,17 @@
 #ifndef KIV_TEST_SOAK_MACHINE_H
 #define KIV_TEST_SOAK_MACHINE_H
 
-#include <gtest/gtest.h>
 #include <kivos/sockets.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <tuple>
 
 #include "soak/Calls.h"
 #include "support/ControlAddress.h"
 #include "support/Json.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Test.h"
 
 inline void pause_ms(unsigned length) {
     std::this_thread::sleep_for(std::chrono::milliseconds(length));
@@ -32,7 +24,8 @@ class SimulatorProcess {
   public:
     /// Cards 3 and 4 are in both, but the driver has not their servers. These start anew at the same ports,
     /// below those that systems hand out.
-    SimulatorProcess(std::string socket, bool driver) : socket_(std::move(socket)) {
+    SimulatorProcess(std::string kivsim, std::string socket, bool driver)
+        : kivsim_(std::move(kivsim)), socket_(std::move(socket)) {
         Json cards = Json::array();
         for (unsigned id = driver ? 1 : 3; id <= kCards; ++id) {
             cards.push_back({{"id", id}, {"flash_ms", 300}, {"interrupt_ms", 100}});
@@ -70,9 +63,8 @@ class SimulatorProcess {
 
   private:
     void start() {
-        program_ = std::make_unique<Program>(std::vector<std::string>{KIVSIM_PROGRAM, "--with-stdin",
-                                                                      "--ready-json", "--socket", socket_,
-                                                                      "--config", socket_ + ".json"});
+        program_ = std::make_unique<Program>(std::vector<std::string>{
+            kivsim_, "--with-stdin", "--ready-json", "--socket", socket_, "--config", socket_ + ".json"});
         std::string ready;  // On a machine with much else to do a start with sanitizers takes long.
         for (int tried = 0; ready.empty() && tried < 5; ++tried)
             ready = program_->read_line();
@@ -81,7 +73,7 @@ class SimulatorProcess {
         control_ = parsed(ready).at("control");
     }
 
-    const std::string socket_;
+    const std::string kivsim_, socket_;
     std::unique_ptr<Program> program_;
     mutable std::mutex mutex_;
     std::string control_;  ///< Under the mutex.
@@ -90,7 +82,11 @@ class SimulatorProcess {
 /// What it does is counted.
 class Machine {
   public:
-    Machine() {
+    /// Paths of the two programs.
+    Machine(const std::string& kivsim, std::string exit_in_calls)
+        : exit_in_calls_(std::move(exit_in_calls)),
+          driver_(kivsim, directory_ / "driver", true),
+          servers_(kivsim, directory_ / "servers", false) {
         setenv("KIVSIM_SOCKET", (directory_ / "driver").c_str(), 1);
         g_image = directory_ / "image";
         write_file(g_image, std::string(100'000, 'i'));
@@ -147,10 +143,10 @@ class Machine {
     }
 
     /// A child of this process, or another program with cards of this machine, exits at some moment.
-    static void end_a_child(Random& random) {
+    void end_a_child(Random& random) {
         pause_ms(below(1000, random));
         if (below(2, random) == 0) {
-            const Ended ended = run_program({EXIT_IN_CALLS_PROGRAM, std::to_string(below(2000, random))}, {},
+            const Ended ended = run_program({exit_in_calls_, std::to_string(below(2000, random))}, {},
                                             std::chrono::seconds(60));
             EXPECT_EQ(ended.status, 42) << ended.out << ended.err;
             return count("program exits");
@@ -195,7 +191,8 @@ class Machine {
 
     StandardInput input_;
     TemporaryDirectory directory_;
-    SimulatorProcess driver_{directory_ / "driver", true}, servers_{directory_ / "servers", false};
+    const std::string exit_in_calls_;
+    SimulatorProcess driver_, servers_;
 };
 
 #endif

@@ -1,18 +1,15 @@
 #include "soak/VirtualTime.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <cstdlib>
 #include <ctime>
 #include <limits>
 #include <list>
 #include <map>
 #include <semaphore>
-#include <utility>
+
+#include "support/Test.h"
 
 namespace {
 
@@ -162,20 +159,17 @@ INSTEAD std::chrono::steady_clock::time_point std::chrono::steady_clock::now() n
 INSTEAD std::chrono::system_clock::time_point std::chrono::system_clock::now() noexcept {
     timespec time{};
     clock_gettime(CLOCK_REALTIME, &time);
-    nanoseconds passed(ns_of(time));
-    if (t_self != nullptr) {
-        passed = nanoseconds(g_world->now);
-        passed -= passed / hours(1) % 24 * minutes(50);
-    }
+    nanoseconds passed(t_self != nullptr ? g_world->now : ns_of(time));
+    if (t_self != nullptr) passed -= passed / hours(1) % 24 * minutes(50);
     return time_point(duration_cast<duration>(passed));
 }
 
 /// A function, and what it does in virtual time; `real` is the system's.
 // NOLINTBEGIN(bugprone-macro-parentheses): a list of parameters bears none.
-#define KIV_INSTEAD(name, parameters, arguments, virtually)                                  \
-    extern "C" INSTEAD int name parameters {                                                 \
-        static const auto real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name)); \
-        return t_self == nullptr ? real arguments : (virtually);                             \
+#define KIV_INSTEAD(name, parameters, arguments, virtually)       \
+    extern "C" INSTEAD int name parameters {                      \
+        static const auto real = original<decltype(name)>(#name); \
+        return t_self == nullptr ? real arguments : (virtually);  \
     }
 // NOLINTEND(bugprone-macro-parentheses)
 

@@ -1,14 +1,10 @@
 // A long life in a short time: the whole path of the polls, over a transport that only answers, by a clock
 // that passes while nobody runs. KIV_MONTH_DAYS says how long; else it is two hours.
-#include <gtest/gtest.h>
 #include <kiv/DeviceManager.h>
 #include <kiv/LogManager.h>
 #include <kiv/RestApiClient.h>
-
 #include <spdlog/spdlog.h>
-#include <cstdlib>
 
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -20,6 +16,7 @@
 #include "soak/Samples.h"
 #include "soak/VirtualTime.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Test.h"
 #include "support/ThisProcess.h"
 
 namespace {
@@ -31,10 +28,6 @@ const std::string g_sensors = kivsim::believable_card(1).hwmon;
 
 Time since_boot() {
     return std::chrono::steady_clock::now().time_since_epoch();
-}
-
-double days_of(Time length) {
-    return std::chrono::duration<double>(length) / 24h;
 }
 
 /// What happened since the world began.
@@ -201,7 +194,7 @@ Counts live(const Plan& plan) {
     for (Time passed{}, step{}; passed < plan.length; passed += step) {
         step = std::min<Time>(10min, plan.length - passed);
         time.pass(step);
-        memory.add(days_of(passed), double(allocated_bytes()));
+        memory.add(double(passed / 1min) / 1440, double(allocated_bytes()));
     }
     const Counts counts = g_counts;
     hps_ptp_sm digest;
@@ -210,7 +203,7 @@ Counts live(const Plan& plan) {
     alive.join_thread();
     polling.join_thread();
     manager.stop();
-    EXPECT_LT(memory.slope() * days_of(plan.length) / 2, 8192) << "bytes";
+    EXPECT_LT(memory.slope() * double(plan.length / 1min) / 1440 / 2, 8192) << "bytes";
     std::cout << plan.length / 1h << " h: " << testing::PrintToString(counts) << "; memory from "
               << memory.first() << " to " << memory.last() << " bytes, " << memory.slope() << " a day\n";
     return counts;

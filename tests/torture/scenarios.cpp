@@ -5,20 +5,15 @@
 #include <kiv/kivDriverService.h>
 #include <kiv/kiv_api.h>
 
-#include <atomic>
-#include <memory>
-
 #include <kiv/LogManager.h>
 #include <kiv/hpsClient.h>
 #include "support/ControlAddress.h"
-#include "support/Waiting.h"
 
 namespace {
 
+// Of what stands beside them, nothing that this thread asks for is refused.
 #define KIV_CODE(...) calls.code(#__VA_ARGS__, [&] { return __VA_ARGS__; })
-#define KIV_CODE_OR_EXCEPTION(...) \
-    calls.code(                    \
-        #__VA_ARGS__, [&] { return __VA_ARGS__; }, 0, true)
+#define KIV_CODE_OR_EXCEPTION(...) calls.code<true>(#__VA_ARGS__, [&] { return __VA_ARGS__; })
 
 template <typename Record>
 kiv_result_t query(kiv_result_t (*ask)(uint8_t, Record*)) {
@@ -30,18 +25,6 @@ template <typename Record>
 kiv_result_t scan(kiv_result_t (*ask)(Record*)) {
     Record record{};
     return ask(&record);
-}
-
-/// Not what is tried: nothing that it asks for itself is refused.
-void prepare() {
-    EXPECT_EQ(scan(kiv_scan), KIV_OK);
-}
-
-void wait_for_flash() {
-    wait_until([] {
-        kiv_flash_status_t status = 1;
-        return kiv_get_flash_write_status(1, &status) != KIV_OK || status == 0;
-    });
 }
 
 void open_and_scan(Calls& calls, const Place&) {
@@ -59,7 +42,7 @@ void open_and_scan(Calls& calls, const Place&) {
 
 void read_everything(Calls& calls, const Place&) {
     uint64_t times[3] = {};
-    prepare();
+    EXPECT_EQ(scan(kiv_scan), KIV_OK);
     KIV_CODE(query(kiv_get_card_info));
     KIV_CODE(query(kiv_get_card_status));
     KIV_CODE(query(kiv_get_media_net_config));
@@ -79,7 +62,7 @@ void settings(Calls& calls, const Place&) {
     kiv_net_config_t net{};
     kiv_ptp_config_t ptp{};
     const kiv_flash_slot_t slot = 0;
-    prepare();
+    EXPECT_EQ(scan(kiv_scan), KIV_OK);
     KIV_CODE(kiv_get_media_net_config(1, &net));
     KIV_CODE(kiv_set_ptp_config(1, &net, &ptp));
     KIV_CODE(kiv_select_flash_slot(1, &slot));
@@ -90,11 +73,13 @@ void settings(Calls& calls, const Place&) {
 
 void flash_write(Calls& calls, const Place& place) {
     const char* const image = place.image.c_str();
-    prepare();
-    wait_for_flash();
+    EXPECT_EQ(scan(kiv_scan), KIV_OK);
+    EXPECT_TRUE(wait_until([] {
+        kiv_flash_status_t status = 1;
+        return kiv_get_flash_write_status(1, &status) != KIV_OK || status == 0;
+    }));
     KIV_CODE(kiv_write_flash_image_with_progress(
         1, image, [](uint64_t, uint64_t, void*) {}, nullptr));
-    wait_for_flash();
     KIV_CODE(kiv_close());
 }
 
@@ -104,7 +89,7 @@ void events(Calls& calls, const Place& place) {
         ++*static_cast<std::atomic<int>*>(user);
     };
     ask_control(place.control, "PATCH", "", R"({"links": [true, true]})");
-    prepare();
+    EXPECT_EQ(scan(kiv_scan), KIV_OK);
     const bool registered = KIV_CODE(kiv_register_callback_func(1, hear, &heard));
     bool enabled = false;
     for (const kiv_event_type_t event : {KIV_EVENT_PTP, KIV_EVENT_HWMON, KIV_EVENT_LINK})

@@ -2,13 +2,7 @@
 #ifndef KIV_TEST_TORTURE_SCENARIOS_H
 #define KIV_TEST_TORTURE_SCENARIOS_H
 
-#include <gtest/gtest.h>
-
-#include <exception>
-#include <ostream>
-#include <string>
-#include <vector>
-
+#include "support/Test.h"
 #include "torture/seams.h"
 
 /// Where a run finds its cards, and files of its own.
@@ -25,8 +19,8 @@ struct Calls {
     const bool for_good;  ///< What is refused once is refused until the end.
 
     /// A call that gives a code, `good` when all is well. `may_throw`: its contract names an exception, too.
-    template <typename Body>
-    bool code(const char* name, Body body, long good = 0, bool may_throw = false) {
+    template <bool may_throw = false, typename Body>
+    bool code(const char* name, Body body, long good = 0) {
         try {
             const auto result = [&] {
                 const Counted counted;

@@ -1,32 +1,27 @@
 // Something runs out: the nth request for memory, a descriptor or a thread is refused, for each n in turn, or
 // from the nth on everything. Each run is a process of its own, which does the scenario with the refusal and
 // then again without.
-#include <gtest/gtest.h>
 #include "torture/scenarios.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <set>
 #include <sstream>
-#include <stdexcept>
-#include <utility>
 
 #include <kivos/sockets.h>
 #include "support/ConfigurationFile.h"
 #include "support/Json.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Test.h"
 #include "support/ThisProcess.h"
-#include "support/Waiting.h"
 
 namespace {
 
@@ -39,10 +34,6 @@ Numbers held_beyond(const Numbers& before) {
     for (std::string line; std::getline(map, line);)
         shared += line.find(" rw-s ") != std::string::npos ? 1 : 0;
     return {open_descriptors() - before[0], running_threads() - before[1], shared - before[2]};
-}
-
-bool is_within(const Numbers& now, const Numbers& most) {
-    return now[0] <= most[0] && now[1] <= most[1] && now[2] <= most[2];
 }
 
 struct Trial {
@@ -121,7 +112,10 @@ class Slot {
         trial_.scenario->run(meanwhile, place_);
         end_to_count();
         trial_.scenario->run(afterwards, place_);
-        const auto is_clean = [&] { return is_within(held_beyond(before), trial_.most); };
+        const auto is_clean = [&] {
+            const Numbers left = held_beyond(before), most = trial_.most;
+            return left[0] <= most[0] && left[1] <= most[1] && left[2] <= most[2];
+        };
         EXPECT_TRUE(wait_until(is_clean, std::chrono::seconds(5))) << "too much is left";
         std::cout << "counted, and left:";
         for (const Resource resource : kResources)
