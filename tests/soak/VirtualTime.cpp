@@ -1,140 +1,152 @@
 #include "soak/VirtualTime.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
-#include <semaphore.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <cstdlib>
 #include <ctime>
-#include <deque>
+#include <limits>
+#include <list>
 #include <map>
-#include <unordered_map>
+#include <semaphore>
+
+#include "support/Test.h"
 
 namespace {
 
+constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
+
 struct Participant {
-    Participant() { sem_init(&turn, 0, 0); }
-    sem_t turn;
-    const void* waits_for = nullptr;
-    std::multimap<int64_t, Participant*>::iterator alarm;
-    bool has_alarm = false;
-    bool timed_out = false;
-    bool ended = false;
     void* (*body)(void*) = nullptr;
     void* argument = nullptr;
+    std::binary_semaphore turn{0};
+    const void* waits_for = nullptr;
+    int64_t alarm = kNever;
+    bool timed_out = false, ended = false;
 };
+using Participants = std::list<Participant*>;
 
 /// Touched by the one participant that runs only.
 struct World {
     int64_t now;  ///< Nanoseconds of the steady clock.
-    std::deque<Participant*> ready;
-    std::multimap<int64_t, Participant*> alarms;
-    std::unordered_map<const void*, std::deque<Participant*>> waiting;  ///< By what they wait for.
-    std::unordered_map<pthread_t, Participant*> started;
+    Participants ready{}, waiting{};
+    std::map<pthread_t, Participant*> started{};
 };
 World* g_world = nullptr;
 thread_local Participant* t_self = nullptr;  ///< Null outside of virtual time.
-
-/// The system's own, for threads outside of virtual time.
-#define REAL(function) \
-    static const auto real = reinterpret_cast<decltype(&(function))>(dlsym(RTLD_NEXT, #function))
 
 int64_t ns_of(const timespec& time) {
     return time.tv_sec * 1'000'000'000 + time.tv_nsec;
 }
 
-void set_alarm(int64_t time) {
-    t_self->alarm = g_world->alarms.emplace(time, t_self);
-    t_self->has_alarm = true;
-}
-
-void wake(Participant* who, bool timed_out) {
-    if (who->has_alarm) g_world->alarms.erase(who->alarm);
-    if (who->waits_for != nullptr) std::erase(g_world->waiting[who->waits_for], who);
-    who->has_alarm = false;
-    who->waits_for = nullptr;
-    who->timed_out = timed_out;
-    g_world->ready.push_back(who);
-}
-
-/// Gives the turn to the next one.
-Participant* hand_over() {
-    if (g_world->ready.empty()) {
-        if (g_world->alarms.empty()) std::abort();  // Everybody waits for ever.
-        g_world->now = std::max(g_world->now, g_world->alarms.begin()->first);
-        while (!g_world->alarms.empty() && g_world->alarms.begin()->first <= g_world->now)
-            wake(g_world->alarms.begin()->second, true);
-    }
-    Participant* const next = g_world->ready.front();
-    g_world->ready.pop_front();
-    if (next != t_self) sem_post(&next->turn);
-    return next;
-}
-
-void take_turn() {
-    while (sem_wait(&t_self->turn) != 0) {
-    }
-}
-
-/// Until the alarm, or until somebody wakes the caller. False when it was the alarm.
-bool wait_for(const void* what) {
-    t_self->waits_for = what;
-    if (what != nullptr) g_world->waiting[what].push_back(t_self);
-    if (hand_over() != t_self) take_turn();
-    return !t_self->timed_out;
+void wake(Participants::iterator who, bool timed_out) {
+    (*who)->timed_out = timed_out;
+    g_world->ready.splice(g_world->ready.end(), g_world->waiting, who);
 }
 
 bool wake_first(const void* what) {
-    const auto found = g_world->waiting.find(what);
-    if (found == g_world->waiting.end() || found->second.empty()) return false;
-    wake(found->second.front(), false);
-    return true;
+    Participants& all = g_world->waiting;
+    const auto found =
+        std::find_if(all.begin(), all.end(), [=](auto* one) { return one->waits_for == what; });
+    if (found != all.end()) wake(found, false);
+    return found != all.end();
+}
+
+/// When nobody is ready, the clock goes on to the next alarm.
+void wake_by_alarm() {
+    Participants& all = g_world->waiting;
+    const auto sooner = [](auto* one, auto* other) { return one->alarm < other->alarm; };
+    for (bool first = true;; first = false) {
+        const auto next = std::min_element(all.begin(), all.end(), sooner);
+        const int64_t alarm = next != all.end() ? (*next)->alarm : kNever;
+        if (first && alarm == kNever) std::abort();  // Everybody waits for ever.
+        if (!first && alarm > g_world->now) return;
+        g_world->now = std::max(g_world->now, alarm);
+        wake(next, true);
+    }
+}
+
+/// Gives the turn to the next one, and waits for its own.
+void give_way() {
+    if (g_world->ready.empty()) wake_by_alarm();
+    Participant* const next = g_world->ready.front();
+    g_world->ready.pop_front();
+    if (next == t_self) return;
+    next->turn.release();
+    if (!t_self->ended) t_self->turn.acquire();
+}
+
+/// Until somebody wakes the caller: 0, or until the alarm: ETIMEDOUT.
+int wait_for(const void* what, int64_t alarm) {
+    t_self->waits_for = what;
+    t_self->alarm = alarm;
+    g_world->waiting.push_back(t_self);
+    give_way();
+    return t_self->timed_out ? ETIMEDOUT : 0;
+}
+
+int wait_on(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t alarm) {
+    pthread_mutex_unlock(mutex);
+    const int result = wait_for(condition, alarm);
+    pthread_mutex_lock(mutex);
+    return result;
+}
+
+int wake_all(const void* what) {
+    while (wake_first(what)) {
+    }
+    return 0;
 }
 
 void* run(void* participant) {
     t_self = static_cast<Participant*>(participant);
-    take_turn();
+    t_self->turn.acquire();
     void* const result = t_self->body(t_self->argument);
     t_self->ended = true;
     wake_first(t_self);
-    hand_over();
+    give_way();
     return result;
 }
 
-bool wait_on(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    pthread_mutex_unlock(mutex);
-    const bool woken = wait_for(condition);
-    pthread_mutex_lock(mutex);
-    return woken;
+int create(decltype(&pthread_create) real, pthread_t* thread, const pthread_attr_t* attributes,
+           void* (*body)(void*), void* argument) {
+    auto* const fresh = new Participant{body, argument};
+    if (real(thread, attributes, run, fresh) != 0) std::abort();
+    g_world->started[*thread] = fresh;
+    g_world->ready.push_back(fresh);
+    return 0;
+}
+
+int join(decltype(&pthread_join) real, pthread_t thread, void** result) {
+    Participant* const other = g_world->started.at(thread);
+    if (!other->ended) wait_for(other, kNever);
+    g_world->started.erase(thread);
+    const int status = real(thread, result);
+    delete other;
+    return status;
 }
 
 }  // namespace
 
 VirtualTime::VirtualTime(std::chrono::nanoseconds start) {
-    t_self = new Participant;
-    g_world = new World{start.count(), {}, {}, {}, {}};
+    t_self = new Participant{};
+    g_world = new World{start.count()};
 }
 
 VirtualTime::~VirtualTime() {
-    delete g_world;
-    g_world = nullptr;
-    delete t_self;
-    t_self = nullptr;
+    delete std::exchange(g_world, nullptr);
+    delete std::exchange(t_self, nullptr);
 }
 
 void VirtualTime::pass(std::chrono::nanoseconds length) {
-    set_alarm(g_world->now + length.count());
-    wait_for(nullptr);
+    wait_for(nullptr, g_world->now + length.count());
     // Those that the same moment has woken run first.
-    for (std::size_t left = g_world->ready.size(); left > 0; left = g_world->ready.size()) {
+    while (!g_world->ready.empty()) {
         g_world->ready.push_back(t_self);
-        if (hand_over() != t_self) take_turn();
+        give_way();
     }
 }
 
+// The definitions that stand before the system's.
 #define INSTEAD __attribute__((visibility("default")))
 
 INSTEAD std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept {
@@ -147,83 +159,28 @@ INSTEAD std::chrono::steady_clock::time_point std::chrono::steady_clock::now() n
 INSTEAD std::chrono::system_clock::time_point std::chrono::system_clock::now() noexcept {
     timespec time{};
     clock_gettime(CLOCK_REALTIME, &time);
-    nanoseconds passed(ns_of(time));
-    if (t_self != nullptr) {
-        passed = nanoseconds(g_world->now);
-        passed -= passed / hours(1) % 24 * minutes(50);
-    }
+    nanoseconds passed(t_self != nullptr ? g_world->now : ns_of(time));
+    if (t_self != nullptr) passed -= passed / hours(1) % 24 * minutes(50);
     return time_point(duration_cast<duration>(passed));
 }
 
-extern "C" {
-
-INSTEAD int nanosleep(const timespec* length, timespec* left) {
-    REAL(nanosleep);
-    if (t_self == nullptr) return real(length, left);
-    set_alarm(g_world->now + ns_of(*length));
-    wait_for(nullptr);
-    return 0;
-}
-
-INSTEAD int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    REAL(pthread_cond_wait);
-    if (t_self == nullptr) return real(condition, mutex);
-    wait_on(condition, mutex);
-    return 0;
-}
-
-INSTEAD int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                   const timespec* end) {
-    REAL(pthread_cond_clockwait);
-    if (t_self == nullptr) return real(condition, mutex, clock, end);
-    set_alarm(std::max(g_world->now, ns_of(*end)));
-    return wait_on(condition, mutex) ? 0 : ETIMEDOUT;
-}
-
-/// By the wall clock, that is: nothing of the library waits so.
-INSTEAD int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* end) {
-    REAL(pthread_cond_timedwait);
-    if (t_self == nullptr) return real(condition, mutex, end);
-    std::abort();
-}
-
-INSTEAD int pthread_cond_signal(pthread_cond_t* condition) noexcept {
-    REAL(pthread_cond_signal);
-    if (t_self == nullptr) return real(condition);
-    wake_first(condition);
-    return 0;
-}
-
-INSTEAD int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
-    REAL(pthread_cond_broadcast);
-    if (t_self == nullptr) return real(condition);
-    while (wake_first(condition)) {
+/// A function, and what it does in virtual time; `real` is the system's.
+// NOLINTBEGIN(bugprone-macro-parentheses): a list of parameters bears none.
+#define KIV_INSTEAD(name, parameters, arguments, virtually)       \
+    extern "C" INSTEAD int name parameters {                      \
+        static const auto real = original<decltype(name)>(#name); \
+        return t_self == nullptr ? real arguments : (virtually);  \
     }
-    return 0;
-}
+// NOLINTEND(bugprone-macro-parentheses)
 
-INSTEAD int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                           void* argument) noexcept {
-    REAL(pthread_create);
-    if (t_self == nullptr) return real(thread, attributes, body, argument);
-    auto* const fresh = new Participant;
-    fresh->body = body;
-    fresh->argument = argument;
-    const int result = real(thread, attributes, run, fresh);
-    if (result != 0) std::abort();
-    g_world->started[*thread] = fresh;
-    g_world->ready.push_back(fresh);
-    return result;
-}
-
-INSTEAD int pthread_join(pthread_t thread, void** result) {
-    REAL(pthread_join);
-    if (t_self == nullptr) return real(thread, result);
-    Participant* const other = g_world->started.at(thread);
-    if (!other->ended) wait_for(other);
-    const int status = real(thread, result);
-    g_world->started.erase(thread);
-    delete other;
-    return status;
-}
-}
+// clang-format off
+KIV_INSTEAD(nanosleep, (const timespec* length, timespec* left), (length, left), (wait_for(nullptr, g_world->now + ns_of(*length)), 0))
+KIV_INSTEAD(pthread_cond_wait, (pthread_cond_t* condition, pthread_mutex_t* mutex), (condition, mutex), wait_on(condition, mutex, kNever))
+KIV_INSTEAD(pthread_cond_clockwait, (pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* end), (condition, mutex, clock, end), wait_on(condition, mutex, ns_of(*end)))
+// By the wall clock, that is: nothing of the library waits so.
+KIV_INSTEAD(pthread_cond_timedwait, (pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* end), (condition, mutex, end), (std::abort(), 0))
+KIV_INSTEAD(pthread_cond_signal, (pthread_cond_t* condition) noexcept, (condition), (wake_first(condition), 0))
+KIV_INSTEAD(pthread_cond_broadcast, (pthread_cond_t* condition) noexcept, (condition), wake_all(condition))
+KIV_INSTEAD(pthread_create, (pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) noexcept, (thread, attributes, body, argument), create(real, thread, attributes, body, argument))
+KIV_INSTEAD(pthread_join, (pthread_t thread, void** result), (thread, result), join(real, thread, result))
+// clang-format on

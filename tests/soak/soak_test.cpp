@@ -1,18 +1,14 @@
 // What a long life leaves behind: eight threads that call, on a machine where everything fails at some time.
 // After each round all is well again, and counts and figures must be as before. KIV_SOAK_MINUTES says how
 // long, KIV_SOAK_SEED which life.
-#include <gtest/gtest.h>
-
-#include <cmath>
 #include <iomanip>
 #include <iostream>
-#include <thread>
 
 #include "soak/Calls.h"
 #include "soak/Machine.h"
 #include "soak/Samples.h"
+#include "support/Test.h"
 #include "support/ThisProcess.h"
-#include "support/Waiting.h"
 
 /// Asked by the leak checker at exit. In a forked child it would take for leaks what only the stacks of
 /// threads point at that are not there.
@@ -23,9 +19,9 @@ extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() {
 
 namespace {
 
-unsigned from_environment(const char* name, unsigned otherwise) {
+std::string from_environment(const char* name, const std::string& otherwise) {
     const char* const value = std::getenv(name);
-    return value != nullptr ? static_cast<unsigned>(std::strtoul(value, nullptr, 10)) : otherwise;
+    return value != nullptr ? value : otherwise;
 }
 
 /// What the process holds after each round.
@@ -34,6 +30,7 @@ struct Figure {
     double (*now)();
     double most_slope;  ///< A minute.
     Samples samples{};
+    bool is_counted() const { return most_slope < 1; }
 };
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -54,9 +51,9 @@ void check_calm(Machine& machine) {
     ASSERT_EQ(kiv_scan(&scan), KIV_OK);
     ASSERT_EQ(scan.count, kCards);
     Random random(0);
-    for (const Call* call : calls())
-        for (uint8_t id = 1; call->query && id <= kCards; ++id)
-            EXPECT_EQ(call->make(id, random), KIV_OK) << call->name << " of card " << unsigned{id};
+    for (const Call& call : g_calls)
+        for (uint8_t id = 1; call.kind == kQuery && id <= kCards; ++id)
+            EXPECT_EQ(call.make(id, random), KIV_OK) << call.name << " of card " << +id;
     static std::atomic<long> events;
     events = 0;
     const kiv_event_callback_t count = [](auto...) { ++events; };
@@ -70,13 +67,13 @@ void check_calm(Machine& machine) {
     machine.set_links(3, true);
     EXPECT_EQ(kiv_close(), KIV_OK);
     EXPECT_EQ(events, 4);
-    forget_registrations();
+    g_registrations.clear();  // The close has ended them, and nobody calls now.
 }
 
 void sample(double minutes) {
     for (Figure& figure : g_figures) {
         // The last connections and threads of a round end a moment later.
-        if (minutes > 0 && figure.most_slope < 1)
+        if (minutes > 0 && figure.is_counted())
             wait_until([&] { return figure.now() <= figure.samples.first(); }, std::chrono::seconds(5));
         figure.samples.add(minutes, figure.now());
     }
@@ -85,47 +82,37 @@ void sample(double minutes) {
 void live(Machine& machine, std::chrono::milliseconds length, unsigned seed) {
     kiv_scan_t scan{};
     kiv_scan(&scan);
-    std::atomic<bool> done{false};
-    std::vector<std::thread> threads;
-    const auto start = [&](auto body) {
-        threads.emplace_back(
-            [&done, body, random = Random(seed + static_cast<unsigned>(threads.size()))]() mutable {
-                while (!done)
-                    body(random);
-            });
-    };
-    for (int caller = 0; caller < 7; ++caller)
-        start([all = calls()](Random& random) { make_one(all, random); });
-    start([all = life_cycle()](Random& random) {
-        make_one(all, random);
+    std::vector<std::function<void(Random&)>> bodies(7, [](Random& random) { make_one(false, random); });
+    bodies.emplace_back([](Random& random) {
+        make_one(true, random);
         kiv_net_status_t status{};  // Cards that answer are left alone for a while.
-        if (kiv_get_net_status(1, &status) == KIV_OK)
-            std::this_thread::sleep_for(std::chrono::milliseconds(below(4000, random)));
+        if (kiv_get_net_status(1, &status) == KIV_OK) pause_ms(below(4000, random));
     });
-    for (unsigned process = 0; process < 2; ++process)
-        start([&machine, process](Random& random) { machine.trouble_a_process(process, random); });
-    start([&machine](Random& random) { machine.trouble_a_card(random); });
-    start([&machine](Random& random) { machine.end_a_child(random); });
+    for (const bool driver : {true, false})
+        bodies.emplace_back([&, driver](Random& random) { machine.trouble_a_process(driver, random); });
+    bodies.emplace_back([&](Random& random) { machine.trouble_a_card(random); });
+    bodies.emplace_back([&](Random& random) { machine.end_a_child(random); });
+    std::atomic<bool> done{false};
+    const Threads threads(static_cast<int>(bodies.size()), [&](int i) {
+        Random random(seed + static_cast<unsigned>(i));
+        while (!done)
+            bodies[static_cast<std::size_t>(i)](random);
+    });
     std::this_thread::sleep_for(length);
     done = true;
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
-void print_table(const Machine& machine) {
-    long made = 0;
-    for (const auto& list : {calls(), life_cycle()}) {
-        for (const Call* call : list) {
-            std::cout << std::left << std::setw(24) << call->name << call->made << ", good " << call->good
-                      << '\n';
-            made += call->made;
-        }
+void print_table() {
+    long made = 0, good = 0;
+    std::cout << std::left;
+    for (const Call& call : g_calls) {
+        std::cout << std::setw(24) << call.name << call.made << ", good " << call.good << '\n';
+        made += call.made;
+        good += call.good;
     }
-    std::cout << std::setw(24) << "calls in all" << made << "\n"
-              << std::setw(24) << "events" << g_events << "\n"
-              << std::setw(24) << "interrupt messages" << g_messages << "\n\n";
-    for (const auto& [kind, count] : machine.troubles())
-        std::cout << std::setw(24) << kind << count << '\n';
+    std::cout << std::setw(24) << "calls in all" << made << ", good " << good << "\n\n";
+    for (const auto& [kind, number] : g_counts)
+        std::cout << std::setw(24) << kind << number << '\n';
     std::cout << '\n';
     for (const Figure& figure : g_figures)
         std::cout << std::setw(24) << figure.name << figure.samples.first() << " to " << figure.samples.last()
@@ -136,14 +123,13 @@ void print_table(const Machine& machine) {
 
 TEST(Soak, LeavesEverythingAsItWas) {
     __lsan_is_turned_off();  // Remembers this process.
-    const char* const options =
-        std::getenv("TSAN_OPTIONS");  // For children, which exit beside their threads.
-    setenv("TSAN_OPTIONS",
-           (std::string(options != nullptr ? options : "") + ":report_thread_leaks=0").c_str(), 1);
-    const unsigned minutes = from_environment("KIV_SOAK_MINUTES", 0);
-    unsigned seed = from_environment("KIV_SOAK_SEED", std::random_device()());
+    // For children, which exit beside their threads.
+    setenv("TSAN_OPTIONS", (from_environment("TSAN_OPTIONS", "") + ":report_thread_leaks=0").c_str(), 1);
+    const double minutes = std::stod(from_environment("KIV_SOAK_MINUTES", "0"));
+    auto seed = static_cast<unsigned>(
+        std::stoul(from_environment("KIV_SOAK_SEED", std::to_string(std::random_device()()))));
     std::cout << "KIV_SOAK_SEED=" << seed << std::endl;
-    Machine machine;
+    Machine machine(KIVSIM_PROGRAM, EXIT_IN_CALLS_PROGRAM);
     const Stopwatch watch;
     const auto lived = [&] { return std::chrono::duration<double, std::ratio<60>>(watch.elapsed()).count(); };
     int rounds = 0;
@@ -153,10 +139,9 @@ TEST(Soak, LeavesEverythingAsItWas) {
         check_calm(machine);
         sample(rounds++ == 0 ? 0 : lived());
     } while (!testing::Test::HasFailure() && (lived() < minutes || rounds < 3));
-    print_table(machine);
+    print_table();
     for (const Figure& figure : g_figures) {
-        const bool counted = figure.most_slope < 1;
-        EXPECT_TRUE(!counted || figure.samples.last() <= figure.samples.first()) << figure.name;
+        EXPECT_TRUE(!figure.is_counted() || figure.samples.last() <= figure.samples.first()) << figure.name;
         // Fewer rounds tell no slope.
         EXPECT_TRUE(rounds < 20 || figure.samples.slope() <= figure.most_slope) << figure.name;
     }

@@ -2,11 +2,7 @@
 #ifndef KIV_TEST_TORTURE_SCENARIOS_H
 #define KIV_TEST_TORTURE_SCENARIOS_H
 
-#include <exception>
-#include <ostream>
-#include <string>
-#include <vector>
-
+#include "support/Test.h"
 #include "torture/seams.h"
 
 /// Where a run finds its cards, and files of its own.
@@ -18,56 +14,27 @@ struct Place {
 };
 
 /// The calls of a scenario, of which something may be refused or must succeed.
-class Calls {
-  public:
-    /// `all_well`: nothing is refused; `for_good`: what is refused once is refused until the end.
-    explicit Calls(bool all_well, bool for_good = false) : all_well_(all_well), for_good_(for_good) {}
+struct Calls {
+    const bool all_well;  ///< Nothing is refused.
+    const bool for_good;  ///< What is refused once is refused until the end.
 
-    /// Whether what happens by itself may be waited for.
-    bool may_wait() const { return all_well_ || !for_good_; }
-
-    /// A call that gives a code, `good` when all is well.
-    template <typename Body>
+    /// A call that gives a code, `good` when all is well. `may_throw`: its contract names an exception, too.
+    template <bool may_throw = false, typename Body>
     bool code(const char* name, Body body, long good = 0) {
-        long result = 0;
         try {
-            const Counted counted;
-            result = static_cast<long>(body());
+            const auto result = [&] {
+                const Counted counted;
+                return static_cast<long>(body());
+            }();
+            EXPECT_TRUE(!all_well || result == good) << name << " gives " << result;
+            return result == good;
+        } catch (const std::exception&) {
+            EXPECT_TRUE(!all_well && may_throw) << name << " throws";
         } catch (...) {
-            complain(name, "throws");
-            return false;
+            ADD_FAILURE() << name << " throws what it should not";
         }
-        if (all_well_ && result != good) complain(name, "gives " + std::to_string(result));
-        return result == good;
+        return false;
     }
-
-    /// One that may throw, too: its contract says so.
-    template <typename Body>
-    bool code_or_exception(const char* name, Body body, long good = 0) {
-        bool thrown = false;
-        const bool is_good = code(
-            name,
-            [&]() -> long {
-                try {
-                    return static_cast<long>(body());
-                } catch (const std::exception&) {
-                    thrown = true;
-                    return good;
-                }
-            },
-            good);
-        if (all_well_ && thrown) complain(name, "throws");
-        return is_good && !thrown;
-    }
-
-    void complain(const std::string& name, const std::string& what) {
-        complaints += name + " " + what + "\n";
-    }
-
-    std::string complaints;
-
-  private:
-    const bool all_well_, for_good_;
 };
 
 struct Scenario {

@@ -140,22 +140,14 @@ KIV_STANDS_BEFORE(Descriptors, EMFILE, -1, int, dup, (int number) noexcept, (num
 KIV_STANDS_BEFORE(Threads, EAGAIN, EAGAIN, int, pthread_create, (pthread_t* made, const pthread_attr_t* how, void* (*body)(void*), void* argument) noexcept, (made, how, body, argument))
 // clang-format on
 
-namespace {
-
-FILE* open_file(const char* path, const char* mode) {
+extern "C" FILE* fopen(const char* path, const char* mode) {
     static const auto real = behind<FILE*(const char*, const char*)>("fopen");
     if (refused(Resource::Descriptors, EMFILE)) return nullptr;
     const bool configuration = std::strncmp(path, "/Library/", 9) == 0;
     return real(configuration ? g_configuration.c_str() : path, mode);
 }
-
-}  // namespace
-
-extern "C" FILE* fopen(const char* path, const char* mode) {
-    return open_file(path, mode);
-}
 extern "C" FILE* fopen64(const char* path, const char* mode) {
-    return open_file(path, mode);
+    return fopen(path, mode);
 }
 extern "C" int open(const char* path, int flags, ...) {
     static const auto real = behind<int(const char*, int, mode_t)>("open");

@@ -1,82 +1,61 @@
 // Something runs out: the nth request for memory, a descriptor or a thread is refused, for each n in turn, or
 // from the nth on everything. Each run is a process of its own, which does the scenario with the refusal and
 // then again without.
-#include <gtest/gtest.h>
 #include "torture/scenarios.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <set>
 #include <sstream>
-#include <stdexcept>
-#include <utility>
 
 #include <kivos/sockets.h>
 #include "support/ConfigurationFile.h"
 #include "support/Json.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Test.h"
 #include "support/ThisProcess.h"
-#include "support/Waiting.h"
 
 namespace {
 
-struct Point {
-    const Scenario* scenario;
-    Resource resource;
-    long nth;  ///< 0: nothing is refused.
-    bool for_good;
-};
-
-/// How a run ended, and what it has written.
-struct Run {
-    Point point;
-    int status;  ///< As waitpid() has it.
-    std::string text;
-
-    /// The first line that begins so, without that.
-    std::string line(const std::string& begin) const {
-        const std::string lines = "\n" + text;
-        const std::size_t at = lines.find("\n" + begin + " ");
-        if (at == std::string::npos) return "";
-        const std::size_t from = at + begin.size() + 2;
-        return lines.substr(from, lines.find('\n', from) - from);
-    }
-};
+using Numbers = std::array<long, 3>;
 
 /// Descriptors, threads, memory that is shared with others.
-using Held = std::array<long, 3>;
-
-Held held() {
+Numbers held_beyond(const Numbers& before) {
     std::ifstream map("/proc/self/maps");
     long shared = 0;
     for (std::string line; std::getline(map, line);)
         shared += line.find(" rw-s ") != std::string::npos ? 1 : 0;
-    return {open_descriptors(), running_threads(), shared};
+    return {open_descriptors() - before[0], running_threads() - before[1], shared - before[2]};
 }
 
-bool is_within(const Held& now, const Held& most) {
-    return now[0] <= most[0] && now[1] <= most[1] && now[2] <= most[2];
-}
+struct Trial {
+    const Scenario* scenario;
+    Numbers most;  ///< What may be left in the end, more than in the beginning.
+    Resource resource{};
+    long nth = 0;  ///< 0: nothing is refused.
+    bool for_good = false;
 
-template <std::size_t size>
-std::array<long, size> numbers(const std::string& text) {
-    std::array<long, size> found{};
-    std::istringstream in(text);
-    for (long& number : found)
-        in >> number;
-    return found;
-}
+    // How it ended.
+    Numbers counts{}, left{};  ///< Requests of each resource; what was left.
+    int status = 0;            ///< As waitpid() has it.
+    std::string text{};        ///< What it has written.
+
+    /// The first line that begins so, without that.
+    std::string line(const std::string& begin) const {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);)
+            if (line.starts_with(begin)) return line.substr(begin.size());
+        return "";
+    }
+};
 
 /// A simulator, and the run that uses it alone.
 class Slot {
@@ -95,67 +74,56 @@ class Slot {
 
     bool is_free() const { return pid_ < 0; }
 
-    /// `most`: what may be held in the end, more than in the beginning.
-    void start(const Point& point, const Held& most) {
+    void start(const Trial& trial) {
         kivos::Descriptor end;
         if (!kivos::pipe_pair(report_, end)) throw std::runtime_error("no pipe");
-        point_ = point;
+        trial_ = trial;
         std::cout.flush();
         pid_ = fork();
-        if (pid_ == 0) run(end.get(), most);
+        if (pid_ == 0) live(end.get());
     }
 
-    /// A run that does not end is killed.
-    Run finish() {
-        Run ended{point_, 0, ""};
-        const Stopwatch watch;
-        pollfd entry{report_.get(), POLLIN, 0};
+    Trial finish() {
         char block[4096];
-        for (ssize_t size = 1; size > 0;) {
-            if (poll(&entry, 1, 1000) == 0) {
-                if (watch.elapsed() > std::chrono::seconds(30)) kill(pid_, SIGKILL);
-                continue;
-            }
-            size = read(report_.get(), block, sizeof block);
-            ended.text.append(block, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-        }
-        waitpid(std::exchange(pid_, -1), &ended.status, 0);
-        return ended;
+        for (ssize_t size = 0; (size = read(report_.get(), block, sizeof block)) > 0;)
+            trial_.text.append(block, static_cast<std::size_t>(size));
+        waitpid(std::exchange(pid_, -1), &trial_.status, 0);
+        std::istringstream numbers(trial_.line("counted, and left:"));
+        for (Numbers* const of : {&trial_.counts, &trial_.left})
+            numbers >> of->at(0) >> of->at(1) >> of->at(2);
+        return trial_;
     }
 
   private:
     /// In a process of its own, which ends with status 0 when all is as it should be.
-    [[noreturn]] void run(int report, const Held& most) {
+    [[noreturn]] void live(int report) {
         const Uncounted own;
-        dup2(report, STDERR_FILENO);  // Where sanitizers tell what they find.
-        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+        alarm(30);  // The end of one that hangs.
+        for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
+            dup2(report, stream);  // For what tests and sanitizers tell.
+        setvbuf(stdout, nullptr, _IOLBF, 0);
         setenv("KIVSIM_SOCKET", (directory_ / "socket").c_str(), 1);
         g_configuration = directory_ / "configuration";
         write_file(g_configuration, ConfigurationFile::sample());
 
-        const Held before = held();
-        const auto more = [&] {
-            const Held now = held();
-            return Held{now[0] - before[0], now[1] - before[1], now[2] - before[2]};
-        };
-        Calls meanwhile(point_.nth == 0, point_.for_good), afterwards(true);
-        begin_to_count(point_.resource, point_.nth, point_.for_good, report);
-        point_.scenario->run(meanwhile, place_);
+        const Numbers before = held_beyond({});
+        Calls meanwhile{trial_.nth == 0, trial_.for_good}, afterwards{true, false};
+        begin_to_count(trial_.resource, trial_.nth, trial_.for_good, report);
+        trial_.scenario->run(meanwhile, place_);
         end_to_count();
-        point_.scenario->run(afterwards, place_);
-        const bool clean = wait_until([&] { return is_within(more(), most); }, std::chrono::seconds(5));
-
-        std::ostringstream text;
-        text << "counted";
+        trial_.scenario->run(afterwards, place_);
+        const auto is_clean = [&] {
+            const Numbers left = held_beyond(before), most = trial_.most;
+            return left[0] <= most[0] && left[1] <= most[1] && left[2] <= most[2];
+        };
+        EXPECT_TRUE(wait_until(is_clean, std::chrono::seconds(5))) << "too much is left";
+        std::cout << "counted, and left:";
         for (const Resource resource : kResources)
-            text << ' ' << counted(resource);
-        text << "\nleft";
-        for (const long count : more())
-            text << ' ' << count;
-        text << (clean ? "" : ", which is too much") << '\n' << meanwhile.complaints;
-        if (!afterwards.complaints.empty()) text << "and then " << afterwards.complaints;
-        std::cerr << text.str();
-        exit(clean && meanwhile.complaints.empty() && afterwards.complaints.empty() ? 0 : 1);
+            std::cout << ' ' << counted(resource);
+        for (const long count : held_beyond(before))
+            std::cout << ' ' << count;
+        std::cout << std::endl;
+        exit(testing::Test::HasFailure() ? 1 : 0);
     }
 
     TemporaryDirectory directory_;
@@ -163,34 +131,26 @@ class Slot {
     std::optional<Program> simulator_;
     kivos::Descriptor report_;
     pid_t pid_ = -1;
-    Point point_{};
+    Trial trial_;
 };
 
 /// The functions of a library by their places, as nm tells them.
-class Functions {
-  public:
-    explicit Functions(const std::string& library) {
-        std::istringstream lines(run_program({"nm", "-C", "--defined-only", library}).out);
-        std::string place, kind, name;
-        while (lines >> place >> kind && std::getline(lines >> std::ws, name))
-            by_place_[std::stoul(place, nullptr, 16)] = name;
-    }
+std::map<std::size_t, std::string> functions_of(const std::string& library) {
+    std::map<std::size_t, std::string> found = {{0, "?"}};
+    std::istringstream lines(run_program({"nm", "-C", "--defined-only", library}).out);
+    std::string place, kind, name;
+    while (lines >> place >> kind && std::getline(lines >> std::ws, name))
+        found[std::stoul(place, nullptr, 16)] = name;
+    return found;
+}
 
-    /// That an address lies in.
-    std::string at(std::size_t place) const {
-        const auto next = by_place_.upper_bound(place - 1);
-        return next == by_place_.begin() ? "?" : std::prev(next)->second;
-    }
-
-  private:
-    std::map<std::size_t, std::string> by_place_;
-};
+constexpr char kJson[] = "the JSON library";
 
 /// Who asked: the first on the stack that stands before neither the system's nor the compiler's libraries. Of
 /// libraries whose functions are compiled into ours, the library.
 std::string owner_of(const std::string& stack) {
-    static const std::map<std::string, Functions> ours = {{"libkiv", Functions(KIV_LIBRARY)},
-                                                          {"libkivplatform", Functions(KIVPLATFORM_LIBRARY)}};
+    static const std::map<std::string, std::map<std::size_t, std::string>> ours = {
+        {"libkiv", functions_of(KIV_LIBRARY)}, {"libkivplatform", functions_of(KIVPLATFORM_LIBRARY)}};
     std::istringstream frames(stack);
     for (std::string frame; frames >> frame;) {
         const std::string library = frame.substr(0, frame.find(".so"));
@@ -200,107 +160,85 @@ std::string owner_of(const std::string& stack) {
         if (between) continue;
         const auto functions = ours.find(library);
         if (functions == ours.end()) return library;
-        const std::string name =
-            functions->second.at(std::stoul(frame.substr(frame.find('+') + 1), nullptr, 16));
-        if (name.find("nlohmann::") < name.find('(')) return "the JSON library";
+        const std::size_t returns_to = std::stoul(frame.substr(frame.find('+') + 1), nullptr, 16);
+        const std::string& name = std::prev(functions->second.lower_bound(returns_to))->second;
+        if (name.find("nlohmann::") < name.find('(')) return kJson;
         if (name.find("fmt::") < name.find('(')) return "libfmt";
         if (name.find("std::") != 0 || name.find("kiv") < name.find('(')) return library;
     }
     return "the test";
 }
 
-/// Where an exception ends the process and we can do nothing about it. The JSON library's values ask for
-/// memory when they are destroyed.
-const std::set<std::string> kOthers = {"the JSON library"};
-
-class Torture {
-  public:
-    explicit Torture(bool whole) : whole_(whole), slots_(whole ? 8 : 4) {}
-
-    /// Refuses each request of a scenario, or a choice of them, in turn.
-    void run(const Scenario& scenario) {
+/// Refuses each request of a scenario, or a choice of them, in turn.
+class EachScenario : public testing::TestWithParam<Scenario> {
+  protected:
+    void refuse_each(Resource resource, const Trial& well) {
         constexpr long kFirst = 6, kRest = 10;  // Those that are chosen, of a resource.
-        slots_[0].start({&scenario, {}, 0, false}, {100, 100, 100});
-        const Run well = slots_[0].finish();
-        EXPECT_EQ(well.status, 0) << scenario.name << ":\n" << well.text;
-        const auto counts = numbers<std::size(kResources)>(well.line("counted"));
-        for (const Resource resource : kResources) {
-            const long count = counts[static_cast<std::size_t>(resource)];
-            tally(resource).requests += count;
-            for (long nth = 1; nth <= count;
-                 nth += whole_ || count < 20 || nth < kFirst ? 1 : count / kRest + 1) {
-                for (const bool for_good : {false, true}) {
-                    Slot& slot = slots_[next_++ % slots_.size()];
-                    if (!slot.is_free()) judge(slot.finish());
-                    slot.start({&scenario, resource, nth, for_good}, numbers<3>(well.line("left")));
-                }
+        const long count = well.counts[static_cast<std::size_t>(resource)];
+        const auto step = [&](long nth) {
+            return whole_ || count < 20 || nth < kFirst ? 1 : count / kRest + 1;
+        };
+        tally(resource).requests += count;
+        for (long nth = 1; nth <= count; nth += step(nth)) {
+            for (const bool for_good : {false, true}) {
+                Slot& slot = slots_[next_++ % slots_.size()];
+                if (!slot.is_free()) judge(slot.finish());
+                slot.start({well.scenario, well.left, resource, nth, for_good});
             }
         }
-        for (Slot& slot : slots_)
-            if (!slot.is_free()) judge(slot.finish());
     }
 
-    void tell() {
-        for (const Resource resource : kResources) {
-            const Tally& of = tally(resource);
-            std::cout << name_of(resource) << ": " << of.requests << " requests, " << of.runs << " runs, "
-                      << of.passed << " passed, " << of.ended_by_others << " ended by others\n";
-        }
-        std::cout << "places that asked:";
-        for (const auto& [owner, places] : places_)
-            std::cout << ' ' << owner << ' ' << places.size();
-        std::cout << std::endl;
+    /// Our own code may not end the process; the JSON library's values ask for memory when they are
+    /// destroyed, and we can do nothing about it.
+    void judge(const Trial& trial) {
+        const std::string who = trial.line("refused"), terminated = trial.line("terminated");
+        if (who.empty() && trial.status == 0) return;  // This time fewer were made.
+        Tally& of = tally(trial.resource);
+        const bool by_json = !terminated.empty() && owner_of(terminated) == kJson;
+        ++of.runs;
+        of.ended_by_json += by_json ? 1 : 0;
+        of.passed += trial.status == 0 ? 1 : 0;
+        places_[owner_of(who)].insert(who);
+        if (trial.status == 0 || by_json) return;
+        failures_ << of.name << ' ' << trial.nth << (trial.for_good ? " and on" : "") << ", asked for by "
+                  << owner_of(who) << ", ends with " << trial.status << ":\n"
+                  << trial.text;
     }
 
-  private:
     struct Tally {
-        long requests = 0, runs = 0, passed = 0, ended_by_others = 0;
+        const char* name;
+        long requests = 0, runs = 0, passed = 0, ended_by_json = 0;
     };
     Tally& tally(Resource resource) { return tallies_[static_cast<std::size_t>(resource)]; }
-    static const char* name_of(Resource resource) {
-        constexpr const char* kNames[] = {"memory", "descriptors", "threads"};
-        return kNames[static_cast<std::size_t>(resource)];
-    }
 
-    void judge(const Run& run) {
-        const std::string who = run.line("refused"), terminated = run.line("terminated");
-        if (who.empty() && run.status == 0) return;  // This time fewer were made.
-        Tally& of = tally(run.point.resource);
-        ++of.runs;
-        places_[owner_of(who)].insert(who);
-        const bool by_others = !terminated.empty() && kOthers.contains(owner_of(terminated));
-        of.ended_by_others += by_others ? 1 : 0;
-        of.passed += run.status == 0 ? 1 : 0;
-        EXPECT_TRUE(run.status == 0 || by_others)
-            << run.point.scenario->name << ", " << name_of(run.point.resource) << ' ' << run.point.nth
-            << (run.point.for_good ? " and on" : "") << ", asked for by " << owner_of(who) << ", ends with "
-            << (WIFSIGNALED(run.status) ? strsignal(WTERMSIG(run.status))
-                                        : std::to_string(WEXITSTATUS(run.status)))
-            << ":\n"
-            << run.text;
-    }
-
-    const bool whole_;
-    std::vector<Slot> slots_;
+    const bool whole_ = std::getenv("KIV_TORTURE_WHOLE") != nullptr;
+    std::vector<Slot> slots_{whole_ ? 8u : 4u};
     std::size_t next_ = 0;
-    Tally tallies_[std::size(kResources)];
+    Tally tallies_[std::size(kResources)] = {{"memory"}, {"descriptors"}, {"threads"}};
     std::map<std::string, std::set<std::string>> places_;  ///< By owner.
+    std::ostringstream failures_;  ///< Told in the end: trials inherit what this process has failed in.
 };
-
-struct EachScenario : testing::TestWithParam<Scenario> {};
-
-std::string name_of_case(const testing::TestParamInfo<Scenario>& info) {
-    std::string name = info.param.name;
-    std::replace(name.begin(), name.end(), ' ', '_');
-    return name;
-}
 
 }  // namespace
 
 TEST_P(EachScenario, EndsInACodeOrAnExceptionAndAllIsWellAfterwards) {
-    Torture torture(std::getenv("KIV_TORTURE_WHOLE") != nullptr);
-    torture.run(GetParam());
-    torture.tell();
+    slots_[0].start({&GetParam(), {100, 100, 100}});
+    const Trial well = slots_[0].finish();
+    ASSERT_EQ(well.status, 0) << well.text;
+    for (const Resource resource : kResources)
+        refuse_each(resource, well);
+    for (Slot& slot : slots_)
+        if (!slot.is_free()) judge(slot.finish());
+
+    for (const Tally& of : tallies_)
+        std::cout << of.name << ": " << of.requests << " requests, " << of.runs << " runs, " << of.passed
+                  << " passed, " << of.ended_by_json << " ended by " << kJson << '\n';
+    std::cout << "places that asked:";
+    for (const auto& [owner, places] : places_)
+        std::cout << ' ' << owner << ' ' << places.size();
+    std::cout << std::endl;
+    EXPECT_TRUE(failures_.str().empty()) << failures_.str();
 }
 
-INSTANTIATE_TEST_SUITE_P(Torture, EachScenario, testing::ValuesIn(kScenarios), name_of_case);
+INSTANTIATE_TEST_SUITE_P(Torture, EachScenario, testing::ValuesIn(kScenarios),
+                         [](const auto& row) { return std::string(row.param.name); });
