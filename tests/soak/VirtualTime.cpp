@@ -1,13 +1,13 @@
 #include "soak/VirtualTime.h"
 
 #include <pthread.h>
+#include <semaphore.h>
 
 #include <cerrno>
 #include <ctime>
 #include <limits>
 #include <list>
 #include <map>
-#include <semaphore>
 
 #include "support/Test.h"
 
@@ -16,9 +16,18 @@ namespace {
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
 struct Participant {
-    void* (*body)(void*) = nullptr;
-    void* argument = nullptr;
-    std::binary_semaphore turn{0};
+    explicit Participant(void* (*todo)(void*) = nullptr, void* with = nullptr) : body(todo), argument(with) {
+        sem_init(&turn, 0, 0);
+    }
+    void take_turn() {
+        while (sem_wait(&turn) != 0) {
+        }
+    }
+
+    void* (*body)(void*);
+    void* argument;
+    sem_t turn;  ///< Not the C++ library's, which yields for a while before it waits: a busy machine is slow
+                 ///< then.
     const void* waits_for = nullptr;
     int64_t alarm = kNever;
     bool timed_out = false, ended = false;
@@ -71,8 +80,8 @@ void give_way() {
     Participant* const next = g_world->ready.front();
     g_world->ready.pop_front();
     if (next == t_self) return;
-    next->turn.release();
-    if (!t_self->ended) t_self->turn.acquire();
+    sem_post(&next->turn);
+    if (!t_self->ended) t_self->take_turn();
 }
 
 /// Until somebody wakes the caller: 0, or until the alarm: ETIMEDOUT.
@@ -99,7 +108,7 @@ int wake_all(const void* what) {
 
 void* run(void* participant) {
     t_self = static_cast<Participant*>(participant);
-    t_self->turn.acquire();
+    t_self->take_turn();
     void* const result = t_self->body(t_self->argument);
     t_self->ended = true;
     wake_first(t_self);
@@ -109,7 +118,7 @@ void* run(void* participant) {
 
 int create(decltype(&pthread_create) real, pthread_t* thread, const pthread_attr_t* attributes,
            void* (*body)(void*), void* argument) {
-    auto* const fresh = new Participant{body, argument};
+    auto* const fresh = new Participant(body, argument);
     if (real(thread, attributes, run, fresh) != 0) std::abort();
     g_world->started[*thread] = fresh;
     g_world->ready.push_back(fresh);
@@ -128,7 +137,7 @@ int join(decltype(&pthread_join) real, pthread_t thread, void** result) {
 }  // namespace
 
 VirtualTime::VirtualTime(std::chrono::nanoseconds start) {
-    t_self = new Participant{};
+    t_self = new Participant;
     g_world = new World{start.count()};
 }
 
