@@ -1,6 +1,7 @@
 #include "support/measure.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <ctime>
 #include <stdexcept>
@@ -22,7 +23,7 @@ double Times::part(double share) const {
     std::vector<double> sorted = values_;
     std::sort(sorted.begin(), sorted.end());
     const auto last = static_cast<double>(sorted.size() - 1);
-    return sorted[static_cast<std::size_t>(share * last + 0.5)];
+    return sorted[static_cast<std::size_t>(std::lround(share * last))];
 }
 
 double now(Clock clock) {
