@@ -23,15 +23,6 @@ namespace {
 /// Of the application's lines, which log readers tell by it: docs/oddities.md.
 constexpr int kApplicationLine = 528;
 
-/// Apart from kiv_log_print, which needs no stack for a line that is dropped.
-[[gnu::noinline]] kiv_result_t print(kiv_log_level_t level, const char* message) noexcept {
-    return guarded([&]() -> kiv_result_t {
-        if (message == nullptr) return null_argument();
-        kivLog_dispatch(level, kApiSource, kApplicationLine, message);
-        return KIV_OK;
-    });
-}
-
 }  // namespace
 
 // ---- Life cycle -----------------------------------------------------------------------------------------
@@ -63,6 +54,19 @@ kiv_result_t kiv_configure_save() {
     process.g_CardConfig.save_to_file(CardConfig::getPath());
     return KIV_OK;
 }
+
+namespace {
+
+/// Apart from kiv_log_print, which needs no stack for a line that is dropped.
+[[gnu::noinline]] kiv_result_t print(kiv_log_level_t level, const char* message) noexcept {
+    return guarded([&]() -> kiv_result_t {
+        if (message == nullptr) return null_argument();
+        kivLog_dispatch(level, kApiSource, kApplicationLine, message);
+        return KIV_OK;
+    });
+}
+
+}  // namespace
 
 kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
     if (Process::inherited()) return KIV_ERR_NOT_OPENED;
