@@ -3,6 +3,7 @@
 // time.
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <fmt/format.h>
 #include <kiv/HpsHttpHelper.h>
 #include <kiv/hpsClient.h>
 #include <kivos/sockets.h>
@@ -249,7 +250,7 @@ double peak_of(const std::function<void()>& work) {
 void measure_files(Report& report, const Server& server, const Directory& directory) {
     HttpClient client(server.url());
     for (const std::size_t size : {64, 256}) {
-        const std::string all = "/" + std::to_string(size);
+        const std::string all = fmt::format("/{}", size);
         const std::string path = directory.firmware(size);
         const auto upload = [&] { require_success(client.upload("/small", path)); };
         const auto download = [&] { require_success(client.download(all, directory.downloaded())); };

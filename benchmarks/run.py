@@ -53,6 +53,11 @@ def figure(value):
     return f"{value:.2f}" if abs(value) < 10 else f"{value:.1f}" if abs(value) < 1000 else f"{value:.0f}"
 
 
+def ratio(row):
+    """The third digit tells by how much a budget of two was met, or missed."""
+    return (f'{row["ratio"]:.3f}' if row["ratio"] < 2 else figure(row["ratio"])) + "x" if "ratio" in row else ""
+
+
 def change(row, former):
     """How a row differs from the former run: by its ratio to the floor where it has one, which the machine matters less to."""
     old = next((each for each in former if (each["group"], each["name"]) == (row["group"], row["name"])), None)
@@ -75,7 +80,7 @@ def print_table(machine, rows, former):
             lines.append(["  " + row["name"], "skipped: " + row["skipped"]])
             continue
         line = ["  " + row["name"], figure(row["ours"]), row["unit"], figure(row["floor"]) if "floor" in row else "",
-                row.get("what_the_floor_is", ""), figure(row["ratio"]) + "x" if "ratio" in row else "", row.get("budget", ""),
+                row.get("what_the_floor_is", ""), ratio(row), row.get("budget", ""),
                 {True: "met", False: "MISSED"}.get(row.get("met"), "")]
         lines.append(line + ([change(row, former)] if former is not None else []))
     full = [titles] + [line for line in lines if len(line) == len(titles)]
@@ -125,7 +130,7 @@ def page(text, machine, rows):
         floor = f'{figure(row["floor"])} {row["unit"]}' if "floor" in row else ""
         verdict = {True: "", False: ": **missed**", None: ""}[row.get("met")]
         lines.append(f'| {row["name"]} | {figure(row["ours"])} {row["unit"]} | {floor} | {row.get("what_the_floor_is", "")} | '
-                     + (figure(row["ratio"]) + "x" if "ratio" in row else "") + f' | {row.get("budget", "")}{verdict} |')
+                     f'{ratio(row)} | {row.get("budget", "")}{verdict} |')
     return before + MARKS[0] + "\n".join(lines) + "\n" + MARKS[1] + after
 
 
@@ -144,9 +149,9 @@ def main():
     results.mkdir(parents=True, exist_ok=True)
     former = None
     if "--compare" in options:
-        last = max(results.glob("*.json"), default=REFERENCE)
-        former = json.loads(last.read_text())["rows"] if last.exists() else []
-        print(f"comparing with {last}", file=sys.stderr)
+        # Of each row the last figure: a run may have been of some programs only.
+        runs = [json.loads(file.read_text())["rows"] for file in [REFERENCE, *sorted(results.glob("*.json"))] if file.exists()]
+        former = [row for rows in reversed(runs) for row in rows]
     machine, rows, failed = measure([known[name] for name in names or known], results / "scratch")
     text = json.dumps({"machine": machine, "rows": rows}, indent=1) + "\n"
     (results / time.strftime("%Y%m%dT%H%M%S.json")).write_text(text)

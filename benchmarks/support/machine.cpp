@@ -12,6 +12,10 @@
 
 #include <kiv/kiv_version.h>
 
+#if __has_include(<boost/version.hpp>)
+#include <boost/version.hpp>
+#endif
+
 namespace kivbench {
 
 namespace {
@@ -66,10 +70,13 @@ std::map<std::string, std::string> machine() {
 #else
     const std::string compiler = std::string("gcc ") + __VERSION__;
 #endif
-    return {
+    // What a distribution adds to the kernel's number says where a machine stands, not what it does.
+    const std::string release = system.release;
+    std::map<std::string, std::string> all{
         {"processor", processor()},
         {"cores", std::to_string(std::thread::hardware_concurrency())},
-        {"system", fmt::format("{} {} {}", system.sysname, system.release, system.machine)},
+        {"system",
+         fmt::format("{} {} {}", system.sysname, release.substr(0, release.find('-')), system.machine)},
         {"compiler", compiler},
         {"kiv", version(KIV_VERSION_MAJOR, KIV_VERSION_MINOR, KIV_VERSION_REVISION)},
         {"libcurl", curl_version_info(CURLVERSION_NOW)->version},
@@ -78,6 +85,10 @@ std::map<std::string, std::string> machine() {
         {"nlohmann-json",
          version(NLOHMANN_JSON_VERSION_MAJOR, NLOHMANN_JSON_VERSION_MINOR, NLOHMANN_JSON_VERSION_PATCH)},
     };
+#ifdef BOOST_VERSION
+    all["Boost"] = version(BOOST_VERSION / 100000, BOOST_VERSION / 100 % 1000, BOOST_VERSION % 100);
+#endif
+    return all;
 }
 
 }  // namespace kivbench
