@@ -283,6 +283,23 @@ TEST_F(Scan, OfEachCardOpensThemAtTheSameTime) {
     EXPECT_EQ(scan.cards[1].result, KIV_OK);
 }
 
+TEST_F(Scan, OfEachCardLeavesADriverThatHangs) {
+    RunningSimulator simulator(
+        {card_with_fault(1, fault(wire::kInit).delay_ms(60'000)), kivsim::believable_card(2)});
+    const auto start = std::chrono::steady_clock::now();
+    kiv_scan_each_t scan{};
+    ASSERT_EQ(kiv_scan_each(nullptr, 1000, &scan), KIV_OK);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    ASSERT_EQ(scan.count, 2u);
+    EXPECT_EQ(scan.cards[0].result, KIV_ERR_BUSY);
+    EXPECT_EQ(scan.cards[1].result, KIV_OK);
+    EXPECT_EQ(info_of(2), KIV_OK);
+    simulator.stop();
+    EXPECT_EQ(kiv_close(), KIV_OK);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(50))
+        << "nobody waits for the call";
+}
+
 /// The process ends here, with its polls running and no close.
 TEST(ScanThenExit, NeedsNoClose) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

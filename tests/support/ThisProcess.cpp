@@ -13,6 +13,12 @@
 #include <iterator>
 #include <string>
 
+#ifndef __APPLE__
+// The sanitizers have allocators of their own.
+extern "C" __attribute__((weak)) void __sanitizer_purge_allocator();
+extern "C" __attribute__((weak)) std::size_t __sanitizer_get_current_allocated_bytes();
+#endif
+
 namespace {
 
 std::ptrdiff_t entries(const char* directory) {
@@ -69,6 +75,8 @@ std::ptrdiff_t running_threads() {
 }
 
 long resident_kib() {
+    if (__sanitizer_purge_allocator != nullptr) __sanitizer_purge_allocator();
+    malloc_trim(0);
     long found = 0;
     std::ifstream status("/proc/self/status");
     for (std::string word; status >> word;) {
@@ -78,6 +86,7 @@ long resident_kib() {
 }
 
 std::size_t allocated_bytes() {
+    if (__sanitizer_get_current_allocated_bytes != nullptr) return __sanitizer_get_current_allocated_bytes();
     return mallinfo2().uordblks + mallinfo2().hblkhd;
 }
 

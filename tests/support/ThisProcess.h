@@ -9,7 +9,7 @@ std::ptrdiff_t open_descriptors();
 
 std::ptrdiff_t running_threads();
 
-/// Memory in use, KiB.
+/// Memory in use, KiB. What the allocator keeps of freed memory is given back first, where it can be told to.
 long resident_kib();
 
 /// Bytes of the allocator in use; 0 where it counts none.

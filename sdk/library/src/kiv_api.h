@@ -168,7 +168,7 @@ KIV_API kiv_result_t kiv_scan_internal(kiv_scan_internal_t* scan);
  *
  * `limit_ms`, when it is not 0, is how long the opening may take: a card that has not answered then has
  * KIV_ERR_BUSY, and calls for it may wait as this one would have. Until its driver answers, the next scan and
- * kiv_close wait for it.
+ * kiv_close may wait for it, too.
  *
  * `only`, when it is not null, is the id of the one card to open and watch: no other is listed, or waited
  * for.
