@@ -8,10 +8,11 @@
 #include <malloc.h>
 #endif
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 
 namespace {
 
@@ -69,12 +70,9 @@ std::ptrdiff_t running_threads() {
 }
 
 long resident_kib() {
-    long found = 0;
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-        if (word == "VmRSS:") status >> found;
-    }
-    return found;
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages >> pages;  // All that is mapped, then what is in memory.
+    return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 std::size_t allocated_bytes() {

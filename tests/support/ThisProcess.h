@@ -9,8 +9,7 @@ std::ptrdiff_t open_descriptors();
 
 std::ptrdiff_t running_threads();
 
-/// Memory in use, KiB.
-long resident_kib();
+long resident_kib();  ///< Memory in use.
 
 /// Bytes of the allocator in use; 0 where it counts none.
 std::size_t allocated_bytes();
