@@ -13,6 +13,8 @@ import sys
 import tempfile
 import time
 
+import checking
+
 # The words on the line, of which the last is to be completed; what is offered, and what is not.
 CASES = [
     (["kivctl", ""], {"scan", "flash", "config", "completion"}, {"write", "image.bin"}),
@@ -37,8 +39,7 @@ def in_bash(words, folder):
     """Without the options where none is begun, as zsh does it."""
     line = ("source \"./$1\"; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _$1 \"$1\" \"${!#}\"; "
             "printf '%s\\n' \"${COMPREPLY[@]}\"")
-    result = subprocess.run(["bash", "--norc", "-uc", line, "bash", *words], cwd=folder, text=True, timeout=60,
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    result = checking.run("bash", "--norc", "-uc", line, "bash", *words, cwd=folder, stderr=subprocess.STDOUT)
     offered = set(result.stdout.split())
     return offered if words[-1] else {word for word in offered if not word.startswith("-")}
 
@@ -80,34 +81,27 @@ class Zsh:
         os.waitpid(self.process, 0)
 
 
-def main():
-    root, kivctl = map(pathlib.Path, sys.argv[1:])
-    os.environ["PATH"] = f"{kivctl.parent}:{os.environ['PATH']}"
-    complaints = []
-    with tempfile.TemporaryDirectory() as name:
-        folder = pathlib.Path(name)
-        (folder / "image.bin").write_text("image")
-        shutil.copytree(root / "simulator/completions", folder, dirs_exist_ok=True)
-        shells = [shell for shell in ("bash", "zsh") if shutil.which(shell)]
-        for shell, script in (("bash", folder / "kivctl"), ("zsh", folder / "_kivctl")):
-            script.write_text(subprocess.run([kivctl, "completion", shell], check=True, text=True, timeout=60,
-                                             stdout=subprocess.PIPE).stdout)
-        zsh = Zsh(folder) if "zsh" in shells else None
-        for words, wanted, unwanted in CASES:
-            for shell in shells:
-                offered = in_bash(words, folder) if shell == "bash" else zsh.offered(words)
-                # On the terminal stands what was typed, too.
-                strange = unwanted & offered - (set(words) if shell == "zsh" else set())
-                if not wanted <= offered or strange:
-                    complaints.append(f"{shell}: {words}: {sorted(wanted - offered)} missing, "
-                                      f"{sorted(strange)} too many; offered are {sorted(offered)}")
-        if zsh:
-            zsh.end()
-        missing = {"bash", "zsh"} - set(shells)
-    print("\n".join(complaints) or f"{len(CASES)} lines in {', '.join(shells)}")
-    if missing and not complaints:
-        print(f"skipped: {', '.join(missing)} is not installed")
-    return 1 if complaints else 77 if missing else 0
-
-
-sys.exit(main())
+root, kivctl = map(pathlib.Path, sys.argv[1:])
+os.environ["PATH"] = f"{kivctl.parent}:{os.environ['PATH']}"
+complaints = []
+with tempfile.TemporaryDirectory() as name:
+    folder = pathlib.Path(name)
+    (folder / "image.bin").write_text("image")
+    shutil.copytree(root / "simulator/completions", folder, dirs_exist_ok=True)
+    for shell, script in (("bash", "kivctl"), ("zsh", "_kivctl")):
+        (folder / script).write_text(checking.run(kivctl, "completion", shell, check=True).stdout)
+    shells = [shell for shell in ("bash", "zsh") if shutil.which(shell)]
+    zsh = Zsh(folder) if "zsh" in shells else None
+    for words, wanted, unwanted in CASES:
+        for shell in shells:
+            offered = in_bash(words, folder) if shell == "bash" else zsh.offered(words)
+            # On the terminal stands what was typed, too.
+            strange = unwanted & offered - (set(words) if shell == "zsh" else set())
+            if not wanted <= offered or strange:
+                complaints.append(f"{shell}: {words}: {sorted(wanted - offered)} missing, {sorted(strange)} too many; "
+                                  f"offered are {sorted(offered)}")
+    if zsh:
+        zsh.end()
+if not complaints:
+    checking.need("bash", "zsh")
+checking.end(complaints, f"{len(CASES)} lines in {', '.join(shells)}")

@@ -14,6 +14,8 @@ import subprocess
 import sys
 import tempfile
 
+import checking
+
 COMPILED = ("platformMacOS.cpp", "iokit.cpp")
 
 PROJECT = r"""cmake_minimum_required(VERSION 3.25)
@@ -55,13 +57,7 @@ target_link_libraries(guest PRIVATE kiv::kiv kiv::cpp)
 install(FILES guest.c DESTINATION share)
 """
 
-C_PROGRAM = r"""#include <kiv/kiv_api.h>
-#include <stdio.h>
-int main(void) {
-    puts(kiv_result_name(KIV_ERR_NOT_OPENED));
-    return 0;
-}
-"""
+C_PROGRAM = "#include <kiv/kiv_api.h>\n#include <stdio.h>\nint main(void) { return puts(kiv_result_name(KIV_ERR_NOT_OPENED)) < 0; }\n"
 CXX_PART = "#include <kiv/HpsHttpHelper.h>\nstatic_assert(__cplusplus == 201703L, \"the guest's standard\");\n"
 BINARIES = {"own/guest", "own/libkiv.so", "own/libkivplatform.so", "kiv/platform/libkivconversation.a",
             "kiv/platform/libkivos.a"}
@@ -77,26 +73,20 @@ def take(build, command):
     shutil.copy(made[0], command[command.index("-o") + 1])
 
 
-def run(*command):
-    result = subprocess.run([str(part) for part in command], text=True, stdout=subprocess.PIPE,
-                            stderr=subprocess.STDOUT, timeout=200)
-    return result.returncode, result.stdout
-
-
 def guest_complaints(home, root, build, cc, cxx):
     configure = ["cmake", "-G", "Ninja", "-S", home, f"-DCMAKE_C_COMPILER={cc}", f"-DCMAKE_CXX_COMPILER={cxx}"]
-    launcher = f"{sys.executable};{__file__};take;{build}"
+    launcher = f"{sys.executable};-B;{__file__};take;{build}"
     steps = [[*configure, "-B", home / "fetched", f"-DFETCHCONTENT_SOURCE_DIR_KIV={root}"],
              [*configure, "-B", home / "b", f"-DKIV={root}", f"-DCMAKE_CXX_COMPILER_LAUNCHER={launcher}"],
              ["cmake", "--install", home / "b", "--prefix", home / "installed"],
              ["cmake", "--build", home / "b"], [home / "b/own/guest"]]
     for step in steps:
-        status, output = run(*step)
-        if status != 0:
-            yield f"{' '.join(map(str, step))}\nends with {status}:\n{output}"
+        ended = checking.run(*step, stderr=subprocess.STDOUT)
+        if ended.returncode != 0:
+            yield f"{' '.join(map(str, step))}\nends with {ended.returncode}:\n{ended.stdout}"
             return
-    if output != "KIV_ERR_NOT_OPENED\n":
-        yield f"the guest's program says {output}"
+    if ended.stdout != "KIV_ERR_NOT_OPENED\n":
+        yield f"the guest's program says {ended.stdout}"
     installed = [str(f.relative_to(home / "installed")) for f in (home / "installed").rglob("*") if f.is_file()]
     if installed != ["share/guest.c"]:
         yield f"installed: {installed}"
@@ -106,23 +96,17 @@ def guest_complaints(home, root, build, cc, cxx):
         yield f"built: {sorted(built)}"
     if "-Werror" in (home / "b/build.ninja").read_text():
         yield "warnings are errors"
-    tests = run("ctest", "--test-dir", home / "b", "-N")[1]
+    tests = checking.run("ctest", "--test-dir", home / "b", "-N").stdout
     if "Total Tests: 0" not in tests:
         yield f"tests: {tests}"
 
 
-def main():
-    if sys.argv[1] == "take":
-        take(pathlib.Path(sys.argv[2]), sys.argv[3:])
-        return 0
-    root, build, cc, cxx = sys.argv[1:]
-    with tempfile.TemporaryDirectory() as folder:
-        home = pathlib.Path(folder)
-        for name, content in (("CMakeLists.txt", PROJECT), ("guest.c", C_PROGRAM), ("guest.cpp", CXX_PART)):
-            (home / name).write_text(content)
-        complaints = list(guest_complaints(home, root, build, cc, cxx))
-    print("\n".join(complaints) or "a guest project gets the library and keeps its settings")
-    return 1 if complaints else 0
-
-
-sys.exit(main())
+if sys.argv[1] == "take":
+    take(pathlib.Path(sys.argv[2]), sys.argv[3:])
+    sys.exit()
+with tempfile.TemporaryDirectory() as folder:
+    home = pathlib.Path(folder)
+    for name, content in (("CMakeLists.txt", PROJECT), ("guest.c", C_PROGRAM), ("guest.cpp", CXX_PART)):
+        (home / name).write_text(content)
+    complaints = list(guest_complaints(home, *sys.argv[1:]))
+checking.end(complaints, "a guest project gets the library and keeps its settings")

@@ -22,10 +22,11 @@ import pathlib
 import re
 import shlex
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
+
+import checking
 
 CONFIGURATION = pathlib.Path("/Library/Application Support/Velmora/config/hps_boot.json")
 CONTROL = "127.0.0.1:9645"
@@ -44,11 +45,6 @@ def blocks(text):
 
 def unfenced(text):
     return re.findall(r"^\n(?: {4}.*\n)+", re.sub(r"^```.*?^```", "", text, flags=re.M | re.S), re.M)
-
-
-def unused_port():
-    with socket.create_server(("127.0.0.1", 0)) as server:
-        return server.getsockname()[1]
 
 
 def masked(text):
@@ -102,25 +98,24 @@ class Page:
             self.environment |= {"PKG_CONFIG_PATH": f"{home}/kiv/lib/pkgconfig", "LD_LIBRARY_PATH": f"{home}/kiv/lib"}
 
     def run(self, script):
-        result = subprocess.run(["bash", "-euo", "pipefail", "-c", script], env=self.environment, cwd=self.folder,
-                                text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=250)
-        return result.returncode, result.stdout
+        return checking.run("bash", "-euo", "pipefail", "-c", script, env=self.environment, cwd=self.folder,
+                            stderr=subprocess.STDOUT)
 
     def console(self, content):
         commands = re.findall(r"^\$ (.*)$", content, re.M)
         script = "set +e\n" + "".join(
             f"printf '%s\\n' {shlex.quote('$ ' + command)}\n{ready(command)}\n"
             for command in commands) + "kill %?serve 2>/dev/null; true\n"
-        actual = self.run(script)[1]
+        actual = self.run(script).stdout
         if masked(actual) != masked(content):
             yield f"{self.name} shows\n{content}\nand the commands print\n{actual}"
 
     def commands(self, script):
         # This build stands for the release build, which the lines before the installation would make.
         script = re.sub(r"^cmake (--preset|--build --preset) .*\n", "", script, flags=re.M)
-        status, output = self.run(script)
-        if status != 0:
-            yield f"{self.name}: the lines\n{script}\nend with {status}:\n{output}"
+        ended = self.run(script)
+        if ended.returncode != 0:
+            yield f"{self.name}: the lines\n{script}\nend with {ended.returncode}:\n{ended.stdout}"
 
     def file(self, language, name, content, rest):
         path = self.folder / name
@@ -151,7 +146,7 @@ class Page:
     def complaints(self):
         for content in unfenced(self.text):
             yield f"{self.name}: code without a fence:{content}"
-        self.text = self.text.replace("$ kivctl serve &", f"$ kivctl serve --listen 127.0.0.1:{(port := unused_port())} &")
+        self.text = self.text.replace("$ kivctl serve &", f"$ kivctl serve --listen 127.0.0.1:{(port := checking.unused_port())} &")
         self.text = self.text.replace("127.0.0.1:9644", f"127.0.0.1:{port}")
         with self.simulator():
             found = blocks(self.text)
@@ -186,26 +181,19 @@ def all_complaints(root, build, pages, home):
     return complaints
 
 
-def main():
-    root, build = pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(sys.argv[2]).resolve()
-    folder = next(folder for folder in CONFIGURATION.parents if folder.exists())
-    if not os.access(folder, os.W_OK):
-        print(f"skipped: {CONFIGURATION} cannot be changed by this user")
-        return 77
-    pages = sys.argv[3:] or ["README.md"] + sorted(str(path.relative_to(root)) for path in root.glob("docs/*.md"))
-    CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
-    aside = CONFIGURATION.with_suffix(".aside-for-the-guide")
-    if CONFIGURATION.exists():
-        CONFIGURATION.rename(aside)
-    try:
-        with tempfile.TemporaryDirectory() as home:
-            complaints = all_complaints(root, build, pages, home)
-    finally:
-        CONFIGURATION.unlink(missing_ok=True)
-        if aside.exists():
-            aside.rename(CONFIGURATION)
-    print("\n".join(complaints) or f"{len(pages)} pages are true")
-    return 1 if complaints else 0
-
-
-sys.exit(main())
+root, build = pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(sys.argv[2]).resolve()
+if not os.access(next(folder for folder in CONFIGURATION.parents if folder.exists()), os.W_OK):
+    checking.skip(f"{CONFIGURATION} cannot be changed by this user")
+pages = sys.argv[3:] or ["README.md"] + sorted(str(path.relative_to(root)) for path in root.glob("docs/*.md"))
+CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
+aside = CONFIGURATION.with_suffix(".aside-for-the-guide")
+if CONFIGURATION.exists():
+    CONFIGURATION.rename(aside)
+try:
+    with tempfile.TemporaryDirectory() as home:
+        complaints = all_complaints(root, build, pages, home)
+finally:
+    CONFIGURATION.unlink(missing_ok=True)
+    if aside.exists():
+        aside.rename(CONFIGURATION)
+checking.end(complaints, f"{len(pages)} pages are true")

@@ -7,16 +7,10 @@ import sys
 
 import compiling
 
-
-def main():
-    root, build, compiler, path = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), sys.argv[3], sys.argv[4]
-    tops = ["sdk", "macOS", "platform", "simulator", "tools", "tests"]
-    flags = [f"-I{folder}" for folder in path.split(":") if folder]
-    commands = {
-        str(header.relative_to(root)): [compiler, "-std=c++20", "-fsyntax-only", "-x", "c++", *flags,
-                                        f"-I{header.parent}", "-include", str(header), "/dev/null"]
-        for top in tops for header in (root / top).rglob("*.h")}
-    return compiling.report(commands, build / "headers_alone.json", "headers compile alone")
-
-
-sys.exit(main())
+root, build, compiler, path = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), sys.argv[3], sys.argv[4]
+tops = ["sdk", "macOS", "platform", "simulator", "tools", "tests"]
+flags = [f"-I{folder}" for folder in path.split(":") if folder]
+compiling.report({
+    str(header.relative_to(root)): [compiler, "-std=c++20", "-fsyntax-only", "-x", "c++", *flags, f"-I{header.parent}",
+                                    "-include", str(header), "/dev/null"]
+    for top in tops for header in (root / top).rglob("*.h")}, build / "headers_alone", "headers compile alone")

@@ -11,17 +11,17 @@ import os
 import pathlib
 import re
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
 import urllib.request
 
+import checking
+
 try:
     import jsonschema
 except ImportError:
-    print("skipped: the Python module jsonschema is not installed")
-    sys.exit(77)
+    checking.skip("the Python module jsonschema is not installed")
 
 OWN_LIBRARY = ["unshare", "-rm", "sh", "-c", 'mount -t tmpfs none /Library && exec "$@"', "sh"]
 DONE, FAILED, USAGE, ATTENTION, TIME_IS_UP = range(5)
@@ -138,44 +138,26 @@ class Setups:
     """Simulators, one for each set-up, and the machine's configuration as it is in that set-up."""
 
     def __init__(self, build, folder, stack):
-        self.build, self.folder, self.stack = build, folder, stack
-        with socket.socket() as taken:
-            taken.bind(("127.0.0.1", 0))
-            closed = taken.getsockname()[1]
-        external = {"server": "external", "tunnel": {"address": "127.0.0.1", "port": closed}}
+        self.build, self.folder, self.stack, self.simulators = build, folder, stack, {}
+        external = {"server": "external", "tunnel": {"address": "127.0.0.1", "port": checking.unused_port()}}
         self.cards = {
             "good": [{"id": 1, "flash_ms": 300}, {"id": 2, "flash_ms": 2000, "hwmon": HOT}],
             "bad": [{"id": 1, **external}, {"id": 2}],
             "hangs": [{"id": 1, "driver_faults": [{"selector": 6, "delay_ms": 60000}]}],
         }
-        self.control = {}
-        self.processes = {}
 
     def environment(self, name):
         """Variables of a program that uses the set-up, whose simulator runs from the first time on."""
-        path = f"{self.folder}/{name}.sock"
-        if name in self.cards and name not in self.control:
-            cards = self.folder / f"{name}.json"
-            cards.write_text(json.dumps({"cards": self.cards[name]}))
-            process = self.stack.enter_context(subprocess.Popen(
-                [self.build / "bin/kivsim", "--config", cards, "--socket", path], stdout=subprocess.PIPE, text=True))
-            self.stack.callback(process.terminate)
-            self.control[name] = re.search(r"control (\S+)", process.stdout.readline()).group(1)
-            self.processes[name] = process
-        return {**os.environ, "KIVSIM_SOCKET": path}
-
-    def change(self, name, card, members):
-        urllib.request.urlopen(urllib.request.Request(
-            f"http://{self.control[name]}/cards/{card}", json.dumps(members).encode(), method="PATCH"), timeout=30)
-
-
-def run(kivctl, words, environment):
-    return subprocess.run([kivctl, *words], env=environment, text=True, capture_output=True, timeout=120)
+        if name not in self.cards:
+            return {**os.environ, "KIVSIM_SOCKET": f"{self.folder}/{name}"}
+        if name not in self.simulators:
+            self.simulators[name] = checking.Simulator(self.build, self.folder, self.cards[name], self.stack, name)
+        return self.simulators[name].environment
 
 
 def documented_commands(kivctl, group=()):
     """As the help lists them."""
-    text = run(kivctl, [*group, "--help"], os.environ).stdout
+    text = checking.run(kivctl, *group, "--help").stdout
     listed = re.findall(r"^  (\S+) ", text.partition("\nSubcommands:\n")[2].partition("\n\n")[0], re.M)
     return [path for name in listed for path in ([" ".join([*group, name])] + documented_commands(kivctl, [*group, name]))]
 
@@ -190,7 +172,7 @@ def check_row(row, kivctl, setups, schemas):
     if name == "wrong":
         configuration.write_text('{"version": 1, "ptp": {}}')
     words = [word.replace("FOLDER", str(setups.folder)) for word in words]
-    ended = run(kivctl, [*command.split(), *words, "--json"], setups.environment(name))
+    ended = checking.run(kivctl, *command.split(), *words, "--json", env=setups.environment(name))
     complaints = schemas.complaints(ended.stdout, schema)
     if ended.returncode != status:
         complaints.append(f"ends with {ended.returncode}, not {status}: {ended.stderr}")
@@ -199,75 +181,60 @@ def check_row(row, kivctl, setups, schemas):
 
 def check_watch(kivctl, setups, schemas):
     """Each kind of event but the one that comes once a minute."""
-    process = subprocess.Popen([kivctl, "watch", "2", "--json"], env=setups.environment("good"), text=True,
-                               stdout=subprocess.PIPE)
-    complaints, events = [], []
-    changes = iter([lambda: setups.change("good", 2, {"links": [False, True]}),
-                    lambda: setups.change("good", 2, {"ptp_state": 3}),
-                    setups.processes["good"].terminate, process.terminate])
-    try:
-        for line in process.stdout:
-            complaints += schemas.complaints(line, "watch")
-            events.append(json.loads(line)["event"])
-            # A server may be lost before its driver; both are "lost".
-            if events[-2:] != ["lost", "lost"]:
-                next(changes, lambda: None)()
-    finally:
-        process.terminate()
+    process = checking.start([kivctl, "watch", "2", "--json"], setups.stack, env=setups.environment("good"))
+    complaints, events, simulator = [], [], setups.simulators["good"]
+    changes = iter([lambda: simulator.change(2, links=[False, True]), lambda: simulator.change(2, ptp_state=3),
+                    simulator.process.terminate, process.terminate])
+    for line in process.stdout:
+        complaints += schemas.complaints(line, "watch")
+        events.append(json.loads(line)["event"])
+        # A server may be lost before its driver; both are "lost".
+        if events[-2:] != ["lost", "lost"]:
+            next(changes, lambda: None)()
     process.wait(timeout=60)
     if events[:4] != ["state", "link", "ptp", "lost"] or process.returncode != DONE:
         complaints.append(f"watch ends with {process.returncode} after {events}")
     return complaints
 
 
-def check_serve(kivctl, setups, schemas):
+def check_serve(setups, schemas):
     """With good cards, with bad ones, and without a driver."""
     complaints = []
     for name in ("good", "bad", "none"):
-        process = subprocess.Popen([kivctl, "serve", "--listen", "127.0.0.1:0", "--json"], env=setups.environment(name),
-                                   text=True, stdout=subprocess.PIPE)
-        try:
-            line = process.stdout.readline()
-            complaints += schemas.complaints(line, "serve")
-            url = json.loads(line)["url"]
-            urllib.request.urlopen(url + "metrics", timeout=30).read()  # Waits for the cards.
-            for page in ["cards.json"] + ["history.json?card=1"] * (name != "none"):
-                answer = urllib.request.urlopen(url + page, timeout=30).read()
-                complaints += [f"{name}: {page}: {complaint}"
-                               for complaint in schemas.complaints(answer, page.partition(".")[0])]
-        finally:
-            process.terminate()
+        process, line = checking.serve(setups.build, setups.environment(name), setups.stack)
+        complaints += schemas.complaints(line, "serve")
+        url = json.loads(line)["url"]
+        urllib.request.urlopen(url + "metrics", timeout=30).read()  # Waits for the cards.
+        for page in ["cards.json"] + ["history.json?card=1"] * (name != "none"):
+            answer = urllib.request.urlopen(url + page, timeout=30).read()
+            complaints += [f"{name}: {page}: {complaint}" for complaint in schemas.complaints(answer, page.partition(".")[0])]
+        process.terminate()
         if process.wait(timeout=60) != DONE:
             complaints.append(f"serve ends with {process.returncode}")
     return complaints
 
 
-def main():
-    if len(sys.argv) == 3 and shutil.which("unshare") and subprocess.run([*OWN_LIBRARY, "true"]).returncode == 0:
-        return subprocess.run([*OWN_LIBRARY, sys.executable, *sys.argv, "own"]).returncode
-    root, build = map(pathlib.Path, sys.argv[1:3])
-    kivctl = build / "bin/kivctl"
-    schemas = Schemas(root / "tools/kivctl/schema")
-    left_out = CONFIGURED_ROWS if len(sys.argv) == 3 else []
-    complaints = schemas.problems
-    with contextlib.ExitStack() as stack:
-        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
-        (folder / "image").write_text("a firmware image")
-        setups = Setups(build, folder, stack)
-        rows = ROWS + [row for row in CONFIGURED_ROWS if row not in left_out]
-        for row in rows:
-            complaints += check_row(row, kivctl, setups, schemas)
-        complaints += check_serve(kivctl, setups, schemas)
-        complaints += check_watch(kivctl, setups, schemas)
-        complaints += schemas.complaints((folder / "support/index.json").read_text(), "support-index")
-    covered = {row[1] for row in ROWS + CONFIGURED_ROWS} | {"watch", "serve"}
-    complaints += [f"{command}: no row tries it" for command in documented_commands(kivctl) if command not in covered]
-    unused = set(schemas.validators) - schemas.used - {row[4] for row in left_out}
-    complaints += [f"schema {name}: no answer has it" for name in sorted(unused)]
-    print("\n".join(complaints) or f"{len(rows)} answers are as {len(schemas.used)} schemas say")
-    if left_out and not complaints:
-        print(f"left out: {len(left_out)} rows, as this system gives no /Library of one's own")
-    return 1 if complaints else 0
-
-
-sys.exit(main())
+if len(sys.argv) == 3 and shutil.which("unshare") and subprocess.run([*OWN_LIBRARY, "true"]).returncode == 0:
+    os.execvp(OWN_LIBRARY[0], [*OWN_LIBRARY, sys.executable, "-B", *sys.argv, "own"])
+root, build = map(pathlib.Path, sys.argv[1:3])
+kivctl = build / "bin/kivctl"
+schemas = Schemas(root / "tools/kivctl/schema")
+left_out = CONFIGURED_ROWS if len(sys.argv) == 3 else []
+rows = ROWS + [row for row in CONFIGURED_ROWS if row not in left_out]
+complaints = schemas.problems
+with contextlib.ExitStack() as stack:
+    folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
+    (folder / "image").write_text("a firmware image")
+    setups = Setups(build, folder, stack)
+    for row in rows:
+        complaints += check_row(row, kivctl, setups, schemas)
+    complaints += check_serve(setups, schemas)
+    complaints += check_watch(kivctl, setups, schemas)
+    complaints += schemas.complaints((folder / "support/index.json").read_text(), "support-index")
+covered = {row[1] for row in ROWS + CONFIGURED_ROWS} | {"watch", "serve"}
+complaints += [f"{command}: no row tries it" for command in documented_commands(kivctl) if command not in covered]
+unused = set(schemas.validators) - schemas.used - {row[4] for row in left_out}
+complaints += [f"schema {name}: no answer has it" for name in sorted(unused)]
+if left_out:
+    print(f"left out: {len(left_out)} rows, as this system gives no /Library of one's own")
+checking.end(complaints, f"{len(rows)} answers are as {len(schemas.used)} schemas say")

@@ -1,13 +1,13 @@
 """Sources compile with libc++, the standard library of macOS; those of the library hold the locks that they say.
 
-usage: libcxx.py ROOT BUILD_DIRECTORY RECORD TOP...    the sources below these folders that the build compiles
+usage: libcxx.py ROOT BUILD_DIRECTORY FOLDER TOP...    the sources below these folders that the build compiles
 """
 import json
 import pathlib
 import shlex
-import shutil
 import sys
 
+import checking
 import compiling
 
 COMPILER = "clang++-14"
@@ -27,20 +27,14 @@ def as_libcxx(command, locks):
     return [COMPILER, "-stdlib=libc++", "-fsyntax-only", "-Werror", *(LOCKS if locks else []), *kept]
 
 
-def main():
-    root, build, record = (pathlib.Path(argument) for argument in sys.argv[1:4])
-    if shutil.which(COMPILER) is None:
-        print(f"skipped: {COMPILER} is not installed")
-        return 77
-    commands = {}
-    for entry in json.loads((build / "compile_commands.json").read_text()):
-        source = pathlib.Path(entry["directory"], entry["file"]).resolve()
-        if source.suffix != ".cpp" or not source.is_relative_to(root):
-            continue
-        top = source.relative_to(root).parts[0]
-        if top in sys.argv[4:]:
-            commands[str(source.relative_to(root))] = as_libcxx(entry["command"], top in ("sdk", "macOS"))
-    return compiling.report(commands, record, "sources compile with libc++")
-
-
-sys.exit(main())
+checking.need(COMPILER)
+root, build, folder = (pathlib.Path(argument) for argument in sys.argv[1:4])
+commands = {}
+for entry in json.loads((build / "compile_commands.json").read_text()):
+    source = pathlib.Path(entry["directory"], entry["file"]).resolve()
+    if source.suffix != ".cpp" or not source.is_relative_to(root):
+        continue
+    top = source.relative_to(root).parts[0]
+    if top in sys.argv[4:]:
+        commands[str(source.relative_to(root))] = as_libcxx(entry["command"], top in ("sdk", "macOS"))
+compiling.report(commands, folder, "sources compile with libc++")

@@ -10,9 +10,10 @@ import os
 import pathlib
 import re
 import shutil
-import subprocess
 import sys
 import tempfile
+
+import checking
 
 # What the scripts may use: the options of BSD's tool, which come before all else, and how many operands it needs.
 TOOLS = {
@@ -75,8 +76,8 @@ class Mac:
         (self.folder / "notes").write_text("")
         (self.folder / "installed").write_text("".join(f"{name}\n" for name in self.packages if name not in lacks))
         (self.path / "brew").rename(self.path / brew)
-        end = subprocess.run([f"{self.folder}/scripts/{command[0]}", *command[1:]], capture_output=True, text=True, timeout=60,
-                             env={"PATH": str(self.path), "TMPDIR": str(self.folder), "MAC": str(self.folder), "BREW_FAILS": fails})
+        end = checking.run(f"{self.folder}/scripts/{command[0]}", *command[1:], timeout=60, env={
+            "PATH": str(self.path), "TMPDIR": str(self.folder), "MAC": str(self.folder), "BREW_FAILS": fails})
         (self.path / brew).rename(self.path / "brew")
         return end.returncode, end.stdout + end.stderr, (self.folder / "notes").read_text()
 
@@ -117,14 +118,9 @@ def complaints_of(mac):
         yield f"left behind: {left}"
 
 
-def main():
-    complaints = []
-    for shell in ("/bin/sh", "/bin/bash"):
-        with tempfile.TemporaryDirectory() as folder:
-            mac = Mac(pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(folder).resolve(), shell)
-            complaints += [f"{shell}: {complaint}" for complaint in complaints_of(mac)]
-    print("\n".join(complaints) or "the scripts run with what a Mac has")
-    return 1 if complaints else 0
-
-
-sys.exit(main())
+complaints = []
+for shell in ("/bin/sh", "/bin/bash"):
+    with tempfile.TemporaryDirectory() as folder:
+        mac = Mac(pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(folder).resolve(), shell)
+        complaints += [f"{shell}: {complaint}" for complaint in complaints_of(mac)]
+checking.end(complaints, "the scripts run with what a Mac has")

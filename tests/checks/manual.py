@@ -7,8 +7,9 @@ import json
 import pathlib
 import re
 import shutil
-import subprocess
 import sys
+
+import checking
 
 OPTION = r"(?<![\w-])--?[a-z][a-z0-9-]*"
 
@@ -39,8 +40,7 @@ def page(root):
 
 def program(kivctl, command=""):
     """The same, as the help of the program and of its commands says."""
-    text = subprocess.run([kivctl, *command.split(), "--help"], check=True, text=True, stdout=subprocess.PIPE,
-                          timeout=60).stdout
+    text = checking.run(kivctl, *command.split(), "--help", check=True).stdout
     listed = text.partition("\nOptions:\n")[2].partition("\n\n")[0]
     own = {option for line in re.findall(r"^  (-.*?)(?:  |$)", listed, re.M) for option in re.findall(OPTION, line)}
     options = {command: own - ({"-h", "--help"} if command else set())}
@@ -52,32 +52,26 @@ def program(kivctl, command=""):
 def statuses(kivctl):
     texts = {}
     for code in map(str, range(8)):
-        text = subprocess.run([kivctl, "explain", code, "--json"], text=True, capture_output=True, timeout=60).stdout
-        for meaning in json.loads(text).get("meanings", []):
+        explained = checking.run(kivctl, "explain", code, "--json").stdout
+        for meaning in json.loads(explained).get("meanings", []):
             if meaning["kind"] == "exit status":
                 texts[code] = meaning["text"]
     return texts
 
 
-def main():
-    root, kivctl = pathlib.Path(sys.argv[1]), sys.argv[2]
-    described, described_statuses = page(root)
-    has = program(kivctl)
-    groups = {command for command in has if any(other.startswith(command + " ") for other in has)}
-    complaints = [f"the page lacks {command}" for command in sorted(set(has) - set(described) - groups)]
-    complaints += [f"the program lacks {command}" for command in sorted(set(described) - set(has))]
-    for command in sorted(set(has) & set(described)):
-        if different := has[command] ^ described[command]:
-            complaints.append(f"kivctl {command}: options {sorted(different)} are on one side only")
-    if statuses(kivctl) != described_statuses:
-        complaints.append(f"exit statuses: the program has {statuses(kivctl)}, the page {described_statuses}")
-    pages = sorted((root / "man").iterdir())
-    if shutil.which("groff"):
-        for path in pages:
-            warnings = subprocess.run(["groff", "-man", "-ww", "-z", path], text=True, capture_output=True, timeout=60)
-            complaints += [warnings.stderr] if warnings.stderr else []
-    print("\n".join(complaints) or f"{len(has)} commands are as the page says, {len(pages)} pages are sound")
-    return 1 if complaints else 0
-
-
-sys.exit(main())
+root, kivctl = pathlib.Path(sys.argv[1]), sys.argv[2]
+described, described_statuses = page(root)
+has = program(kivctl)
+groups = {command for command in has if any(other.startswith(command + " ") for other in has)}
+complaints = [f"the page lacks {command}" for command in sorted(set(has) - set(described) - groups)]
+complaints += [f"the program lacks {command}" for command in sorted(set(described) - set(has))]
+for command in sorted(set(has) & set(described)):
+    if different := has[command] ^ described[command]:
+        complaints.append(f"kivctl {command}: options {sorted(different)} are on one side only")
+if statuses(kivctl) != described_statuses:
+    complaints.append(f"exit statuses: the program has {statuses(kivctl)}, the page {described_statuses}")
+pages = sorted((root / "man").iterdir())
+if shutil.which("groff"):
+    warnings = (checking.run("groff", "-man", "-ww", "-z", path).stderr for path in pages)
+    complaints += [warning for warning in warnings if warning]
+checking.end(complaints, f"{len(has)} commands are as the page says, {len(pages)} pages are sound")

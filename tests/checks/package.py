@@ -9,6 +9,8 @@ import subprocess
 import sys
 import tempfile
 
+import checking
+
 PROJECT = """cmake_minimum_required(VERSION 3.25)
 project(user NONE)
 if(OTHER)
@@ -27,52 +29,38 @@ OTHER_VERSION = "set(PACKAGE_VERSION 3.0.0)\nset(PACKAGE_VERSION_COMPATIBLE TRUE
 OTHER_PC = "Name: nlohmann_json\nDescription: another one\nVersion: 3.0.0\n"
 
 
-def run(command, environment=None):
-    result = subprocess.run(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120,
-                            env={**os.environ, **(environment or {})})
-    return result.returncode == 0, result.stdout
+complaints = []
+with tempfile.TemporaryDirectory() as folder:
+    home = pathlib.Path(folder)
+    checking.run("cmake", "--install", sys.argv[2], "--prefix", home / "kiv", check=True, stderr=None)
+    there = {path.name for path in (home / "kiv").rglob("*")}
+    sources = [path for pattern in FOR_USERS for path in pathlib.Path(sys.argv[1]).glob(pattern)]
+    complaints += [f"{path} is not installed" for path in sources if path.name not in there]
+    (home / "other").mkdir()
+    (home / "other/nlohmann_jsonConfig.cmake").write_text("")
+    (home / "other/nlohmann_jsonConfigVersion.cmake").write_text(OTHER_VERSION)
+    (home / "other/nlohmann_json.pc").write_text(OTHER_PC)
+    (home / "CMakeLists.txt").write_text(PROJECT)
+    pc = {"PKG_CONFIG_PATH": f"{home}/kiv/lib/pkgconfig"}
+    other_pc = {"PKG_CONFIG_PATH": f"{home}/other:{home}/kiv/lib/pkgconfig", "PKG_CONFIG_LIBDIR": f"{home}/none"}
 
+    def configure(parts, other="", version=""):
+        return ["cmake", "--fresh", "-G", "Ninja", "-S", folder, "-B", f"{folder}/build", f"-DCMAKE_PREFIX_PATH={home}/kiv",
+                f"-DPARTS={parts}", f"-DOTHER={other}", f"-DVERSION={version}"]
 
-def main():
-    complaints = []
-    with tempfile.TemporaryDirectory() as folder:
-        home = pathlib.Path(folder)
-        installed, output = run(["cmake", "--install", sys.argv[2], "--prefix", str(home / "kiv")])
-        if not installed:
-            print(output)
-            return 1
-        there = {path.name for path in (home / "kiv").rglob("*")}
-        sources = [path for pattern in FOR_USERS for path in pathlib.Path(sys.argv[1]).glob(pattern)]
-        complaints += [f"{path} is not installed" for path in sources if path.name not in there]
-        (home / "other").mkdir()
-        (home / "other/nlohmann_jsonConfig.cmake").write_text("")
-        (home / "other/nlohmann_jsonConfigVersion.cmake").write_text(OTHER_VERSION)
-        (home / "other/nlohmann_json.pc").write_text(OTHER_PC)
-        (home / "CMakeLists.txt").write_text(PROJECT)
-        pc = {"PKG_CONFIG_PATH": f"{home}/kiv/lib/pkgconfig"}
-        other_pc = {"PKG_CONFIG_PATH": f"{home}/other:{home}/kiv/lib/pkgconfig", "PKG_CONFIG_LIBDIR": f"{home}/none"}
-
-        def configure(parts, other="", version=""):
-            return ["cmake", "--fresh", "-G", "Ninja", "-S", folder, "-B", f"{folder}/build",
-                    f"-DCMAKE_PREFIX_PATH={home}/kiv", f"-DPARTS={parts}", f"-DOTHER={other}", f"-DVERSION={version}"]
-
-        major, minor, revision = map(int, sys.argv[3].split("."))
-        minors = [f"{major}.{minor + 1}"] + ([f"{major}.{minor - 1}"] if minor else [])
-        refused = [f"{major}.{minor}.{revision + 1}", f"{major + 1}", *(minors if major == 0 else minors[:1])]
-        no_version, no_json = "considered but not accepted", "nlohmann_json"
-        for command, environment, refusal in (
-                (configure("", home / "other"), {}, None), (configure("cpp", home / "other"), {}, no_json),
-                (configure("cpp"), {}, None),
-                *((configure("", version=version), {}, None) for version in (f"{major}.{minor}", sys.argv[3])),
-                *((configure("", version=version), {}, no_version) for version in refused),
-                (["pkg-config", "--print-errors", "--exists", f"kiv = {sys.argv[3]}"], other_pc, None),
-                (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], other_pc, no_json),
-                (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], pc, None)):
-            found, output = run(command, environment)
-            if found != (refusal is None) or (refusal or "") not in output:
-                complaints.append(f"{' '.join(command)}\nsucceeds: {found}, with\n{output}")
-    print("\n".join(complaints) or "the package asks for its JSON library and keeps its version's promise")
-    return 1 if complaints else 0
-
-
-sys.exit(main())
+    major, minor, revision = map(int, sys.argv[3].split("."))
+    minors = [f"{major}.{minor + 1}"] + ([f"{major}.{minor - 1}"] if minor else [])
+    refused = [f"{major}.{minor}.{revision + 1}", f"{major + 1}", *(minors if major == 0 else minors[:1])]
+    no_version, no_json = "considered but not accepted", "nlohmann_json"
+    for command, environment, refusal in (
+            (configure("", home / "other"), {}, None), (configure("cpp", home / "other"), {}, no_json),
+            (configure("cpp"), {}, None),
+            *((configure("", version=version), {}, None) for version in (f"{major}.{minor}", sys.argv[3])),
+            *((configure("", version=version), {}, no_version) for version in refused),
+            (["pkg-config", "--print-errors", "--exists", f"kiv = {sys.argv[3]}"], other_pc, None),
+            (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], other_pc, no_json),
+            (["pkg-config", "--print-errors", "--exists", "kiv-cpp"], pc, None)):
+        ended = checking.run(*command, env={**os.environ, **environment}, stderr=subprocess.STDOUT)
+        if (ended.returncode == 0) != (refusal is None) or (refusal or "") not in ended.stdout:
+            complaints.append(f"{' '.join(command)}\nends with {ended.returncode} and\n{ended.stdout}")
+checking.end(complaints, "the package asks for its JSON library and keeps its version's promise")

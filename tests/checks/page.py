@@ -8,10 +8,10 @@ import json
 import os
 import pathlib
 import shutil
-import subprocess
 import sys
 import tempfile
-import urllib.request
+
+import checking
 
 SYSTEM_PYTHON = "/usr/bin/python3"
 try:
@@ -23,42 +23,14 @@ try:
 except ImportError:
     # The distribution's module is where the distribution's Python is.
     if os.path.exists(SYSTEM_PYTHON) and not os.path.samefile(sys.executable, SYSTEM_PYTHON):
-        os.execv(SYSTEM_PYTHON, [SYSTEM_PYTHON, *sys.argv])
-    print("skipped: the Python module selenium is not installed")
-    sys.exit(77)
+        os.execv(SYSTEM_PYTHON, [SYSTEM_PYTHON, "-B", *sys.argv])
+    checking.skip("the Python module selenium is not installed")
 
 LIMIT = 30
 WIDE, PHONE = (1300, 800), (360, 740)
 HOSTILE = "<img src=x onerror=\"document.body.id='taken'\">"
 POWER = {"label": "Board Power", "input": 63, "max": 75}
 HOT = {"label": "QSFP1 Case Temperature", "input": 72, "max": 70, "critical": 75}
-
-
-class Simulator:
-    def __init__(self, build, folder, cards, stack):
-        (folder / "cards.json").write_text(json.dumps({"cards": cards}))
-        self.environment = {**os.environ, "KIVSIM_SOCKET": str(folder / "driver.sock")}
-        self.process = start([build / "bin/kivsim", "--config", folder / "cards.json", "--socket", folder / "driver.sock",
-                              "--ready-json"], stack)
-        self.control = json.loads(self.process.stdout.readline())["control"]
-
-    def ask(self, method, path, members=None):
-        body = None if members is None else json.dumps(members).encode()
-        urllib.request.urlopen(urllib.request.Request(f"http://{self.control}{path}", body, method=method), timeout=LIMIT)
-
-    def change(self, card, **members):
-        self.ask("PATCH", f"/cards/{card}", members)
-
-
-def start(command, stack, **options):
-    process = stack.enter_context(subprocess.Popen(command, stdout=subprocess.PIPE, text=True, **options))
-    stack.callback(process.terminate)
-    return process
-
-
-def serve(build, simulator, stack, listen="127.0.0.1:0"):
-    process = start([build / "bin/kivctl", "serve", "--listen", listen, "--json"], stack, env=simulator.environment)
-    return process, json.loads(process.stdout.readline())["url"]
 
 
 class Page:
@@ -256,10 +228,13 @@ def check_log(page):
     assert not complaints and any(url.endswith("cards.json") for url in asked), complaints
 
 
-def check(build, folder, stack):
-    simulator = Simulator(build, folder, [{"id": 1}, {"id": 2, "firmware": {"status": HOSTILE}}], stack)
-    server, url = serve(build, simulator, stack)
-    page = Page(url, folder, stack)
+checking.need("chromium", "chromedriver")
+build = pathlib.Path(sys.argv[2])
+with contextlib.ExitStack() as stack:
+    folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
+    simulator = checking.Simulator(build, folder, [{"id": 1}, {"id": 2, "firmware": {"status": HOSTILE}}], stack)
+    server, line = checking.serve(build, simulator.environment, stack)
+    page = Page(url := json.loads(line)["url"], folder, stack)
     check_healthy(page)
     check_keyboard(page)
     check_hostile_text(page)
@@ -268,21 +243,5 @@ def check(build, folder, stack):
     check_lost_server(page, simulator)
     check_lost_card(page, simulator)
     check_log(page)
-    check_lost_programs(page, simulator, server, lambda: serve(build, simulator, stack, url.split("/")[2]))
-    print("the page shows what the cards do")
-
-
-def main():
-    missing = [program for program in ("chromium", "chromedriver") if not shutil.which(program)]
-    if missing:
-        print(f"skipped: {' and '.join(missing)} not installed")
-        return 77
-    build = pathlib.Path(sys.argv[2])
-    with contextlib.ExitStack() as stack:
-        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
-        check(build, folder, stack)
-    return 0
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+    check_lost_programs(page, simulator, server, lambda: checking.serve(build, simulator.environment, stack, url.split("/")[2]))
+print("the page shows what the cards do")

@@ -3,35 +3,24 @@
 usage: scripts_clean.py ROOT
 """
 import pathlib
-import shutil
-import subprocess
 import sys
+
+import checking
 
 # These may use all that bash has. In the others, whose shell may be the bash of 2006, shellcheck refuses what not every shell has.
 DEBIANS = {".ci/run", "scripts/coverage", "scripts/fuzz", "scripts/lint", "scripts/test-packages", "scripts/test-packages-inside"}
 NO_SCRIPTS = {"scripts/packages", "scripts/packages-full"}
 IN_PYTHON = {"scripts/mutate"}
 
-
-def main():
-    root = pathlib.Path(sys.argv[1]).resolve()
-    shell = {".ci/run", *(f"scripts/{f.name}" for f in (root / "scripts").iterdir())} - NO_SCRIPTS - IN_PYTHON
-    shell |= {f"packaging/debian/python/{f.name}" for f in (root / "packaging/debian/python").iterdir()}
-    python = [f for folder in ("benchmarks", "docs/site", "python/kiv", "tests/checks", "tests/python") for f in (root / folder).glob("*.py")]
-    python += sorted(root / script for script in IN_PYTHON)
-    wrong = [script for script in sorted(shell - DEBIANS)
-             if not (root / script).read_text().startswith(("#!/bin/sh\n", "# shellcheck shell=sh\n"))]
-    if wrong:
-        print(f"not for /bin/sh: {', '.join(wrong)}")
-    failed = bool(wrong)
-    for linter, files in (("shellcheck", shell), ("pyflakes3", python)):
-        if shutil.which(linter) is None:
-            print(f"skipped: {linter} is not installed")
-            return 77
-        result = subprocess.run([linter, *sorted(map(str, files))], capture_output=True, text=True, cwd=root)
-        failed = failed or result.returncode != 0
-        print(result.stdout + result.stderr or f"{len(files)} files pass {linter}")
-    return 1 if failed else 0
-
-
-sys.exit(main())
+root = pathlib.Path(sys.argv[1]).resolve()
+shell = {".ci/run", *(f"scripts/{f.name}" for f in (root / "scripts").iterdir())} - NO_SCRIPTS - IN_PYTHON
+shell |= {f"packaging/debian/python/{f.name}" for f in (root / "packaging/debian/python").iterdir()}
+python = [f for folder in ("benchmarks", "docs/site", "python/kiv", "tests/checks", "tests/python") for f in (root / folder).glob("*.py")]
+python += sorted(root / script for script in IN_PYTHON)
+complaints = [f"not for /bin/sh: {script}" for script in sorted(shell - DEBIANS)
+              if not (root / script).read_text().startswith(("#!/bin/sh\n", "# shellcheck shell=sh\n"))]
+for linter, files in (("shellcheck", shell), ("pyflakes3", python)):
+    checking.need(linter)
+    result = checking.run(linter, *sorted(map(str, files)), cwd=root)
+    complaints += [result.stdout + result.stderr] if result.returncode != 0 else []
+checking.end(complaints, f"{len(shell)} and {len(python)} files are clean")

@@ -1,11 +1,13 @@
 """docs/troubleshooting.md names every result code as the header does, every name of a failure of kivctl, and every message of the
-library, in its log and on its standard streams; and no message that nothing writes.
+library, in its log and on its standard streams; and no message that nothing writes. Each code of the header has a text.
 
 usage: troubleshooting.py ROOT
 """
 import pathlib
 import re
 import sys
+
+import checking
 
 root = pathlib.Path(sys.argv[1])
 page = (root / "docs/troubleshooting.md").read_text()
@@ -25,7 +27,11 @@ library, tool = sources("sdk", "macOS"), sources("tools/kivctl")
 header = (root / "sdk/library/src/base/kiv_types.h").read_text()
 complaints = []
 
-for code, text in re.findall(r'ROW\((\w+), +"(.*)"\)', header):
+texts = dict(re.findall(r'ROW\((\w+), +"(.+)"\)', header))
+codes = re.findall(r"^#define (KIV_OK|KIV_ERR_\w+) ", header, re.M)
+if len(codes) < 9 or sorted(texts) != sorted(codes) or len(set(texts.values())) != len(codes):
+    complaints.append(f"the codes {codes} lack rows with texts of their own: {texts}")
+for code, text in texts.items():
     value = re.search(rf"#define {code} .*0x(\w+)u", header)[1]
     if f"| `{code}` | `0x{value}` | {text} |" not in page:
         complaints.append(f"{code} is not in the table of codes as in the header: 0x{value}, {text}")
@@ -47,5 +53,4 @@ for row in re.findall(r"^\| (`.*?) \|", by_message, re.M):
         if stem(message) not in library:
             complaints.append(f"nothing in the library says {message!r}")
 
-print("\n".join(complaints) or "every code and message is explained")
-sys.exit(1 if complaints else 0)
+checking.end(complaints, "every code and message is explained")

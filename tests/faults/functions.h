@@ -10,7 +10,7 @@
 #include "faults/seams.h"
 #include "kivHpsClientKit/CardServer.h"
 #include "support/DriverFault.h"
-#include "support/Waiting.h"
+#include "support/Test.h"
 
 /// A virtual card that a scan has found, and a client of its management server.
 struct Bench {
@@ -89,7 +89,7 @@ struct Function {
     const char* good;             ///< What it gives when all is well.
     std::vector<Asked> driver{};  ///< What it asks the driver.
     const char* gone = "";        ///< What it gives when the driver process is gone, and with it the servers.
-    const char* request = nullptr;  ///< What it asks the management server: method and path.
+    const char* request = "";     ///< What it asks the management server: method and path.
     Answers answers{};
     const char* wrong = nullptr;  ///< A change of the payload to values of wrong types ...
     const char* misread = "";     ///< ... and what the function gives then.

@@ -1,13 +1,13 @@
 #include "faults/seams.h"
 
 #include <curl/curl.h>
-#include <dlfcn.h>
 
 #include <cstdint>
 #include <ctime>
 
 #include "kivHpsClientKit/LibcurlOptions.h"
 #include "support/LoopbackServer.h"
+#include "support/Test.h"
 
 RequestSeam g_seam;
 
@@ -32,8 +32,7 @@ CURLcode on_option(SetOption real, CURL* handle, unsigned option, void* value) {
 /// Cuts long pauses short: those between attempts, and those of the scheduler, which nothing wakes at a scan.
 extern "C" int nanosleep(const timespec* length, timespec* left) {
     constexpr long kMillisecond = 1'000'000, kBetweenAttempts = 100 * kMillisecond;
-    static const auto real =
-        reinterpret_cast<int (*)(const timespec*, timespec*)>(dlsym(RTLD_NEXT, "nanosleep"));
+    static const auto real = original<int(const timespec*, timespec*)>("nanosleep");
     if (length->tv_sec == 0 && length->tv_nsec == kBetweenAttempts) g_seam.waiting_ms += 100;
     const timespec shorter{0, 2 * kMillisecond};
     return real(length->tv_sec > 0 || length->tv_nsec > 50 * kMillisecond ? &shorter : length, left);

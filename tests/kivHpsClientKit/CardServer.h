@@ -20,6 +20,13 @@ std::string words(const Values&... values) {
     return out.str();
 }
 
+/// What get_firmware_info() gives, and the images that it names.
+inline std::string images(hpsClient& client) {
+    std::string one = "kept1", two = "kept2";
+    const int32_t result = client.get_firmware_info(one, two);
+    return words(result, one, two);
+}
+
 class CardServer {
   public:
     CardServer() : simulator_({card()}, directory_ / "socket", "", log_) {}

@@ -30,11 +30,6 @@ const Call kManagementRecord = [](hpsClient& client) {
                  jump, leap, locking, previous, flags.color_frame, flags.drop_frame, next_jam, next_jump, previous_jam);
 };
 // clang-format on
-const Call kImages = [](hpsClient& client) {
-    std::string one = "kept1", two = "kept2";
-    const int32_t result = client.get_firmware_info(one, two);
-    return words(result, one, two);
-};
 Call status(std::function<int32_t(hpsClient&)> operation) {
     return [=](hpsClient& client) { return std::to_string(operation(client)); };
 }
@@ -106,7 +101,7 @@ TEST(hpsEndpoints, EachSendsItsRequestAndReadsThePayloadHoweverWrapped) {
         {status([](auto& c) { return c.fw_start(true, "D4 as given"); }), "PATCH", "/hps/firmware/control", json + R"({"start":true,"md5hush":"D4 as given"})", "", "0", "-1"},
         {status([](auto& c) { return c.fw_start(false, ""); }), "PATCH", "/hps/firmware/control", json + R"({"start":false,"md5hush":""})", "", "0", "-1"},
         {kState, "GET", "/hps/firmware/status", "|", R"("writing")", "writing", ""},
-        {kImages, "GET", "/hps/firmware/info", "|", R"({"User2":"b","User1":"a"})", "0 a b ", "-1 kept1 kept2 "},
+        {images, "GET", "/hps/firmware/info", "|", R"({"User2":"b","User1":"a"})", "0 a b ", "-1 kept1 kept2 "},
         {status([](auto& c) { return c.fw_switch(255); }), "PATCH", "/hps/firmware/switch", json + R"({"image":255})", "", "0", "-1"},
     };
     // clang-format on
@@ -149,8 +144,8 @@ TEST(hpsEndpoints, PayloadsOfOtherShapesAreLeftAloneOrRaise) {
         {kGroups, R"({"list":[]})", ""}, {kGroups, R"({"list":{"pid":1}})", ""}, {kGroups, R"([{"pid":1}])", ""},
         {kGroups, R"({"list":[{"pid":"1","dst_ip_addr":"x"}]})", "type_error"},
         {kGroups, R"({"list":["x"]})", "type_error"}, {kGroups, R"({"list":[{"pid":1}]})", "out_of_range"},
-        {kImages, R"({"User2":"b","User3":3})", "0 kept1 b "}, {kImages, R"(["User1"])", "0 kept1 kept2 "},
-        {kImages, R"({"User1":1})", "type_error"},
+        {images, R"({"User2":"b","User3":3})", "0 kept1 b "}, {images, R"(["User1"])", "0 kept1 kept2 "},
+        {images, R"({"User1":1})", "type_error"},
         {kExists, R"({"interfaces":[{"ip_addr":"bb"},{"ip_addr":1},{"if_name":"b"}]})", "0"}, {kExists, R"([{"ip_addr":"b"}])", "0"},
         {kState, "7", "type_error"}, {kState, R"({"status":"idle"})", "type_error"},
         {kReport, R"({"label":"FPGA"})", "0 kept"}, {kMasterText, "null", "0 null"},

@@ -11,11 +11,6 @@ struct hpsServer : testing::Test {
         EXPECT_EQ(card.open(client, false), 0);
         log.again();
     }
-    std::string slots() {
-        std::string one, two;
-        const int32_t result = client.get_firmware_info(one, two);
-        return words(result, one, two);
-    }
     static std::string refusal(const std::string& reason) {
         return "HTTP status=400, body={\"data\":{\"error\":" + text_of(reason) + "}}";
     }
@@ -60,18 +55,19 @@ TEST_F(hpsServer, AnUpdateWritesTheSlotThatDoesNotBootNext) {
     EXPECT_EQ((Results{client.fw_upload(file), client.fw_start(true, ""), client.fw_switch(1)}),
               Results(3, -1));
     EXPECT_EQ(log.take(), Lines(3, refusal("a write is under way")));
-    EXPECT_EQ(slots(), words(0, first, next, kivsim::md5_of("factory image")));
+    EXPECT_EQ(images(client), words(0, first, next, kivsim::md5_of("factory image")));
     EXPECT_TRUE(wait_until([&] {
         if (const std::string now = client.get_fw_status(); now != phases.back()) phases.push_back(now);
         return phases.back() == "idle";
     }));
     EXPECT_EQ(phases, (Lines{"erasing", "writing", "verifying", "idle"}));
-    EXPECT_EQ(slots(), words(0, first, next, md5));
+    EXPECT_EQ(images(client), words(0, first, next, md5));
     EXPECT_EQ((Results{client.fw_switch(1), client.fw_switch(2)}), (Results{0, -1}));
     EXPECT_EQ(log.take(), Lines{refusal("images are 0 and 1")});
     EXPECT_EQ((Results{client.fw_upload(file), client.fw_start(true, ""), client.fw_start(false, "")}),
               Results(3, 0));
-    EXPECT_EQ(client.get_fw_status() + slots(), "idle" + words(0, first, md5, next)) << "an update cancelled";
+    EXPECT_EQ(client.get_fw_status() + images(client), "idle" + words(0, first, md5, next))
+        << "an update cancelled";
 }
 
 TEST_F(hpsServer, ItsControlAddressShowsRegistrationsAndChangesAnswers) {

@@ -125,16 +125,8 @@ TEST_F(hpsThreads, AnEndWaitsForTheRequestUnderWayAndNothingFollows) {
 
 TEST(hpsManagers, KeepAliveAndPollingGoOnRoundByRound) {
     std::atomic<int> registered{0}, kept{0}, polled{0};
-    ThreadManagerClientAlive alive(
-        7,
-        [&](int32_t id) {
-            registered += id;
-            throw std::runtime_error("registry");
-        },
-        [&](int32_t) {
-            ++kept;
-            throw 7;
-        });
+    const auto registry = [&](int32_t id) { throw registered += id; };
+    ThreadManagerClientAlive alive(7, registry, [&](int32_t) { throw std::to_string(++kept); });
     alive.start_thread();
     for (int round = 1; round <= 3; ++round) {
         EXPECT_TRUE(wait_until([&] { return kept >= round; })) << "what a callback throws stops nothing";
@@ -146,13 +138,9 @@ TEST(hpsManagers, KeepAliveAndPollingGoOnRoundByRound) {
     ThreadManagerClientPolling polling(
         0,
         [&](std::string& text) {
-            text = "{\"currentUtcOffset\":" + std::to_string(++polled) + "}";
-            return 0;
+            return text = text_of({{"currentUtcOffset", ++polled}}), 0;
         },
-        [](std::string& text) {
-            text = "{}";
-            return 0;
-        });
+        [](std::string& text) { return text = "{}", 0; });
     polling.start_thread();
     hps_ptp_sm sm;
     EXPECT_TRUE(wait_until([&] { return polling.get_hps_ptp_sm(sm) == 0 && sm.currentUtcOffset >= 3; }));

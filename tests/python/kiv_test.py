@@ -1,5 +1,5 @@
 """The Python package against the simulator. usage: kiv_test.py ROOT BUILD_DIRECTORY"""
-import json
+import contextlib
 import os
 import pathlib
 import re
@@ -11,12 +11,12 @@ import threading
 import time
 import typing
 import unittest
-import urllib.request
 
 ROOT, BUILD = map(pathlib.Path, sys.argv[1:])
 CONFIGURATION = pathlib.Path("/Library/Application Support/Velmora/config/hps_boot.json")
-sys.path.insert(0, f"{BUILD}/python")
+sys.path[:0] = [f"{BUILD}/python", f"{ROOT}/tests/checks"]
 os.environ["PYTHONPATH"] = os.environ["MYPYPATH"] = f"{BUILD}/python"
+import checking  # noqa: E402
 import kiv  # noqa: E402
 
 ENDS_IN_CALLS = """
@@ -26,14 +26,9 @@ time.sleep(0.2)
 """
 
 
-def change(path, body, method="PATCH"):
-    url, body = f"http://{control}/cards/{path}", json.dumps(body).encode()
-    urllib.request.urlopen(urllib.request.Request(url, body, method=method), timeout=30)
-
-
 def run_python(program):
     program = "import kiv, os, threading, time\nk = kiv.open(); k.scan()\n" + program
-    return subprocess.run([sys.executable, "-c", program], text=True, capture_output=True, timeout=60)
+    return checking.run(sys.executable, "-c", program)
 
 
 def fits(value, hint):
@@ -87,7 +82,7 @@ class Calls(unittest.TestCase):
             aside.rename(CONFIGURATION)
 
     def test_other_threads_run_while_a_call_waits(self):
-        change("2/driver_faults", {"selector": 34, "nth": 1, "delay_ms": 1000}, "POST")
+        simulator.ask("POST", "/cards/2/driver_faults", {"selector": 34, "nth": 1, "delay_ms": 1000})
         call = threading.Thread(target=self.k.tx_stream_status, args=(2,))
         call.start()
         time.sleep(0.1)
@@ -111,7 +106,7 @@ class Calls(unittest.TestCase):
 
 class Programs(unittest.TestCase):
     def test_a_program_may_end_in_the_midst_of_calls(self):
-        change("2/driver_faults", {"selector": 34, "nth": 1, "delay_ms": 500}, "POST")
+        simulator.ask("POST", "/cards/2/driver_faults", {"selector": 34, "nth": 1, "delay_ms": 500})
         ended = run_python(ENDS_IN_CALLS)
         self.assertEqual((ended.returncode, ended.stderr), (0, ""))
 
@@ -124,30 +119,27 @@ class Programs(unittest.TestCase):
         pathlib.Path("image").write_text("a firmware image")
         bench = subprocess.Popen([sys.executable, "bench.py", "1", "image", "2"], text=True, stdout=subprocess.PIPE)
         text = bench.stdout.readline() + bench.stdout.readline()
-        change("1", {"ptp_state": 3})
+        simulator.change(1, ptp_state=3)
         text += f"{bench.communicate(timeout=60)[0]}status {bench.returncode}"
         self.assertRegex(text, r"^slot 1 is written and boots next\nPTP state 1\nPTP is locked\n([\d:]{8}( \d+){7}\n){2}status 0$")
 
     @unittest.skipUnless(shutil.which("mypy"), "mypy is not installed")
     def test_checkers_of_types_know_the_package(self):
         use = "import kiv\nwith kiv.open() as k:\n    reveal_type(k.card_status(1).sensor[0].input)\n    k.scna()\n"
-        told = subprocess.run(["mypy", "--strict", "-c", use], capture_output=True, text=True).stdout
+        told = checking.run("mypy", "--strict", "-c", use).stdout
         self.assertRegex(told, r'^.*Revealed type is "builtins.int"\n.*error: "Library" has no attribute "scna".*\nFound 1 error ')
 
 
 if not CONFIGURATION.exists():
     if not os.access(next(folder for folder in CONFIGURATION.parents if folder.exists()), os.W_OK):
-        print(f"skipped: {CONFIGURATION} cannot be made by this user")
-        sys.exit(77)
+        checking.skip(f"{CONFIGURATION} cannot be made by this user")
     CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
     shutil.copy(ROOT / "examples/hps_boot.json", CONFIGURATION)
     unittest.addModuleCleanup(CONFIGURATION.unlink)
-with tempfile.TemporaryDirectory() as folder:
-    os.chdir(folder)
-    os.environ["KIVSIM_SOCKET"] = f"{folder}/driver.sock"
-    pathlib.Path("cards.json").write_text('{"cards": [{"id": 1, "flash_ms": 300, "ptp_state": 1}, {"id": 2}]}')
-    with subprocess.Popen([BUILD / "bin/kivsim", "--config", "cards.json", "--socket", f"{folder}/driver.sock",
-                           "--ready-json", "--with-stdin"], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as simulator:
-        control = json.loads(simulator.stdout.readline())["control"]
-        ended = unittest.main(argv=sys.argv[:1], verbosity=2, exit=False)
+with contextlib.ExitStack() as stack:
+    os.chdir(stack.enter_context(tempfile.TemporaryDirectory()))
+    cards = [{"id": 1, "flash_ms": 300, "ptp_state": 1}, {"id": 2}]
+    simulator = checking.Simulator(BUILD, pathlib.Path.cwd(), cards, stack)
+    os.environ |= simulator.environment
+    ended = unittest.main(argv=sys.argv[:1], verbosity=2, exit=False)
 sys.exit(not ended.result.wasSuccessful())

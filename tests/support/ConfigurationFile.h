@@ -8,7 +8,6 @@
 
 class ConfigurationFile {
   public:
-    /// Puts `text` there.
     explicit ConfigurationFile(const std::string& text = sample());
     ~ConfigurationFile();
     ConfigurationFile(const ConfigurationFile&) = delete;
@@ -22,8 +21,7 @@ class ConfigurationFile {
     static std::string path();
     std::string read() const;
 
-    /// The configuration that comes with the examples.
-    static std::string sample();
+    static std::string sample();  ///< That of the examples.
 
   private:
     void restore();

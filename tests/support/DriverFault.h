@@ -17,7 +17,6 @@ class fault {
     fault& nth(uint32_t number) { return fault_.nth = number, *this; }
     fault& status(int32_t status) { return fault_.status = status, *this; }
     fault& delay_ms(uint32_t delay) { return fault_.delay_ms = delay, *this; }
-    /// Cuts the reply.
     fault& reply_size(uint32_t size) { return fault_.reply_size = size, *this; }
 
     operator kivsim::DriverFault() const { return fault_; }  // NOLINT(google-explicit-constructor)

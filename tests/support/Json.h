@@ -10,11 +10,8 @@
 /// Keeps the order of its keys, and compares it.
 using Json = nlohmann::ordered_json;
 
-/// Throws the library's errors.
-Json parsed(const std::string& text);
-
-/// In one line.
-std::string text_of(const Json& json);
+Json parsed(const std::string& text);   ///< Throws the library's errors.
+std::string text_of(const Json& json);  ///< In one line.
 
 namespace nlohmann {
 /// For GoogleTest's messages.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace {
@@ -35,18 +36,14 @@ void send_all(int socket, const std::string& bytes) {
     }
 }
 
-std::size_t body_size(const std::string& request) {
-    const std::string text = header_of(request, "Content-Length");
-    return text.empty() ? 0 : std::stoul(text);
-}
-
 std::string read_request(int socket) {
     std::string request;
     bool continued = false;
     for (;;) {
         const std::size_t head = request.find("\r\n\r\n");
         if (head != std::string::npos) {
-            if (request.size() >= head + 4 + body_size(request)) return request;
+            const std::string length = header_of(request, "Content-Length");
+            if (request.size() >= head + 4 + std::strtoul(length.c_str(), nullptr, 10)) return request;
             if (!continued && !header_of(request, "Expect").empty())
                 send_all(socket, "HTTP/1.1 100 Continue\r\n\r\n");
             continued = true;

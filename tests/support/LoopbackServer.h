@@ -35,7 +35,6 @@ class LoopbackServer {
     /// The requests so far, whole: request line, headers, body.
     std::vector<std::string> requests() const;
 
-    /// A well-formed answer.
     static Reply http(int status, const std::string& body);
 
   private:

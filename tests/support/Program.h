@@ -36,7 +36,6 @@ class Program {
     /// The next line of its standard output, without line end; empty when there is none within 20 s.
     std::string read_line();
 
-    /// Waits for its end.
     Ended wait(std::chrono::seconds limit = std::chrono::seconds(30));
 
   private:

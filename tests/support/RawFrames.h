@@ -6,7 +6,6 @@
 #include <string>
 #include <string_view>
 
-/// The bytes of any struct.
 template <typename Struct>
 std::string bytes_of(const Struct& value) {
     return {reinterpret_cast<const char*>(&value), sizeof value};

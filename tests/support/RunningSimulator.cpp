@@ -25,8 +25,6 @@ RunningSimulator::RunningSimulator(std::vector<kivsim::CardSettings> cards) {
                                                      directory_ / "requests");
 }
 
-RunningSimulator::~RunningSimulator() = default;
-
 std::vector<DriverEvent> RunningSimulator::trace() const {
     return objects_of(directory_ / "trace", [](const Json& line) {
         const auto text = [&](const char* key) { return line.value(key, std::string()); };

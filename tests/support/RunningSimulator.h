@@ -46,7 +46,6 @@ class RunningSimulator {
   public:
     /// Sets KIVSIM_SOCKET; without cards the driver process has none.
     explicit RunningSimulator(std::vector<kivsim::CardSettings> cards = kivsim::default_cards());
-    ~RunningSimulator();
 
     kivsim::Simulator& operator*() { return *simulator_; }
     kivsim::Simulator* operator->() { return simulator_.get(); }
@@ -61,19 +60,13 @@ class RunningSimulator {
         return ask_control(simulator_->control_address(), method, path, body, id);
     }
 
-    /// Every driver event so far, in order.
-    std::vector<DriverEvent> trace() const;
-
-    /// The trace's calls of one selector.
+    std::vector<DriverEvent> trace() const;  ///< Every driver event so far, in order.
     std::vector<DriverEvent> calls(uint32_t selector) const;
 
     /// The selectors of all calls, in order; of one service when that is said.
     std::vector<uint32_t> selectors(const std::string& service = "") const;
 
-    /// Connections that the driver has now.
     int open_connections() const;
-
-    /// Every answered request to the management servers so far.
     std::vector<CardRequest> requests() const;
 
     std::string socket_path() const { return directory_ / "driver.sock"; }

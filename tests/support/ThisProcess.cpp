@@ -8,10 +8,11 @@
 #include <malloc.h>
 #endif
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 
 #ifndef __APPLE__
 // The sanitizers have allocators of their own.
@@ -77,12 +78,9 @@ std::ptrdiff_t running_threads() {
 long resident_kib() {
     if (__sanitizer_purge_allocator != nullptr) __sanitizer_purge_allocator();
     malloc_trim(0);
-    long found = 0;
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-        if (word == "VmRSS:") status >> found;
-    }
-    return found;
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages >> pages;  // All that is mapped, then what is in memory.
+    return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 std::size_t allocated_bytes() {
