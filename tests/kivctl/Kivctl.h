@@ -22,22 +22,36 @@ class Kivctl : public testing::Test {
         return words;
     }
 
-    /// A command with its blanks.
+    /// A command with its blanks; '' is an empty word.
     static Words words_of(const std::string& command) {
         std::istringstream in(command);
-        return {std::istream_iterator<std::string>(in), {}};
+        Words words{std::istream_iterator<std::string>(in), {}};
+        std::replace(words.begin(), words.end(), std::string("''"), std::string());
+        return words;
+    }
+
+    /// A line for a shell that knows the program as $0 and the further words as $1, $2...
+    static Words shell(const std::string& line, const Words& further = {}) {
+        Words words{"/bin/sh", "-c", line, kKivctlProgram};
+        words.insert(words.end(), further.begin(), further.end());
+        return words;
     }
 
     static Ended run(const Words& words) { return run_program(kivctl(words)); }
 
     /// Runs it; the test fails unless it ends so and says this, on either stream.
     static Ended expect(const Words& words, int status, const std::string& phrase = "") {
+        SCOPED_TRACE(testing::PrintToString(words));
         Ended ended = run(words);
-        EXPECT_EQ(ended.status, status) << testing::PrintToString(words) << ended.err;
-        EXPECT_NE((ended.out + ended.err).find(phrase), std::string::npos)
-            << testing::PrintToString(words) << "\n"
-            << ended.out << ended.err;
+        EXPECT_EQ(ended.status, status) << ended.err;
+        EXPECT_TRUE(has(ended.out + ended.err, phrase));
         return ended;
+    }
+
+    /// A program that has ended so, and said this as an error.
+    static void expect_error(const Ended& ended, int status, const std::string& phrase) {
+        EXPECT_EQ(ended.status, status) << ended.err;
+        EXPECT_TRUE(has(ended.err, phrase));
     }
 
     /// The JSON that a run prints which ends with `status`, without its schema, which must be the command's.
@@ -56,18 +70,15 @@ class Kivctl : public testing::Test {
 /// With one card, whose server's requests are logged.
 class KivctlCard : public Kivctl {
   protected:
-    KivctlCard() { setenv("KIVSIM_SOCKET", (directory_ / "socket").c_str(), 1); }
-
-    static kivsim::CardSettings card() {
-        kivsim::CardSettings card = kivsim::believable_card(1);
-        card.flash_ms = 1500;
-        card.interrupt_ms = 5;
-        return card;
+    KivctlCard() {
+        setenv("KIVSIM_SOCKET", (directory_ / "socket").c_str(), 1);
+        change({{"flash_ms", 1500}, {"interrupt_ms", 5}});
     }
 
-    void control(const std::string& method, const std::string& path, const std::string& body = "") {
+    std::string control(const std::string& method, const std::string& path, const std::string& body = "") {
         const ControlAnswer answer = ask_control(simulator_.control_address(), method, path, body);
-        ASSERT_EQ(answer.status, 200) << answer.body;
+        EXPECT_EQ(answer.status, 200) << answer.body;
+        return answer.body;
     }
     void change(const Json& members) { control("PATCH", "", text_of(members)); }
     void add_fault(const std::string& fault) { control("POST", "/http_faults", fault); }
@@ -89,7 +100,8 @@ class KivctlCard : public Kivctl {
     }
 
     TemporaryDirectory directory_;
-    kivsim::Simulator simulator_{{card()}, directory_ / "socket", "", directory_ / "requests"};
+    kivsim::Simulator simulator_{
+        {kivsim::believable_card(1)}, directory_ / "socket", "", directory_ / "requests"};
 };
 
 /// With a card configuration of the test's own, which is the machine's: one such test at a time.

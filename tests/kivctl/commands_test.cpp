@@ -7,11 +7,9 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
         {{"info", "1"},
          R"({"card": 1,
              "registers": {"0x00": "0x4B49562D32313130", "0x08": "0x0002000000010000", "0x10": "0x5354323131300001",
-                           "0x18": "0x0000000020260001"},
-             "ports": [{"port": 0, "ip_address": "192.168.10.11", "prefix_length": 24,
-                        "mac": "02:4b:56:00:01:00", "link_speed_gbps": 100},
-                       {"port": 1, "ip_address": "192.168.20.11", "prefix_length": 24,
-                        "mac": "02:4b:56:00:01:01", "link_speed_gbps": 100}]})"},
+                           "0x18": "0x0000000020260001"}, "ports": [
+    {"port": 0, "ip_address": "192.168.10.11", "prefix_length": 24, "mac": "02:4b:56:00:01:00", "link_speed_gbps": 100},
+    {"port": 1, "ip_address": "192.168.20.11", "prefix_length": 24, "mac": "02:4b:56:00:01:01", "link_speed_gbps": 100}]})"},
         {{"net"},
          R"({"card": 1, "ports": [{"port": 0, "ip_address": "192.168.10.11", "prefix_length": 24},
                                   {"port": 1, "ip_address": "192.168.20.11", "prefix_length": 24}]})"},
@@ -24,19 +22,14 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
                         "rx": {"control": 16, "control_bit_25": 1, "control_bit_26": 0, "reg_404": 32, "reg_804": 16,
                                "resources": [2, 4, 8]}})"},
         {{"driver"},
-         R"({"card": 1, "client_version": "2.3.1", "driver_version": "1.4.0",
-             "functions": [{"function": 0, "function_id": 22, "bus": 4, "device": 0,
-                            "memory_ids": [256, 257, 258, 259], "identity_kind": 1,
-                            "identity": "0x4B49560000000001", "identity_text": "KIV-1001"},
-                           {"function": 1, "function_id": 23, "bus": 4, "device": 0,
-                            "memory_ids": [256, 257, 258, 259], "identity_kind": 1,
-                            "identity": "0x4B49560000000001", "identity_text": "KIV-1001"}],
-             "ports": [{"port": 0, "ip_address": "192.168.10.11"}, {"port": 1, "ip_address": "192.168.20.11"}],
-             "tunnel": ")" +
-             server +
-             R"(", "resources": {"tx": [4, 8, 16], "rx": [2, 4, 8]},
-             "pci_link": {"text": "x16 gen 4", "width": 16, "generation": 4}})"},
-    };
+         R"({"card": 1, "client_version": "2.3.1", "driver_version": "1.4.0", "functions": [
+    {"function": 0, "function_id": 22, "bus": 4, "device": 0, "memory_ids": [256, 257, 258, 259], "identity_kind": 1,
+     "identity": "0x4B49560000000001", "identity_text": "KIV-1001"},
+    {"function": 1, "function_id": 23, "bus": 4, "device": 0, "memory_ids": [256, 257, 258, 259], "identity_kind": 1,
+     "identity": "0x4B49560000000001", "identity_text": "KIV-1001"}],
+    "ports": [{"port": 0, "ip_address": "192.168.10.11"}, {"port": 1, "ip_address": "192.168.20.11"}], "tunnel": ")" +
+             server + R"(", "resources": {"tx": [4, 8, 16], "rx": [2, 4, 8]},
+             "pci_link": {"text": "x16 gen 4", "width": 16, "generation": 4}})"}};
     for (const auto& [words, document] : kDocuments)
         EXPECT_EQ(json_of(words), parsed(document)) << words[0];
     expect({"info", "1"}, 0, "Port 1         192.168.20.11/24, MAC 02:4b:56:00:01:01, 100 Gbit/s\n");
@@ -49,8 +42,8 @@ TEST_F(KivctlCard, ShowsWhatTheCardTells) {
     add_fault(R"({"path": "/hps/ptp/master", "status": 500})");
     expect({"time"}, 0, " TAI (TAI-UTC not known)");
     expect({"version"}, 0, "Driver client  2.3.1\nDriver         1.4.0\n");
-    expect({"explain", "0xC1000700"}, 0, "result 0xC1000700, KIV_ERR_BUSY: ");
-    expect({"explain", "BUSY"}, 0, "result 0xC1000700, KIV_ERR_BUSY: ");
+    for (const char* const code : {"0xC1000700", "BUSY"})
+        expect({"explain", code}, 0, "result 0xC1000700, KIV_ERR_BUSY: ");
     expect({"explain", "3"}, 0, "exit status 3, ATTENTION: ");
     expect({"explain", "kIOReturnBusy"}, 0, "driver status 0xE00002D5");
     expect({"explain", "0xDEAD"}, 1, "is no code");
@@ -73,9 +66,8 @@ TEST_F(KivctlCard, MarksSensorsAndLeavesOutWhatIsNotReported) {
     EXPECT_EQ(status["sensors"][1]["state"], "not reported") << "a fraction is no reading";
     EXPECT_TRUE(status["sensors"][1]["input"].is_null());
     EXPECT_EQ(status["attention"], true);
-    EXPECT_EQ(status["sensors"][0],
-              parsed(R"({"name": "FPGA fabric", "input": null, "max": null, "critical": null,
-                                               "state": "not reported"})"));
+    EXPECT_EQ(status["sensors"][0], parsed(R"({"name": "FPGA fabric", "input": null, "max": null,
+                                               "critical": null, "state": "not reported"})"));
     EXPECT_TRUE(status["board_power"].is_null());
     const std::string shown = expect({"status", "1"}, 3, "card 1 needs attention").out;
     for (const char* const line :

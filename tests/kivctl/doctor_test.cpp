@@ -1,7 +1,6 @@
 // The doctor in front of what can be wrong with a machine and its cards.
 
 #include "kivctl/Kivctl.h"
-#include "scenario/Scenario.h"
 
 namespace {
 
@@ -11,24 +10,17 @@ struct Finding {
     const char* phrase;  ///< In its message.
     int status;          ///< Exit.
     int not_well = 1;    ///< Checks that warn or fail, this one among them.
-};
-
-struct BrokenCard {
-    const char* members;  ///< Of card 1 in a cards file.
-    Finding finding;
     const char* timeout = "30";
 };
 
 class Doctor : public KivctlConfigured {
   protected:
-    std::vector<kivsim::CardSettings> cards(const std::string& members) const {
-        const std::string file = directory_ / "cards.json";
-        write_file(file, R"({"cards": [{"id": 1)" + (members.empty() ? "" : ", " + members) + "}]}");
-        return kivsim::load_scenario(file).cards;
+    static std::vector<kivsim::CardSettings> cards(const std::string& members) {
+        return cards_of(R"({"cards": [{"id": 1)" + (members.empty() ? "" : ", " + members) + "}]}");
     }
 
-    static void finds(const Finding& wanted, Json card, const char* timeout = "30") {
-        const Ended ended = run({"doctor", "--json", "--timeout", timeout});
+    static void finds(const Finding& wanted, Json card) {
+        const Ended ended = run({"doctor", "--json", "--timeout", wanted.timeout});
         EXPECT_EQ(ended.status, wanted.status) << ended.out << ended.err;
         if (ended.out.empty()) return;
         const Json report = parsed(ended.out);
@@ -46,23 +38,19 @@ class Doctor : public KivctlConfigured {
         EXPECT_EQ(found["result"], wanted.result) << found;
         EXPECT_TRUE(has(found["message"].get<std::string>(), wanted.phrase)) << found;
     }
-
-    TemporaryDirectory directory_;
 };
 
+// Members of card 1 in a cards file.
 // clang-format off
-const BrokenCard kBrokenCards[] = {
-    {R"("driver_faults": [{"selector": 6, "status": "0xE00002CA"}])",
-     {"identity", "FAIL", "reading register 0x0 failed: driver status 0xE00002CA", 1, 3}},
+const std::pair<const char*, Finding> kBrokenCards[] = {
+    {R"("driver_faults": [{"selector": 6, "status": "0xE00002CA"}])", {"identity", "FAIL", "reading register 0x0 failed: driver status 0xE00002CA", 1, 3}},
     {R"("registers": {"0": {"0x0": "0xFFFFFFFFFFFFFFFF", "0x8": "0xFFFFFFFFFFFFFFFF", "0x10": "0xFFFFFFFFFFFFFFFF",
          "0x18": "0xFFFFFFFFFFFFFFFF", "0x38": "0xFFFFFFFFFFFFFFFF", "0x140": "0xFFFFFFFFFFFFFFFF"}})",
      {"identity", "FAIL", "does not answer on PCI Express", 1}},
-    {R"("driver_faults": [{"selector": 6, "delay_ms": 600000}])", {"identity", "FAIL", "no answer within 2 s", 1}, "6"},
-    {R"("driver_faults": [{"selector": 4, "status": 6}])",
-     {"versions", "FAIL", "driver status 0x00000006", 1}},
+    {R"("driver_faults": [{"selector": 6, "delay_ms": 600000}])", {"identity", "FAIL", "no answer within 2 s", 1, 1, "6"}},
+    {R"("driver_faults": [{"selector": 4, "status": 6}])", {"versions", "FAIL", "driver status 0x00000006", 1}},
     {R"("functions": [{"number": 0, "connection_type": 22}])", {"connection", "FAIL", "no connection to function 23", 1, 3}},
-    {R"("server": "external", "tunnel": {"address": "127.0.0.1", "port": 1})",
-     {"server", "FAIL", "http://127.0.0.1:1/api/v1.0: Connection refused", 1}},
+    {R"("server": "external", "tunnel": {"address": "127.0.0.1", "port": 1})", {"server", "FAIL", "http://127.0.0.1:1/api/v1.0: Connection refused", 1}},
     {R"("http_faults": [{"path": "/", "delay_ms": 600000}])", {"server", "FAIL", "no whole answer within 2 s", 1}},
     {R"("http_faults": [{"path": "/hps/info/networks", "body": "<html>"}])", {"server", "FAIL", "is no JSON", 1, 2}},
     {R"("http_faults": [{"path": "/hps/info/networks", "status": 502}])", {"server", "FAIL", "HTTP status 502", 1, 2}},
@@ -70,8 +58,7 @@ const BrokenCard kBrokenCards[] = {
      {"interfaces", "WARN", "maceth0: the card has 192.168.10.99/255.255.255.0, the file 192.168.10.11/255.255.255.0", 3}},
     {R"("interfaces": [])", {"interfaces", "WARN", "maceth1: the card has nothing", 3}},
     {R"("links": [true, false])", {"links", "WARN", "port 0 up, port 1 down", 3}},
-    {R"("ptp_state": 3, "ptp_management": {"masterLockingStatus": 2})",
-     {"ptp", "WARN", "cold locking (2), register state 3", 3}},
+    {R"("ptp_state": 3, "ptp_management": {"masterLockingStatus": 2})", {"ptp", "WARN", "cold locking (2), register state 3", 3}},
     {R"("ptp_management": {})", {"ptp", "FAIL", "masterLockingStatus", 1}},
     {R"("hwmon": [{"label": "FPGA", "input": 95, "max": 95, "critical": 100}, {"label": "Cold", "input": -5, "max": 0}])",
      {"sensors", "WARN", "FPGA: 95, max is 95", 3}},
@@ -80,40 +67,34 @@ const BrokenCard kBrokenCards[] = {
     {R"("http_faults": [{"path": "/hps/firmware/info", "patch": {"User2": null}}])", {"flash", "FAIL", "image of slot 1", 1}},
     {R"("firmware": {"status": "verifying"})", {"flash", "WARN", "busy: verifying", 3}},
     {R"("ptp_master": {"currentUtcOffsetValid": 1, "currentUtcOffset": 0})", {"time", "WARN", "37.0 s ahead of the system clock", 3}},
-    {R"("ptp_master": {"currentUtcOffsetValid": 0, "currentUtcOffset": 0})", {"time", "SKIP", "TAI and UTC", 0, 0}},
-};
+    {R"("ptp_master": {"currentUtcOffsetValid": 0, "currentUtcOffset": 0})", {"time", "SKIP", "TAI and UTC", 0, 0}}};
 // clang-format on
 
 }  // namespace
 
 TEST_F(Doctor, NamesTheFaultOfACard) {
-    for (const BrokenCard& broken : kBrokenCards) {
-        SCOPED_TRACE(broken.members);
-        const RunningSimulator simulator(cards(broken.members));
-        finds(broken.finding, 1, broken.timeout);
+    for (const auto& [members, finding] : kBrokenCards) {
+        SCOPED_TRACE(members);
+        const RunningSimulator simulator(cards(members));
+        finds(finding, 1);
     }
 }
 
 TEST_F(Doctor, FindsNothingWhereAllIsWell) {
     const RunningSimulator simulator;
-    Ended ended = run({"doctor"});
-    EXPECT_EQ(ended.status, 0) << ended.out;
-    EXPECT_EQ(ended.out.find("OK              configuration  /"), 0u) << ended.out;
-    EXPECT_TRUE(has(ended.out, "\nOK    card 2    ptp            master: locked (4), register state 0\n"));
+    const std::string all = expect({"doctor"}, 0).out;
+    EXPECT_TRUE(all.starts_with("OK              configuration  /")) << all;
+    EXPECT_TRUE(has(all, "\nOK    card 2    ptp            master: locked (4), register state 0\n"));
     for (const char* const word : {"SKIP", "WARN", "FAIL", "card 1"})
         EXPECT_FALSE(has(run({"doctor", "2"}).out, word)) << word;
-    ended = run({"doctor", "7"});
-    EXPECT_EQ(ended.status, 1);
-    EXPECT_TRUE(has(
-        ended.out, "FAIL            services       no card 7: the driver has 1, 2\n" + std::string(31, ' ')));
+    expect({"doctor", "7"}, 1,
+           "FAIL            services       no card 7: the driver has 1, 2\n" + std::string(31, ' '));
 }
 
 TEST_F(Doctor, LooksAtHealthyCardsBesideOneThatHangs) {
-    std::vector<kivsim::CardSettings> both = kivsim::default_cards();
-    both[0].driver_faults =
-        cards(R"("driver_faults": [{"selector": 16, "delay_ms": 600000}])")[0].driver_faults;
-    const RunningSimulator simulator(both);
-    finds({"time", "OK", "within 1 s", 1}, 2, "6");
+    const RunningSimulator simulator;
+    simulator.control("POST", "/driver_faults", R"({"selector": 16, "delay_ms": 600000})");
+    finds({"time", "OK", "within 1 s", 1, 1, "6"}, 2);
 }
 
 TEST_F(Doctor, NamesTheFaultOfTheMachine) {
@@ -126,7 +107,7 @@ TEST_F(Doctor, NamesTheFaultOfTheMachine) {
         "mactun": {"ip_addr": "127.0.0.1", "server_port": 80}})");
     finds({"configuration", "WARN", ": more: is not known", 3}, nullptr);
     finds({"interfaces", "SKIP", "no entry", 3}, 1);
-    std::filesystem::remove("/Library/Application Support/Velmora/config/hps_boot.json");
+    configuration_.remove();
     finds({"configuration", "FAIL", "No such file", 1}, nullptr);
     finds({"interfaces", "SKIP", "no configuration", 1}, 1);
 }
@@ -145,8 +126,8 @@ TEST_F(Doctor, NamesTheFaultOfTheDriver) {
         finds({"services", "FAIL", "the driver has none", 1}, nullptr);
     }
     finds({"driver", "FAIL", "No such file", 1}, nullptr);
-    setenv("KIVSIM_SOCKET", (directory_ / std::string(200, 'x')).c_str(), 1);
+    setenv("KIVSIM_SOCKET", std::string(200, 'x').c_str(), 1);
     finds({"driver", "FAIL", "is longer than the 107 bytes", 1}, nullptr);
     const RunningSimulator hangs(cards(R"("driver_faults": [{"selector": 26, "delay_ms": 600000}])"));
-    finds({"services", "FAIL", "no answer within 2 s", 1}, nullptr, "6");
+    finds({"services", "FAIL", "no answer within 2 s", 1, 1, "6"}, nullptr);
 }

@@ -11,8 +11,6 @@ TEST_F(KivctlSettings, HasExamplesOnTheExportedClassesBesideIt) {
     EXPECT_TRUE(has(driver.out, ", " + std::to_string(kivos::page_size()) +
                                     " bytes mapped\nregister 0x02000010 by mapping, 0x02000010 by call\n"
                                     "3 messages of 3 arguments, the first 4\n"));
-    EXPECT_EQ(run_program({USE_DRIVER_PROGRAM, "2"}).status, 1);
-    EXPECT_EQ(run_program({USE_DRIVER_PROGRAM, "x"}).status, 2);
 
     const std::string server = simulator_.server_addresses()[0];
     const std::size_t colon = server.find(':');
@@ -35,37 +33,36 @@ TEST_F(KivctlSettings, HasExamplesInCBesideIt) {
     EXPECT_EQ(written.status, 0) << written.err;
     EXPECT_TRUE(has(written.out, "\nslot 1 is written: "));
     const Ended again = run_program({WRITE_FLASH_PROGRAM, "1", image()});
-    EXPECT_EQ(again.status, 1);
-    EXPECT_EQ(again.err, "no slot has changed: nothing was written\n");
+    EXPECT_EQ(std::tuple(again.status, again.err),
+              std::tuple(1, "no slot has changed: nothing was written\n"));
     change({{"flash_ms", 20000}});  // No end before the signal.
     Program interrupted({WRITE_FLASH_PROGRAM, "1", image("interrupted")});
     EXPECT_TRUE(wait_until([&] { return text_of(json_of({"flash"})["state"]) != "\"idle\""; }));
-    interrupted.send_signal(SIGINT);
-    const Ended ended = interrupted.wait();
-    EXPECT_EQ(ended.status, 1);
-    EXPECT_EQ(ended.err, "the card may still be writing: leave its power on\n");
+    const Ended ended = interrupted.end(SIGINT);
+    EXPECT_EQ(std::tuple(ended.status, ended.err),
+              std::tuple(1, "the card may still be writing: leave its power on\n"));
     EXPECT_TRUE(has(run_program({WRITE_FLASH_PROGRAM, "1", image("")}).err, " has 0 bytes"));
     const Ended watched = run_program({WATCH_EVENTS_PROGRAM, "3"});
     EXPECT_EQ(watched.status, 0) << watched.err;
     EXPECT_EQ(watched.out, "card 1: link of port 0 is up, of port 1 up\n");
 
-    for (const std::vector<std::string>& words :
-         std::vector<std::vector<std::string>>{{READ_CARD_PROGRAM},
-                                               {READ_CARD_PROGRAM, "x"},
-                                               {WRITE_FLASH_PROGRAM, "256", "f"},
-                                               {WRITE_FLASH_PROGRAM, "01", "f"}})
-        EXPECT_EQ(run_program(words).status, 2);
-    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
-             {READ_CARD_PROGRAM, "2"}, {WRITE_FLASH_PROGRAM, "1", "/nonexistent"}})
-        EXPECT_EQ(run_program(words).status, 1);
+    const std::pair<Words, int> failing[] = {{{READ_CARD_PROGRAM}, 2},
+                                             {{READ_CARD_PROGRAM, "x"}, 2},
+                                             {{READ_CARD_PROGRAM, "2"}, 1},
+                                             {{USE_DRIVER_PROGRAM, "x"}, 2},
+                                             {{USE_DRIVER_PROGRAM, "2"}, 1},
+                                             {{WRITE_FLASH_PROGRAM, "256", "f"}, 2},
+                                             {{WRITE_FLASH_PROGRAM, "01", "f"}, 2},
+                                             {{WRITE_FLASH_PROGRAM, "1", "/nonexistent"}, 1}};
+    for (const auto& [words, status] : failing)
+        EXPECT_EQ(run_program(words).status, status) << testing::PrintToString(words);
 }
 
 TEST_F(KivctlConfigured, HasAnExampleThatWritesACardBesideOneWithoutServer) {
     kivsim::CardSettings card = kivsim::believable_card(1);
     card.flash_ms = 1;  // Its end comes before the first look: only the slot tells.
     RunningSimulator simulator({card, card_with_server(2, unused_port())});
-    const Ended written = run_program({WRITE_FLASH_PROGRAM, "1", ConfigurationFile::path()});
-    EXPECT_EQ(written.status, 0) << written.err;
-    EXPECT_TRUE(has(run_program({WRITE_FLASH_PROGRAM, "2", ConfigurationFile::path()}).err,
-                    "card 2 cannot be used: "));
+    const std::string file = ConfigurationFile::path();
+    EXPECT_EQ(run_program({WRITE_FLASH_PROGRAM, "1", file}).status, 0);
+    EXPECT_TRUE(has(run_program({WRITE_FLASH_PROGRAM, "2", file}).err, "card 2 cannot be used: "));
 }

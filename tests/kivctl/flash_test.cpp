@@ -4,12 +4,8 @@
 
 #include "kivctl/Kivctl.h"
 
-namespace {
-
 /// The digest that the card takes as the identifier of image().
-constexpr const char* kImage = "183f7bcf424938735c60bf6575e48a88";
-
-}  // namespace
+constexpr char kImage[] = "183f7bcf424938735c60bf6575e48a88";
 
 TEST_F(KivctlCard, FlashWriteNamesTheSlotThatHasChanged) {
     const Json before = json_of({"flash", "1"});
@@ -21,12 +17,11 @@ TEST_F(KivctlCard, FlashWriteNamesTheSlotThatHasChanged) {
     EXPECT_TRUE(has(lines.out, "slot 1 is written: " + std::string(kImage)));
     EXPECT_EQ(json_of({"flash"})["slots"], Json({before["slots"][0], kImage}));
 
-    const Json again = json_of({"flash", "write", "1", image()}, 1);
-    EXPECT_EQ(again["name"], "NOT_WRITTEN") << "the image was there already: nobody saw it written";
+    EXPECT_EQ(json_of({"flash", "write", "1", image()}, 1)["name"], "NOT_WRITTEN")
+        << "the image was there already: nobody saw it written";
     const Json selected = json_of({"flash", "write", "1", image("another"), "--select"});
-    EXPECT_EQ(selected["written_slot"], 1);
-    EXPECT_EQ(selected["next_boot_slot"], 1);
-    EXPECT_EQ(selected["bytes"], 7);
+    EXPECT_EQ((Json{selected["written_slot"], selected["next_boot_slot"], selected["bytes"]}),
+              (Json{1, 1, 7}));
     EXPECT_EQ(json_of({"flash"})["next_boot_slot"], 1);
     EXPECT_EQ(run({"flash", "select", "1", "0"}).out, "card 1 boots slot 0 next\n");
     EXPECT_EQ(json_of({"flash"})["next_boot_slot"], 0);
@@ -48,9 +43,10 @@ TEST_F(KivctlCard, FlashWriteRefusesWhatIsNoImageBeforeAnythingIsSent) {
         {"/tmp", "is no regular file"},
         {directory_ / "empty", "is empty"},
         {large, "has 268435457 bytes; an image has at most 268435456"}};
-    for (const auto& [file, reason] : files)
-        EXPECT_TRUE(
-            expect({"flash", "write", "1", file}, 2, reason).err.starts_with("kivctl: nothing was sent: "));
+    for (const auto& [file, reason] : files) {
+        const Ended ended = expect({"flash", "write", "1", file}, 2, reason);
+        EXPECT_TRUE(ended.err.starts_with("kivctl: nothing was sent: ")) << ended.err;
+    }
     expect({"flash", "write", "1", large, "--select", "--no-wait"}, 2, "exclude each other");
     EXPECT_FALSE(was_asked("\"method\""));
     expect({"flash", "write", "2", image()}, 1, "there is no card 2");
@@ -62,19 +58,16 @@ TEST_F(KivctlCard, FlashWaitTakesUpTheWait) {
     EXPECT_FALSE(has(begun.out, "done"));
     EXPECT_EQ(json_of({"flash", "write", "1", image()}, 1)["name"], "KIV_ERR_BUSY");
     const Json waited = json_of({"flash", "wait", "1"});
-    EXPECT_EQ(waited["state"], "done");
-    EXPECT_EQ(waited["written_slot"], 1);
-    EXPECT_EQ(waited["slots"][1], kImage);
+    EXPECT_EQ((Json{waited["state"], waited["written_slot"], waited["slots"][1]}), (Json{"done", 1, kImage}));
 }
 
 TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
     // The first looks at the state are before the upload, by this program and the library, and the library's
     // own wait.
     add_fault(R"({"path": "/hps/firmware/status", "nth": 5, "patch": "Verify FAILED: code 7"})");
-    Json error = json_of({"flash", "write", "1", image()}, 1);
-    EXPECT_EQ(error["name"], "WRITE_FAILED");
-    EXPECT_EQ(error["card"], 1);
-    EXPECT_TRUE(has(error["message"].get<std::string>(), "Verify FAILED: code 7"));
+    const std::string failed = text_of(json_of({"flash", "write", "1", image()}, 1));
+    EXPECT_TRUE(has(failed, R"("name":"WRITE_FAILED","layer":"card","card":1)"));
+    EXPECT_TRUE(has(failed, "Verify FAILED: code 7"));
     json_of({"flash", "wait", "1"});
 
     add_fault(R"({"path": "/hps/firmware/status", "nth": 15, "status": 503})");
@@ -86,16 +79,13 @@ TEST_F(KivctlCard, FlashWriteSaysHowItEndedOtherwise) {
     EXPECT_EQ(json_of({"flash", "write", "1", image("refused")}, 1)["name"], "KIV_ERR_REST");
     control("DELETE", "/http_faults");
 
-    error = json_of({"flash", "write", "1", image("too slow"), "--timeout", "1"}, 4);
-    EXPECT_EQ(error["name"], "TIMEOUT");
-    EXPECT_TRUE(has(error["remedy"].get<std::string>(), "may still be writing"));
+    const Json late = json_of({"flash", "write", "1", image("too slow"), "--timeout", "1"}, 4);
+    EXPECT_EQ(late["name"], "TIMEOUT");
+    EXPECT_TRUE(has(text_of(late["remedy"]), "may still be writing"));
 
     Program waiting(kivctl({"flash", "wait", "1"}));
     EXPECT_NE(waiting.read_line(), "");
-    waiting.send_signal(SIGINT);
-    const Ended interrupted = waiting.wait();
-    EXPECT_EQ(interrupted.status, 5);
-    EXPECT_TRUE(has(interrupted.err, "\"kivctl flash wait 1\" takes up the wait again"));
+    expect_error(waiting.end(SIGINT), 5, "\"kivctl flash wait 1\" takes up the wait again");
 }
 
 TEST_F(KivctlCard, FlashWriteIsNotMisledByACardsWords) {
@@ -105,16 +95,15 @@ TEST_F(KivctlCard, FlashWriteIsNotMisledByACardsWords) {
     EXPECT_EQ(json_of({"flash", "write", "1", image()})["written_slot"], 1);
     control("DELETE", "/http_faults");
 
-    change({{"answers", {{"/hps/firmware/status", "Failed"}}}});
-    Json error = json_of({"flash", "write", "1", image("x")}, 1);
-    EXPECT_EQ(error["name"], "CARD_STATE") << "a wait would not help";
-    change({{"answers", {{"/hps/firmware/status", "erasing"}}}});
-    EXPECT_TRUE(
-        has(json_of({"flash", "write", "1", image("x")}, 1)["message"].get<std::string>(), "erasing"));
-    change({{"answers", {{"/hps/firmware/status", 7}}}});
-    error = json_of({"flash", "write", "1", image("x")}, 1);
-    EXPECT_EQ(error["card"], 1);
-    EXPECT_TRUE(has(error["message"].get<std::string>(), "has no word for the state"));
+    // A wait would not help against the first.
+    const std::pair<Json, const char*> states[] = {
+        {"Failed", R"("name":"CARD_STATE")"}, {"erasing", "erasing"}, {7, "has no word for the state"}};
+    for (const auto& [state, phrase] : states) {
+        change({{"answers", {{"/hps/firmware/status", state}}}});
+        const Json error = json_of({"flash", "write", "1", image("x")}, 1);
+        EXPECT_EQ(error["card"], 1);
+        EXPECT_TRUE(has(text_of(error), phrase));
+    }
     change({{"answers", {{"/hps/firmware/info", {{"User1", std::string(400'000, '"')}, {"User2", "x"}}}}}});
     EXPECT_LT(expect({"flash", "--timeout", "5"}, 0, "(400000 bytes in all)").out.size(), 2000u);
 }
@@ -125,17 +114,13 @@ TEST_F(KivctlCard, FlashWriteSendsTheFileThatWasLookedAt) {
     Program writing(kivctl({"flash", "write", "1", file}));
     EXPECT_TRUE(wait_until([&] { return was_asked("firmware/status"); }));
     write_file(file, "another image");
-    const Ended ended = writing.wait();
-    EXPECT_EQ(ended.status, 2);
-    EXPECT_TRUE(has(ended.err, "nothing was sent: " + file + ": has changed"));
+    expect_error(writing.wait(), 2, "nothing was sent: " + file + ": has changed");
     EXPECT_FALSE(was_asked("firmware/upload"));
 }
 
 TEST_F(KivctlCard, FlashWriteGoesOnWithoutAReader) {
-    const Ended full = run_program(
-        {"/bin/sh", "-c", "exec \"$0\" flash write 1 \"$1\" > /dev/full", kKivctlProgram, image()});
-    EXPECT_EQ(full.status, 1);
-    EXPECT_TRUE(has(full.err, "standard output cannot be written"));
+    const Words words = shell("exec \"$0\" flash write 1 \"$1\" > /dev/full", {image()});
+    expect_error(run_program(words), 1, "standard output cannot be written");
     EXPECT_EQ(json_of({"flash"})["slots"][1], kImage) << "it was written all the same";
 }
 
@@ -147,7 +132,7 @@ TEST_F(KivctlCard, FlashWriteGivesUpOnACardThatFallsSilentAndSaysThatItMayGoOn) 
     EXPECT_EQ(ended.status, 1);
     const Json error = parsed(ended.out);
     EXPECT_EQ(error["name"], "NO_ANSWER") << ended.out;
-    EXPECT_TRUE(has(error["remedy"].get<std::string>(), "may still be writing"));
+    EXPECT_TRUE(has(text_of(error["remedy"]), "may still be writing"));
 }
 
 TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminalThatCanMoveItsCursor) {
@@ -158,10 +143,8 @@ TEST_F(KivctlCard, FlashWriteLivesInOneLineOfATerminalThatCanMoveItsCursor) {
     const int other_end = open(name.c_str(), O_RDWR | O_NOCTTY);  // Until what was written is read.
     fcntl(terminal, F_SETFL, O_NONBLOCK);
     const auto shown_with = [&](const char* kind, const std::string& file) {
-        const Ended ended = run_program(
-            {"/bin/sh", "-c", "exec \"$0\" flash write 1 \"$1\" > \"$2\"", kKivctlProgram, file, name},
-            {{"TERM", kind}});
-        EXPECT_EQ(ended.status, 0) << ended.err;
+        const Words words = shell("exec \"$0\" flash write 1 \"$1\" > \"$2\"", {file, name});
+        expect_error(run_program(words, {{"TERM", kind}}), 0, "");
         std::string shown;
         EXPECT_TRUE(wait_until([&] {
             char text[4096];

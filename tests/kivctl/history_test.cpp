@@ -57,17 +57,13 @@ TEST(History, HasGapsWhereNobodyRecorded) {
     EXPECT_EQ(points(history), parsed("[8]")) << "the machine has slept";
 }
 
-TEST(History, OfSixtyFourCardsTakesLittleMemory) {
+TEST(History, TakesLittleMemory) {
     const std::size_t before = allocated_bytes();
-    std::vector<std::unique_ptr<History>> cards;
-    for (int card = 0; card < 64; ++card) {
-        cards.push_back(std::make_unique<History>());
-        for (int i = 0; i < 2000; ++i)
-            cards.back()->record(kStart + i * seconds(5), values(static_cast<float>(i)));
-    }
+    const auto history = std::make_unique<History>();
+    for (int i = 0; i < 2000; ++i)
+        history->record(kStart + i * seconds(5), values(static_cast<float>(i)));
     const std::size_t bytes = allocated_bytes() - before;
     if (bytes == 0) GTEST_SKIP() << "the allocator of a sanitizer counts nothing";
-    RecordProperty("bytes", static_cast<int>(bytes));
-    EXPECT_LT(bytes, std::size_t{64} << 20);
-    EXPECT_GE(bytes, 64 * sizeof(History));
+    EXPECT_LT(bytes, std::size_t{1} << 20);
+    EXPECT_GE(bytes, sizeof(History));
 }

@@ -45,37 +45,34 @@ std::string value_of(const Snapshot& snapshot, const std::string& name) {
 }  // namespace
 
 TEST(Metrics, DropWhatIsStaleOrWasNotReadInTime) {
-    const struct {
-        Part part;
-        const char* name;
-        const char* value;
-        bool each_sample;  ///< It is asked for with every sample.
-    } rows[] = {{kPorts, "kiv_card_up", "1", true},
-                {kPorts, "kiv_port_up", "0", true},
-                {kPorts, "kiv_port_load_ratio", "0", true},
-                {kClock, "kiv_ptp_state", "3", true},
-                {kClock, "kiv_ptp_time_seconds", "1037.00000025", true},
-                {kClock, "kiv_ptp_offset_seconds", "2.5e-07", true},
-                {kPciLink, "kiv_pci_link_lanes", "16", true},
-                {kStreams, "kiv_stream_resources", "0", true},
-                {kStreams, "kiv_stream_register", "0", true},
-                {kSensorsOf, "kiv_temperature_celsius", "58", true},
-                {kSensorsOf, "kiv_board_power", "63", true},
-                {kFlashState, "kiv_flash_busy", "0", false},
-                {kLocking, "kiv_ptp_locking_status", "4", false},
-                {kMaster, "kiv_ptp_utc_offset_seconds", "37", false},
-                {kMaster, "kiv_ptp_offset_seconds", "2.5e-07", false},
-                {kSlots, "kiv_flash_slot_info", "1", false}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    // The last member says whether the part is asked for with every sample.
+    const std::tuple<Part, const char*, const char*, bool> rows[] = {
+        {kPorts, "kiv_card_up", "1", true},
+        {kPorts, "kiv_port_up", "0", true},
+        {kPorts, "kiv_port_load_ratio", "0", true},
+        {kClock, "kiv_ptp_state", "3", true},
+        {kClock, "kiv_ptp_time_seconds", "1037.00000025", true},
+        {kClock, "kiv_ptp_offset_seconds", "2.5e-07", true},
+        {kPciLink, "kiv_pci_link_lanes", "16", true},
+        {kStreams, "kiv_stream_resources", "0", true},
+        {kStreams, "kiv_stream_register", "0", true},
+        {kSensorsOf, "kiv_temperature_celsius", "58", true},
+        {kSensorsOf, "kiv_board_power", "63", true},
+        {kFlashState, "kiv_flash_busy", "0", false},
+        {kLocking, "kiv_ptp_locking_status", "4", false},
+        {kMaster, "kiv_ptp_utc_offset_seconds", "37", false},
+        {kMaster, "kiv_ptp_offset_seconds", "2.5e-07", false},
+        {kSlots, "kiv_flash_slot_info", "1", false}};
+    for (const auto& [which, name, value, each_sample] : rows) {
+        SCOPED_TRACE(name);
         Snapshot snapshot = of_one_card();
-        EXPECT_EQ(value_of(snapshot, row.name), row.value);
-        Reading& part = snapshot.cards[0].parts[row.part];
-        const std::string none = row.name == std::string("kiv_card_up") ? "0" : "";
+        EXPECT_EQ(value_of(snapshot, name), value);
+        Reading& part = snapshot.cards[0].parts[which];
+        const std::string none = name == std::string("kiv_card_up") ? "0" : "";
         part.read->steady -= seconds(1);
-        EXPECT_EQ(value_of(snapshot, row.name), row.each_sample ? none : row.value) << "a second too old";
+        EXPECT_EQ(value_of(snapshot, name), each_sample ? none : value) << "a second too old";
         part.stale = true;
-        EXPECT_EQ(value_of(snapshot, row.name), none) << "stale";
+        EXPECT_EQ(value_of(snapshot, name), none) << "stale";
     }
 }
 

@@ -5,25 +5,27 @@
 
 #include "kivctl/Kivctl.h"
 
+using namespace std::string_literals;
+
+const std::string kWithoutVlans = "ptp set 1 --vlan0 off --vlan1 off";
+
 TEST_F(KivctlSettings, PtpSetChangesOnlyWhatIsGivenAndSavesOnlyOnDemand) {
     const std::string before = configuration_.read();
-    const Words change = words_of(
+    const std::string change =
         "ptp set 1 --domain 200 --log-announce-interval -4 --tos1 7 --ttl0 9 --ip1 10.1.2.3/8 --vlan0 20 "
-        "--vlan1 off");
-    Words dry = change;
-    dry.emplace_back("--dry-run");
-    Json shown = json_of(dry);
+        "--vlan1 off";
+    Json shown = json_of(words_of(change + " --dry-run"));
     EXPECT_EQ(shown["sent"], false);
     EXPECT_EQ(last_reconfiguration(), "none");
-    Json applied = json_of(change);
+    const Json applied = json_of(words_of(change));
     EXPECT_EQ(last_reconfiguration(),
               "macethP=192.168.10.11/24,20,9,46 macethS=10.1.2.3/8,0,64,7 macptp=200,-4,3,0,-3 ");
     EXPECT_EQ(applied["sent"], true);
     shown["sent"] = true;
     EXPECT_EQ(applied, shown) << "the dry run has shown what is sent";
-    EXPECT_EQ(applied["ports"],
-              parsed(R"([{"port": 0, "ip_address": "192.168.10.11", "prefix_length": 24, "vlan": 20},
-                                           {"port": 1, "ip_address": "10.1.2.3", "prefix_length": 8, "vlan": "off"}])"));
+    EXPECT_EQ(applied["ports"], parsed(R"([
+        {"port": 0, "ip_address": "192.168.10.11", "prefix_length": 24, "vlan": 20},
+        {"port": 1, "ip_address": "10.1.2.3", "prefix_length": 8, "vlan": "off"}])"));
     EXPECT_EQ(configuration_.read(), before);
 
     expect(
@@ -33,45 +35,39 @@ TEST_F(KivctlSettings, PtpSetChangesOnlyWhatIsGivenAndSavesOnlyOnDemand) {
     EXPECT_EQ(last_reconfiguration(),
               "macethP=10.9.8.6/30,30,64,1 macethS=10.1.2.3/8,0,2,46 macptp=200,-2,5,1,1 ");
     const Json file = parsed(configuration_.read());
-    EXPECT_EQ(
-        file["devices"][0]["maceth0"],
-        parsed(
-            R"({"ip_addr": "10.9.8.6", "netmask": "255.255.255.252", "tos": 1, "ttl": 64, "vlan_id": 30})"));
+    EXPECT_EQ(file["devices"][0]["maceth0"], parsed(R"({"ip_addr": "10.9.8.6", "netmask": "255.255.255.252",
+        "tos": 1, "ttl": 64, "vlan_id": 30})"));
     EXPECT_EQ(file["ptp"],
               parsed(R"({"announceReceiptTimeout": 5, "domainNumber": 200, "logAnnounceInterval": -2,
-                                      "logDelayReqInterval": 1, "unicast_delay_req": 1})"));
+        "logDelayReqInterval": 1, "unicast_delay_req": 1})"));
     EXPECT_EQ(file["devices"][1], parsed(before)["devices"][1]);
     EXPECT_EQ(read_file(configuration_.path() + ".bak"), before);
     expect({"config", "check"}, 0, "good");
 }
 
 TEST_F(KivctlSettings, PtpSetSendsNothingThatWouldDoHarm) {
-    const std::pair<Words, const char*> refused[] = {
-        {{}, "--vlan0 is missing. A card does not tell its VLANs"},
-        {{"--vlan0", "off"}, "--vlan1 is missing"},
-        {{"--vlan0", "off", "--vlan1", "7", "--ip0", "0.0.0.0/24"}, "begin with 0"},
-        {{"--vlan0", "off", "--vlan1", "7", "--ip0", "255.255.255.255/24"}, "the broadcast address"},
-        {{"--vlan0", "off", "--vlan1", "7", "--ip0", "10.0.0.255/24"},
-         "the broadcast address of its network"},
-        {{"--vlan0", "off", "--vlan1", "7", "--ip0", "10.0.0.0/24"}, "the address of the network itself"},
-        {{"--vlan0", "off", "--vlan1", "7", "--ip1", "239.1.1.1/24"}, "a multicast address"},
-        {{"--vlan0", "off", "--vlan1", "7", "--ip1", "127.0.0.2/24"}, "the host's own"},
-        {{"--vlan0", "off", "--vlan1", "7", "--ip1", "10.0.0.1/0"}, "a port's prefix is 1 to 30"},
-        {{"--vlan0", "off", "--vlan1", "7", "--ip1", "10.0.0.1/31"}, "a port's prefix is 1 to 30"},
-        {{"--vlan0", "off", "--vlan1", "7", "--save", "--dry-run"}, "exclude each other"},
+    const std::pair<const char*, const char*> refused[] = {
+        {"", "--vlan0 is missing. A card does not tell its VLANs"},
+        {"--vlan0 off", "--vlan1 is missing"},
+        {"--vlan0 off --vlan1 7 --ip0 0.0.0.0/24", "begin with 0"},
+        {"--vlan0 off --vlan1 7 --ip0 255.255.255.255/24", "the broadcast address"},
+        {"--vlan0 off --vlan1 7 --ip0 10.0.0.255/24", "the broadcast address of its network"},
+        {"--vlan0 off --vlan1 7 --ip0 10.0.0.0/24", "the address of the network itself"},
+        {"--vlan0 off --vlan1 7 --ip1 239.1.1.1/24", "a multicast address"},
+        {"--vlan0 off --vlan1 7 --ip1 127.0.0.2/24", "the host's own"},
+        {"--vlan0 off --vlan1 7 --ip1 10.0.0.1/0", "a port's prefix is 1 to 30"},
+        {"--vlan0 off --vlan1 7 --ip1 10.0.0.1/31", "a port's prefix is 1 to 30"},
+        {"--vlan0 off --vlan1 7 --save --dry-run", "exclude each other"},
     };
-    for (const auto& [options, reason] : refused) {
-        Words words{"ptp", "set", "1"};
-        words.insert(words.end(), options.begin(), options.end());
-        expect(words, 2, reason);
-    }
+    for (const auto& [options, reason] : refused)
+        expect(words_of("ptp set 1 "s + options), 2, reason);
     // The card may have an address that no port can have: it is not sent back unseen.
     add_fault(R"({"path": "/hps/info/networks", "patch": {"interfaces": [
         {"if_name": "maceth0", "ip_addr": "0.0.0.0", "netmask": "0.0.0.0", "hw_addr": "x"},
         {"if_name": "maceth1", "ip_addr": "10.0.0.1", "netmask": "255.0.0.0", "hw_addr": "y"}]}})");
-    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off"}, 2, "port 0 cannot have 0.0.0.0/0");
+    expect(words_of(kWithoutVlans), 2, "port 0 cannot have 0.0.0.0/0");
     EXPECT_EQ(last_reconfiguration(), "none");
-    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--force"}, 0);
+    expect(words_of(kWithoutVlans + " --force"), 0);
     EXPECT_TRUE(has(last_reconfiguration(), "macethP=0.0.0.0/0"));
 }
 
@@ -80,7 +76,7 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
         "logAnnounceInterval": 0, "logDelayReqInterval": 0, "unicast_delay_req": 1}, "devices": [], "site": "Studio 3", "site": "Studio 4",
         "mactun": {"ip_addr": "127.0.0.1", "server_port": 80}})";
     configuration_.write(no_entry);
-    const std::string given = "ptp set 1 --vlan0 off --vlan1 off --tos0 1 --tos1 2 --ttl0 3";
+    const std::string given = kWithoutVlans + " --tos0 1 --tos1 2 --ttl0 3";
     expect(words_of(given), 1, "nothing was sent: the card configuration has no entry for this card");
     EXPECT_EQ(last_reconfiguration(), "none");
     expect(words_of(given + " --ttl1 4 --domain 9 --save"), 1, "not saved: addresses, VLANs, TOS and TTL");
@@ -90,11 +86,9 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
     expect(words_of(given + " --ttl1 4 --save"), 1, "not kept: the first of several keys site");
 
     configuration_.write(std::regex_replace(ConfigurationFile::sample(), std::regex("127,"), "300,"));
-    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off"}, 1,
-           "line 5: ptp.domainNumber: is not between 0 and 255");
+    expect(words_of(kWithoutVlans), 1, "line 5: ptp.domainNumber: is not between 0 and 255");
     EXPECT_FALSE(has(last_reconfiguration(), "macptp=300"));
-    expect({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--domain", "7"}, 0,
-           "the change is in the card");
+    expect(words_of(kWithoutVlans + " --domain 7"), 0, "the change is in the card");
 
     // The card takes the change, and then the file cannot be kept: a folder stands where the former one goes.
     configuration_.write(ConfigurationFile::sample());
@@ -102,12 +96,10 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
     remove(in_the_way.c_str());
     ASSERT_EQ(mkdir(in_the_way.c_str(), 0700), 0);
     write_file(in_the_way + "/file", "");
-    const Words change{"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--domain", "5", "--save"};
+    const Words change = words_of(kWithoutVlans + " --domain 5 --save");
     const Json both = json_of(change, 1);
-    EXPECT_EQ(both["sent"], true);
-    EXPECT_EQ(both["saved"], false);
-    EXPECT_EQ(both["error"]["name"], "NOT_SAVED");
-    EXPECT_EQ(both["error"]["layer"], "configuration");
+    EXPECT_EQ((Json{both["sent"], both["saved"]}), (Json{true, false}));
+    EXPECT_TRUE(has(text_of(both["error"]), R"("name":"NOT_SAVED","layer":"configuration")"));
     expect(change, 1, "card 1 has taken the change, but it is not saved");
     EXPECT_EQ(configuration_.read(), ConfigurationFile::sample());
     remove((in_the_way + "/file").c_str());
@@ -115,8 +107,7 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
 
     add_fault(
         R"({"path": "/hps/control/network/reconfig", "nth": 1, "carried_out": false, "status": 200, "body": "x"})");
-    const Json lied =
-        json_of({"ptp", "set", "1", "--vlan0", "off", "--vlan1", "off", "--ip0", "10.9.9.9/24", "--save"}, 1);
+    const Json lied = json_of(words_of(kWithoutVlans + " --ip0 10.9.9.9/24 --save"), 1);
     EXPECT_EQ(lied["error"]["name"], "NOT_TAKEN");
     EXPECT_EQ(lied["saved"], false);
     EXPECT_EQ(configuration_.read(), ConfigurationFile::sample());

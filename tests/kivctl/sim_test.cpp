@@ -1,23 +1,17 @@
 // Commands with a simulator of their own.
-#include <kivos/sockets.h>
-#include <sys/un.h>
-
 #include "kivctl/Kivctl.h"
 
 namespace {
 
-/// The folders of the simulators of one process.
-std::vector<std::filesystem::path> folders_of(const std::string& pid) {
-    std::vector<std::filesystem::path> found;
-    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
-        if (entry.path().filename().string().starts_with("kivctl-" + pid + "-"))
-            found.push_back(entry.path());
-    }
-    return found;
-}
+namespace fs = std::filesystem;
 
-std::size_t folders(const std::string& pid) {
-    return folders_of(pid).size();
+/// The folders of the simulators of one process.
+std::vector<fs::path> folders_of(const std::string& pid) {
+    std::vector<fs::path> found(fs::directory_iterator("/tmp"), {});
+    std::erase_if(found, [&](const fs::path& path) {
+        return !path.filename().string().starts_with("kivctl-" + pid + "-");
+    });
+    return found;
 }
 
 class OwnSimulator : public KivctlConfigured {
@@ -28,16 +22,12 @@ class OwnSimulator : public KivctlConfigured {
     }
 
     /// A program that prints its process id first.
-    static Words telling_its_id(const Words& words) {
-        Words all{"/bin/sh", "-c", "echo $$; exec \"$0\" \"$@\"", kKivctlProgram};
-        all.insert(all.end(), words.begin(), words.end());
-        return all;
-    }
+    static Words telling_its_id(const Words& words) { return shell("echo $$; exec \"$0\" \"$@\"", words); }
 
     static Ended run_and_look_behind(const Words& words) {
         Ended ended = run_program(telling_its_id(words));
         const std::size_t end = ended.out.find('\n');
-        EXPECT_EQ(folders(ended.out.substr(0, end)), 0u);
+        EXPECT_EQ(folders_of(ended.out.substr(0, end)).size(), 0u);
         ended.out.erase(0, end + 1);
         return ended;
     }
@@ -48,7 +38,7 @@ class OwnSimulator : public KivctlConfigured {
 }  // namespace
 
 TEST_F(OwnSimulator, EndsWithTheCommand) {
-    std::filesystem::remove("/Library/Application Support/Velmora/config/hps_boot.json");
+    configuration_.remove();
     const std::string file = cards_file(R"({"cards": [{"id": 5, "links": [true, false]}]})");
     for (const Words& words :
          std::vector<Words>{{"--sim", file, "--json", "link"},
@@ -62,10 +52,9 @@ TEST_F(OwnSimulator, EndsWithTheCommand) {
     Program watch(telling_its_id({"--sim", "watch"}));
     const std::string pid = watch.read_line();
     EXPECT_TRUE(has(watch.read_line(), "    state  port 0 up"));
-    EXPECT_EQ(folders(pid), 1u);
-    watch.send_signal(SIGTERM);
-    EXPECT_EQ(watch.wait().status, 0);
-    EXPECT_EQ(folders(pid), 0u);
+    EXPECT_EQ(folders_of(pid).size(), 1u);
+    EXPECT_EQ(watch.end(SIGTERM).status, 0);
+    EXPECT_EQ(folders_of(pid).size(), 0u);
     EXPECT_EQ(run_and_look_behind({"--sim", "--timeout", "1", "watch"}).status, 4);
 }
 
@@ -74,20 +63,13 @@ TEST_F(OwnSimulator, EndsWithAKilledProgramToo) {
     Program watch(telling_its_id({"--sim", file, "watch", "--json"}));
     const std::string pid = watch.read_line();
     EXPECT_FALSE(watch.read_line().empty());
-    const std::string socket = folders_of(pid).at(0) / "socket";
-    const auto simulator_runs = [&] {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        socket.copy(address.sun_path, sizeof address.sun_path - 1);
-        const kivos::Descriptor caller = kivos::stream_socket(AF_UNIX);
-        return connect(caller.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    };
+    const Environment there{{"KIVSIM_SOCKET", folders_of(pid).at(0) / "socket"}};
+    const auto simulator_runs = [&] { return run_program(kivctl({"scan"}), there).status == 0; };
     EXPECT_TRUE(simulator_runs());
-    watch.send_signal(SIGKILL);
-    watch.wait();
+    watch.end(SIGKILL);
     EXPECT_TRUE(wait_until([&] { return !simulator_runs(); }));
     for (const auto& folder : folders_of(pid))  // Nobody was left to remove it.
-        std::filesystem::remove_all(folder);
+        fs::remove_all(folder);
 }
 
 TEST_F(OwnSimulator, LetsTheLibrarysLogBeSeen) {
@@ -105,9 +87,6 @@ TEST_F(OwnSimulator, SaysWhyItCannotRun) {
         {{"--sim", "cards.json", "scna"}, "did you mean \"kivctl scan\"?"},
         {{"scan", "--sim"}, "--sim stands before the command"},
         {{"scan", "--sim=cards.json"}, "--sim stands before the command"}};
-    for (const auto& [words, message] : kRefused) {
-        const Ended refused = run_and_look_behind(words);
-        EXPECT_EQ(refused.status, 2) << message;
-        EXPECT_TRUE(has(refused.err, message));
-    }
+    for (const auto& [words, message] : kRefused)
+        expect_error(run_and_look_behind(words), 2, message);
 }

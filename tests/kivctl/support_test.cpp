@@ -65,10 +65,9 @@ class Support : public KivctlConfigured {
 }  // namespace
 
 TEST_F(Support, BringsTheCardsToAnotherDesk) {
-    write_file(directory_ / "unusual.json", kUnusual);
     std::map<std::string, std::string> there;
     {
-        const RunningSimulator field(kivsim::load_scenario(directory_ / "unusual.json").cards);
+        const RunningSimulator field(cards_of(kUnusual));
         there = collect(directory_ / "there/");
     }
     EXPECT_TRUE(has(there["card-3/status.json"], "-7"));
@@ -88,8 +87,7 @@ TEST_F(Support, BringsTheCardsToAnotherDesk) {
 TEST_F(Support, IsOneFileThatTellsWhatIsInIt) {
     const RunningSimulator simulator;
     const std::string file = directory_ / "support.tar.gz";
-    const Ended ended = run({"support", "-o", file});
-    EXPECT_EQ(ended.status, 0) << ended.out;
+    const Ended ended = expect({"support", "-o", file}, 0);
     EXPECT_TRUE(ended.out.ends_with(file + ": look through it before you send it\n")) << ended.out;
     EXPECT_EQ(run_program({"tar", "xzf", file, "-C", directory_ / ""}).status, 0);
     std::size_t members = 0;
@@ -98,43 +96,38 @@ TEST_F(Support, IsOneFileThatTellsWhatIsInIt) {
         ++members;
         const std::string path = entry.path().string();
         const std::string name = path.substr(path.find('/', path.find("/kivctl-support-") + 1) + 1);
-        EXPECT_TRUE(has(ended.out, "\n" + name + " ")) << name;
+        EXPECT_TRUE(has(ended.out, "\n" + name + " "));
     }
     EXPECT_EQ(members, static_cast<std::size_t>(std::count(ended.out.begin(), ended.out.end(), '\n')) - 4);
 
     const std::string before = read_file(file);
-    const Ended again = run({"support", "-o", file});
-    EXPECT_EQ(again.status, 1);
-    EXPECT_TRUE(has(again.err, "exists already, and stays as it is"));
+    expect_error(run({"support", "-o", file}), 1, "exists already, and stays as it is");
     EXPECT_EQ(read_file(file), before);
 
     fs::create_directory(directory_ / "folder");
     const Json report = json_of({"support", "-o", directory_ / "folder"});
-    EXPECT_EQ(report["file"].get<std::string>().find(directory_ / "folder/kivctl-support-"), 0u) << report;
+    const std::string made = report["file"];
+    EXPECT_TRUE(made.starts_with(directory_ / "folder/kivctl-support-")) << made;
     EXPECT_EQ(report["members"].size(), members);
-    EXPECT_TRUE(fs::exists(report["file"].get<std::string>() + "cards.json"));
+    EXPECT_TRUE(fs::exists(made + "cards.json"));
 }
 
 TEST_F(Support, LeavesNoHalfFile) {
     const RunningSimulator simulator;
     const std::string file = directory_ / "support.tar.gz";
     // A limit of the size of files: as on a full disk, the file is there but cannot take it all.
-    const Ended full = run_program(
-        {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 2; exec \"$0\" support -o \"$1\"", kKivctlProgram, file});
-    EXPECT_EQ(full.status, 1);
-    EXPECT_TRUE(has(full.err, "cannot be written, and is removed: "));
+    const Words limited = shell("trap '' XFSZ; ulimit -f 2; exec \"$0\" support -o \"$1\"", {file});
+    expect_error(run_program(limited), 1, "cannot be written, and is removed: ");
     EXPECT_FALSE(fs::exists(file));
-    const Ended nowhere = run({"support", "-o", directory_ / "none/support.tar.gz"});
-    EXPECT_EQ(nowhere.status, 1);
-    EXPECT_TRUE(has(nowhere.err, "cannot be made: No such file"));
+    const std::string nowhere = directory_ / "none/support.tar.gz";
+    expect_error(run({"support", "-o", nowhere}), 1, "cannot be made: No such file");
 
     const std::size_t calls = simulator.calls(34).size();
     simulator.control("POST", "/driver_faults", R"({"selector": 34, "delay_ms": 600000})");
     Program hangs(kivctl({"support", "-o", file}));
     EXPECT_TRUE(wait_until([&] { return simulator.calls(34).size() > calls; }));
     EXPECT_TRUE(fs::exists(file));
-    hangs.send_signal(SIGTERM);
-    EXPECT_EQ(hangs.wait().status, 5);
+    EXPECT_EQ(hangs.end(SIGTERM).status, 5);
     EXPECT_FALSE(fs::exists(file));
 }
 

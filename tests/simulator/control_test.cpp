@@ -40,8 +40,7 @@ TEST(Control, RefusesABadValueAndTakesACardOutOfItsSlotAndBack) {
         {R"({"http_faults": [{"path": "/alive/", "carried_out": false, "status": 1, "patch": 1}]})", "http_faults[0].carried_out: must be true for a fault with \"patch\""},
         {R"({"driver_faults": [{"selector": 6}, {"selector": 9}]})", "driver_faults[1].selector: is no selector of the driver"},
         // None of the members is taken when one is bad.
-        {R"({"links": [false, false], "log": "", "http_faults": [{"path": "/"}], "removed": true, "bus": 256})", "bus: must be at most 255"},
-    };
+        {R"({"links": [false, false], "log": "", "http_faults": [{"path": "/"}], "removed": true, "bus": 256})", "bus: must be at most 255"}};
     // clang-format on
     const std::string before = simulator.control("GET", "/settings").body;
     const auto refusal = [](const std::string& reason) {

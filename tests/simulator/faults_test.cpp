@@ -47,13 +47,7 @@ TEST_F(Faults, OfRequestsSayWhetherTheRequestIsCarriedOut) {
     const std::string path = "/hps/control/igmp";
     const std::string body =
         R"({"settings": [{"pid": 1, "dst_ip_addr": "", "if_name": "", "ssm_source_addr": ""}]})";
-    struct Row {
-        const char* fault;
-        bool carried_out;
-        int status;
-        const char* answer;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, bool, int, const char*> rows[] = {
         {R"("status": 500)", true, 500, R"({"data":"ok"})"},
         {R"("status": 500, "carried_out": false)", false, 500, R"({"data":{"error":"not carried out"}})"},
         {R"("body": "lie", "carried_out": false)", false, 200, "lie"},
@@ -61,17 +55,17 @@ TEST_F(Faults, OfRequestsSayWhetherTheRequestIsCarriedOut) {
         {R"("cut": "before", "carried_out": false)", false, 0, ""},
         {R"("delay_ms": 1)", true, 200, R"({"data":"ok"})"},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.fault);
+    for (const auto& [members, carried_out, status, expected] : rows) {
+        SCOPED_TRACE(members);
         control("PATCH", "", R"({"memberships": [], "http_faults": []})");
-        control("POST", "/http_faults",
-                R"({"path": "/hps/control/", "method": "POST", )" + std::string(row.fault) + "}");
+        const std::string at = R"({"path": "/hps/control/", "method": "POST", )";
+        control("POST", "/http_faults", at + members + "}");
         const ControlAnswer answer = ask("POST", path, body);
-        EXPECT_EQ(std::tuple(answer.status, answer.body), std::tuple(row.status, row.answer));
+        EXPECT_EQ(std::tuple(answer.status, answer.body), std::tuple(status, expected));
         const Json settings = control("GET", "/settings");
-        EXPECT_EQ(settings.at("memberships").size(), row.carried_out ? 1u : 0u);
-        EXPECT_EQ(settings.at("http_faults")[0].at("carried_out"), row.carried_out);
-        EXPECT_EQ(simulator.requests().back().carried_out, row.carried_out);
+        EXPECT_EQ(settings.at("memberships").size(), carried_out ? 1u : 0u);
+        EXPECT_EQ(settings.at("http_faults")[0].at("carried_out"), carried_out);
+        EXPECT_EQ(simulator.requests().back().carried_out, carried_out);
         EXPECT_EQ(ask("GET", path).status, 200);
         EXPECT_EQ(control("GET", "/http_faults")[0].at("hits"), 1);
     }

@@ -45,6 +45,13 @@ kivDriverClientList clients() {
     return kivDriverClient::enumerateDevices("kivPCIService");
 }
 
+void expect(const std::vector<std::string>& command, int status, const std::string& error) {
+    const Ended ended = run_program(command);
+    EXPECT_EQ(ended.status, status);
+    EXPECT_EQ(ended.out, "");
+    EXPECT_EQ(ended.err, "kivsim: " + error + "\n");
+}
+
 TEST(Kivsim, RunsFromItsReadyLineToASignal) {
     for (const int number : {SIGINT, SIGTERM}) {
         Kivsim kivsim;
@@ -55,9 +62,7 @@ TEST(Kivsim, RunsFromItsReadyLineToASignal) {
         EXPECT_EQ(std::filesystem::status(kivsim.socket).permissions(), std::filesystem::perms(0600));
         const kivDriverClientList connected = clients();  // Does not keep it from ending.
         EXPECT_EQ(connected.size(), 4u);
-        kivsim.program->send_signal(number);
-        const Ended ended = kivsim.program->wait();
-        EXPECT_EQ(ended.status, 0);
+        EXPECT_EQ(kivsim.program->end(number).status, 0);
         EXPECT_FALSE(std::filesystem::exists(kivsim.socket));
     }
 }
@@ -67,18 +72,14 @@ TEST(Kivsim, LeavesASocketThatSomebodyServes) {
     clients();
     const std::string trace = read_file(kivsim.trace);
     EXPECT_NE(trace, "");
-    const Ended second = run_program(kivsim.command);  // The very same once more.
-    EXPECT_EQ(second.status, 1);
-    EXPECT_EQ(second.out, "");
-    EXPECT_EQ(second.err, "kivsim: " + kivsim.socket + ": another simulator serves this socket\n");
+    expect(kivsim.command, 1, kivsim.socket + ": another simulator serves this socket");  // The very same.
     EXPECT_TRUE(read_file(kivsim.trace).starts_with(trace));
     EXPECT_EQ(clients().size(), 4u);
 }
 
 TEST(Kivsim, TakesOverASocketThatNobodyServes) {
     Kivsim kivsim;
-    kivsim.program->send_signal(SIGKILL);
-    EXPECT_EQ(kivsim.program->wait().status, -SIGKILL);
+    EXPECT_EQ(kivsim.program->end(SIGKILL).status, -SIGKILL);
     EXPECT_TRUE(std::filesystem::is_socket(kivsim.socket));
     kivsim.start();
     EXPECT_NE(kivsim.ready, "");
@@ -88,24 +89,19 @@ TEST(Kivsim, TakesOverASocketThatNobodyServes) {
 TEST(Kivsim, SaysWhatIsInTheWay) {
     const TemporaryDirectory directory;
     const std::string file = directory / "file";
+    const std::string none = directory / "none";
+    const std::string socket = directory / "s";
+    const std::string cards = directory / "cards.json";
     write_file(file, "precious");
     const LoopbackServer other({LoopbackServer::http(200, "")});
     const std::string port = std::to_string(other.port());
-    write_file(directory / "cards.json",
-               R"({"cards": [{"id": 5, "tunnel": {"address": "127.0.0.1", "port": )" + port + "}}]}");
-    const auto expect = [](const std::vector<std::string>& command, int status, const std::string& text) {
-        const Ended ended = run_program(command);
-        EXPECT_EQ(ended.status, status);
-        EXPECT_EQ(ended.out, "");
-        EXPECT_EQ(ended.err, "kivsim: " + text + "\n");
-    };
+    write_file(cards, R"({"cards": [{"id": 5, "tunnel": {"address": "127.0.0.1", "port": )" + port + "}}]}");
     expect({KIVSIM_PROGRAM, "--socket", file}, 1, file + ": exists and is not a socket");
-    expect({KIVSIM_PROGRAM, "--socket", directory / "s", "--config", directory / "cards.json"}, 1,
-           "card 5, server 127.0.0.1:" + port + ": Address already in use");
-    expect({KIVSIM_PROGRAM, "--socket", directory / "s", "--control", port}, 1,
-           "control, server 127.0.0.1:" + port + ": Address already in use");
-    expect({KIVSIM_PROGRAM, "--config", directory / "none"}, 2, (directory / "none") + ": cannot be opened");
-    expect({KIVSIM_PROGRAM, "check", directory / "none"}, 2, (directory / "none") + ": cannot be opened");
+    const std::string taken = ", server 127.0.0.1:" + port + ": Address already in use";
+    expect({KIVSIM_PROGRAM, "--socket", socket, "--config", cards}, 1, "card 5" + taken);
+    expect({KIVSIM_PROGRAM, "--socket", socket, "--control", port}, 1, "control" + taken);
+    for (const char* const how : {"--config", "check"})
+        expect({KIVSIM_PROGRAM, how, none}, 2, none + ": cannot be opened");
     for (const char* const wrong : {"", "65536", "010", "0x1", "-1", "1 "})
         EXPECT_EQ(run_program({KIVSIM_PROGRAM, "--control", wrong}).status, 2) << wrong;
     EXPECT_EQ(read_file(file), "precious");
@@ -114,20 +110,19 @@ TEST(Kivsim, SaysWhatIsInTheWay) {
 TEST(Kivsim, ChecksACardsFileAndStartsNothing) {
     const TemporaryDirectory directory;
     const std::string file = directory / "cards.json";
-    const std::tuple<const char*, int, std::string, std::string> rows[] = {
-        {R"({"cards": [{"id": 1}, {"id": 2}]})", 0, file + ": 2 cards\n", ""},
-        {R"({"cards": [{"id": 1, "links": [1]}]})", 2, "",
-         "kivsim: " + file + ": cards[0].links: must be two of true and false\n"},
-        {"{\n  \"cards\": [\n}", 2, "",
-         "kivsim: " + file +
-             ": parse error at line 3, column 1: syntax error while parsing value - unexpected '}'; expected "
-             "'[', '{', or a literal\n"},
-    };
-    for (const auto& [text, status, out, err] : rows) {
+    const std::tuple<const char*, int, std::string> rows[] = {
+        {R"({"cards": [{"id": 1}, {"id": 2}]})", 0, "2 cards"},
+        {R"({"cards": [{"id": 1, "links": [1]}]})", 2, "cards[0].links: must be two of true and false"},
+        {"{\n  \"cards\": [\n}", 2,
+         R"(parse error at line 3, column 1: syntax error while parsing value - )"
+         R"(unexpected '}'; expected '[', '{', or a literal)"}};
+    for (const auto& [text, status, said] : rows) {
         write_file(file, text);
         const Ended ended =
             run_program({KIVSIM_PROGRAM, "check", file}, {{"KIVSIM_SOCKET", directory / "driver.sock"}});
-        EXPECT_EQ(std::tuple(ended.status, ended.out, ended.err), std::tuple(status, out, err));
+        EXPECT_EQ(ended.status, status) << text;
+        EXPECT_EQ(ended.out, status == 0 ? file + ": " + said + "\n" : "");
+        EXPECT_EQ(ended.err, status == 0 ? "" : "kivsim: " + file + ": " + said + "\n");
     }
     EXPECT_FALSE(std::filesystem::exists(directory / "driver.sock"));
 }
@@ -136,11 +131,10 @@ TEST(Kivsim, RunsAScenarioAtItsSpeedAndTellsItsSteps) {
     const TemporaryDirectory directory;
     const std::string file = directory / "scenario.json";
     for (const bool by_file : {true, false}) {
-        write_file(file,
-                   R"({"cards": [{"id": 1}], "speed": )" + std::string(by_file ? "1000" : "0.001") + R"(,
-                             "timeline": [{"at_s": 100, "card": 1, "patch": {"log": "told"}, "for_s": 1e5}]})");
-        std::vector<std::string> words = {KIVSIM_PROGRAM, "--socket", directory / "driver.sock", "--scenario",
-                                          file};
+        const std::string speed = by_file ? "1000" : "0.001";
+        write_file(file, R"({"cards": [{"id": 1}], "speed": )" + speed + R"(,
+            "timeline": [{"at_s": 100, "card": 1, "patch": {"log": "told"}, "for_s": 1e5}]})");
+        Lines words = {KIVSIM_PROGRAM, "--socket", directory / "driver.sock", "--scenario", file};
         if (!by_file) words.insert(words.end(), {"--speed", "1000"});
         Program program(words);
         const std::string ready = program.read_line();
@@ -149,8 +143,7 @@ TEST(Kivsim, RunsAScenarioAtItsSpeedAndTellsItsSteps) {
             return parsed(ask_address(control, "GET", "/cards/1/settings").body).at("log").get<std::string>();
         };
         EXPECT_TRUE(wait_until([&] { return log() == "told"; })) << log();
-        program.send_signal(SIGTERM);
-        const Ended ended = program.wait();
+        const Ended ended = program.end(SIGTERM);
         EXPECT_EQ(std::tuple(ended.status, ended.err),
                   std::tuple(0, "kivsim: 100 s card 1: patch {\"log\":\"told\"} for 100000 s\n"));
     }
@@ -186,24 +179,18 @@ TEST(Kivsim, ServesAProgramThatStartsItAndEndsWithThatProgramsPipe) {
 
 TEST(Kivsim, EndsOnASignalWhileItReadsItsFile) {
     const TemporaryDirectory directory;
-    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
-    Program program({KIVSIM_PROGRAM, "--scenario", directory / "pipe"});
-    const kivos::Descriptor held(
-        open((directory / "pipe").c_str(), O_WRONLY | O_CLOEXEC));  // Once it is read.
-    program.send_signal(SIGINT);
-    EXPECT_EQ(program.wait().status, -SIGINT);
-}
-
-/// The option names that a text has, sorted.
-std::set<std::string> options_in(const std::string& text) {
-    const std::regex option("--[a-z][a-z-]*");
-    std::set<std::string> found;
-    for (std::sregex_iterator at(text.begin(), text.end(), option); at != std::sregex_iterator(); ++at)
-        found.insert(at->str());
-    return found;
+    const std::string pipe = directory / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    Program program({KIVSIM_PROGRAM, "--scenario", pipe});
+    const kivos::Descriptor held(open(pipe.c_str(), O_WRONLY | O_CLOEXEC));  // Once it is read.
+    EXPECT_EQ(program.end(SIGINT).status, -SIGINT);
 }
 
 TEST(Kivsim, HasAManualWithTheOptionsOfItsHelp) {
+    const auto options_in = [](const std::string& text) {
+        const std::regex option("--[a-z][a-z-]*");
+        return std::set<std::string>(std::sregex_token_iterator(text.begin(), text.end(), option), {});
+    };
     const std::string manual =
         std::regex_replace(read_file(KIV_ROOT "man/kivsim.1"), std::regex(R"(\\-)"), "-");
     const std::string help = run_program({KIVSIM_PROGRAM, "--help"}).out;

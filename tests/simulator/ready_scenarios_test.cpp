@@ -11,14 +11,11 @@ namespace {
 using std::chrono::milliseconds;
 
 struct Ready {
-    explicit Ready(const std::string& name, uint32_t flash_ms = 3000)
-        : scenario(kivsim::load_scenario(KIV_SCENARIOS + name + ".json")), cards([&] {
-              scenario.cards[0].flash_ms = flash_ms;
-              return scenario.cards;
-          }()) {}
+    explicit Ready(const std::string& name)
+        : scenario(kivsim::load_scenario(KIV_SCENARIOS + name + ".json")), cards(scenario.cards) {}
     void at(double time) { timeline.advance_to(time); }
 
-    kivsim::Scenario scenario;
+    const kivsim::Scenario scenario;
     FoundCards cards;
     kivsim::Timeline timeline{scenario, cards.simulator->cards(), [](const std::string&) {}};
 };
@@ -68,20 +65,15 @@ std::string streams() {
 }
 std::string times() {
     uint64_t time = 0;
-    const kiv_result_t result = kiv_get_epoch_and_2point(1, &time, &time, &time);
     std::ostringstream out;
-    out << std::hex << result;
+    out << std::hex << kiv_get_epoch_and_2point(1, &time, &time, &time);
     return out.str();
 }
 
 TEST(ReadyScenarios, MakeTheirTroubleAndEndIt) {
-    struct Row {
-        const char* name;
-        std::string (*look)();
-        std::vector<std::pair<double, const char*>> course;
-    };
+    using Course = std::vector<std::pair<double, const char*>>;
     // clang-format off
-    const Row rows[] = {
+    const std::tuple<std::string, std::string (*)(), Course> rows[] = {
         {"link-flaps", links, {{1, "1 1"}, {2, "0 1"}, {3, "1 1"}, {4.1, "0 1"}, {5, "1 1"}, {7, "0 0"}, {9, "1 1"}, {12, "0 1"}, {13, "1 1"}}},
         {"sensor-overheats", temperature, {{1, "58 63"}, {15, "73 63"}, {25, "88 72"}, {36, "103 80"}, {66, "58 63"}}},
         {"ptp-lost-and-found", ptp, {{4, "0 valid"}, {6, "1 invalid"}, {16, "0 valid"}}},
@@ -96,18 +88,16 @@ TEST(ReadyScenarios, MakeTheirTroubleAndEndIt) {
         {"streams-run-out", streams, {{4, "4 8 16"}, {20, "34 68 136"}, {35, "64 128 255"}, {65, "4 8 16"}}},
         {"streams-run-out", load, {{4, "42.5"}, {35, "100"}, {65, "42.5"}}},
         {"card-pulled-and-returned", information, {{4, "told"}, {6, "KIV_ERR_FAILED"}, {8, "told"}, {11, "told"}}},
-        {"card-pulled-and-returned", links, {{4, "1 1"}, {6, "KIV_ERR_FAILED"}, {9, "0 0"}, {10, "1 1"}}},
-    };
+        {"card-pulled-and-returned", links, {{4, "1 1"}, {6, "KIV_ERR_FAILED"}, {9, "0 0"}, {10, "1 1"}}}};
     // clang-format on
     // Each scenario finds the cards as the one before has left them.
     const FoundCards cards(kivsim::default_cards());
-    for (const Row& row : rows) {
-        const kivsim::Scenario scenario =
-            kivsim::load_scenario(KIV_SCENARIOS + std::string(row.name) + ".json");
+    for (const auto& [name, look, course] : rows) {
+        const kivsim::Scenario scenario = kivsim::load_scenario(KIV_SCENARIOS + name + ".json");
         kivsim::Timeline timeline(scenario, cards.simulator->cards(), [](const std::string&) {});
-        for (const auto& [time, expected] : row.course) {
+        for (const auto& [time, expected] : course) {
             timeline.advance_to(time);
-            EXPECT_EQ(row.look(), expected) << row.name << " at " << time;
+            EXPECT_EQ(look(), expected) << name << " at " << time;
         }
     }
 }
@@ -132,27 +122,26 @@ TEST(ReadyScenarios, ADriverThatHangsHoldsTheCallsForTheirTime) {
     const Stopwatch watch;
     EXPECT_EQ(ptp() + " " + times(), "0 valid 0");
     EXPECT_LT(watch.elapsed(), std::chrono::seconds(20)) << "it hangs no more";
-    const struct {
-        uint32_t selector;
-        bool (*works)();
-    } rows[] = {{16, [] { return ask<kiv_get_ptp_status, kiv_ptp_status_t>(1) == KIV_OK; }},
-                {17, [] { return times() == "0"; }}};
+    const std::pair<uint32_t, bool (*)()> rows[] = {
+        {16, [] { return ask<kiv_get_ptp_status, kiv_ptp_status_t>(1) == KIV_OK; }},
+        {17, [] { return times() == "0"; }}};
     for (const auto& row : rows) {
         Ready again("driver-hangs");
         again.at(6);
-        auto call = std::async(std::launch::async, row.works);
-        EXPECT_TRUE(wait_until([&] { return !again.cards.simulator.calls(row.selector).empty(); }));
+        auto call = std::async(std::launch::async, row.second);
+        EXPECT_TRUE(wait_until([&] { return !again.cards.simulator.calls(row.first).empty(); }));
         EXPECT_EQ(flash(), "0") << "the server does not hang";
-        EXPECT_EQ(call.wait_for(milliseconds(20)), std::future_status::timeout) << row.selector;
+        EXPECT_EQ(call.wait_for(milliseconds(20)), std::future_status::timeout) << row.first;
         again.cards.simulator.stop();
-        EXPECT_FALSE(call.get()) << row.selector;
+        EXPECT_FALSE(call.get()) << row.first;
     }
 }
 
 TEST(ReadyScenarios, AFirmwareWriteFailsAndLeavesItsSlot) {
     const TemporaryDirectory directory;
     write_file(directory / "image", "bytes");
-    Ready ready("firmware-write-fails-while-verifying", 200);
+    Ready ready("firmware-write-fails-while-verifying");
+    ready.cards.control("PATCH", 1, R"({"flash_ms": 200})");
     const auto slot = [] { return shown(kiv_get_flash_config, [](const auto& s) { return s.slot1_id[0]; }); };
     const auto write = [&] { return kiv_write_flash_image(1, (directory / "image").c_str()); };
     const auto status = [&] {

@@ -37,12 +37,18 @@ std::string settings_of(const RunningSimulator& simulator) {
     return ask_address(simulator->control_address(), "GET", "/settings").body;
 }
 
+/// What the first card's server answers.
+ControlAnswer ask_server(const RunningSimulator& simulator, const std::string& method,
+                         const std::string& path, const std::string& body = "",
+                         const std::string& type = "application/json") {
+    return ask_address(simulator->server_addresses()[0], method, "/api/v1.0/hps/" + path, body, type);
+}
+
 kivDriverClientList clients() {
     return kivDriverClient::enumerateDevices("kivPCIService");
 }
 
 TEST(CardSettings, AreReadBackAndMakeTheSameCardsAgain) {
-    const TemporaryDirectory directory;
     std::string before;
     {
         const RunningSimulator simulator;
@@ -65,8 +71,7 @@ TEST(CardSettings, AreReadBackAndMakeTheSameCardsAgain) {
         EXPECT_EQ(simulator.control("PATCH", "", text_of(cards[0])).status, 200);
         EXPECT_EQ(settings_of(simulator), before);
     }
-    write_file(directory / "cards.json", before);
-    const RunningSimulator again(kivsim::load_scenario(directory / "cards.json").cards);
+    const RunningSimulator again(cards_of(before));
     EXPECT_EQ(settings_of(again), before);
 }
 
@@ -111,9 +116,7 @@ void expect_changed(const RunningSimulator& simulator) {
     uint64_t count = 0;
     EXPECT_EQ(client.get_anc_info(&count, &value), 0);
     EXPECT_EQ(std::tuple(count, value), std::tuple(1u, 0xFFFFFFFFu));
-    const auto get = [&](const std::string& path) {
-        return ask_address(simulator->server_addresses()[0], "GET", "/api/v1.0/hps/" + path).body;
-    };
+    const auto get = [&](const char* path) { return ask_server(simulator, "GET", path).body; };
     EXPECT_EQ(get("hwmon/info"), R"([{"label":"Board Power","input":99,"max":75}])");
     EXPECT_EQ(get("ptp/master"), R"({"a":[1.5,null]})");
     EXPECT_EQ(get("ptp/management"), "null");
@@ -126,17 +129,14 @@ void expect_changed(const RunningSimulator& simulator) {
 }
 
 TEST(CardSettings, AreTheSameFromTheFileAndWhileACardRuns) {
-    const TemporaryDirectory directory;
     Json card{{"id", 1}};
     card.update(parsed(kMembers));
-    write_file(directory / "cards.json", text_of({{"cards", {card}}}));
+    const std::string file = text_of({{"cards", {card}}});
     for (const bool from_file : {true, false}) {
         SCOPED_TRACE(from_file);
-        const RunningSimulator simulator(from_file ? kivsim::load_scenario(directory / "cards.json").cards
+        const RunningSimulator simulator(from_file ? cards_of(file)
                                                    : std::vector{kivsim::believable_card(1)});
-        if (!from_file) {
-            EXPECT_EQ(simulator.control("PATCH", "", kMembers).status, 200);
-        }
+        EXPECT_EQ(simulator.control("PATCH", "", from_file ? "{}" : kMembers).status, 200);
         expect_changed(simulator);
     }
 }
@@ -150,27 +150,25 @@ TEST(CardSettings, InterruptsFollowTheirPeriodAndAWriteEndsWithTheStatusThatIsSe
     ASSERT_EQ(list[0]->open(true), 0);
     ASSERT_TRUE(wait_until([&] { return !simulator.calls(22).empty(); }));
     EXPECT_EQ(list[0]->enable_interrupt(3), 0);
-    EXPECT_EQ(simulator.control("PATCH", "", R"({"interrupt_ms": 3600000})").status, 200);
+    const auto change = [&](const char* members) {
+        EXPECT_EQ(simulator.control("PATCH", "", members).status, 200);
+    };
+    change(R"({"interrupt_ms": 3600000})");
     EXPECT_TRUE(wait_until([&] { return heard == 1; }));
-    EXPECT_EQ(simulator.control("PATCH", "", R"({"interrupt_ms": 1})").status, 200);
+    change(R"({"interrupt_ms": 1})");
     EXPECT_TRUE(wait_until([&] { return heard > 3; }));
 
-    const std::string server = simulator->server_addresses()[0];
     const std::string form =
         "--x\r\nContent-Disposition: form-data; name=\"file\"; filename=\"f\"\r\n\r\n1\r\n--x--\r\n";
-    const auto status = [&] { return ask_address(server, "GET", "/api/v1.0/hps/firmware/status").body; };
-    EXPECT_EQ(
-        ask_address(server, "POST", "/api/v1.0/hps/firmware/upload", form, "multipart/form-data; boundary=x")
-            .status,
-        200);
-    EXPECT_EQ(ask_address(server, "PATCH", "/api/v1.0/hps/firmware/control", R"({"start":true,"md5hush":""})")
-                  .status,
-              200);
+    const std::string type = "multipart/form-data; boundary=x";
+    const std::string start = R"({"start":true,"md5hush":""})";
+    const auto status = [&] { return ask_server(simulator, "GET", "firmware/status").body; };
+    EXPECT_EQ(ask_server(simulator, "POST", "firmware/upload", form, type).status, 200);
+    EXPECT_EQ(ask_server(simulator, "PATCH", "firmware/control", start).status, 200);
     EXPECT_EQ(status(), R"({"data":"erasing"})");
-    EXPECT_EQ(simulator.control("PATCH", "", R"({"links": [true, true]})").status, 200);
+    change(R"({"links": [true, true]})");
     EXPECT_NE(status(), R"({"data":"idle"})") << "a change of anything else leaves the write alone";
-    EXPECT_EQ(simulator.control("PATCH", "", R"({"firmware": {"status": "failed"}, "flash_ms": 1})").status,
-              200);
+    change(R"({"firmware": {"status": "failed"}, "flash_ms": 1})");
     EXPECT_EQ(status(), R"({"data":"failed"})");
 }
 

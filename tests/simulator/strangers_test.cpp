@@ -65,6 +65,7 @@ class Stranger {
 
 constexpr kivplatform_request kList{KIVPLATFORM_LIST, 0, 0, 0, 0};
 const std::string kCards = "kivPCIService";
+const std::string kListing = framed(bytes_of(kList) + kCards);
 
 TEST(Strangers, GiveTheDriverOneDescriptorInAMessageThatFitsOrNone) {
     const RunningSimulator simulator;
@@ -83,11 +84,10 @@ TEST(Strangers, GiveTheDriverOneDescriptorInAMessageThatFitsOrNone) {
 
 TEST(Strangers, ThatBreakTheFramesAreHungUpOnAndThoseThatStallHoldUpNobody) {
     const RunningSimulator simulator;
-    const std::string request = framed(bytes_of(kList) + kCards);
     std::vector<std::unique_ptr<Stranger>> stalling;
-    for (std::size_t cut = 1; cut < request.size(); ++cut) {
+    for (std::size_t cut = 1; cut < kListing.size(); ++cut) {
         stalling.push_back(std::make_unique<Stranger>(simulator));
-        EXPECT_TRUE(stalling.back()->say(request.substr(0, cut)));
+        EXPECT_TRUE(stalling.back()->say(kListing.substr(0, cut)));
     }
     for (const std::string& broken :
          {framed("short"), framed(bytes_of(kList), 1), framed("", 0, 0x7FFFFFFF)}) {
@@ -96,8 +96,8 @@ TEST(Strangers, ThatBreakTheFramesAreHungUpOnAndThoseThatStallHoldUpNobody) {
         EXPECT_EQ(stranger.hear(), kHungUp);
     }
     EXPECT_EQ(Stranger(simulator).ask(kList, kCards), 0);
-    for (std::size_t cut = 1; cut < request.size(); ++cut) {
-        EXPECT_TRUE(stalling[cut - 1]->say(request.substr(cut)));
+    for (std::size_t cut = 1; cut < kListing.size(); ++cut) {
+        EXPECT_TRUE(stalling[cut - 1]->say(kListing.substr(cut)));
         EXPECT_EQ(stalling[cut - 1]->hear(), 0) << cut;
     }
 }
@@ -118,11 +118,10 @@ TEST(Strangers, ThatDoNotWaitForALateReplyAreHungUpOn) {
 TEST(Strangers, ThatAskWithoutReadingAreReadNoFurtherAndGetAllInTheEnd) {
     const RunningSimulator simulator;
     Stranger stranger(simulator);
-    const std::string request = framed(bytes_of(kList) + kCards);
     constexpr std::size_t kFarTooMany = 1'000'000;
     std::size_t asked = 0;
     while (asked < kFarTooMany && stranger.has_room())
-        asked += stranger.say(request) ? 1 : 0;
+        asked += stranger.say(kListing) ? 1 : 0;
     EXPECT_LT(asked, kFarTooMany);
     EXPECT_EQ(Stranger(simulator).ask(kList, kCards), 0);
     for (std::size_t i = 0; i < asked; ++i)

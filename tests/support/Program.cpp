@@ -96,6 +96,11 @@ Ended Program::wait(std::chrono::seconds limit) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), out_text_, err_text_};
 }
 
+Ended Program::end(int signal, std::chrono::seconds limit) {
+    send_signal(signal);
+    return wait(limit);
+}
+
 Ended run_program(const std::vector<std::string>& arguments, const Environment& environment,
                   std::chrono::seconds limit) {
     return Program(arguments, environment).wait(limit);

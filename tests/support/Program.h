@@ -38,6 +38,9 @@ class Program {
 
     Ended wait(std::chrono::seconds limit = std::chrono::seconds(30));
 
+    /// Sends the signal before it waits.
+    Ended end(int signal, std::chrono::seconds limit = std::chrono::seconds(30));
+
   private:
     bool read_some(std::chrono::milliseconds limit);
 

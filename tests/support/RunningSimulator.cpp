@@ -19,6 +19,12 @@ auto objects_of(const std::string& file, Make make) {
 
 }  // namespace
 
+std::vector<kivsim::CardSettings> cards_of(const std::string& file) {
+    const TemporaryDirectory directory;
+    write_file(directory / "cards.json", file);
+    return kivsim::load_scenario(directory / "cards.json").cards;
+}
+
 RunningSimulator::RunningSimulator(std::vector<kivsim::CardSettings> cards) {
     setenv("KIVSIM_SOCKET", socket_path().c_str(), 1);
     simulator_ = std::make_unique<kivsim::Simulator>(cards, socket_path(), directory_ / "trace",

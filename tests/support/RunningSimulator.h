@@ -42,6 +42,9 @@ inline kivsim::CardSettings card_with_server(uint8_t id, uint16_t port) {
     return card;
 }
 
+/// The cards of a cards file with this text.
+std::vector<kivsim::CardSettings> cards_of(const std::string& file);
+
 class RunningSimulator {
   public:
     /// Sets KIVSIM_SOCKET; without cards the driver process has none.
