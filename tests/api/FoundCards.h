@@ -7,14 +7,38 @@
 #include <typeinfo>
 
 #include "support/CapturedLog.h"
+#include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
 #include "support/Test.h"
+
+inline kivsim::CardSettings card_with_fault(uint8_t id, kivsim::DriverFault fault) {
+    kivsim::CardSettings card = kivsim::believable_card(id);
+    card.driver_faults = {fault};
+    return card;
+}
+
+/// Calls an entry point with a record of zeros, or with null.
+template <auto entry_point, typename Record>
+kiv_result_t ask(uint8_t id, bool null = false) {
+    Record record{};
+    return entry_point(id, null ? nullptr : &record);
+}
+
+inline kiv_result_t info_of(uint8_t id) {
+    return ask<kiv_get_card_info, kiv_card_info_t>(id);
+}
+inline kiv_result_t net_of(uint8_t id) {
+    return ask<kiv_get_media_net_config, kiv_net_config_t>(id);
+}
+inline kiv_result_t scan() {
+    kiv_scan_t found{};
+    return kiv_scan(&found);
+}
 
 struct FoundCards {
     explicit FoundCards(std::vector<kivsim::CardSettings> cards = {kivsim::believable_card(1)})
         : simulator(std::move(cards)) {
-        kiv_scan_t scan{};
-        EXPECT_EQ(kiv_scan(&scan), KIV_OK);
+        EXPECT_EQ(scan(), KIV_OK);
         take_requests();
         log.again();
         log.take();
@@ -53,13 +77,6 @@ struct FoundCards {
     RunningSimulator simulator;
     std::size_t seen = 0;  ///< Requests that were taken.
 };
-
-/// Calls an entry point with a record of zeros, or with null.
-template <auto entry_point, typename Record>
-kiv_result_t ask(uint8_t id, bool null = false) {
-    Record record{};
-    return entry_point(id, null ? nullptr : &record);
-}
 
 /// A query of card 1 gives `result` and writes just what `fill` writes: both records begin as bytes 0xA5.
 template <typename Record, typename Fill>

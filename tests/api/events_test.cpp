@@ -70,7 +70,7 @@ TEST_F(Events, AreHeardWhileTheyAreWantedAndTheirCallbackMayUseItsCard) {
 TEST_F(Events, OutliveTheRemovalOfACardAndItsReturn) {
     cards.control("PATCH", 1, R"({"removed": true, "links": [false, false]})");
     uint64_t time = 0;
-    EXPECT_EQ((ask<kiv_get_card_info, kiv_card_info_t>(1)), KIV_ERR_FAILED);
+    EXPECT_EQ(info_of(1), KIV_ERR_FAILED);
     EXPECT_EQ((ask<kiv_get_flash_config, kiv_flash_config_t>(1)), KIV_ERR_REST);
     EXPECT_EQ(kiv_get_epoch_and_2point(1, &time, &time, &time), 0xE00002D9) << "the driver's own";
     expect_silence();

@@ -13,12 +13,8 @@ TEST(Flash, AnIdleCardGetsTheImageAndTheWaitForItsStartEndsWithSuccess) {
         R"(PATCH firmware/control {"start":true,"md5hush":")" + kivsim::md5_of(bytes) + "\"}";
     const char* const image = file.c_str();
     // clang-format off
-    const struct {
-        const char* fault;
-        const char* path;
-        kiv_result_t result;
-        std::string requests;  ///< Status, upload, start.
-    } rows[] = {
+    // Fault, image, result; requests: status, upload, control.
+    const std::tuple<const char*, const char*, kiv_result_t, std::string> rows[] = {
         {R"(status", "patch": "idle")", image, KIV_OK, "SUCSSSSSSSSSS"},
         {R"(status", "nth": 2, "status": 500)", image, KIV_OK, "SUCS"},
         {R"(status", "nth": 2, "patch": 5)", image, KIV_OK, "SUCS"},
@@ -32,19 +28,20 @@ TEST(Flash, AnIdleCardGetsTheImageAndTheWaitForItsStartEndsWithSuccess) {
     auto card = kivsim::believable_card(1);
     card.flash_ms = 1;
     FoundCards cards({card});
-    for (const auto& row : rows) {
+    for (const auto& [fault, path, result, requests] : rows) {
+        SCOPED_TRACE(fault);
         kiv_flash_status_t busy = 1;
         ASSERT_TRUE(wait_until([&] { return kiv_get_flash_write_status(1, &busy) == KIV_OK && busy == 0; }));
-        cards.control("POST", 1, std::string(R"({"path": "/hps/firmware/)") + row.fault + "}");
+        cards.control("POST", 1, std::string(R"({"path": "/hps/firmware/)") + fault + "}");
         cards.take_requests();
         const Stopwatch watch;
-        EXPECT_EQ(kiv_write_flash_image(1, row.path), row.result) << row.fault;
-        EXPECT_EQ(watch.elapsed() >= std::chrono::seconds(1), row.requests.size() == 13) << row.fault;
+        EXPECT_EQ(kiv_write_flash_image(1, path), result);
+        EXPECT_EQ(watch.elapsed() >= std::chrono::seconds(1), requests.size() == 13);
         Lines sent;
-        for (const char c : row.requests)
+        for (const char c : requests)
             sent.push_back(c == 'S' ? "GET firmware/status" : c == 'U' ? "POST firmware/upload" : start);
-        EXPECT_EQ(cards.take_requests(), sent) << row.fault;
-        EXPECT_EQ(row.result == KIV_ERR_BUSY, cards.log_end() == "Can't write now. Status=1") << row.fault;
+        EXPECT_EQ(cards.take_requests(), sent);
+        EXPECT_EQ(result == KIV_ERR_BUSY, cards.log_end() == "Can't write now. Status=1");
         cards.control("DELETE", 1, "");
     }
 }
@@ -65,8 +62,7 @@ TEST(Flash, TheUploadTellsWhatHasBeenSent) {
     write_file(file, std::string(8 << 20, 'x'));
     FoundCards cards;
     struct Told {
-        uint64_t last = 0;
-        uint64_t total = 0;
+        uint64_t last = 0, total = 0;
         int calls = 0;
     } told;
     const auto tell = [](uint64_t sent, uint64_t total, void* user) {

@@ -1,9 +1,7 @@
 // The library and the life of its process: forks, exits, callers who break the rule of one scan at a time.
-#include <sys/wait.h>
-
 #include <kiv/kivDext.h>
 #include "api/FoundCards.h"
-#include "support/DriverFault.h"
+#include "platform/Child.h"
 #include "support/Program.h"
 
 /// Asked by the leak checker at exit. In a forked child it would take for leaks what only the stacks of
@@ -19,19 +17,14 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Results = std::vector<kiv_result_t>;
 
-kiv_result_t scan() {
-    kiv_scan_t record{};
-    return kiv_scan(&record);
-}
-
 /// Every kind of call, of all layers: driver, server, configuration, events.
 Results ask_everything(uint8_t id) {
     const kiv_net_config_t net{};
     const kiv_ptp_config_t ptp{};
     uint8_t selected = 0;
-    return {ask<kiv_get_card_info, kiv_card_info_t>(id),
+    return {info_of(id),
             ask<kiv_get_card_status, kiv_card_status_t>(id),
-            ask<kiv_get_media_net_config, kiv_net_config_t>(id),
+            net_of(id),
             ask<kiv_get_net_status, kiv_net_status_t>(id),
             ask<kiv_get_ptp_config, kiv_ptp_config_t>(id),
             ask<kiv_get_ptp_status, kiv_ptp_status_t>(id),
@@ -40,16 +33,6 @@ Results ask_everything(uint8_t id) {
             kiv_set_ptp_config(id, &net, &ptp),
             kiv_enable_event(id, KIV_EVENT_LINK),
             kiv_get_id_selected_ptp_card(&selected)};
-}
-
-/// Exit status of a child, or -1 when it crashes or does not end by itself.
-int end_of(pid_t child) {
-    int status = 0;
-    if (wait_until([&] { return waitpid(child, &status, WNOHANG) == child; }, seconds(10)))
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    kill(child, SIGKILL);
-    waitpid(child, &status, 0);
-    return -1;
 }
 
 /// Threads of the application that call `body` until the object goes.
@@ -83,19 +66,15 @@ TEST(ForkedChild, GetsErrorsAndEndsAtOnceWhileItsParentGoesOn) {
             if (kiv_get_epoch_and_2point(1, &tai, &a, &b) != KIV_OK) ++wrong;
         });
         for (int round = 0; round < 20; ++round) {
-            const pid_t child = fork();
-            ASSERT_GE(child, 0);
-            if (child == 0) {
-                if (round % 2 == 0) {
-                    execl("/nonexistent/program", "program", nullptr);
-                    std::exit(127);
-                }
+            const bool executes = round % 2 == 0;
+            const int status = in_child([&]() -> int {
+                if (executes) std::exit(execl("/nonexistent/program", "program", nullptr) == -1 ? 127 : 0);
                 Results results = ask_everything(1);
                 results.insert(results.end(), {scan(), kiv_close(), kiv_open(nullptr), kiv_configure_save()});
                 const bool refused = results == Results(results.size(), KIV_ERR_NOT_OPENED);
                 std::exit(refused && kivDext_new() == 1 && kivDext_get_selected_ptp_card() == 0 ? 42 : 1);
-            }
-            ASSERT_EQ(end_of(child), round % 2 == 0 ? 127 : 42) << round;
+            });
+            ASSERT_EQ(status, executes ? 127 : 42) << round;
         }
     }
     EXPECT_EQ(wrong, 0) << "answers of the parent";
@@ -110,9 +89,8 @@ std::atomic<int> g_failed{0};
 void ask_for_a_while(uint8_t id, kiv_event_type_t, const void*, void*) {
     ++g_events;
     const Stopwatch watch;
-    while (watch.elapsed() < milliseconds(300)) {
-        if (ask<kiv_get_card_info, kiv_card_info_t>(id) != KIV_OK) ++g_failed;
-    }
+    while (watch.elapsed() < milliseconds(300))
+        g_failed += info_of(id) != KIV_OK;
     ++g_events;
 }
 
@@ -127,32 +105,17 @@ void wait_for_callback() {
     std::_Exit(good ? 42 : 1);
 }
 
-}  // namespace
-
-TEST(RunningCallback, EndsBeforeTheManagerThatItAsks) {
-    FoundCards cards;
-    for (const auto ends : {+[] { return scan(); }, +[] { return kiv_close(); }}) {
-        g_events = 0;
-        wait_for_callback();
-        EXPECT_EQ(ends(), KIV_OK);
-        EXPECT_EQ(g_events, 2) << "it had not ended";
-        EXPECT_EQ(g_failed, 0) << "it asked and found no manager";
-    }
-}
-
-namespace {
-
 /// A process that has not looked for cards, and a child of it that does.
 [[noreturn]] void fork_then_scan() {
     const bool closed = kiv_close() == KIV_OK && kivDext_get_selected_ptp_card() == 0;
-    const pid_t child = fork();
-    if (child != 0) end_with(closed && end_of(child) == 42);
-    RunningSimulator simulator;
-    std::exit(scan() == KIV_OK && ask<kiv_get_card_info, kiv_card_info_t>(1) == KIV_OK ? 42 : 1);
+    const int status = in_child([]() -> int {
+        RunningSimulator simulator;
+        std::exit(scan() == KIV_OK && info_of(1) == KIV_OK ? 42 : 1);
+    });
+    end_with(closed && status == 42);
 }
 
-/// A process that exits in the midst of a callback. What that has ended is seen by a handler that runs after
-/// the library's.
+/// In the midst of a callback. A handler that runs after the library's sees that it has ended.
 [[noreturn]] void exit_in_the_midst_of_a_callback() {
     std::atexit([] {
         const Results late = ask_everything(1);
@@ -178,10 +141,8 @@ namespace {
 
 /// A poll waits for a driver process that hangs.
 [[noreturn]] void exit_beside_a_hung_poll() {
-    kivsim::CardSettings card = kivsim::believable_card(1);
     // The scan reads five registers, the first poll the sixth.
-    card.driver_faults = {fault(wire::kReadPci64).nth(6).delay_ms(60000)};
-    RunningSimulator simulator({card});
+    RunningSimulator simulator({card_with_fault(1, fault(wire::kReadPci64).nth(6).delay_ms(60000))});
     if (scan() != KIV_OK) end_with(false);
     std::this_thread::sleep_for(milliseconds(1600));
     std::exit(42);
@@ -192,14 +153,23 @@ namespace {
     const kiv_log_config_t config{KIV_LOG_LEVEL_ERROR};
     const kiv_log_callback_t ends = [](auto...) { std::exit(42); };
     kivLog_open(&config, KIV_LOG_SINK_CALLBACK, ends, nullptr);
-    kivsim::CardSettings card = kivsim::believable_card(1);
-    card.driver_faults = {fault(wire::kInit).status(-1)};
-    RunningSimulator simulator({card});
+    RunningSimulator simulator({card_with_fault(1, fault(wire::kInit).status(-1))});
     scan();  // Logs that the card does not open.
     end_with(false);
 }
 
 }  // namespace
+
+TEST(RunningCallback, EndsBeforeTheManagerThatItAsks) {
+    FoundCards cards;
+    for (const auto ends : {+[] { return scan(); }, +[] { return kiv_close(); }}) {
+        g_events = 0;
+        wait_for_callback();
+        EXPECT_EQ(ends(), KIV_OK);
+        EXPECT_EQ(g_events, 2) << "it had not ended";
+        EXPECT_EQ(g_failed, 0) << "it asked and found no manager";
+    }
+}
 
 /// Each in a process of its own, started anew: in a forked child of this one the library refuses its service.
 struct Exit : testing::Test {
@@ -239,10 +209,6 @@ TEST_F(Exit, MayComeInACallback) {
     EXPECT_EXIT(exit_in_a_scan(), testing::ExitedWithCode(42), "");
 }
 
-namespace {
-void nothing(uint8_t, kiv_event_type_t, const void*, void*) {}
-}  // namespace
-
 /// The rule says that scans and closes run alone. Breaking it must not break the library.
 TEST(BrokenRule, OfScansBesideCallsIsSurvived) {
     FoundCards cards(kivsim::default_cards());
@@ -251,7 +217,8 @@ TEST(BrokenRule, OfScansBesideCallsIsSurvived) {
         const Callers callers(8, [&](int number) {
             if (number > 2) {
                 ask_everything(static_cast<uint8_t>(1 + number % 2));
-                kiv_register_callback_func(1, nothing, nullptr);
+                kiv_register_callback_func(
+                    1, [](auto...) {}, nullptr);
                 kiv_unregister_callback_func(1);
                 return;
             }
@@ -263,5 +230,5 @@ TEST(BrokenRule, OfScansBesideCallsIsSurvived) {
         EXPECT_TRUE(wait_until([&] { return scans >= 6; }, seconds(50)));
     }
     EXPECT_EQ(scan(), KIV_OK);
-    EXPECT_EQ((ask<kiv_get_card_info, kiv_card_info_t>(2)), KIV_OK);
+    EXPECT_EQ(info_of(2), KIV_OK);
 }

@@ -1,7 +1,6 @@
 // The calls for one card: what they check first, what queries write, and what a failure leaves.
 
 #include "api/FoundCards.h"
-#include "support/DriverFault.h"
 
 namespace {
 

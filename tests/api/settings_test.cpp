@@ -5,7 +5,6 @@
 
 namespace {
 
-/// The record of a card.
 std::string ptp_of(uint8_t id) {
     kiv_ptp_config_t ptp{{}, 9, {9, 9, 9, 9}};
     EXPECT_EQ(kiv_get_ptp_config(id, &ptp), KIV_OK);

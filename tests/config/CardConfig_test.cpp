@@ -67,10 +67,7 @@ TEST_F(CardConfigFile, OrderIsPutRightAndExtraKeysAreDropped) {
 }
 
 TEST_F(CardConfigFile, AnyNumberBecomesThirtyTwoBits) {
-    const struct {
-        const char* text;
-        int32_t value;
-    } rows[] = {
+    const std::pair<const char*, int32_t> rows[] = {
         {"-46.9", -46},       {"18446744073709551615", -1}, {"-1e30", -2147483647 - 1},
         {"1e30", 2147483647}, {"2147483647.9", 2147483647}, {"true", 1},
         {"false", 0},

@@ -12,9 +12,7 @@
 
 namespace {
 
-using kiv::device::Device;
-using kiv::device::DeviceEnumeratorMacOS;
-using kiv::device::DeviceFactoryMacOS;
+using namespace kiv::device;
 
 constexpr uint64_t kLink0 = 1 << 6;
 constexpr uint64_t kLink1 = 1 << 7;
@@ -22,36 +20,34 @@ constexpr uint64_t kPtp0 = 1 << 8;
 constexpr uint64_t kPtp1 = 1 << 9;
 constexpr uint64_t kPtp3 = 1 << 10;
 
-/// A Device on the first card that the enumerator finds; events arrive as texts.
+/// A Device on the first of the virtual cards, if there is one; events arrive as texts.
 class OneCard {
   public:
-    explicit OneCard(const std::string& server = "127.0.0.1:1") {
+    explicit OneCard(const std::vector<kivsim::CardSettings>& settings = {kivsim::believable_card(6)},
+                     uint16_t server_port = 1)
+        : simulator(settings) {
         DeviceEnumeratorMacOS enumerator(clients);
         DeviceFactoryMacOS factory;
-        const auto cards = enumerator.enumerate();
+        auto cards = enumerator.enumerate();
+        cards.resize(1);
         Device::AccessList accesses;
-        if (!cards.empty()) {
-            for (const auto& function : cards[0].functions) {
-                accesses.push_back(factory.createDeviceAccess(
-                    enumerator.getDeviceAccessPtr(cards[0].id, function.function), function.function));
-            }
-        }
-        device = std::make_unique<Device>(cards.empty() ? kiv::device::DeviceInfo{} : cards[0],
-                                          std::move(accesses), factory.createRestApiClient(server));
+        for (const auto& at : cards[0].functions)
+            accesses.push_back(factory.createDeviceAccess(
+                enumerator.getDeviceAccessPtr(cards[0].id, at.function), at.function));
+        device =
+            std::make_unique<Device>(cards[0], std::move(accesses),
+                                     factory.createRestApiClient("127.0.0.1:" + std::to_string(server_port)));
         device->addCallback(&OneCard::receive, this);
     }
 
-    /// What the card's status register says from now on.
+    /// What the card's status register says from now on: function 1 writes it.
     void set_status(uint64_t status) {
-        for (const auto& access : device->accesses()) {
-            if (access->function() == 1) {
-                ASSERT_EQ(access->writeRegister64(0, 0x140, status), 0);
-            }
-        }
+        ASSERT_EQ(device->accesses().back()->writeRegister64(0, 0x140, status), 0);
     }
 
     Lines take() { return std::exchange(events_, {}); }
 
+    RunningSimulator simulator;
     kiv::DriverClients clients;
     std::unique_ptr<Device> device;
 
@@ -59,19 +55,17 @@ class OneCard {
     static void receive(uint8_t id, kiv_event_type_t type, const void* data, void* self) {
         std::string text = std::to_string(id) + ":";
         if (type == KIV_EVENT_LINK) {
-            const auto& event = *static_cast<const kiv_event_link_t*>(data);
+            const auto& link = *static_cast<const kiv_event_link_t*>(data);
             for (const int value :
-                 {event.port_0_changed, event.port_0_link, event.port_1_changed, event.port_1_link}) {
+                 {link.port_0_changed, link.port_0_link, link.port_1_changed, link.port_1_link})
                 text += std::to_string(value);
-            }
         } else if (type == KIV_EVENT_PTP) {
             text += "ptp" + std::to_string(*static_cast<const uint32_t*>(data));
         } else {
-            for (const auto& entry : static_cast<const kiv_event_hwmon_t*>(data)->entry) {
-                text += (entry.alarm ? '!' : ' ') + std::to_string(entry.sensor.input) + "/" +
-                        std::to_string(entry.sensor.max) + "/" + std::to_string(entry.sensor.critical) + "/" +
-                        std::to_string(entry.sensor.reserved);
-            }
+            for (const auto& [alarm, sensor] : static_cast<const kiv_event_hwmon_t*>(data)->entry)
+                text += (alarm ? '!' : ' ') + std::to_string(sensor.input) + "/" +
+                        std::to_string(sensor.max) + "/" + std::to_string(sensor.critical) + "/" +
+                        std::to_string(sensor.reserved);
         }
         static_cast<OneCard*>(self)->events_.push_back(text);
     }
@@ -82,16 +76,8 @@ class OneCard {
 }  // namespace
 
 TEST(DevicePoll, ReportsWhatChangedInTheStatusRegister) {
-    RunningSimulator simulator({kivsim::believable_card(6)});
     OneCard card;
-    struct Step {
-        uint64_t status;
-        bool link_enabled;
-        bool ptp_enabled;
-        bool notified;
-        Lines events;
-    };
-    const Step steps[] = {
+    const std::tuple<uint64_t, bool, bool, bool, Lines> steps[] = {
         {kLink0 | kLink1 | kPtp3, false, false, false, {}},                 // Nothing enabled: nothing seen.
         {kLink0 | kLink1 | kPtp3, true, true, true, {"6:ptp3", "6:1111"}},  // PTP before link.
         {kLink0 | kLink1 | kPtp3, true, true, false, {}},
@@ -102,18 +88,16 @@ TEST(DevicePoll, ReportsWhatChangedInTheStatusRegister) {
         {kLink1, false, true, false, {}},        // A disabled event keeps what it saw last ...
         {kLink1, true, true, true, {"6:1011"}},  // ... and reports when enabled again.
     };
-    for (const Step& step : steps) {
-        card.set_status(step.status);
-        step.link_enabled ? card.device->enableEvent(KIV_EVENT_LINK)
-                          : card.device->disableEvent(KIV_EVENT_LINK);
-        step.ptp_enabled ? card.device->enableEvent(KIV_EVENT_PTP) : card.device->disableEvent(KIV_EVENT_PTP);
-        EXPECT_EQ(card.device->poll_1sec(), step.notified) << std::hex << step.status;
-        EXPECT_EQ(card.take(), step.events) << std::hex << step.status;
+    for (const auto& [status, link_enabled, ptp_enabled, notified, events] : steps) {
+        card.set_status(status);
+        link_enabled ? card.device->enableEvent(KIV_EVENT_LINK) : card.device->disableEvent(KIV_EVENT_LINK);
+        ptp_enabled ? card.device->enableEvent(KIV_EVENT_PTP) : card.device->disableEvent(KIV_EVENT_PTP);
+        EXPECT_EQ(card.device->poll_1sec(), notified) << std::hex << status;
+        EXPECT_EQ(card.take(), events) << std::hex << status;
     }
 }
 
 TEST(DevicePoll, GoesOnWithoutCallbacksAndCallsEachEntryOnce) {
-    RunningSimulator simulator({kivsim::believable_card(6)});
     OneCard card;
     card.device->enableEvent(KIV_EVENT_LINK);
     card.device->enableEvent(KIV_EVENT_PTP);
@@ -136,49 +120,45 @@ TEST(DevicePoll, GoesOnWithoutCallbacksAndCallsEachEntryOnce) {
 TEST(DevicePoll, WithoutAReadableRegisterReportsNothing) {
     kivsim::CardSettings only_function_0 = kivsim::believable_card(6);
     only_function_0.functions.pop_back();
-    for (const auto& cards : {std::vector<kivsim::CardSettings>{}, std::vector{only_function_0}}) {
-        RunningSimulator simulator(cards);
-        OneCard card;
+    const std::tuple<const char*, std::vector<kivsim::CardSettings>, bool> rows[] = {
+        {"no card", {}, true},
+        {"no function 1", {only_function_0}, true},
+        {"driver process gone", {kivsim::believable_card(6)}, false}};
+    for (const auto& [what, cards, driver_stays] : rows) {
+        OneCard card(cards);
         card.device->enableEvent(KIV_EVENT_LINK);
-        EXPECT_FALSE(card.device->poll_1sec());
+        if (!driver_stays) card.simulator.stop();
+        EXPECT_FALSE(card.device->poll_1sec()) << what;
+        EXPECT_TRUE(card.take().empty()) << what;
     }
-    RunningSimulator simulator;
-    OneCard card;
-    card.device->enableEvent(KIV_EVENT_LINK);
-    simulator.stop();
-    EXPECT_FALSE(card.device->poll_1sec());
-    EXPECT_TRUE(card.take().empty());
 }
 
 TEST(DevicePoll, RaisesTheSensorAlarmAtTheMaximum) {
-    const auto sensors = [](const char* first) {
-        return LoopbackServer::http(
-            200, std::string(R"({"data":[{"label":"FPGA FABRIC Digital Temperature #5",)") + first +
-                     R"(},{"label":"QSFP2 Case Temperature","input":7,"max":8,"critical":5}]})");
-    };
-    // Sensors that the card does not list are 0 of 0, which is at the maximum: the whole list is needed for
-    // silence.
-    const std::string unlisted = "!0/0/0/0!0/0/0/0!0/0/0/0!0/0/0/0!0/0/0/0";
-    std::string quiet;  // Every sensor, each below its maximum.
-    for (const auto& [label, sensor] : kiv::device::SystemMonitorData().labels)
-        quiet += std::string(quiet.empty() ? "" : ",") + R"({"input":4,"max":5,"label":")" + label + "\"}";
     const auto report = [](const std::string& data) {
         return LoopbackServer::http(200, "{\"data\":" + data + "}");
     };
-    LoopbackServer server({LoopbackServer::http(200, R"({"data":{"interfaces":[]}})"),
-                           sensors(R"("input":95,"max":95,"critical":90)"), sensors(R"("input":94,"max":95)"),
-                           LoopbackServer::http(500, ""), report("[" + quiet + "]"), report("[]"),
-                           report("{}")});
-    OneCard card("127.0.0.1:" + std::to_string(server.port()));
+    const auto sensors = [&](const std::string& first) {
+        return report(R"([{"label":"FPGA FABRIC Digital Temperature #5",)" + first +
+                      R"(},{"label":"QSFP2 Case Temperature","input":7,"max":8,"critical":5}])");
+    };
+    // A sensor that is not listed is 0 of 0, which is at the maximum: silence needs the whole list.
+    const std::string unlisted = "!0/0/0/0!0/0/0/0!0/0/0/0!0/0/0/0!0/0/0/0";
+    std::string quiet;  // Every sensor, each below its maximum.
+    for (const auto& [label, sensor] : SystemMonitorData().labels)
+        quiet += std::string(quiet.empty() ? "" : ",") + R"({"input":4,"max":5,"label":")" + label + "\"}";
+    LoopbackServer server({report(R"({"interfaces":[]})"), sensors(R"("input":95,"max":95,"critical":90)"),
+                           sensors(R"("input":94,"max":95)"), LoopbackServer::http(500, ""),
+                           report("[" + quiet + "]"), report("[]"), report("{}")});
+    OneCard card({}, server.port());
     ASSERT_EQ(card.device->rest()->open(), 0);
     CapturedLog log;
     EXPECT_FALSE(card.device->poll_60sec()) << "not enabled";
     EXPECT_EQ(server.requests().size(), 1u) << "and nothing asked";
     card.device->enableEvent(KIV_EVENT_HWMON);
-    EXPECT_TRUE(card.device->poll_60sec());
-    EXPECT_EQ(card.take(), Lines{"0:!95/95/90/0" + unlisted + " 7/8/5/0"});
-    EXPECT_TRUE(card.device->poll_60sec());
-    EXPECT_EQ(card.take(), Lines{"0: 94/95/0/0" + unlisted + " 7/8/5/0"});
+    for (const char* const first : {"!95/95/90/0", " 94/95/0/0"}) {
+        EXPECT_TRUE(card.device->poll_60sec());
+        EXPECT_EQ(card.take(), Lines{"0:" + (first + unlisted) + " 7/8/5/0"});
+    }
     EXPECT_TRUE(card.device->poll_60sec()) << "a failed request counts as notified";
     EXPECT_EQ(log.take(),
               (Lines{"HTTP Server error status=500, msg=http status 500", "Fail get_hwmon_info"}));
@@ -193,7 +173,7 @@ TEST(DevicePoll, RaisesTheSensorAlarmAtTheMaximum) {
 TEST(DevicePoll, DoesNotHoldUpTheEventsWhileItAsksForTheSensors) {
     LoopbackServer server({LoopbackServer::http(200, R"({"data":{"interfaces":[]}})"),
                            {LoopbackServer::http(200, R"({"data":[]})").bytes, std::chrono::seconds(1)}});
-    OneCard card("127.0.0.1:" + std::to_string(server.port()));
+    OneCard card({}, server.port());
     ASSERT_EQ(card.device->rest()->open(), 0);
     card.device->enableEvent(KIV_EVENT_HWMON);
     auto poll = std::async(std::launch::async, [&] { return card.device->poll_60sec(); });
@@ -208,8 +188,7 @@ TEST(Device, ReadsAllIdentityRegistersBeforeItWritesOne) {
     kivsim::CardSettings settings = kivsim::believable_card(6);
     for (const uint32_t nth : {1u, 3u, 6u, 10u, 15u})  // The first register, then the second, and so on.
         settings.driver_faults.push_back(fault(wire::kReadPci64).nth(nth).status(-1));
-    RunningSimulator simulator({settings});
-    OneCard card;
+    OneCard card({settings});
     kiv_card_info_t info{};
     for (int attempt = 0; attempt < 5; ++attempt)
         EXPECT_EQ(card.device->get_card_info(info), KIV_ERR_FAILED) << attempt;
@@ -220,8 +199,7 @@ TEST(Device, ReadsAllIdentityRegistersBeforeItWritesOne) {
 TEST(Device, WithAnUnreadableStatusRegisterFailsThoughTheLoadsAndTheTimeCouldBeRead) {
     kivsim::CardSettings settings = kivsim::believable_card(6);
     settings.driver_faults.push_back(fault(wire::kReadPci64).status(-1));  // Nothing else is read so.
-    RunningSimulator simulator({settings});
-    OneCard card;
+    OneCard card({settings});
     const auto leaves_untouched = [&](auto query, auto record) {
         std::memset(&record, 0xA5, sizeof record);
         const auto before = record;
@@ -236,8 +214,7 @@ TEST(Device, WithoutFunctionsOrServerFailsInsteadOfCrashing) {
     Device device({}, {}, nullptr);
     kiv_card_info_t info{};
     kiv_net_config_t net{};
-    uint32_t a = 1;
-    uint32_t b = 2;
+    uint32_t a = 1, b = 2;
     EXPECT_EQ(device.get_card_info(info), KIV_ERR_FAILED);
     EXPECT_EQ(device.get_media_net_config(net), KIV_ERR_REST);
     EXPECT_EQ(device.get_tun_config(a, b), KIV_ERR_FAILED);
@@ -253,11 +230,10 @@ TEST(DeviceTimes, AreZeroWithoutADriverThatTellsThem) {
     const std::pair<kivsim::CardSettings, kiv_result_t> kCases[] = {{second_only, KIV_ERR_FAILED},
                                                                     {kivsim::believable_card(1), 0xFFFFFFFF}};
     for (const auto& [settings, result] : kCases) {
-        RunningSimulator simulator({settings});
-        OneCard card;
+        OneCard card({settings});
         DeviceEnumeratorMacOS(card.clients).enumerate();  // New clients: those of the card are gone.
-        uint64_t times[] = {7, 7, 7};
-        EXPECT_EQ(card.device->get_epoch_and_2point(times[0], times[1], times[2]), result);
-        EXPECT_EQ(std::vector(std::begin(times), std::end(times)), std::vector<uint64_t>(3, 0));
+        uint64_t epoch = 7, before = 7, after = 7;
+        EXPECT_EQ(card.device->get_epoch_and_2point(epoch, before, after), result);
+        EXPECT_TRUE(epoch == 0 && before == 0 && after == 0) << epoch << ' ' << before << ' ' << after;
     }
 }

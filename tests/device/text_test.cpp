@@ -10,20 +10,16 @@ namespace {
 using namespace kiv::device;
 
 TEST(AddressText, AFaultyAddressIsZeroWithAMessageUnlessItsDotsAreWrong) {
-    const struct {
-        const char* text;
-        const char* message;
-        uint32_t address = 0;
-    } rows[] = {
-        {"192.168.0.1", "", 0xC0A80001u},
-        {"255.255.255.255", "", 0xFFFFFFFFu},
-        {"10.0.0.1.5", ""},
-        {"10..0.1", "Error: Failed to read octet.\n"},
-        {"10.0.0.256", "Error: Octet value out of range (0-255).\n"},
-        {"10x.0.0.1", "Error: Expected dot separator.\n"},
-        {"10.0.0.1 ", "Error: Extra characters found after the address.\n"},
+    const std::tuple<const char*, uint32_t, const char*> rows[] = {
+        {"192.168.0.1", 0xC0A80001u, ""},
+        {"255.255.255.255", 0xFFFFFFFFu, ""},
+        {"10.0.0.1.5", 0, ""},
+        {"10..0.1", 0, "Error: Failed to read octet.\n"},
+        {"10.0.0.256", 0, "Error: Octet value out of range (0-255).\n"},
+        {"10x.0.0.1", 0, "Error: Expected dot separator.\n"},
+        {"10.0.0.1 ", 0, "Error: Extra characters found after the address.\n"},
     };
-    for (const auto& [text, message, address] : rows) {
+    for (const auto& [text, address, message] : rows) {
         testing::internal::CaptureStderr();
         EXPECT_EQ(ip_string_to_uint32(text), address) << text;
         EXPECT_EQ(testing::internal::GetCapturedStderr(), message) << text;
@@ -64,10 +60,9 @@ TEST(FirmwareIdentifier, IsThirtyTwoDigitsAndTheNextBootMarker) {
 /// "input/max/critical" of each sensor and the board's power.
 std::string shown(const SystemMonitorData& data) {
     std::string text;
-    for (const kiv_sensor_t& sensor : data.sensors) {
+    for (const kiv_sensor_t& sensor : data.sensors)
         text += std::to_string(sensor.input) + "/" + std::to_string(sensor.max) + "/" +
                 std::to_string(sensor.critical) + " ";
-    }
     return text + std::to_string(data.board_power);
 }
 

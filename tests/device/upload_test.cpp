@@ -80,28 +80,23 @@ TEST_F(Commands, AnImageThatCannotBeReadToItsEndIsNotWritten) {
 
 TEST_F(Commands, AnImageThatChangesBetweenUploadAndDigestIsNotWritten) {
     const auto modified = std::filesystem::last_write_time(file);
+    const auto put = [](const std::string& path, const std::string& text, auto time) {
+        write_file(path, text);
+        std::filesystem::last_write_time(path, time);
+    };
+    const std::string other = directory / "other", marks(bytes.size(), '+');
     const std::pair<const char*, std::function<void()>> changes[] = {
-        {"longer",
-         [&] {
-             write_file(file, bytes + "+");
-             std::filesystem::last_write_time(file, modified);
-         }},
-        {"other bytes",
-         [&] {
-             write_file(file, std::string(bytes.size(), '+'));
-             std::filesystem::last_write_time(file, modified + std::chrono::milliseconds(1));
-         }},
+        {"longer", [&] { put(file, bytes + "+", modified); }},
+        {"other bytes", [&] { put(file, marks, modified + std::chrono::milliseconds(1)); }},
         {"another file",
          [&] {
-             write_file(directory / "other", std::string(bytes.size(), '-'));
-             std::filesystem::last_write_time(directory / "other", modified);
-             std::filesystem::rename(directory / "other", file);
+             put(other, marks, modified);
+             std::filesystem::rename(other, file);
          }},
         {"gone", [&] { std::filesystem::remove(file); }},
     };
     for (const auto& [name, change] : changes) {
-        write_file(file, bytes);
-        std::filesystem::last_write_time(file, modified);
+        put(file, bytes, modified);
         EXPECT_EQ(upload(change), "rest GET POST") << name;
     }
 }

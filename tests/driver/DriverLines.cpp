@@ -1,10 +1,9 @@
 #include "driver/DriverLines.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <regex>
 #include <sstream>
+
+#include "support/Test.h"
 
 namespace {
 

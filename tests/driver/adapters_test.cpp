@@ -5,8 +5,7 @@
 namespace {
 
 using kiv::access::IDeviceAccess;
-using kiv::device::DeviceEnumeratorMacOS;
-using kiv::device::DeviceFactoryMacOS;
+using namespace kiv::device;
 
 /// Access to the given function of a card, as the device layer makes it.
 std::unique_ptr<IDeviceAccess> access_to(DeviceEnumeratorMacOS& enumerator, unsigned id, unsigned function) {

@@ -1,5 +1,4 @@
-// Out of memory: whichever allocation fails, no connection, descriptor or memory is lost, and nothing ends
-// the process.
+// Whichever allocation fails, no connection, descriptor or memory is lost, and nothing ends the process.
 #include <new>
 
 #include "driver/Clients.h"
@@ -9,8 +8,7 @@
 
 namespace {
 
-/// Runs `body` again and again, with another one of its allocations failing, until it allocates no more;
-/// checks after each time.
+/// Runs `body` with its first, second... allocation failing, as many as it makes, and `check` after each run.
 template <typename Body, typename Check>
 void fail_each_allocation(Body body, Check check) {
     for (long nth = 1;; ++nth) {
@@ -24,11 +22,8 @@ void fail_each_allocation(Body body, Check check) {
         const bool failed = fail_allocation(0) == 0;
         SCOPED_TRACE("allocation " + std::to_string(nth));
         check();
-        if (testing::Test::HasFailure()) return;
-        if (!failed) {
-            EXPECT_GT(nth, 3);
-            return;
-        }
+        EXPECT_TRUE(failed || nth > 3);
+        if (!failed || testing::Test::HasFailure()) return;
     }
 }
 
@@ -54,16 +49,11 @@ TEST(DriverOutOfMemory, LosesNoDescriptorOrMappingOfAPlatformCall) {
     fail_each_allocation(
         [&] {
             const io_connect_t connect = open_first();
-            const wire::MemorySelection bar{1, {}, 1, 0, 0, 1};
-            IOConnectCallStructMethod(connect, wire::kSelectMemory, &bar, sizeof bar, nullptr, nullptr);
             mach_vm_address_t address = 0;
-            mach_vm_size_t size = 0;
-            status = IOConnectMapMemory64(connect, 0, mach_task_self(), &address, &size, kIOMapAnywhere);
+            select_bar(connect, 1);
+            status = map(connect, address);
             const IONotificationPortRef port = IONotificationPortCreate(kIOMainPortDefault);
-            uint64_t reference[3] = {};
-            status |= IOConnectCallAsyncStructMethod(connect, wire::kRegisterInterruptAsyncCallback,
-                                                     IONotificationPortGetMachPort(port), reference, 3,
-                                                     nullptr, 0, nullptr, nullptr);
+            status |= call_async(connect, IONotificationPortGetMachPort(port));
             IOServiceClose(connect);
             IONotificationPortDestroy(port);
         },

@@ -22,7 +22,7 @@ kern_return_t IOConnectCallAsyncStructMethod(mach_port_t connection, uint32_t se
 namespace {
 
 /// A client that has registered for messages, which the test sends in place of the run loop.
-class DriverCallback : public testing::Test {
+class DriverCallback : public OneClient {
   protected:
     DriverCallback() {
         g_function = nullptr;
@@ -31,9 +31,6 @@ class DriverCallback : public testing::Test {
     }
     static void send(uint32_t count, void** arguments) { g_function.load()(g_context, 0, arguments, count); }
     static void send_one(uint64_t argument) { send(1, reinterpret_cast<void**>(argument)); }
-
-    const RunningSimulator simulator_;
-    const std::shared_ptr<kivDriverClient> client_ = first_client();
 };
 
 TEST_F(DriverCallback, GetsOneArgumentOrThreeToSixteenAndNothingElseIsRead) {
@@ -68,17 +65,18 @@ TEST_F(DriverCallback, IsReplacedInTheMiddleOfAFlood) {
     constexpr uint64_t kMessages = 5000;
     std::atomic<uint64_t> calls = 0;
     std::atomic<bool> done = false;
-    const auto fresh = [&] {
-        return [&calls, one = std::make_shared<uint64_t>(1)](const InterruptEvent&) { calls += *one; };
+    const auto replace = [&] {
+        client_->set_callback(
+            [&calls, one = std::make_shared<uint64_t>(1)](const InterruptEvent&) { calls += *one; });
     };
-    client_->set_callback(fresh());
+    replace();
     std::thread messages([&] {
         for (uint64_t i = 0; i < kMessages; ++i)
             send_one(i);
         done = true;
     });
     while (!done)
-        client_->set_callback(fresh());
+        replace();
     messages.join();
     EXPECT_EQ(calls, kMessages);
 }

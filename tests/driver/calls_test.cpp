@@ -1,4 +1,5 @@
 #include "driver/Clients.h"
+#include "platform/Services.h"
 
 namespace {
 
@@ -8,14 +9,10 @@ using Values = std::vector<uint64_t>;
 constexpr uint64_t kOld = 0xEEEEEEEEEEEEEEEE;  ///< In every byte of a result before the call.
 
 /// A wire number, little-endian, as the trace writes bytes.
-std::string le(uint64_t value, int width) {
-    std::string text;
-    for (int i = 0; i < width; ++i, value >>= 8) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(value & 0xFF));
-        text += digits;
-    }
-    return text;
+std::string le(uint64_t value, std::size_t width) {
+    std::string bytes(reinterpret_cast<const char*>(&value), sizeof value);
+    bytes.resize(width);
+    return hex(bytes, width);
 }
 constexpr auto u8 = [](uint64_t value) { return le(value, 1); };
 constexpr auto u16 = [](uint64_t value) { return le(value, 2); };
@@ -205,15 +202,12 @@ TEST(DriverCalls, CheckTheirArgumentsInTheirOrder) {
     const auto set = [](uint32_t count, uint64_t* first) {
         return [=](Client& c) mutable { return c.set_descriptor_anc(false, count, first); };
     };
+    const auto bus = [](Client& c) { return c.get_iobus_address(0, 0, nullptr); };
     const auto time = [](Client& c) { return c.get_ptp_epoch_time(nullptr); };
     const Lines bad = {"Bad Arugment"};
     const std::tuple<const char*, std::function<int32_t(Client&)>, Lines, bool, int32_t> rows[] = {
         {"read", [](Client& c) { return c.read_pci32(0, 0, nullptr); }, bad, false, -1},
-        {"bus address",
-         [](Client& c) { return c.get_iobus_address(0, 0, nullptr); },
-         {"Bad arugment"},
-         false,
-         -1},
+        {"bus address", bus, {"Bad arugment"}, false, -1},
         {"time", time, bad, true, -1},
         {"failing time", time, {}, true, kIOReturnBusy},
         {"ANC info", [](Client& c) { return c.get_anc_info(nullptr, nullptr); }, {}, true, 0},

@@ -7,7 +7,6 @@
 #include <kiv/kiv_api.h>
 #include "driver/Clients.h"
 #include "support/Json.h"
-#include "support/Program.h"
 
 namespace {
 
@@ -43,12 +42,8 @@ class Received {
             events_.push_back(event);
         });
     }
-    std::size_t count() {
-        const std::lock_guard lock(mutex_);
-        return events_.size();
-    }
     bool reach(std::size_t count) {
-        return wait_until([&] { return this->count() >= count; });
+        return wait_until([&] { return events().size() >= count; });
     }
     std::vector<InterruptEvent> events() {
         const std::lock_guard lock(mutex_);
@@ -65,34 +60,33 @@ class Received {
     std::set<std::thread::id> threads_;
 };
 
-/// Registrations for messages that the driver has seen.
-std::vector<DriverEvent> registrations(const RunningSimulator& simulator) {
-    return simulator.calls(wire::kRegisterInterruptAsyncCallback);
-}
+class DriverNotification : public OneClient {
+  protected:
+    /// Registrations for messages that the driver has seen.
+    std::vector<DriverEvent> registrations() const {
+        return simulator_.calls(wire::kRegisterInterruptAsyncCallback);
+    }
 
-/// Has the driver send a message with these arguments so many times; status of the answer.
-int send(const RunningSimulator& simulator, const std::string& arguments, uint64_t count = 1) {
-    return simulator
-        .control("POST", "/messages",
-                 R"({"arguments": )" + arguments + R"(, "count": )" + std::to_string(count) + "}")
-        .status;
-}
+    /// Opens with interrupts, and waits until the driver knows where messages go.
+    bool open_for_messages(kivDriverClient& client) const {
+        const std::size_t before = registrations().size();
+        return client.open(true) == 0 && wait_until([&] { return registrations().size() > before; });
+    }
 
-/// Opens with interrupts, and waits until the driver knows where messages go.
-bool open_for_messages(kivDriverClient& client, const RunningSimulator& simulator) {
-    const std::size_t before = registrations(simulator).size();
-    return client.open(true) == 0 && wait_until([&] { return registrations(simulator).size() > before; });
-}
+    /// Has the driver send a message with these arguments so many times; status of the answer.
+    int send(const std::string& arguments, uint64_t count = 1) const {
+        const std::string body =
+            R"({"arguments": )" + arguments + R"(, "count": )" + std::to_string(count) + "}";
+        return simulator_.control("POST", "/messages", body).status;
+    }
+};
 
 }  // namespace
 
-TEST(DriverNotification, StartsAndEndsWithOpenAndClose) {
-    RunningSimulator simulator;
-    const auto client = first_client();
-    EXPECT_EQ(client->open(true), 0);
-    EXPECT_TRUE(wait_until([&] { return registrations(simulator).size() == 1; }));
-    EXPECT_EQ(client->open(true), 0) << "the thread that runs stays";
-    EXPECT_EQ(client->close(), 0);
+TEST_F(DriverNotification, StartsAndEndsWithOpenAndClose) {
+    EXPECT_TRUE(open_for_messages(*client_));
+    EXPECT_EQ(client_->open(true), 0) << "the thread that runs stays";
+    EXPECT_EQ(client_->close(), 0);
     using namespace wire;
     // clang-format off
     const std::vector<uint32_t> expected = {
@@ -101,103 +95,83 @@ TEST(DriverNotification, StartsAndEndsWithOpenAndClose) {
         kRegisterInterruptAsyncCallback, kInit,
         kGetIoBusAddress, kSelectMemory, kSelectMemory, kGetIoBusAddress, kSelectMemory, kSelectMemory, kDeinit};
     // clang-format on
-    EXPECT_EQ(simulator.selectors("card 1 function 0"), expected);
-    EXPECT_EQ(registrations(simulator)[0].input, "");
-    EXPECT_EQ(client->open(true), -1);
+    EXPECT_EQ(simulator_.selectors("card 1 function 0"), expected);
+    EXPECT_EQ(registrations()[0].input, "");
+    EXPECT_EQ(client_->open(true), -1);
 }
 
-TEST(DriverNotification, DeliversEveryNumberOfArgumentsOnItsThread) {
-    RunningSimulator simulator;
-    const auto client = first_client();
-    Received received(*client);
-    ASSERT_TRUE(open_for_messages(*client, simulator));
+TEST_F(DriverNotification, DeliversEveryNumberOfArgumentsOnItsThread) {
+    Received received(*client_);
+    ASSERT_TRUE(open_for_messages(*client_));
     for (const char* const arguments :
          {"[]", "[18446744073709551614]", "[7, 8, 9]",
           "[1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 18446744073709551615]"})
-        EXPECT_EQ(send(simulator, arguments), 200);
+        EXPECT_EQ(send(arguments), 200);
     for (const char* const arguments : {"[1, 2]", "[1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1]"})
-        EXPECT_EQ(send(simulator, arguments), 400);
+        EXPECT_EQ(send(arguments), 400);
     ASSERT_TRUE(received.reach(3));
     const auto events = received.events();
     ASSERT_EQ(events.size(), 3u) << "a message without arguments is none";
-    EXPECT_EQ(events[0].count, 1u);
-    EXPECT_EQ(events[0].word[0], ~uint64_t{0} - 1);
-    EXPECT_EQ(events[1].count, 3u);
-    EXPECT_EQ(events[1].word[2], 9u);
-    EXPECT_EQ(events[1].word[3], 0u);
-    EXPECT_EQ(events[2].count, 16u);
-    EXPECT_EQ(events[2].word[15], ~uint64_t{0});
+    const auto& [one, three, sixteen] = std::tie(events[0], events[1], events[2]);
+    EXPECT_EQ(std::tuple(one.count, one.word[0]), std::tuple(1, ~uint64_t{0} - 1));
+    EXPECT_EQ(std::tuple(three.count, three.word[2], three.word[3]), std::tuple(3, 9, 0));
+    EXPECT_EQ(std::tuple(sixteen.count, sixteen.word[15]), std::tuple(16, ~uint64_t{0}));
     EXPECT_TRUE(received.on_one_other_thread());
-    EXPECT_EQ(client->close(), 0);
 }
 
-TEST(DriverNotification, LosesAndReordersNothingAlsoBesideAProgramThatDoesNotRead) {
+TEST_F(DriverNotification, LosesAndReordersNothingAlsoBesideAProgramThatDoesNotRead) {
     constexpr uint64_t kMessages = 50'000;
-    RunningSimulator simulator;
-    const auto stuck = first_client();
     const auto good = first_client();
     std::promise<void> gate;
-    stuck->set_callback([opened = gate.get_future().share()](const InterruptEvent&) { opened.wait(); });
+    client_->set_callback([opened = gate.get_future().share()](const InterruptEvent&) { opened.wait(); });
     std::atomic<uint64_t> in_order = 0;
     good->set_callback([&](const InterruptEvent& event) { in_order += event.word[0] == in_order; });
-    ASSERT_TRUE(open_for_messages(*stuck, simulator));
-    ASSERT_TRUE(open_for_messages(*good, simulator));
-    send(simulator, "[0]", kMessages);
+    ASSERT_TRUE(open_for_messages(*client_) && open_for_messages(*good));
+    send("[0]", kMessages);
     EXPECT_TRUE(wait_until([&] { return in_order == kMessages; })) << in_order;
     gate.set_value();
-    EXPECT_EQ(stuck->close(), 0);
+    EXPECT_EQ(client_->close(), 0);
     EXPECT_EQ(good->close(), 0);
 }
 
-TEST(DriverNotification, TheCallbackMayThrowReplaceItselfAndTryToClose) {
-    RunningSimulator simulator;
-    const auto client = first_client();
+TEST_F(DriverNotification, TheCallbackMayThrowReplaceItselfAndTryToClose) {
     std::atomic<int> closed = 0;
-    Received* later = nullptr;
-    std::unique_ptr<Received> holder;
-    client->set_callback([&](const InterruptEvent&) {
-        closed = client->close();
-        holder = std::make_unique<Received>(*client);
-        later = holder.get();
+    std::unique_ptr<Received> later;
+    client_->set_callback([&](const InterruptEvent&) {
+        closed = client_->close();
+        later = std::make_unique<Received>(*client_);
         throw 1;
     });
-    ASSERT_TRUE(open_for_messages(*client, simulator));
-    send(simulator, "[5]", 3);
+    ASSERT_TRUE(open_for_messages(*client_));
+    send("[5]", 3);
     ASSERT_TRUE(wait_until([&] { return closed == -1; }));
-    EXPECT_TRUE(client->isOpen());
-    EXPECT_EQ(client->reset_buffer(), 0);
-    client->set_callback(nullptr);
+    EXPECT_TRUE(client_->isOpen());
+    EXPECT_EQ(client_->reset_buffer(), 0);
+    client_->set_callback(nullptr);
     ASSERT_NE(later, nullptr);
-    EXPECT_LE(later->count(), 2u);
-    send(simulator, "[5]");
-    EXPECT_EQ(client->close(), 0);
+    EXPECT_LE(later->events().size(), 2u);
+    send("[5]");
+    EXPECT_EQ(client_->close(), 0);
 }
 
-TEST(DriverNotification, EnabledInterruptsComeByTheCardsOwnTimer) {
-    auto cards = kivsim::default_cards();
-    cards[0].interrupt_ms = 5;
-    RunningSimulator simulator(cards);
-    const auto client = first_client();
-    Received received(*client);
-    ASSERT_TRUE(open_for_messages(*client, simulator));
-    ASSERT_EQ(client->enable_interrupt(4), 0);
+TEST_F(DriverNotification, EnabledInterruptsComeByTheCardsOwnTimer) {
+    simulator_.control("PATCH", "", R"({"interrupt_ms": 5})");
+    Received received(*client_);
+    ASSERT_TRUE(open_for_messages(*client_));
+    ASSERT_EQ(client_->enable_interrupt(4), 0);
     ASSERT_TRUE(received.reach(3));
-    ASSERT_EQ(client->disable_interrupt(4), 0);
-    EXPECT_EQ(parsed(simulator.control("GET").body)["driver"]["connections"][0]["interrupts"], Json::array());
+    ASSERT_EQ(client_->disable_interrupt(4), 0);
+    EXPECT_EQ(parsed(simulator_.control("GET").body)["driver"]["connections"][0]["interrupts"],
+              Json::array());
     const auto events = received.events();
-    for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(events[i].word[0], 4u);
-        EXPECT_EQ(events[i].word[1], i + 1);
-    }
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(std::tuple(events[i].word[0], events[i].word[1]), std::tuple(4, i + 1));
     EXPECT_GT(events[1].word[2], events[0].word[2]);
 }
 
-TEST(DriverNotification, EachFailureIsSaidAndLeavesAClientThatCanTryAgain) {
-    auto cards = kivsim::default_cards();
-    cards[0].driver_faults = {fault(wire::kRegisterInterruptAsyncCallback).nth(1).status(kIOReturnBusy)};
-    RunningSimulator simulator(cards);
-    const auto client = first_client();
-    Received received(*client);
+TEST_F(DriverNotification, EachFailureIsSaidAndLeavesAClientThatCanTryAgain) {
+    fail_call(wire::kRegisterInterruptAsyncCallback, 1);
+    Received received(*client_);
     DriverLines lines;
     const std::pair<Failing, const char*> rows[] = {
         {Failing::Port, "Failed to create notification port for application."},
@@ -207,61 +181,47 @@ TEST(DriverNotification, EachFailureIsSaidAndLeavesAClientThatCanTryAgain) {
     for (const auto& [failing, text] : rows) {
         SCOPED_TRACE(text);
         g_failing = failing;
-        EXPECT_EQ(client->open(true), 0);
+        EXPECT_EQ(client_->open(true), 0);
         Lines said;
         EXPECT_TRUE(wait_until([&] { return !(said = lines.take()).empty(); }));
         EXPECT_EQ(said, Lines{text});
     }
-    EXPECT_TRUE(open_for_messages(*client, simulator));
-    send(simulator, "[5]");
+    EXPECT_TRUE(open_for_messages(*client_));
+    send("[5]");
     EXPECT_TRUE(received.reach(1));
-    EXPECT_EQ(client->close(), 0);
+    EXPECT_EQ(client_->close(), 0);
 }
 
-TEST(DriverNotification, OpensAndClosesTwoHundredTimesInARow) {
-    RunningSimulator simulator;
+TEST_F(DriverNotification, OpensAndClosesTwoHundredTimesInARow) {
     const Stopwatch watch;
     for (int round = 0; round < 200; ++round) {
-        const auto client = first_client();
-        client->set_callback([](const InterruptEvent&) {});
-        ASSERT_EQ(client->open(true), 0);
-        if (round % 2 == 0) {
-            ASSERT_EQ(client->close(), 0);
-        }
+        client_ = first_client();
+        client_->set_callback([](const InterruptEvent&) {});
+        ASSERT_EQ(client_->open(true), 0);
+        ASSERT_EQ(round % 2 == 0 ? client_->close() : 0, 0);
     }
     EXPECT_LT(watch.elapsed().count(), 20'000);
 }
 
-TEST(DriverNotification, OutlivesTheDriverProcess) {
-    TemporaryDirectory directory;
-    const std::string socket = directory / "socket";
-    setenv("KIVSIM_SOCKET", socket.c_str(), 1);
-    write_file(directory / "cards.json", R"({"cards": [{"id": 1, "interrupt_ms": 1}]})");
-    const auto start = [&] {
-        auto program = std::make_unique<Program>(std::vector<std::string>{
-            KIVSIM_PROGRAM, "--socket", socket, "--config", directory / "cards.json"});
-        program->read_line();
-        return program;
-    };
-    auto running = start();
-    const auto client = first_client();
-    Received received(*client);
-    ASSERT_EQ(client->open(true), 0);
-    client->enable_interrupt(1);
+TEST_F(DriverNotification, OutlivesTheDriverProcess) {
+    simulator_.control("PATCH", "", R"({"interrupt_ms": 1})");
+    Received received(*client_);
+    ASSERT_EQ(client_->open(true), 0);
+    client_->enable_interrupt(1);
     ASSERT_TRUE(received.reach(1));
     std::atomic<int32_t> status = 0;
     auto calls = std::async(std::launch::async, [&] {
         uint32_t value = 0;
-        while ((status = client->read_pci32(0, 0, &value)) == 0) {
+        while ((status = client_->read_pci32(0, 0, &value)) == 0) {
         }
     });
-    running->send_signal(SIGKILL);
+    simulator_.stop();
     ASSERT_EQ(calls.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(status, MACH_SEND_INVALID_DEST);
-    EXPECT_TRUE(client->close() == -1 && client->isOpen()) << "nobody takes the leave";
-    running = start();
+    EXPECT_TRUE(client_->close() == -1 && client_->isOpen()) << "nobody takes the leave";
+    const RunningSimulator next;
     kiv_scan_t scan{};
     EXPECT_EQ(kiv_scan(&scan), KIV_OK);
-    EXPECT_EQ(scan.count, 1);
+    EXPECT_EQ(scan.count, 2);
     kiv_close();
 }

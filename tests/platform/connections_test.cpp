@@ -1,45 +1,14 @@
 #include <array>
 
 #include "platform/Services.h"
-#include "support/DriverFault.h"
 #include "support/RunningSimulator.h"
 
 namespace {
 
-template <typename Bytes>
-std::string hex(const Bytes& bytes, size_t size) {
-    std::string text;
-    for (size_t i = 0; i < size; ++i) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(bytes[i]));
-        text += digits;
-    }
-    return text;
-}
-
-TEST(PlatformConnections, LiveWithoutTheirServiceAndWithoutEachOther) {
-    const RunningSimulator simulator;
-    const io_connect_t one = open_first();
-    const io_connect_t other = open_first();  // open_first() keeps no service.
-    EXPECT_EQ(call(one, wire::kGetVersion), kIOReturnSuccess);
-    EXPECT_EQ(IOServiceClose(one), kIOReturnSuccess);
-    EXPECT_EQ(call(one, wire::kGetVersion), MACH_SEND_INVALID_DEST);
-    EXPECT_EQ(IOServiceClose(one), kIOReturnBadArgument);
-    EXPECT_EQ(call(other, wire::kGetVersion), kIOReturnSuccess);
-    EXPECT_EQ(IOServiceClose(other), kIOReturnSuccess);
-}
-
 TEST(PlatformConnections, ACallCarriesItsBytesAndTakesWhatFits) {
-    struct Row {
-        const char* name;
-        uint32_t selector;
-        size_t input_size;
-        size_t capacity;
-        kern_return_t status;
-        size_t produced;  ///< Bytes of the output that change; also the size then, unless none do.
-    };
+    // Last the bytes of the output that change; also the size then, unless none do.
     // clang-format off
-    const Row rows[] = {
+    const std::tuple<const char*, uint32_t, size_t, size_t, kern_return_t, size_t> rows[] = {
         {"capacity as the reply",     wire::kReadPci32,       32,   32,   kIOReturnSuccess,         32},
         {"one byte too many",         wire::kReadPci32,       32,   31,   kIOReturnBadArgument,     0},
         {"a reply cut short",         wire::kGetPtpEpochTime, 0,    32,   kIOReturnSuccess,         5},
@@ -58,27 +27,27 @@ TEST(PlatformConnections, ACallCarriesItsBytesAndTakesWhatFits) {
     std::array<uint8_t, 5000> input{};
     for (size_t i = 20; i < input.size(); ++i)  // A register access in BAR 0; the rest is any data.
         input[i] = static_cast<uint8_t>(i);
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& [name, selector, input_size, capacity, status, produced] : rows) {
+        SCOPED_TRACE(name);
         std::array<uint8_t, 5000> output;
         output.fill(0xA5);
-        size_t size = row.capacity;
-        const size_t traced_before = simulator.calls(row.selector).size();
-        EXPECT_EQ(IOConnectCallStructMethod(connect, row.selector, input.data(), row.input_size,
-                                            output.data(), &size),
-                  row.status);
-        EXPECT_EQ(size, row.produced != 0 ? row.produced : row.capacity);
-        EXPECT_TRUE(std::all_of(output.begin() + static_cast<std::ptrdiff_t>(row.produced), output.end(),
+        size_t size = capacity;
+        const size_t traced_before = simulator.calls(selector).size();
+        EXPECT_EQ(
+            IOConnectCallStructMethod(connect, selector, input.data(), input_size, output.data(), &size),
+            status);
+        EXPECT_EQ(size, produced != 0 ? produced : capacity);
+        EXPECT_TRUE(std::all_of(output.begin() + static_cast<std::ptrdiff_t>(produced), output.end(),
                                 [](uint8_t byte) { return byte == 0xA5; }));
-        const auto traced = simulator.calls(row.selector);
-        if (row.input_size > 4096) {
+        const auto traced = simulator.calls(selector);
+        if (input_size > 4096) {
             EXPECT_EQ(traced.size(), traced_before);
             continue;
         }
         ASSERT_EQ(traced.size(), traced_before + 1);
-        EXPECT_EQ(traced.back().input, hex(input, row.input_size));
-        if (row.produced != 0) {
-            EXPECT_EQ(traced.back().reply, hex(output, row.produced));
+        EXPECT_EQ(traced.back().input, hex(input, input_size));
+        if (produced != 0) {
+            EXPECT_EQ(traced.back().reply, hex(output, produced));
         }
     }
 
@@ -116,6 +85,8 @@ TEST(PlatformConnections, ThreadsShareOneUntilItCloses) {
     EXPECT_TRUE(wait_until([&] { return rounds >= 200; }));
     Threads(2, [&](int) { closed += IOServiceClose(connect) == 0 ? 1 : 0; }).join();
     EXPECT_EQ(closed, 1);
+    EXPECT_EQ(call(connect, wire::kGetVersion), MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(IOServiceClose(connect), kIOReturnBadArgument);
 }
 
 }  // namespace

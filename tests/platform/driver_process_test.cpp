@@ -1,6 +1,5 @@
 #include <kivplatform/driver_process.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "platform/Services.h"
 #include "support/Program.h"
@@ -10,14 +9,11 @@ namespace {
 
 uid_t g_user = 0;  ///< 0: the real one.
 
-constexpr uint32_t kGetVersion = 4;
-constexpr uint32_t kGetPtpTime = 16;
-
 TEST(PlatformDriverProcess, ThatEndsFailsItsConnectionsOnly) {
     auto earlier = std::make_unique<RunningSimulator>();
     const io_service_t service = services().front();
     const io_connect_t connect = open_first();
-    ASSERT_EQ(call(connect, kGetVersion), kIOReturnSuccess);
+    ASSERT_EQ(call(connect, wire::kGetVersion), kIOReturnSuccess);
     earlier->stop();
     EXPECT_FALSE(kivplatform_driver_running());
     io_connect_t none = 77;
@@ -27,8 +23,8 @@ TEST(PlatformDriverProcess, ThatEndsFailsItsConnectionsOnly) {
     const RunningSimulator later;
     EXPECT_EQ(IOServiceOpen(service, mach_task_self(), kMedia, &none), kIOReturnNoDevice);
     EXPECT_EQ(none, 77u);
-    EXPECT_EQ(call(connect, kGetVersion), MACH_SEND_INVALID_DEST);
-    EXPECT_EQ(call(open_first(), kGetVersion), kIOReturnSuccess);
+    EXPECT_EQ(call(connect, wire::kGetVersion), MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(call(open_first(), wire::kGetVersion), kIOReturnSuccess);
     EXPECT_EQ(IOServiceClose(connect), kIOReturnSuccess);
 }
 
@@ -41,14 +37,14 @@ TEST(PlatformDriverProcess, ThatIsKilledEndsEvenAStalledCall) {
     ASSERT_NE(driver.read_line(), "");
     const io_connect_t stalled = open_first();
     kern_return_t result = -1;
-    std::thread caller([&] { result = call(stalled, kGetPtpTime); });
+    std::thread caller([&] { result = call(stalled, wire::kGetPtpEpochTime); });
     EXPECT_TRUE(wait_until(
         [&] { return read_file(directory / "trace").find("\"selector\":16") != std::string::npos; }));
     driver.send_signal(SIGKILL);
     EXPECT_EQ(driver.wait().status, -SIGKILL);
     caller.join();
     EXPECT_EQ(result, MACH_SEND_INVALID_DEST);
-    EXPECT_EQ(call(stalled, kGetVersion), MACH_SEND_INVALID_DEST);
+    EXPECT_EQ(call(stalled, wire::kGetVersion), MACH_SEND_INVALID_DEST);
     EXPECT_EQ(IOServiceClose(stalled), kIOReturnSuccess);
     EXPECT_TRUE(services().empty());
 }

@@ -1,15 +1,12 @@
 // What a forked child may do: nothing with its parent's connections, everything with its own.
 #include <fcntl.h>
-#include <sys/wait.h>
-#include "driver/wire.h"
 
+#include "platform/Child.h"
 #include "platform/Services.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
-
-namespace wire = kiv::wire;
 
 /// kivsim in a process of its own, so that a child forked here has nothing of it.
 class SeparateDriver {
@@ -25,36 +22,6 @@ class SeparateDriver {
     const TemporaryDirectory directory_;
     Program program_{{KIVSIM_PROGRAM, "--socket", socket_in(directory_)}};
 };
-
-/// Exit status of a forked child that runs `body`; -1 when a signal ended it, SIGALRM after 20 s.
-template <typename Body>
-int in_child(Body body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(20);
-        _exit(body());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-kern_return_t select_bar(io_connect_t connect, uint32_t bar) {
-    const wire::MemorySelection selection{1, {}, 1, 0, 0, bar};
-    return IOConnectCallStructMethod(connect, wire::kSelectMemory, &selection, sizeof selection, nullptr,
-                                     nullptr);
-}
-
-kern_return_t map(io_connect_t connect, mach_vm_address_t& address) {
-    mach_vm_size_t size = 0;
-    return IOConnectMapMemory64(connect, 0, mach_task_self(), &address, &size, kIOMapAnywhere);
-}
-
-kern_return_t call_async(io_connect_t connect, mach_port_t port) {
-    uint64_t reference[3] = {};
-    return IOConnectCallAsyncStructMethod(connect, wire::kRegisterInterruptAsyncCallback, port, reference, 3,
-                                          nullptr, 0, nullptr, nullptr);
-}
 
 /// A number of the first call on the parent's names that does not fail as it must; 0 when all do.
 int first_success(io_connect_t connect, io_service_t service, IONotificationPortRef port) {

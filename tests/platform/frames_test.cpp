@@ -69,13 +69,8 @@ TEST_F(Frames, ThatBreakOffAreNoMessages) {
 }
 
 TEST_F(Frames, ThatLieEndTheStreamAndLeakNothing) {
-    struct Row {
-        std::string bytes;
-        std::size_t descriptors;  ///< So many come along.
-        Outcome outcome;
-        bool given;  ///< Of the descriptor.
-    };
-    const Row rows[] = {
+    // Bytes, so many descriptors that come along, what becomes of both.
+    const std::tuple<std::string, std::size_t, Outcome, bool> rows[] = {
         {framed(std::string(kLargest, 'x')), 0, Outcome::Received, false},
         {framed("", 0, kLargest + 1), 0, Outcome::Ended, false},
         {framed("", 0, 0xFFFFFFFF), 0, Outcome::Ended, false},
@@ -89,20 +84,17 @@ TEST_F(Frames, ThatLieEndTheStreamAndLeakNothing) {
         {framed("one", 100), 100, Outcome::Ended, false},
     };
     const auto before = open_descriptors();
-    for (const Row& row : rows) {
-        SCOPED_TRACE(&row - rows);
+    for (const auto& [bytes, descriptors, outcome, is_given] : rows) {
+        SCOPED_TRACE(testing::PrintToString(bytes) + " with " + std::to_string(descriptors));
         IncomingFrames frames(kLargest, IncomingFrames::Descriptors::Taken);
         kivos::Descriptor given;
-        ASSERT_TRUE(send_raw(test_.get(), row.bytes, test_.get(), row.descriptors));
-        EXPECT_EQ(frames.receive(own_.get()), row.outcome);
-        EXPECT_EQ(frames.take(given).has_value(), row.outcome == Outcome::Received);
-        EXPECT_EQ(static_cast<bool>(given), row.given);
-        EXPECT_EQ(open_descriptors(),
-                  before + (row.given ? 1 : 0) +
-                      (row.outcome == Outcome::Ended
-                           ? std::min<std::ptrdiff_t>(static_cast<std::ptrdiff_t>(row.descriptors), 64)
-                           : 0))
-            << "while the frames live";
+        ASSERT_TRUE(send_raw(test_.get(), bytes, test_.get(), descriptors));
+        EXPECT_EQ(frames.receive(own_.get()), outcome);
+        EXPECT_EQ(frames.take(given).has_value(), outcome == Outcome::Received);
+        EXPECT_EQ(static_cast<bool>(given), is_given);
+        const std::size_t kept =
+            outcome == Outcome::Ended ? std::min<std::size_t>(descriptors, 64) : is_given;
+        EXPECT_EQ(open_descriptors() - before, static_cast<std::ptrdiff_t>(kept)) << "while the frames live";
         given.reset();
     }
     EXPECT_EQ(open_descriptors(), before);

@@ -44,9 +44,8 @@ TEST(PlatformServices, NamesCountReferencesAndAreOfOneKind) {
     const io_service_t service = IOIteratorNext(iterator);
     ASSERT_NE(service, IO_OBJECT_NULL);
     io_connect_t connect = 77;
-    for (const io_object_t no_service : {iterator, IO_OBJECT_NULL, io_object_t{0xFFFF}}) {
+    for (const io_object_t no_service : {iterator, IO_OBJECT_NULL, io_object_t{0xFFFF}})
         EXPECT_EQ(IOServiceOpen(no_service, mach_task_self(), kMedia, &connect), kIOReturnBadArgument);
-    }
     EXPECT_EQ(connect, 77u);
     EXPECT_EQ(IOServiceOpen(service, mach_task_self(), kMedia, nullptr), kIOReturnBadArgument);
     EXPECT_EQ(IOIteratorNext(service), IO_OBJECT_NULL);

@@ -5,14 +5,14 @@
 #include <kiv/ThreadManager.h>
 
 #include <array>
+#include <mutex>
 
 #include "support/Test.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kiv::device::thread::PeriodicThreadPool;
-using kiv::device::thread::Scheduler;
+using namespace kiv::device::thread;
 using Clock = std::chrono::steady_clock;
 
 /// Notes when it runs; closed, it holds up who runs it until it is opened.
@@ -31,13 +31,13 @@ struct Probe {
     std::array<Clock::time_point, 9> times;
 };
 
-/// A job whose first copy is held up: the timer copies a job when it finds it due, under its lock.
-struct HoldsUpTheTimer {
-    explicit HoldsUpTheTimer(Probe& probe) : gate(probe) { gate.open = false; }
-    HoldsUpTheTimer(const HoldsUpTheTimer& other) : gate(other.gate) { gate(); }
-    HoldsUpTheTimer(HoldsUpTheTimer&&) = default;
+/// A job that acts when it is copied: the timer copies a job when it finds it due, under its lock.
+struct ActsOnTheTimer {
+    explicit ActsOnTheTimer(std::function<void()> action) : act(std::move(action)) {}
+    ActsOnTheTimer(const ActsOnTheTimer& other) : act(other.act) { act(); }
+    ActsOnTheTimer(ActsOnTheTimer&&) = default;
     void operator()() const {}
-    Probe& gate;
+    std::function<void()> act;
 };
 
 /// Waits until the pool of one worker has run every job it holds by now.
@@ -49,9 +49,13 @@ void drain(PeriodicThreadPool& pool) {
 
 class SchedulerTest : public testing::Test {
   protected:
-    Probe gate_;
-    Probe runs_;
-    Probe others_;
+    /// The first pass that finds the job due waits until the gate is opened.
+    void hold_up_the_timer(std::chrono::milliseconds interval) {
+        gate_.open = false;
+        scheduler_.schedulePeriodic(ActsOnTheTimer(std::ref(gate_)), interval, pool_);
+    }
+
+    Probe gate_, runs_, others_;
     std::shared_ptr<PeriodicThreadPool> pool_ = std::make_shared<PeriodicThreadPool>(1);
     Scheduler scheduler_;
 };
@@ -73,7 +77,7 @@ TEST_F(SchedulerTest, ALateRunIsNotCaughtUpAndTheNextComesOneIntervalLater) {
     // The run is due while the pass before it is held up.
     constexpr auto kInterval = 300ms;
     const auto registered = Clock::now();
-    scheduler_.schedulePeriodic(HoldsUpTheTimer(gate_), 1ms, pool_);
+    hold_up_the_timer(1ms);
     scheduler_.schedulePeriodic(std::ref(runs_), kInterval, pool_);
     scheduler_.start();
     EXPECT_TRUE(gate_.reach(1));
@@ -89,7 +93,7 @@ TEST_F(SchedulerTest, ALateRunIsNotCaughtUpAndTheNextComesOneIntervalLater) {
 
 TEST_F(SchedulerTest, TheTimerNeverSleepsLongerThanHalfASecond) {
     scheduler_.schedulePeriodic(std::ref(others_), std::chrono::milliseconds::max(), pool_);
-    scheduler_.schedulePeriodic(HoldsUpTheTimer(gate_), 700ms, pool_);
+    hold_up_the_timer(700ms);
     scheduler_.start();
     EXPECT_TRUE(gate_.reach(1));
     const auto opened = Clock::now();
@@ -240,18 +244,6 @@ std::string blocked_signals() {
     return blocked;
 }
 
-/// A job that tells when it is copied: the timer does so when it finds the job due.
-struct TellsOnTheTimer {
-    explicit TellsOnTheTimer(std::promise<std::string>& to) : told(to) {}
-    TellsOnTheTimer(const TellsOnTheTimer& other) : told(other.told) {
-        if (!other.has_told.exchange(true)) told.set_value(blocked_signals());
-    }
-    TellsOnTheTimer(TellsOnTheTimer&& other) noexcept : told(other.told) {}
-    void operator()() const {}
-    std::promise<std::string>& told;
-    mutable std::atomic<bool> has_told{false};
-};
-
 struct TellsOnItsThread : ThreadManager {
     void run_thread() override { told.set_value(blocked_signals()); }
     std::promise<std::string> told;
@@ -267,7 +259,9 @@ TEST(LibraryThreads, LeaveTheSignalsOfTheApplicationAlone) {
     EXPECT_EQ(manager.told.get_future().get(), "110");
     manager.join_thread();
     Scheduler scheduler;
-    scheduler.schedulePeriodic(TellsOnTheTimer(of_timer), 1ms, nullptr);
+    std::once_flag told;
+    const auto tell = [&] { of_timer.set_value(blocked_signals()); };
+    scheduler.schedulePeriodic(ActsOnTheTimer([&] { std::call_once(told, tell); }), 1ms, nullptr);
     scheduler.start();
     EXPECT_EQ(of_timer.get_future().get(), "110");
     scheduler.stop();
