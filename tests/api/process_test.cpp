@@ -169,6 +169,7 @@ TEST(RunningCallback, EndsBeforeTheManagerThatItAsks) {
         EXPECT_EQ(g_events, 2) << "it had not ended";
         EXPECT_EQ(g_failed, 0) << "it asked and found no manager";
     }
+    EXPECT_EQ(kiv_close(), KIV_OK) << "once more";
 }
 
 /// Each in a process of its own, started anew: in a forked child of this one the library refuses its service.

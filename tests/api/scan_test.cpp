@@ -171,16 +171,6 @@ TEST_F(Scan, AndCloseDoNothingOnAThreadOfTheLibrary) {
     EXPECT_EQ(info_of(1), KIV_OK) << "the cards are still there";
 }
 
-TEST_F(Scan, MayBeClosedWithoutOneAndTwice) {
-    EXPECT_EQ(kiv_close(), KIV_OK);
-    RunningSimulator simulator;
-    ASSERT_EQ(scan(), KIV_OK);
-    EXPECT_EQ(kiv_close(), KIV_OK);
-    EXPECT_EQ(kiv_close(), KIV_OK);
-    EXPECT_EQ(info_of(1), KIV_ERR_NOT_OPENED);
-    EXPECT_EQ(scan(), KIV_OK) << "no new open is needed";
-}
-
 TEST_F(Scan, OfEachCardLetsNoBadOneHideTheOthers) {
     const uint16_t closed = unused_port();
     RunningSimulator simulator({card_with_fault(9, fault(wire::kReadPci64).nth(5).status(-1)),
