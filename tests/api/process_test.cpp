@@ -144,7 +144,7 @@ void wait_for_callback() {
     // The scan reads five registers, the first poll the sixth.
     RunningSimulator simulator({card_with_fault(1, fault(wire::kReadPci64).nth(6).delay_ms(60000))});
     if (scan() != KIV_OK) end_with(false);
-    std::this_thread::sleep_for(milliseconds(1600));
+    if (!wait_until([&] { return simulator.calls(wire::kReadPci64).size() == 6; })) end_with(false);
     std::exit(42);
 }
 
