@@ -7,12 +7,12 @@
 
 namespace {
 
-/// One object for each line of a file.
+/// One object for each whole line of a file: the last may be half written.
 template <typename Make>
 auto objects_of(const std::string& file, Make make) {
     std::vector<decltype(make(Json()))> objects;
     std::istringstream lines(read_file(file));
-    for (std::string line; std::getline(lines, line);)
+    for (std::string line; std::getline(lines, line) && !lines.eof();)
         objects.push_back(make(parsed(line)));
     return objects;
 }
