@@ -2,6 +2,7 @@
 // finished leaks nothing: hence the low-level calls.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <CommonCrypto/CommonDigest.h>
+#include <openssl/crypto.h>
 #include <openssl/md5.h>
 
 namespace {
@@ -11,6 +12,12 @@ static_assert(sizeof(MD5_CTX) <= sizeof(CC_MD5_CTX) && alignof(MD5_CTX) <= align
 
 MD5_CTX* inside(CC_MD5_CTX* context) {
     return reinterpret_cast<MD5_CTX*>(context);
+}
+
+/// Libraries of macOS do not take themselves down at the process's exit. libcrypto does, unless its first
+/// call says otherwise: a thread that is in a call then may be using it, or libcurl may be loading it there.
+[[gnu::constructor]] void keep_libcrypto() {
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 }
 
 }  // namespace
