@@ -118,10 +118,7 @@ TEST_F(Kivctl, ServeTellsPrometheusWhatTheCardsTell) {
         "hwmon": [{"label": "QSFP1 Case Temperature", "input": -4, "max": 70, "critical": 80},
                   {"label": "QSFP2 Case Temperature", "input": "hot", "max": 70, "critical": 80}]})");
     Serve serve;
-    EXPECT_TRUE(serve.wait_for({"kiv_flash_slot_info{card='1'", "kiv_flash_slot_info{card='2'"}));
-    const Page page = serve.get("/metrics");
-    EXPECT_TRUE(has(page.head, "\r\nContent-Type: text/plain; version=0.0.4"));
-    const char* const kLines[] = {
+    const Lines lines{
         R"(kiv_card_up{card="1"} 1)",
         R"(kiv_port_up{card="1",port="0"} 1)",
         R"(kiv_port_up{card="1",port="1"} 0)",
@@ -138,21 +135,26 @@ TEST_F(Kivctl, ServeTellsPrometheusWhatTheCardsTell) {
         R"(kiv_flash_slot_info{card="1",slot="1",image="10ee8a7a77e3dde67b062e99efe8ea07",next_boot="no"} 1)",
         R"(kiv_stream_resources{card="1",direction="tx",resource="2"} 16)",
         R"(kiv_source_up{card="2",source="server"} 1)"};
-    for (const char* const line : kLines)
-        EXPECT_TRUE(Serve::has(page.body, line + "\n"s)) << line << " is not in\n" << page.body;
+    Page page;
+    EXPECT_TRUE(wait_until([&] {
+        page = serve.get("/metrics");
+        return std::all_of(lines.begin(), lines.end(),
+                           [&](const std::string& line) { return Serve::has(page.body, line + "\n"); });
+    })) << page.body;
+    EXPECT_TRUE(has(page.head, "\r\nContent-Type: text/plain; version=0.0.4"));
     for (const char* const none :
          {R"(kiv_temperature_celsius{card="1",sensor="QSFP2)",
           R"(kiv_temperature_celsius{card="1",sensor="FPGA)", R"(kiv_board_power{card="1")"})
         EXPECT_FALSE(Serve::has(page.body, none)) << "not reported, yet there is " << none;
     const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
     const std::tuple<const char*, double, double> ranges[] = {
-        {R"(kiv_ptp_time_seconds{card="2"})", now.count() + 37 - 3, now.count() + 37 + 1},
-        {R"(kiv_ptp_offset_seconds{card="2"})", -0.05, 0.05},
-        {R"(kiv_source_last_success_timestamp_seconds{card="2",source="server"})", now.count() - 3,
+        {R"(kiv_ptp_time_seconds{card="2"})", now.count() + 37 - 15, now.count() + 37 + 1},
+        {R"(kiv_ptp_offset_seconds{card="2"})", -1, 1},
+        {R"(kiv_source_last_success_timestamp_seconds{card="2",source="server"})", now.count() - 15,
          now.count()},
-        {R"(kiv_source_age_seconds{card="2",source="driver"})", 1e-6, 3},
-        {R"(kiv_source_sample_duration_seconds{card="2",source="server"})", 1e-6, 2},
-        {R"(kiv_scan_duration_seconds)", 1e-6, 2}};
+        {R"(kiv_source_age_seconds{card="2",source="driver"})", 1e-6, 15},
+        {R"(kiv_source_sample_duration_seconds{card="2",source="server"})", 1e-6, 15},
+        {R"(kiv_scan_duration_seconds)", 1e-6, 15}};
     for (const auto& [series, least, most] : ranges) {
         const double value = value_of(page.body, series);
         EXPECT_TRUE(value >= least && value <= most) << series << " " << value;
@@ -165,12 +167,11 @@ TEST_F(Kivctl, ServeTellsPrometheusWhatTheCardsTell) {
     EXPECT_EQ(json["flash"]["state"], "busy");
     EXPECT_EQ(json["sensors"][6]["state"], "not reported");
     EXPECT_FALSE(json["ages"]["ptp"]["stale"]);
-    EXPECT_TRUE(
-        wait_until([&] { return !serve.json("/history.json?card=1")["series"][0]["points"].empty(); }));
-    const Json history = serve.json("/history.json?card=2");
-    EXPECT_EQ(history["series"].size(), 12u);
-    EXPECT_EQ(history["series"][0]["points"].back(), 58);
-    EXPECT_EQ(history["series"][7]["points"].back(), 42.5);
+    EXPECT_TRUE(wait_until([&] {
+        const Json series = serve.json("/history.json?card=2")["series"];
+        return series.size() == 12 && !series[0]["points"].empty() && series[0]["points"].back() == 58 &&
+               series[7]["points"].back() == 42.5;
+    }));
     EXPECT_EQ(serve.end().status, 0);
 }
 
@@ -182,11 +183,11 @@ TEST_F(Kivctl, ServeDropsWhatFailsAndTakesUpWhatReturns) {
 
     simulator->control("POST", "/http_faults", R"({"path": "/hps/", "cut": "before"})", 1);
     EXPECT_TRUE(serve.wait_for({"kiv_source_up{card='1',source='server'} 0"}));
+    EXPECT_TRUE(serve.wait_for(
+        {"kiv_port_up{card='1',port='0'} 1", "kiv_temperature_celsius{card='2',sensor='FPGA fabric'} 58"}));
     const std::string metrics = serve.metrics();
     const char* const kGone = "kiv_(temperature_celsius|flash|ptp_locking|ptp_offset|board_power)\\w*";
     EXPECT_EQ(series_of(metrics, "1", kGone), 0) << metrics;
-    EXPECT_TRUE(Serve::has(metrics, "kiv_port_up{card='1',port='0'} 1"));
-    EXPECT_TRUE(Serve::has(metrics, "kiv_temperature_celsius{card='2',sensor='FPGA fabric'} 58"));
     EXPECT_GE(value_of(metrics, R"(kiv_errors_total{card="1",source="server",layer="server"})"), 1);
     const Json failing = serve.cards()[0];
     EXPECT_EQ(failing["sensors"][0]["input"], 58) << "the last good value stays";
@@ -394,18 +395,15 @@ TEST_F(Kivctl, ServeScrapesSixtyFourCardsInTheTimeOfTheSlowest) {
         return all;
     };
     EXPECT_TRUE(wait_until([&] { return all_there(serve.metrics()); }));
-    milliseconds shortest = std::chrono::seconds(60);  // The machine may be busy with other things.
-    for (int i = 0; i < 3; ++i) {
-        // No sample is fresh any more.
-        const Stopwatch old;
-        wait_until([&] { return old.elapsed() > milliseconds(1500); });
-        const Stopwatch watch;
-        const std::string metrics = serve.metrics();
-        shortest = std::min(shortest, watch.elapsed());
-        EXPECT_TRUE(all_there(metrics));
-    }
-    RecordProperty("scrape_ms", static_cast<int>(shortest.count()));
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LE(shortest, kSlow * 13 / 10 + milliseconds(5) * kCards) << "of 64 cards";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr milliseconds kLimit = std::chrono::seconds(20);
+#else
+    constexpr milliseconds kLimit = kSlow * 13 / 10 + milliseconds(5) * kCards;
 #endif
+    // More than once: the machine may be busy with other things.
+    EXPECT_TRUE(wait_until([&] {
+        std::this_thread::sleep_for(milliseconds(1500));  // No sample is fresh any more.
+        const Stopwatch watch;
+        return all_there(serve.metrics()) && watch.elapsed() <= kLimit;
+    }));
 }
