@@ -7,7 +7,7 @@ if(APPLE)
 endif()
 
 # What makes faults of memory harder to exploit, in the builds that are shipped: those that are optimised. docs/security.md
-# names what each is for.
+# lists them.
 set(kiv_flags "${CMAKE_CXX_FLAGS}")
 if(CMAKE_BUILD_TYPE)
   string(TOUPPER ${CMAKE_BUILD_TYPE} type)
