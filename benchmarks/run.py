@@ -60,7 +60,8 @@ def ratio(row):
 
 def change(row, former):
     """How a row differs from the former run: by its ratio to the floor where it has one, which the machine matters less to."""
-    old = next((each for each in former if (each["group"], each["name"]) == (row["group"], row["name"])), None)
+    keys = ("group", "name", "what_the_floor_is")
+    old = next((each for each in former if all(each.get(key) == row.get(key) for key in keys)), None)
     measure_of = "ratio" if "ratio" in row else "ours"
     if old is None or not old.get(measure_of):
         return "new"

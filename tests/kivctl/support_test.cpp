@@ -100,6 +100,7 @@ TEST_F(Support, IsOneFileThatTellsWhatIsInIt) {
     }
     EXPECT_EQ(members, static_cast<std::size_t>(std::count(ended.out.begin(), ended.out.end(), '\n')) - 4);
 
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     const std::string before = read_file(file);
     expect_error(run({"support", "-o", file}), 1, "exists already, and stays as it is");
     EXPECT_EQ(read_file(file), before);
