@@ -106,6 +106,7 @@ TEST_F(Log, EverySinkWritesLevelLineAndText) {
             {KIV_LOG_LEVEL_DEBUG, path_, {"console", "file", "syslog", "os_log"}, "some.id", "x"});
         kivLog_dispatch_spdlog(KIV_LOG_LEVEL_ERROR, "source", 1, "100%s {}");
         kivLog_dispatch_spdlog(KIV_LOG_LEVEL_WARNING, nullptr, 0, "");
+        kivLog_dispatch_spdlog(KIV_LOG_LEVEL_WARNING, "source", 2, nullptr);
         kivLog_dispatch_spdlog(KIV_LOG_LEVEL_INFO, "source", 22, "two\nlines");
         kivLog_dispatch_spdlog(KIV_LOG_LEVEL_DEBUG, "source", 4444, "detail");
         back_end().getLogger()->critical("of the application");

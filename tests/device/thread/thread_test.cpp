@@ -138,12 +138,16 @@ TEST_F(SchedulerTest, CancellingLeavesTheRunsThatAPoolHoldsAndStoppingRemovesEve
     EXPECT_TRUE(others_.reach(2));
     scheduler_.cancel(12345);
     scheduler_.cancel(1);
+    drain(*others);
+    const std::size_t cancelled_at = others_.count;
+    EXPECT_TRUE(others_.reach(cancelled_at + 5));
     scheduler_.stop();
     EXPECT_EQ(runs_.count, 0u);
     gate_.open = true;
     EXPECT_TRUE(runs_.reach(1));
     drain(*pool_);
     const std::size_t held = runs_.count;
+    EXPECT_LE(held, cancelled_at + 1);
     scheduler_.schedulePeriodic(std::ref(runs_), 1ms, pool_);
     scheduler_.stop();
     EXPECT_EQ(scheduler_.schedulePeriodic(std::ref(others_), 1ms, others), 4u);
