@@ -249,7 +249,7 @@ double peak_of(const std::function<void()>& work) {
 
 void measure_files(Report& report, const Server& server, const Directory& directory) {
     HttpClient client(server.url());
-    for (const std::size_t size : {64, 256}) {
+    for (const std::size_t size : {std::size_t{64}, std::size_t{256}}) {
         const std::string all = fmt::format("/{}", size);
         const std::string path = directory.firmware(size);
         const auto upload = [&] { require_success(client.upload("/small", path)); };
