@@ -5,6 +5,6 @@
 
 int main(int argc, char**) {
     if (argc < 2) return 0;
-    kiv_scan_t cards{};
-    std::_Exit(kiv_scan(&cards) == KIV_OK ? 0 : 1);
+    kiv_scan_each_t cards{};  // As kivctl does: all cards at once.
+    std::_Exit(kiv_scan_each(nullptr, 0, &cards) == KIV_OK ? 0 : 1);
 }

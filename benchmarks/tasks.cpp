@@ -158,6 +158,7 @@ void measure_hand_over(Report& report) {
 #endif
     const auto times = measure(Plan{.rounds = 25, .repetitions = 1000}, works);
     if (times.size() > 2) compare(report, kName, times[0], times[2], kAsio);
+    if (times.size() == 2) report.skip(kName, "Boost.Asio is not installed");
     compare(report, kName, times[0], times[1], "bare condition variable");
 }
 
@@ -247,7 +248,7 @@ void measure_pass(Report& report) {
         if (jobs == 1000) thousand = ours;
         // Linear: a job costs no more among many, but for the memory that no cache holds.
         if (jobs == 100'000)
-            report.add({"a job of 100,000", "ns", ours, thousand, "a job of 1,000", {{4, 0}}});
+            report.add({"a job of 100,000", "ns", ours, thousand, "a job of 1,000", {{2, 0}}});
     }
 }
 
