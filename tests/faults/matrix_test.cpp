@@ -58,7 +58,9 @@ std::vector<Cell> driver_cells(const Function& f) {
         if (asked.selector == wire::kInit || asked.selector == wire::kDeinit)
             continue;  // They have no reply.
         const std::string cut = asked.cut;
-        cells.push_back({"cut reply" + of, cut.empty() ? f.good : cut, selector + R"("reply_size": 0)"});
+        for (const char* const left : {"0", "3"})
+            cells.push_back({left + (" bytes of the reply" + of), cut.empty() ? f.good : cut,
+                             selector + R"("reply_size": )" + left});
     }
     if (!cells.empty()) cells.push_back({"process gone", f.gone, ""});
     return cells;

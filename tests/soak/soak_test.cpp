@@ -1,14 +1,28 @@
 // What a long life leaves behind: eight threads that call, on a machine where everything fails at some time.
 // After each round all is well again, and counts and figures must be as before. KIV_SOAK_MINUTES says how
 // long, KIV_SOAK_SEED which life.
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstring>
 #include <iomanip>
 #include <iostream>
 
 #include "soak/Calls.h"
 #include "soak/Machine.h"
 #include "soak/Samples.h"
+#include "support/ConfigurationFile.h"
+#include "support/TemporaryDirectory.h"
 #include "support/Test.h"
 #include "support/ThisProcess.h"
+
+/// Stands before the system's: here the card configuration is a file of the test's own. On a Mac the library
+/// does not see this, and uses the machine's.
+static std::string g_configuration;
+extern "C" __attribute__((visibility("default"))) FILE* fopen(const char* path, const char* mode) {
+    static const auto real = reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
+    return real(std::strncmp(path, "/Library/", 9) == 0 ? g_configuration.c_str() : path, mode);
+}
 
 /// Asked by the leak checker at exit. In a forked child it would take for leaks what only the stacks of
 /// threads point at that are not there.
@@ -42,7 +56,7 @@ Figure g_figures[] = {
     {"descriptors", [] { return double(open_descriptors()); }, 0.01},
     {"threads", [] { return double(running_threads()); }, 0.01},
     {"KiB resident", [] { return double(resident_kib()); }, kMostResident},
-    {"KiB allocated", [] { return double(allocated_bytes()) / 1024; }, 16},
+    {"KiB allocated", [] { return double(allocated_bytes()) / 1024 - 0.35 * double(g_ports); }, 4},
 };
 
 /// Everything is well: each query works, and one change of a link is one call for each registration.
@@ -129,6 +143,9 @@ TEST(Soak, LeavesEverythingAsItWas) {
     auto seed = static_cast<unsigned>(
         std::stoul(from_environment("KIV_SOAK_SEED", std::to_string(std::random_device()()))));
     std::cout << "KIV_SOAK_SEED=" << seed << std::endl;
+    const TemporaryDirectory directory;
+    g_configuration = directory / "configuration";
+    write_file(g_configuration, ConfigurationFile::sample());
     Machine machine(KIVSIM_PROGRAM, EXIT_IN_CALLS_PROGRAM);
     const Stopwatch watch;
     const auto lived = [&] { return std::chrono::duration<double, std::ratio<60>>(watch.elapsed()).count(); };
@@ -140,6 +157,8 @@ TEST(Soak, LeavesEverythingAsItWas) {
         sample(rounds++ == 0 ? 0 : lived());
     } while (!testing::Test::HasFailure() && (lived() < minutes || rounds < 3));
     print_table();
+    for (const Call& call : g_calls)
+        EXPECT_TRUE(rounds < 20 || call.good > 0 || !call.codes.contains(KIV_OK)) << call.name;
     for (const Figure& figure : g_figures) {
         EXPECT_TRUE(!figure.is_counted() || figure.samples.last() <= figure.samples.first()) << figure.name;
         // Fewer rounds tell no slope.
