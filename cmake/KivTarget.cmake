@@ -63,7 +63,7 @@ function(kiv_target target)
 endfunction()
 
 # kiv_precompile(<target> <header>...): what many sources of a target include is compiled once, these headers and some of the
-# language's. scripts/lint and the checks with libc++ go without, and see that every source includes what it uses.
+# language's. scripts/lint goes without, and sees that every source includes what it uses.
 function(kiv_precompile target)
   target_precompile_headers(${target} PRIVATE ${ARGN} <algorithm> <chrono> <functional> <map> <memory> <mutex> <optional>
                             <string> <thread> <vector>)

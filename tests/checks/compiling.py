@@ -10,13 +10,11 @@ RULE = """rule compile
 """
 
 
-def report(commands, folder, what, needs=None):
-    """Ends the check with what the commands, by the names of their files, complain of. The folder keeps what was compiled.
-    `needs` has the names of those that need another's file first, with the other's."""
+def report(commands, folder, what):
+    """Ends the check with what the commands, by the names of their files, complain of. The folder keeps what was compiled."""
     checking.need("ninja")
     folder.mkdir(exist_ok=True)
-    after = {name: f" | {other}.done" for name, other in (needs or {}).items()}
-    builds = [f"build {name}.done: compile{after.get(name, '')}\n  words = {shlex.join(command).replace('$', '$$')}\n"
+    builds = [f"build {name}.done: compile\n  words = {shlex.join(command).replace('$', '$$')}\n"
               for name, command in commands.items()]
     (folder / "build.ninja").write_text(RULE + "".join(builds))
     ended = checking.run("ninja", "-C", folder, "-k", "0", "-j", "2", "--quiet", timeout=None)
