@@ -13,6 +13,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -73,8 +74,9 @@ class Running {
     int output_ = -1;
 };
 
-kivbench::Work run(const std::vector<std::string>& words) {
-    return each([words] { require(Running(words, false).status() == 0, words[0] + " fails"); });
+kivbench::Work run(std::vector<std::string> words) {
+    return each(
+        [words = std::move(words)] { require(Running(words, false).status() == 0, words[0] + " fails"); });
 }
 
 void measure_start(Report& report) {

@@ -7,6 +7,7 @@
 #include "support/report.h"
 
 #if __has_include(<boost/asio/thread_pool.hpp>)
+#define BOOST_ASIO_HAS_STD_INVOKE_RESULT 1  // Boost 1.74 asks older compilers for what C++20 has removed.
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #define KIV_HAS_ASIO 1
