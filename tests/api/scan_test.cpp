@@ -29,7 +29,12 @@ TEST_F(Scan, GivesOneRecordForEachCard) {
         EXPECT_EQ(card.ip_address_0, 0xC0A80A0Au + card.device_id);
         EXPECT_EQ(card.ip_address_1, 0xC0A8140Au + card.device_id);
     }
-    EXPECT_EQ(simulator.calls(wire::kInit).size(), 4u) << "every function is opened once";
+    // And it costs no more than it must.
+    std::vector<uint32_t> opening{wire::kLoadBootConf, wire::kGetDeviceConf, wire::kInit};
+    EXPECT_EQ(simulator.selectors("card 1 function 1"), opening);
+    opening.insert(opening.end(), 5, wire::kReadPci64);
+    EXPECT_EQ(simulator.selectors("card 1 function 0"), opening);
+    EXPECT_EQ(simulator.requests().size(), 4u);
 }
 
 TEST_F(Scan, WithoutCardsIsASuccessThatMakesTheManagerActive) {
