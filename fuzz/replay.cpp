@@ -7,7 +7,7 @@
 #include "input.h"
 #include "support/TemporaryDirectory.h"
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): it is to be seen.
     std::vector<std::filesystem::path> files;
     for (int i = 1; i < argc; ++i) {
         if (!std::filesystem::is_directory(argv[i])) {
