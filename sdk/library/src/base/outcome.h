@@ -31,7 +31,7 @@ class Outcome {
         {
             const std::lock_guard lock(mutex_);
             result_ = std::move(result);
-            failure_ = std::move(failure);
+            std::swap(failure_, failure);
         }
         known_.notify_all();
     }
