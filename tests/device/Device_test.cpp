@@ -222,6 +222,11 @@ TEST(Device, WithoutFunctionsOrServerFailsInsteadOfCrashing) {
     device.enableEvent(KIV_EVENT_HWMON);
     EXPECT_FALSE(device.poll_1sec());
     EXPECT_TRUE(device.poll_60sec());
+
+    auto untold = kivsim::believable_card(1);  // Its driver knows no tunnel.
+    untold.external_server = true;
+    untold.tunnel_address = 0;
+    EXPECT_EQ(OneCard({untold}).device->reconfig_net_work({}, {}), KIV_ERR_FAILED);
 }
 
 TEST(DeviceTimes, AreZeroWithoutADriverThatTellsThem) {
