@@ -31,7 +31,9 @@ TEST_F(Scan, GivesOneRecordForEachCard) {
     }
     // And it costs no more than it must.
     std::vector<uint32_t> opening{wire::kLoadBootConf, wire::kGetDeviceConf, wire::kInit};
-    EXPECT_EQ(simulator.selectors("card 1 function 1"), opening);
+    auto second = simulator.selectors("card 1 function 1");
+    std::erase(second, wire::kReadPci64);  // Of the polls, which have begun.
+    EXPECT_EQ(second, opening);
     opening.insert(opening.end(), 5, wire::kReadPci64);
     EXPECT_EQ(simulator.selectors("card 1 function 0"), opening);
     EXPECT_EQ(simulator.requests().size(), 4u);
