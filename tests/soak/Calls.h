@@ -215,6 +215,13 @@ inline kiv_result_t scan_each(uint8_t id, Random& random) {
     return result;
 }
 
+/// Whether the card configuration is the test's own.
+inline std::atomic<bool> g_own_configuration{false};
+
+inline kiv_result_t save(uint8_t, Random&) {
+    return g_own_configuration ? kiv_configure_save() : KIV_OK;
+}
+
 inline kiv_result_t open_library(uint8_t, Random&) try {
     const kiv_log_config_t config{KIV_LOG_LEVEL_ERROR};
     return kiv_open(&config);
@@ -245,7 +252,7 @@ inline Call g_calls[] = {
     {"disable event",   10, kChange, any_event<kiv_disable_event>,                              {kOk, kNone, kGone}},
     {"selected card",   10, kChange, [](uint8_t, Random&) { uint8_t id = 0; return kiv_get_id_selected_ptp_card(&id); }, {kFailed}},
     {"unknown card",    10, kChange, [](uint8_t, Random& r) { return query<kiv_get_card_info, kiv_card_info_t>(200, r); }, {kNone, kGone}},
-    {"save",             2, kChange, [](uint8_t, Random&) { return kiv_configure_save(); },     {kOk}},
+    {"save",             2, kChange, save,                                                      {kOk}},
     {"log line",        10, kChange, [](uint8_t, Random&) { return kiv_log_print(KIV_LOG_LEVEL_DEBUG, "soak"); }, {kOk}},
     {"driver client",    4, kChange, use_driver,                                                {kOk, 0xFFFFFFFFu}, true},
     {"server client",    4, kChange, use_server,                                                {kOk, 0xFFFFFFFFu, kThrew}},

@@ -16,12 +16,20 @@
 #include "support/Test.h"
 #include "support/ThisProcess.h"
 
-/// Stands before the system's: here the card configuration is a file of the test's own. On a Mac the library
-/// does not see this, and uses the machine's.
+/// These stand before the system's: here the card configuration is a file of the test's own. On a Mac the
+/// library does not see this, and reads the machine's, which is not written.
 static std::string g_configuration;
-extern "C" __attribute__((visibility("default"))) FILE* fopen(const char* path, const char* mode) {
+static FILE* open_file(const char* path, const char* mode) {
     static const auto real = reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
-    return real(std::strncmp(path, "/Library/", 9) == 0 ? g_configuration.c_str() : path, mode);
+    if (std::strncmp(path, "/Library/", 9) != 0) return real(path, mode);
+    g_own_configuration = true;
+    return real(g_configuration.c_str(), mode);
+}
+extern "C" __attribute__((visibility("default"))) FILE* fopen(const char* path, const char* mode) {
+    return open_file(path, mode);
+}
+extern "C" __attribute__((visibility("default"))) FILE* fopen64(const char* path, const char* mode) {
+    return open_file(path, mode);
 }
 
 /// Asked by the leak checker at exit. In a forked child it would take for leaks what only the stacks of
