@@ -261,3 +261,28 @@ TEST(HttpClient, AReplyOfMoreThan64MebibytesIsNoAnswerExceptToADownloadThatSucce
     EXPECT_EQ(std::filesystem::file_size(directory / "file"), most.size() + 1);
     EXPECT_EQ(text(client.download("/", directory / "none")), "failure 0 [] retry over");
 }
+
+TEST(HttpClient, AHeadOrTrailersOfMoreThanAMebibyteAreNoAnswer) {
+    const auto lines = [](std::size_t bytes) {
+        std::string all;
+        while (all.size() < bytes)
+            all += "X-Line: " + std::string(1014, 'x') + "\r\n";
+        return all;
+    };
+    const auto trailed = [](const std::string& trailers) {
+        return LoopbackServer::Reply{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n" +
+                                     trailers + "\r\n"};
+    };
+    const std::string most = lines((1 << 20) - 2048), more = lines(1 << 20);
+    const LoopbackServer server({trailed(most),
+                                 trailed(more),
+                                 trailed(more),
+                                 trailed(more),
+                                 {"HTTP/1.1 200 OK\r\n" + more + "Content-Length: 2\r\n\r\n{}"}});
+    HttpClient client(server.url());
+    EXPECT_EQ(text(client.get("/")), "success 200 [{}]");
+    CapturedLog log;
+    EXPECT_EQ(text(client.get("/")), "failure 0 [] retry over");
+    EXPECT_EQ(log.take(), failed_attempts(CURLE_WRITE_ERROR, 3));
+    EXPECT_EQ(text(client.get("/")), "failure 0 [] retry over");
+}

@@ -23,6 +23,7 @@
 namespace {
 
 constexpr const char* kJson = "application/json";
+constexpr std::size_t kMostHead = 1 << 20;    // Bytes of an answer beside its body.
 constexpr int kLongestTimeLimit = 2'147'483;  // Seconds: libcurl counts milliseconds in 31 bits.
 constexpr const char* kBoundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW";  // Stays: docs/oddities.md.
 
@@ -109,6 +110,16 @@ std::size_t append_received(char* data, std::size_t size, std::size_t count, voi
     } catch (...) {
         return 0;
     }
+}
+
+/// Takes the size of each line of head and trailers from `user`, which says how many bytes may come. libcurl
+/// keeps all these lines; it limits those of the head only, and not in every version. A short count ends the
+/// transfer.
+std::size_t limit_head(char*, std::size_t size, std::size_t count, void* user) noexcept {
+    std::size_t& left = *static_cast<std::size_t*>(user);
+    if (size * count > left) return 0;
+    left -= size * count;
+    return size * count;
 }
 
 int tell_progress(void* user, curl_off_t, curl_off_t, curl_off_t total, curl_off_t sent) noexcept {
@@ -277,6 +288,7 @@ HttpResult HttpClient::attempt(const Request& request) {
     if (!handle) throw std::runtime_error("curl init failed");
     HeaderList headers;
     Received received{handle.get(), request.most_received};
+    std::size_t head_left = kMostHead;
     const std::string url = base_url_ + request.path;
     const bool limited = request.timeout >= 0 && request.timeout <= kLongestTimeLimit;
 
@@ -286,6 +298,8 @@ HttpResult HttpClient::attempt(const Request& request) {
     options.set(CURLOPT_TIMEOUT, limited ? static_cast<long>(request.timeout) : 0L);
     options.set(CURLOPT_WRITEFUNCTION, &append_received);
     options.set(CURLOPT_WRITEDATA, &received);
+    options.set(CURLOPT_HEADERFUNCTION, &limit_head);
+    options.set(CURLOPT_HEADERDATA, &head_left);
     options.set(CURLOPT_TCP_KEEPALIVE, 1L);
     options.set(CURLOPT_TCP_KEEPIDLE, 60L);
     options.set(CURLOPT_TCP_KEEPINTVL, 30L);

@@ -28,8 +28,8 @@ struct HttpResult {
 using UploadProgress = std::function<void(uint64_t sent, uint64_t total)>;
 
 /// Sends requests to paths under one base URL. An attempt that gets no answer is repeated; any answer ends
-/// the request. A response body of more than 64 MiB counts as no answer, except to a download that succeeds.
-/// The disposition of SIGPIPE stays as it is.
+/// the request. A response body of more than 64 MiB counts as no answer, except to a download that succeeds;
+/// a head of more than 1 MiB, with its trailers, never is one. The disposition of SIGPIPE stays as it is.
 ///
 /// Log lines go to kivLog.h: there are none before kivLog_open or kiv_open.
 ///
