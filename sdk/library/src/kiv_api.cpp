@@ -60,6 +60,7 @@ namespace {
 /// Apart from kiv_log_print, which needs no stack for a line that is dropped.
 [[gnu::noinline]] kiv_result_t print(kiv_log_level_t level, const char* message) noexcept {
     return guarded([&]() -> kiv_result_t {
+        if (Process::inherited()) return KIV_ERR_NOT_OPENED;
         if (message == nullptr) return null_argument();
         kivLog_dispatch(level, kApiSource, kApplicationLine, message);
         return KIV_OK;
@@ -69,8 +70,9 @@ namespace {
 }  // namespace
 
 kiv_result_t kiv_log_print(kiv_log_level_t level, const char* message) {
-    if (Process::inherited()) return KIV_ERR_NOT_OPENED;
-    return message != nullptr && kiv::log::is_dropped(level) ? KIV_OK : print(level, message);
+    if (message != nullptr && kiv::log::is_dropped_at_once(level)) [[likely]]
+        return KIV_OK;
+    return print(level, message);
 }
 
 // ---- Discovery (the scan itself is in kiv_scan.cpp) -----------------------------------------------------

@@ -11,6 +11,7 @@
 #include <kiv/LogManager.h>
 #include "base/libraryThread.h"
 #include "base/outcome.h"
+#include "log/kivLogDispatch.h"
 
 namespace kiv::api {
 
@@ -35,7 +36,12 @@ Process::Process() {
     // The logging library's own statics are built before the handler is registered: they end after it has
     // run.
     log::LogManager::getInstance();
-    if (pthread_atfork(nullptr, nullptr, [] { inherited_ = claimed_.load(); }) != 0) throw std::bad_alloc();
+    const auto note_in_child = [] {
+        if (!claimed_) return;
+        inherited_ = true;
+        log::drop_nothing_at_once();  // For kiv_log_print, which is refused there.
+    };
+    if (pthread_atfork(nullptr, nullptr, note_in_child) != 0) throw std::bad_alloc();
     std::atexit([] { instance().end(); });
 }
 

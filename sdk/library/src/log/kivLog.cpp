@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <limits>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -15,6 +16,7 @@
 #include "log/kivLogDispatch.h"
 
 constinit std::atomic<kiv_log_level_t> kiv::log::g_threshold{KIV_LOG_LEVEL_ERROR};
+constinit std::atomic<kiv_log_level_t> kiv::log::g_dropped_above{KIV_LOG_LEVEL_ERROR};
 constinit std::atomic<kiv_log_sink_t> kiv::log::g_sink{KIV_LOG_SINK_DEFAULT};
 
 namespace {
@@ -69,9 +71,10 @@ kiv_result_t open(const kiv_log_config_t* config, kiv_log_sink_t sink, Callback 
         {
             const std::lock_guard lock(state().mutex);
             state().callback = callback;
+            g_threshold = config->level;
+            kiv::log::g_dropped_above = config->level;
         }
         g_sink = sink;
-        g_threshold = config->level;
         back_end.level = config->level;
     }
     LogManager::getInstance().init(back_end);
@@ -87,6 +90,10 @@ kiv_result_t open(const kiv_log_config_t* config, kiv_log_sink_t sink, Callback 
 }
 
 }  // namespace
+
+void kiv::log::drop_nothing_at_once() noexcept {
+    g_dropped_above = std::numeric_limits<kiv_log_level_t>::max();
+}
 
 kiv_result_t kivLog_open(const kiv_log_config_t* config, kiv_log_sink_t sink, kiv_log_callback_t callback,
                          void* user_data) {
@@ -118,7 +125,7 @@ kiv_result_t kivLog_close() {
 }
 
 kiv_result_t kivLog_print(kiv_log_level_t level, const char* message) {
-    return message == nullptr || kiv::log::is_dropped(level) ? KIV_OK : print(level, message);
+    return message == nullptr || kiv::log::is_dropped_at_once(level) ? KIV_OK : print(level, message);
 }
 
 kiv_log_sink_t kivLog_get_type() {
