@@ -119,8 +119,8 @@ std::string path_in_its_place() {
 }
 
 /// The doctor keeps what it finds until the process ends: a thread of it may hang in a driver for ever. The
-/// simulator's thread lives, with its list: after some 32,768 threads the checker of clang 14 takes the stack
-/// of an earlier one of the same number for its stack.
+/// simulator's thread lives, with its list: once the system gives numbers of threads a second time, the
+/// checker of clang 14 may look at the stack of the one that had its number before.
 // Not hidden: the leak checker may be a library of its own.
 extern "C" [[gnu::visibility("default")]] const char* __lsan_default_suppressions();
 const char* __lsan_default_suppressions() {

@@ -70,9 +70,9 @@ TEST(ForkedChild, GetsErrorsAndEndsAtOnceWhileItsParentGoesOn) {
             const int status = in_child([&]() -> int {
                 if (executes) std::exit(execl("/nonexistent/program", "program", nullptr) == -1 ? 127 : 0);
                 Results results = ask_everything(1);
-                results.insert(results.end(),
-                               {scan(), kiv_close(), kiv_open(nullptr), kiv_configure_save(),
-                                kiv_log_print(KIV_LOG_LEVEL_NONE, "not dropped, but refused")});
+                results.insert(results.end(), {scan(), kiv_close(), kiv_open(nullptr), kiv_configure_save(),
+                                               kiv_log_print(KIV_LOG_LEVEL_NONE, "not dropped, but refused"),
+                                               kiv_log_print(KIV_LOG_LEVEL_NONE, nullptr)});
                 const bool refused = results == Results(results.size(), KIV_ERR_NOT_OPENED);
                 std::exit(refused && kivDext_new() == 1 && kivDext_get_selected_ptp_card() == 0 ? 42 : 1);
             });

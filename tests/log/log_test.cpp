@@ -158,13 +158,16 @@ TEST_F(Log, WithoutAConfigurationOnlyTheBackEndStartsAtInfo) {
 }
 
 TEST_F(Log, ALineIsWantedUpToTheThresholdAndOtherwiseNotEvenFormatted) {
-    for (kiv_log_level_t threshold = KIV_LOG_LEVEL_ERROR; threshold <= KIV_LOG_LEVEL_NONE; ++threshold) {
+    const kiv_log_level_t levels[] = {-1, 0, 1, 2, 3, 4, 5, INT32_MAX};
+    for (const kiv_log_level_t threshold : levels) {
         open(threshold, KIV_LOG_SINK_CALLBACK, keep, &lines_);
-        for (kiv_log_level_t level = KIV_LOG_LEVEL_ERROR; level <= KIV_LOG_LEVEL_NONE; ++level) {
+        for (const kiv_log_level_t level : levels) {
             const bool wanted = level <= threshold && level != KIV_LOG_LEVEL_NONE;
             lines_.clear();
             kivLog_dispatch(level, "source", 1, "nr {}", level);
-            EXPECT_EQ(lines_, wanted ? Lines{fmt::format("{} nr {}", level, level)} : Lines{}) << threshold;
+            kivLog_print(level, "printed");
+            const Lines both{fmt::format("{} nr {}", level, level), fmt::format("{} printed", level)};
+            EXPECT_EQ(lines_, wanted ? both : Lines{}) << threshold;
             if (!wanted) kivLog_dispatch(level, "source", 1, "{} {}", 1);  // Would throw.
         }
     }

@@ -23,7 +23,7 @@
 namespace {
 
 constexpr const char* kJson = "application/json";
-constexpr std::size_t kMostHead = 1 << 20;    // Bytes of an answer beside its body.
+constexpr std::size_t kMostHead = 1 << 20;    // Bytes of all lines of heads and trailers.
 constexpr int kLongestTimeLimit = 2'147'483;  // Seconds: libcurl counts milliseconds in 31 bits.
 constexpr const char* kBoundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW";  // Stays: docs/oddities.md.
 

@@ -71,10 +71,10 @@ kiv_result_t open(const kiv_log_config_t* config, kiv_log_sink_t sink, Callback 
         {
             const std::lock_guard lock(state().mutex);
             state().callback = callback;
+            g_sink = sink;
             g_threshold = config->level;
             kiv::log::g_dropped_above = config->level;
         }
-        g_sink = sink;
         back_end.level = config->level;
     }
     LogManager::getInstance().init(back_end);

@@ -17,9 +17,9 @@ extern std::atomic<kiv_log_level_t> g_threshold;
 extern std::atomic<kiv_log_sink_t> g_sink;
 
 /// The threshold, or above all levels when more has to be known of a line before it is dropped: an
-/// application's line that is not wanted takes this one look. Local, or the look goes through the table of
-/// addresses.
-KIV_LOCAL extern std::atomic<kiv_log_level_t> g_dropped_above;
+/// application's line that is not wanted takes this one look. Local, as a table of addresses would be a
+/// second look.
+[[gnu::visibility("hidden")]] extern std::atomic<kiv_log_level_t> g_dropped_above;
 
 inline bool is_dropped_at_once(kiv_log_level_t level) {
     return level > g_dropped_above.load(std::memory_order_relaxed);
