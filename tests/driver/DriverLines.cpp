@@ -1,9 +1,9 @@
 #include "driver/DriverLines.h"
 
-#include <regex>
-#include <sstream>
+#include <unistd.h>
 
-#include "support/Test.h"
+#include <cstdlib>
+#include <regex>
 
 namespace {
 
@@ -12,21 +12,26 @@ namespace {
 
 }  // namespace
 
-DriverLines::DriverLines() {
-    testing::internal::CaptureStderr();
+DriverLines::DriverLines() : usual_(dup(STDERR_FILENO)) {
+    dup2(fileno(file_.get()), STDERR_FILENO);
 }
 
 DriverLines::~DriverLines() {
-    testing::internal::GetCapturedStderr();
+    dup2(usual_.get(), STDERR_FILENO);
 }
 
 Lines DriverLines::take() {
-    std::istringstream captured(testing::internal::GetCapturedStderr());
-    testing::internal::CaptureStderr();
     const std::regex start("^[^\\[]+\\[" + std::to_string(getpid()) +
                            "\\] \\[com\\.velmora\\.kiv::\\d+\\]LIBKIVXDEV: ");
     Lines texts;
-    for (std::string line; std::getline(captured, line);)
-        texts.push_back(std::regex_replace(line, start, ""));
+    // Reading through the file's stream would move the place where others write.
+    for (char c = 0; pread(fileno(file_.get()), &c, 1, read_) == 1; ++read_) {
+        if (c != '\n') {
+            line_ += c;
+            continue;
+        }
+        texts.push_back(std::regex_replace(line_, start, ""));
+        line_.clear();
+    }
     return texts;
 }
