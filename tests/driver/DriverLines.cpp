@@ -3,7 +3,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <regex>
+
+#include "support/Patterns.h"
 
 namespace {
 
@@ -21,8 +22,8 @@ DriverLines::~DriverLines() {
 }
 
 Lines DriverLines::take() {
-    const std::regex start("^[^\\[]+\\[" + std::to_string(getpid()) +
-                           "\\] \\[com\\.velmora\\.kiv::\\d+\\]LIBKIVXDEV: ");
+    const std::string start =
+        "^[^\\[]+\\[" + std::to_string(getpid()) + "\\] \\[com\\.velmora\\.kiv::\\d+\\]LIBKIVXDEV: ";
     Lines texts;
     // Reading through the file's stream would move the place where others write.
     for (char c = 0; pread(fileno(file_.get()), &c, 1, read_) == 1; ++read_) {
@@ -30,7 +31,7 @@ Lines DriverLines::take() {
             line_ += c;
             continue;
         }
-        texts.push_back(std::regex_replace(line_, start, ""));
+        texts.push_back(replaced(line_, start, ""));
         line_.clear();
     }
     return texts;

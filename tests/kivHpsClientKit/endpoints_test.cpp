@@ -73,7 +73,7 @@ TEST(hpsEndpoints, EachSendsItsRequestAndReadsThePayloadHoweverWrapped) {
     const std::string image = directory / "fw.bin", log = directory / "log";
     write_file(image, "\r\nimage");
     const std::string json = "application/json|", line = "------WebKitFormBoundary7MA4YWxkTrZu0gW";
-    const std::string document = R"({"z":{"b":[1,"2"]},"a":1.50})", printed = parsed(document).dump(4);
+    const std::string document = R"({"z":{"b":[1,"2"]},"a":1.50})", printed = text_of(parsed(document), 4);
     // clang-format off
     const std::string form = "multipart/form-data; boundary=" + line.substr(2) + "|" + line + "\r\nContent-Disposition: form-data; name=\"file\"; "
         "filename=\"fw.bin\"\r\nContent-Type: application/octet-stream\r\n\r\n\r\nimage\r\n" + line + "--\r\n";

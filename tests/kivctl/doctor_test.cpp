@@ -30,13 +30,13 @@ class Doctor : public KivctlConfigured {
         for (const Json& check : report["checks"]) {
             const bool well = check["result"] == "OK" || check["result"] == "SKIP";
             if (!well) ++not_well;
-            EXPECT_EQ(check["remedy"].is_string(), !well) << check;
+            EXPECT_EQ(check["remedy"].is_string(), !well) << text_of(check);
             if (check["check"] == wanted.check && check["card"] == card) found = check;
         }
-        EXPECT_EQ(not_well, wanted.not_well) << report;
-        ASSERT_FALSE(found.is_null()) << report;
-        EXPECT_EQ(found["result"], wanted.result) << found;
-        EXPECT_TRUE(has(found["message"].get<std::string>(), wanted.phrase)) << found;
+        EXPECT_EQ(not_well, wanted.not_well) << text_of(report);
+        ASSERT_FALSE(found.is_null()) << text_of(report);
+        EXPECT_EQ(found["result"], wanted.result) << text_of(found);
+        EXPECT_TRUE(has(found["message"].get<std::string>(), wanted.phrase)) << text_of(found);
     }
 };
 

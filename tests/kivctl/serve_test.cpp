@@ -6,10 +6,10 @@
 #include <sys/socket.h>
 
 #include <cmath>
-#include <regex>
 
 #include "kivctl/Kivctl.h"
 #include "support/DriverFault.h"
+#include "support/Patterns.h"
 
 namespace {
 
@@ -97,9 +97,8 @@ double value_of(const std::string& metrics, const std::string& series) {
 }
 
 /// How many series of a card have names that this matches.
-long series_of(const std::string& metrics, const std::string& card, const std::string& name = "\\w+") {
-    const std::regex series("\n" + name + "\\{card=\"" + card + "\"");
-    return std::distance(std::sregex_iterator(metrics.begin(), metrics.end(), series), {});
+std::size_t series_of(const std::string& metrics, const std::string& card, const std::string& name = "\\w+") {
+    return matches_of(metrics, "\n" + name + "\\{card=\"" + card + "\"").size();
 }
 
 std::vector<kivsim::CardSettings> cards(unsigned count) {
@@ -161,8 +160,8 @@ TEST_F(Kivctl, ServeTellsPrometheusWhatTheCardsTell) {
         const double value = value_of(page.body, series) - (since == kNow ? now.count() : 0);
         EXPECT_TRUE(value >= least && value <= most) << series << " " << value;
     }
-    EXPECT_LT(series_of(page.body, "2"), 150);
-    EXPECT_GT(series_of(page.body, "2"), 60);
+    EXPECT_LT(series_of(page.body, "2"), 150u);
+    EXPECT_GT(series_of(page.body, "2"), 60u);
 
     const Json json = serve.cards()[0];
     EXPECT_EQ(json["ports"][1]["link"], "down");
@@ -189,7 +188,7 @@ TEST_F(Kivctl, ServeDropsWhatFailsAndTakesUpWhatReturns) {
         {"kiv_port_up{card='1',port='0'} 1", "kiv_temperature_celsius{card='2',sensor='FPGA fabric'} 58"}));
     const std::string metrics = serve.metrics();
     const char* const kGone = "kiv_(temperature_celsius|flash|ptp_locking|ptp_offset|board_power)\\w*";
-    EXPECT_EQ(series_of(metrics, "1", kGone), 0) << metrics;
+    EXPECT_EQ(series_of(metrics, "1", kGone), 0u) << metrics;
     EXPECT_GE(value_of(metrics, R"(kiv_errors_total{card="1",source="server",layer="server"})"), 1);
     const Json failing = serve.cards()[0];
     EXPECT_EQ(failing["sensors"][0]["input"], 58) << "the last good value stays";
@@ -201,7 +200,7 @@ TEST_F(Kivctl, ServeDropsWhatFailsAndTakesUpWhatReturns) {
 
     simulator->control("PATCH", "", R"({"removed": true})", 2);
     EXPECT_TRUE(serve.wait_for({"kiv_card_up{card='2'} 0"}, {"kiv_temperature_celsius{card='2'"}));
-    EXPECT_EQ(series_of(serve.metrics(), "2", "kiv_(port|stream|ptp|pci|temp|flash)\\w*"), 0);
+    EXPECT_EQ(series_of(serve.metrics(), "2", "kiv_(port|stream|ptp|pci|temp|flash)\\w*"), 0u);
     EXPECT_EQ(serve.cards()[1]["state"], "lost");
     simulator->control("PATCH", "", R"({"removed": false, "links": [false, true]})", 2);
     EXPECT_TRUE(serve.wait_for({"kiv_port_up{card='2',port='0'} 0"})) << "another connection is needed";

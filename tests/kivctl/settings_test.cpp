@@ -1,9 +1,8 @@
 // PTP settings and state, and their change.
 #include <sys/stat.h>
 
-#include <regex>
-
 #include "kivctl/Kivctl.h"
+#include "support/Patterns.h"
 
 using namespace std::string_literals;
 
@@ -85,7 +84,7 @@ TEST_F(KivctlSettings, PtpSetSaysWhatIsNotSaved) {
     configuration_.write(no_entry);
     expect(words_of(given + " --ttl1 4 --save"), 1, "not kept: the first of several keys site");
 
-    configuration_.write(std::regex_replace(ConfigurationFile::sample(), std::regex("127,"), "300,"));
+    configuration_.write(replaced(ConfigurationFile::sample(), "127,", "300,"));
     expect(words_of(kWithoutVlans), 1, "line 5: ptp.domainNumber: is not between 0 and 255");
     EXPECT_FALSE(has(last_reconfiguration(), "macptp=300"));
     expect(words_of(kWithoutVlans + " --domain 7"), 0, "the change is in the card");

@@ -178,7 +178,7 @@ TEST_F(Kivctl, WatchSeesADriverThatWasReplacedAtOnce) {
         const Json event = next_event(watch);
         if (!event.contains("what")) break;
         bool& is_lost = lost[event["what"].get<std::string>() + " " + text_of(event["card"])];
-        EXPECT_TRUE(is_lost || event["event"] == "lost") << event;
+        EXPECT_TRUE(is_lost || event["event"] == "lost") << text_of(event);
         is_lost = event["event"] == "lost";
     }
     EXPECT_TRUE(all_found()) << testing::PrintToString(lost);

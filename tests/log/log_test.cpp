@@ -5,8 +5,8 @@
 #include "log/kivLogDispatch.h"
 
 #include <cstdarg>
-#include <regex>
 
+#include "support/Patterns.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Test.h"
 
@@ -54,7 +54,7 @@ std::string written_to_sinks(const std::vector<std::string>& sinks) {
         kiv::log::LogManager::getInstance().init({KIV_LOG_LEVEL_ERROR, "", sinks, "some.id", ""});
         kivLog_dispatch_spdlog(KIV_LOG_LEVEL_ERROR, "source", 7, "line");
     });
-    return std::regex_replace(output, std::regex("(Log sink creation failed: ).*"), "$1...");
+    return replaced(output, "(Log sink creation failed: ).*", "$1...");
 }
 
 /// The back end starts once in a process, and ctest gives each case one of its own.

@@ -2,13 +2,13 @@
 #include <kivos/sockets.h>
 #include <sys/stat.h>
 
-#include <regex>
 #include <set>
 
 #include <kiv/kivDriverClient.h>
 #include "support/ControlAddress.h"
 #include "support/Json.h"
 #include "support/LoopbackServer.h"
+#include "support/Patterns.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Test.h"
@@ -56,9 +56,9 @@ TEST(Kivsim, RunsFromItsReadyLineToASignal) {
     for (const int number : {SIGINT, SIGTERM}) {
         Kivsim kivsim;
         const std::string server = "127\\.0\\.0\\.1:\\d+";
-        const std::regex line("2 cards, socket " + kivsim.socket + ", servers " + server + " " + server +
-                              ", control " + server);
-        EXPECT_TRUE(std::regex_match(kivsim.ready, line)) << kivsim.ready;
+        const std::string line =
+            "2 cards, socket " + kivsim.socket + ", servers " + server + " " + server + ", control " + server;
+        EXPECT_EQ(matches_of(kivsim.ready, line), Lines{kivsim.ready});
         EXPECT_EQ(std::filesystem::status(kivsim.socket).permissions(), std::filesystem::perms(0600));
         const kivDriverClientList connected = clients();  // Does not keep it from ending.
         EXPECT_EQ(connected.size(), 4u);
@@ -188,11 +188,10 @@ TEST(Kivsim, EndsOnASignalWhileItReadsItsFile) {
 
 TEST(Kivsim, HasAManualWithTheOptionsOfItsHelp) {
     const auto options_in = [](const std::string& text) {
-        const std::regex option("--[a-z][a-z-]*");
-        return std::set<std::string>(std::sregex_token_iterator(text.begin(), text.end(), option), {});
+        const Lines options = matches_of(text, "--[a-z][a-z-]*");
+        return std::set(options.begin(), options.end());
     };
-    const std::string manual =
-        std::regex_replace(read_file(KIV_ROOT "man/kivsim.1"), std::regex(R"(\\-)"), "-");
+    const std::string manual = replaced(read_file(KIV_ROOT "man/kivsim.1"), R"(\\-)", "-");
     const std::string help = run_program({KIVSIM_PROGRAM, "--help"}).out;
     EXPECT_TRUE(options_in(help).contains("--with-stdin")) << help;
     EXPECT_EQ(options_in(manual), options_in(help));

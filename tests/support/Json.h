@@ -10,8 +10,8 @@
 /// Keeps the order of its keys, and compares it.
 using Json = nlohmann::ordered_json;
 
-Json parsed(const std::string& text);   ///< Throws the library's errors.
-std::string text_of(const Json& json);  ///< In one line.
+Json parsed(const std::string& text);                    ///< Throws the library's errors.
+std::string text_of(const Json& json, int indent = -1);  ///< In one line, or with an indent.
 
 namespace nlohmann {
 /// For GoogleTest's messages.
