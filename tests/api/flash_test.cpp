@@ -69,6 +69,7 @@ TEST(Flash, TheUploadTellsWhatHasBeenSent) {
         Told& all = *static_cast<Told*>(user);
         EXPECT_GE(sent, all.last);
         EXPECT_LE(sent, total);
+        EXPECT_GT(total, 0u) << "it tells nothing before it knows the size";
         all = {sent, total, all.calls + 1};
     };
     EXPECT_EQ(kiv_write_flash_image_with_progress(1, file.c_str(), tell, &told), KIV_OK);
