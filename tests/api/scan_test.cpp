@@ -57,7 +57,7 @@ TEST_F(Scan, WithoutCardsIsASuccessThatMakesTheManagerActive) {
 TEST_F(Scan, FailsWithAllOfItsCardsWhenOneDoesNotOpen) {
     LoopbackServer no_interfaces({LoopbackServer::http(200, R"({"data":{}})")});
     LoopbackServer wrong_type({LoopbackServer::http(200, R"({"data":{"interfaces":[{"if_name":1}]}})")});
-    const uint16_t closed = unused_port();
+    const uint16_t closed = closed_port();
     const std::string closed_url = "http://127.0.0.1:" + std::to_string(closed) + "/api/v1.0";
     CardSettings no_function_0 = kivsim::believable_card(5);
     no_function_0.functions.erase(no_function_0.functions.begin());
@@ -134,7 +134,7 @@ TEST_F(Scan, ReplacesTheCardsOfTheOneBefore) {
     EXPECT_EQ(net_of(1), KIV_ERR_REST) << "and the servers";
 
     simulator = std::make_unique<RunningSimulator>(
-        std::vector{card_with_server(3, unused_port()), kivsim::believable_card(4)});
+        std::vector{card_with_server(3, closed_port()), kivsim::believable_card(4)});
     EXPECT_EQ(kiv_scan(&scan), KIV_ERR_FAILED);
     EXPECT_EQ(info_of(1), KIV_ERR_NO_DEVICE);
 
@@ -179,7 +179,7 @@ TEST_F(Scan, AndCloseDoNothingOnAThreadOfTheLibrary) {
 }
 
 TEST_F(Scan, OfEachCardLetsNoBadOneHideTheOthers) {
-    const uint16_t closed = unused_port();
+    const uint16_t closed = closed_port();
     RunningSimulator simulator({card_with_fault(9, fault(wire::kReadPci64).nth(5).status(-1)),
                                 kivsim::believable_card(1), card_with_server(5, closed),
                                 card_with_fault(6, fault(wire::kInit).status(-1)),

@@ -42,7 +42,15 @@ def serve(build, environment, stack, listen="127.0.0.1:0", words=()):
     return process, process.stdout.readline()
 
 
+def closed_port(stack):
+    """A port that refuses every connection, and that nobody else gets until the stack ends."""
+    bound = stack.enter_context(socket.socket())
+    bound.bind(("127.0.0.1", 0))
+    return bound.getsockname()[1]
+
+
 def unused_port():
+    """To listen on at once: it may be somebody else's soon."""
     with socket.create_server(("127.0.0.1", 0)) as server:
         return server.getsockname()[1]
 

@@ -139,7 +139,7 @@ class Setups:
 
     def __init__(self, build, folder, stack):
         self.build, self.folder, self.stack, self.simulators = build, folder, stack, {}
-        external = {"server": "external", "tunnel": {"address": "127.0.0.1", "port": checking.unused_port()}}
+        external = {"server": "external", "tunnel": {"address": "127.0.0.1", "port": checking.closed_port(stack)}}
         self.cards = {
             "good": [{"id": 1, "flash_ms": 300}, {"id": 2, "flash_ms": 2000, "hwmon": HOT}],
             "bad": [{"id": 1, **external}, {"id": 2}],

@@ -9,16 +9,21 @@
 #include "support/LoopbackServer.h"
 #include "support/Test.h"
 
+namespace {
+
+const long kClosedPort = closed_port();  // Bound before the tests count descriptors.
+
+}  // namespace
+
 RequestSeam g_seam;
 
 CURLcode on_option(SetOption real, CURL* handle, unsigned option, void* value) {
-    static const long closed_port = unused_port();
     thread_local bool meant = false;  // The library gives the URL before the limit.
     if (option == CURLOPT_URL) {
         meant = !g_seam.path.empty() &&
                 std::string(static_cast<const char*>(value)).find(g_seam.path) != std::string::npos;
         if (meant) ++g_seam.attempts;
-        if (meant && g_seam.way == Way::ToClosedPort) real(handle, CURLOPT_PORT, closed_port);
+        if (meant && g_seam.way == Way::ToClosedPort) real(handle, CURLOPT_PORT, kClosedPort);
     }
     if (option == CURLOPT_TIMEOUT) {
         const long seconds = static_cast<long>(reinterpret_cast<intptr_t>(value));

@@ -6,7 +6,7 @@
 #include "support/LoopbackServer.h"
 
 TEST_F(Kivctl, OneBadCardHidesNoOther) {
-    const uint16_t closed = unused_port();
+    const uint16_t closed = closed_port();
     LoopbackServer no_json({LoopbackServer::http(200, "what?")});
     kivsim::CardSettings unreadable = kivsim::believable_card(9);
     unreadable.driver_faults = {fault(wire::kReadPci64).status(-1)};

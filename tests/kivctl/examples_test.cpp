@@ -61,7 +61,7 @@ TEST_F(KivctlSettings, HasExamplesInCBesideIt) {
 TEST_F(KivctlConfigured, HasAnExampleThatWritesACardBesideOneWithoutServer) {
     kivsim::CardSettings card = kivsim::believable_card(1);
     card.flash_ms = 1;  // Its end comes before the first look: only the slot tells.
-    RunningSimulator simulator({card, card_with_server(2, unused_port())});
+    RunningSimulator simulator({card, card_with_server(2, closed_port())});
     const std::string file = ConfigurationFile::path();
     EXPECT_EQ(run_program({WRITE_FLASH_PROGRAM, "1", file}).status, 0);
     EXPECT_TRUE(has(run_program({WRITE_FLASH_PROGRAM, "2", file}).err, "card 2 cannot be used: "));

@@ -12,19 +12,23 @@
 
 namespace {
 
-kivos::Descriptor listen_on_free_port(uint16_t& port) {
-    kivos::Descriptor listener = kivos::stream_socket(AF_INET);
-    const int fd = listener.get();
+kivos::Descriptor bind_to_free_port(uint16_t& port) {
+    kivos::Descriptor bound = kivos::stream_socket(AF_INET);
+    const int fd = bound.get();
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    if (fd < 0 || bind(fd, generic, size) != 0 || listen(fd, 64) != 0 ||
-        getsockname(fd, generic, &size) != 0) {
+    if (fd < 0 || bind(fd, generic, size) != 0 || getsockname(fd, generic, &size) != 0)
         throw std::runtime_error("no loopback port");
-    }
     port = ntohs(address.sin_port);
+    return bound;
+}
+
+kivos::Descriptor listen_on_free_port(uint16_t& port) {
+    kivos::Descriptor listener = bind_to_free_port(port);
+    if (listen(listener.get(), 64) != 0) throw std::runtime_error("nobody may listen");
     return listener;
 }
 
@@ -127,8 +131,8 @@ std::string request_line_of(const std::string& request) {
     return request.substr(0, request.find("\r\n"));
 }
 
-uint16_t unused_port() {
-    uint16_t port = 0;
-    listen_on_free_port(port);
+uint16_t closed_port() {
+    static uint16_t port = 0;
+    static const kivos::Descriptor bound = bind_to_free_port(port);
     return port;
 }

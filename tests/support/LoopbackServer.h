@@ -55,7 +55,8 @@ std::string body_of(const std::string& request);
 std::string header_of(const std::string& request, const std::string& name);  ///< Empty when absent.
 std::string request_line_of(const std::string& request);
 
-/// A loopback port that nobody listens on.
-uint16_t unused_port();
+/// A loopback port that refuses every connection. It stays bound while this process runs: a port that were
+/// only free now could be the next server's of another test.
+uint16_t closed_port();
 
 #endif
