@@ -61,6 +61,7 @@ TEST(Flash, TheUploadTellsWhatHasBeenSent) {
     const std::string file = directory / "image";
     write_file(file, std::string(8 << 20, 'x'));
     FoundCards cards;
+    cards.control("PATCH", 1, R"({"flash_ms": 600000})");
     struct Told {
         uint64_t last = 0, total = 0;
         int calls = 0;
